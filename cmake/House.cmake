@@ -1,0 +1,50 @@
+# How every target of the house is compiled.
+
+find_program(BRELIX_CCACHE ccache)
+if(BRELIX_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${BRELIX_CCACHE})
+endif()
+
+add_library(brelix_options INTERFACE)
+target_compile_options(brelix_options INTERFACE -Wall -Wextra -Wpedantic -Werror -fno-omit-frame-pointer)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(brelix_options INTERFACE -Wthread-safety)
+endif()
+if(BRELIX_SANITIZE STREQUAL "address")
+  target_compile_options(brelix_options INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=undefined)
+  target_link_options(brelix_options INTERFACE -fsanitize=address,undefined)
+elseif(BRELIX_SANITIZE STREQUAL "thread")
+  target_compile_options(brelix_options INTERFACE -fsanitize=thread)
+  target_link_options(brelix_options INTERFACE -fsanitize=thread)
+endif()
+
+# brelix_library(NAME DEPS target...): the folder src/NAME, with everything in it and in linux/.
+# Adding or removing a file needs no change here.
+function(brelix_library name)
+  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/${name}/*.cpp
+       ${CMAKE_SOURCE_DIR}/src/${name}/linux/*.cpp)
+  if(sources)
+    add_library(brelix_${name} STATIC ${sources})
+    set(scope PUBLIC)
+  else()
+    add_library(brelix_${name} INTERFACE)
+    set(scope INTERFACE)
+  endif()
+  target_include_directories(brelix_${name} ${scope} ${CMAKE_SOURCE_DIR}/src)
+  target_link_libraries(brelix_${name} ${scope} brelix_options ${ARG_DEPS} Threads::Threads)
+endfunction()
+
+# brelix_unit_tests(NAME DEPS target...): tests/unit/NAME as one program, each case a CTest test.
+function(brelix_unit_tests name)
+  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/unit/${name}/*.cpp)
+  if(NOT sources)
+    return()
+  endif()
+  add_executable(unit_${name} ${sources})
+  target_include_directories(unit_${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+  target_link_libraries(unit_${name} PRIVATE ${ARG_DEPS} brelix_test_support GTest::gmock)
+  add_test(NAME unit_${name} COMMAND unit_${name} --gtest_brief=1)
+  set_tests_properties(unit_${name} PROPERTIES TIMEOUT 600 LABELS unit)
+endfunction()

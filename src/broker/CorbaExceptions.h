@@ -1,0 +1,32 @@
+#pragma once
+
+#include <omniORB4/CORBA.h>
+
+#include <string>
+#include <utility>
+
+namespace Broker {
+
+// Name, repository id, and for system exceptions minor code and completion, in one line.
+std::string Describe(const CORBA::Exception& exception);
+
+// Every outgoing call is repeated once, at once, on a system exception; the second failure counts.
+// A peer whose connection was closed meanwhile is thereby reached over a new one.
+template <class Function>
+auto RepeatOnce(Function&& call) {
+  try {
+    return call();
+  } catch (const CORBA::SystemException&) {
+    return call();
+  }
+}
+
+}  // namespace Broker
+
+namespace MessageRouter {
+
+// "<where>: Caught CORBA <description> <detail>\n" at error level. Null counts as empty.
+void LogCaughtCorbaException(const char* where, const CORBA::Exception& exception,
+                             const char* detail);
+
+}  // namespace MessageRouter

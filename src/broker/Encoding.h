@@ -1,0 +1,23 @@
+#pragma once
+
+#include <omniORB4/CORBA.h>
+
+#include <string>
+
+// Any to hexadecimal text and back: the type code and the value in CDR, little-endian, GIOP 1.2,
+// two lower-case digits a byte. Needs an ORB in the process.
+// Threads: any.
+namespace Encoding {
+
+// Throws std::runtime_error "Encoding::EncodeAny failed to insert into TAO_OutputCDR".
+std::string EncodeAny(const CORBA::Any& any);
+
+// A last odd digit is ignored; characters that are no digits give wrong bytes. Throws
+// std::runtime_error "Encoding::DecodeAny failed to extract from TAO_InputCDR", whatever is wrong
+// with the text.
+void DecodeAny(const std::string& text, CORBA::Any& any);
+
+// Brings the codec to life in a process that has no ORB of its own (tools, tests, fuzz targets).
+void InitializeCodec();
+
+}  // namespace Encoding

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Dotted addresses: chains of names separated by ".".
+namespace MessageRouter {
+
+// In order, empty components dropped: "a..b." gives two.
+std::vector<std::string> SplitAddress(std::string_view text);
+std::string JoinAddress(const std::vector<std::string>& components);
+
+std::string QualifyWithRouter(const std::string& name);  // "<router>.<name>"
+// Unchanged if the first component is the router's own name.
+std::string EnsureQualified(const std::string& name);
+std::string StripRouterPrefix(const std::string& name);
+// The first component that is not empty, or nothing.
+std::string FirstComponent(std::string_view text);
+
+// For log texts: UTF-7 to the local code page; unchanged where that fails.
+std::string ToDisplayString(const std::string& text);
+
+}  // namespace MessageRouter

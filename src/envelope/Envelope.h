@@ -1,0 +1,105 @@
+#pragma once
+
+#include <BrelixMessaging.h>
+
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "envelope/Timestamps.h"
+
+namespace MessageRouter {
+
+// The unit of routing: one client message with all that the router needs to move it. A value: the
+// route queue and the entries' queues hold copies, and all copies share the one file that backs
+// them. The destructor never touches the file; only Retire removes it.
+// While an envelope waits it is shrunk: payload and certificate live in the file alone.
+// Threads: one at a time.
+class Envelope {
+ public:
+  enum class ShrinkState : unsigned char { Expanded, Shrunk, ShrinkingOff };
+
+  Envelope();
+  // Backed by that file; FromPersistent fills it.
+  explicit Envelope(const std::string& fileName);
+
+  // The three creators, each on an envelope just constructed. On return the envelope is on disk.
+  // They throw BrelixMessaging::Rejected for a type that this originator may not send, and
+  // std::runtime_error if the file can't be written or a text would not read back as it is; nothing
+  // is left behind then.
+  void CreateFromClient(const BrelixMessaging::Message& message, const std::string& originator,
+                        const std::string& originatorCertificate);
+  void CreateFromRouter(const BrelixMessaging::Envelope& wire, bool fromParent);
+  // The router's own messages. A failed write is logged, and the envelope lives on in memory.
+  void CreateLocal(const std::string& destination, std::uint32_t priority, std::int64_t ttl,
+                   const std::string& type, const CORBA::Any& data, const std::string& options);
+
+  // What leaves the router; the caller owns it. Reads the file if the envelope is shrunk; throws
+  // what IsDiscardableError knows if that or the decoding of the payload fails.
+  BrelixMessaging::Envelope* ToWire(bool qualifyOriginator);
+
+  // Fills the envelope from its file. False, with a warning, if a field can't be decoded. Throws
+  // std::runtime_error if the file can't be opened.
+  bool FromPersistent();
+  // Sets the file aside, under its name with ".bad".
+  void MarkInvalid();
+  // The end of the envelope's life: leaves the trail if that is on, and removes the file.
+  void Retire();
+
+  void GetData(CORBA::Any& data);
+  const std::string& GetOriginatorCert();
+  void Shrink();
+  void Expand();
+
+  std::string NextHop() const;  // empty if none is left
+  std::size_t HopCount() const;
+  void PopHop();
+  bool IsExpired() const;
+
+  std::string DescribeShort() const;  // "id=0A0B0C0D"
+  std::string Describe() const;
+
+  std::string FileName() const;
+  std::uint32_t PersistentIndex() const { return persistentIndex_; }
+  bool FromParent() const { return fromParent_; }
+  const std::string& Originator() const { return originator_; }
+  const Timestamps& Stamps() const { return timestamps_; }
+  std::vector<std::string> PhysicalDestination() const;
+  std::uint32_t MessageId() const { return messageId_; }
+  const std::string& Destination() const { return destination_; }
+  std::uint32_t Priority() const { return priority_; }
+  std::int64_t Ttl() const { return ttl_; }  // absolute; 0 never expires
+  const std::string& Type() const { return type_; }
+  const std::string& Options() const { return options_; }
+  ShrinkState State() const { return shrinkState_; }
+
+ private:
+  friend class EnvelopeBuilder;  // tests/support
+  // The implementation may choose how the fields are kept: memory per waiting envelope counts.
+  std::string fileName_;
+  std::uint32_t persistentIndex_ = 0;
+  std::uint32_t messageId_ = 0;
+  std::uint32_t priority_ = 0;
+  bool fromParent_ = false;
+  ShrinkState shrinkState_ = ShrinkState::Expanded;
+  std::int64_t ttl_ = 0;
+  std::string originator_;
+  std::string originatorCertificate_;
+  std::string physicalDestination_;
+  Timestamps timestamps_;
+  std::string destination_;
+  std::string type_;
+  std::string data_;
+  std::string options_;
+};
+
+// Whether the exception says that the envelope's stored data is broken; logs it then, and the
+// caller drops the envelope. False means that the send failed for another reason.
+bool IsDiscardableError(const std::exception& exception, const Envelope& envelope);
+
+// The value of MessageTimeoutSec (default 43200), read once in the life of the process.
+std::uint32_t MessageTimeoutSeconds();
+
+}  // namespace MessageRouter

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "envelope/Envelope.h"
+#include "platform/Files.h"
+#include "threads/Mutex.h"
+
+namespace MessageRouter {
+
+// The folder of envelope files and the numbers in their names.
+// Threads: any.
+class EnvelopeStore {
+ public:
+  // Made on first use, on the folder that the configuration names, and never destroyed.
+  static EnvelopeStore& Instance();
+  explicit EnvelopeStore(std::string directory);  // tests
+  // The caller keeps ownership; null brings the real one back.
+  static void Replace(EnvelopeStore* store);
+
+  // The name (without the folder) and index for a new file; names in use are skipped. Empty if the
+  // lock fails.
+  std::string NewEnvelopeFile(std::uint32_t& index);
+  // Writes the file whole. 0, or the system's error; nothing is left behind then.
+  int Write(const std::string& name, const std::string& content);
+  void NoteIndex(std::uint32_t index);
+  // One envelope for each "*.msg", sorted by name; not yet filled.
+  void LoadAll(std::vector<Envelope>& envelopes);
+  const std::string& Directory() const { return folder_.Path(); }
+
+ private:
+  ThreadHelper::Mutex mutex_;
+  Platform::PublishFolder folder_;
+  std::uint32_t nextIndex_ GUARDED_BY(mutex_) = 0;
+};
+
+// All envelopes on disk, read and shrunk, sorted by name; those that can't be read are set aside.
+void LoadPersistentEnvelopes(std::vector<Envelope>& envelopes);
+
+}  // namespace MessageRouter

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+// Facts about the host's network and about single sockets. Addresses are IPv4 in host byte order.
+namespace Platform {
+
+struct Interface {
+  std::uint32_t address = 0;
+};
+
+// The host's IPv4 addresses on interfaces that are up and running. Throws std::runtime_error if
+// the system refuses; empty if there are none. Replaceable for tests (see SetHostAddressSource).
+std::vector<std::uint32_t> HostAddresses();
+using HostAddressSource = std::vector<std::uint32_t> (*)();
+void SetHostAddressSource(HostAddressSource source);  // null: the system
+
+struct SocketAddress {
+  std::uint32_t address = 0;
+  std::uint16_t port = 0;
+};
+// Of a connected socket. Nothing if the system does not tell, or the address is not IPv4 (an
+// IPv4-mapped IPv6 address counts as IPv4).
+std::optional<SocketAddress> PeerAddress(int socket);
+std::optional<SocketAddress> LocalAddress(int socket);
+
+// "192.0.2.1"
+std::string DottedAddress(std::uint32_t address);
+
+// Turns keep-alive on: the first probe after `idleSeconds`, and an unanswered connection is broken
+// after `timeoutSeconds` (0: the system's own limit).
+void KeepAlive(int socket, unsigned idleSeconds, unsigned timeoutSeconds);
+
+struct ResolvedHost {
+  std::string name;
+  std::vector<std::string> aliases;
+  std::vector<std::uint32_t> addresses;
+};
+std::optional<ResolvedHost> ResolveName(const std::string& name);
+std::optional<ResolvedHost> ResolveAddress(std::uint32_t address);
+
+}  // namespace Platform

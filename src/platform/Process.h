@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+// What the router asks of the process that it runs in, and of the host, beyond files and sockets.
+namespace Platform {
+
+// Called by ExitProcess before the process ends, to get the last log line onto the disk. One
+// function; null for none. It must not throw and must not take long.
+void SetLastWords(void (*flush)());
+
+// Ends the process at once: runs the last words, then ends without destructors or exit handlers.
+// The status is cut to what the system can carry (-1 is 255).
+[[noreturn]] void ExitProcess(int status);
+
+// The handler for a call of a pure virtual function. Null: the runtime's own.
+void SetPureCallHandler(void (*handler)());
+
+// The kernel's number of the calling thread.
+std::uint32_t ThreadId();
+std::uint32_t ProcessId();
+void SetThreadName(const char* name);
+
+// Bit n set: processor n may be used by the process. Nothing if the query fails; Error is then the
+// system's number.
+std::optional<std::uint64_t> AffinityMask(int* error);
+bool SetAffinity(unsigned cpu, int* error);
+
+// Gives memory that the allocator keeps back to the system.
+void TrimMemory();
+
+// Raises the soft limit of open descriptors to the hard one. Returns the limit that now holds.
+std::size_t RaiseDescriptorLimit();
+// Resident memory in bytes; 0 where it cannot be read.
+std::size_t ResidentMemory();
+
+// The host's name, and the name that names the machine when that fails. Nothing on failure.
+std::optional<std::string> HostName();
+std::optional<std::string> ComputerName();
+
+// The folder for data that all users of the machine share, without a slash at the end. Nothing
+// where the system names none.
+std::optional<std::string> CommonDataFolder();
+
+void SleepMilliseconds(unsigned milliseconds);
+
+}  // namespace Platform

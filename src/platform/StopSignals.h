@@ -1,0 +1,25 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+namespace Platform {
+
+// The operator's signals, taken by one thread of their own: SIGTERM and SIGINT ask for a stop,
+// SIGHUP for a reinitialisation; SIGPIPE is ignored. Make the one object before any other thread
+// starts, since threads inherit the blocked signals.
+// The first stop arms a watchdog: ten seconds later the process ends with status 0, whatever hangs.
+class StopSignals {
+ public:
+  // The functions are called on the signal thread, one at a time; they must return soon.
+  StopSignals(std::function<void()> stop, std::function<void()> reload);
+  ~StopSignals();
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace Platform

@@ -1,0 +1,177 @@
+#pragma once
+
+#include <BrelixMessaging.h>
+
+#include <atomic>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+#include "routing/EnvelopeQueue.h"
+#include "routing/RoutingHost.h"
+#include "threads/Mutex.h"
+
+namespace MessageRouter {
+
+class RouterTable;
+
+// Raised where an entry holds no certification message.
+class NoCertificationMessage : public std::exception {
+ public:
+  const char* what() const noexcept override { return "No Certification message"; }
+};
+
+// Raised by every Reset: a worker that hung in an old session can tell that it is over.
+using LogonGeneration = std::uint64_t;
+
+// One neighbour: a client, a child router or the parent. Directions are named from the peer's side:
+// a passive consumer is pushed to, an active consumer pulls; a passive supplier is polled, an active
+// supplier pushes.
+//
+// Threads: any; one read-write lock guards the entry. No remote call, no disk access and no call of
+// RoutingHost (leaf locks excepted) happens under it.
+class RouterTableEntry {
+ public:
+  enum LogonState : std::uint32_t {
+    kNeverUsed = 0,
+    kLoggedOn = 1,
+    kCertification = 2,
+    kCertificationReserved = 3,
+    kLoggedOff = 4,
+  };
+  enum SupplierState : std::uint32_t {
+    kNoSupplier = 0,
+    kActiveSupplier = 1,
+    kPollWaiting = 2,
+    kPollNotified = 3,
+    kPollDue = 4,
+    kPollRunning = 5,
+    kPollFailed = 6,
+  };
+  enum ConsumerState : std::uint32_t {
+    kNothingSent = 0,          // active, with a notifier
+    kNoNotification = 1,       // active, no notification to send
+    kNotified = 2,             // active, expected to pull
+    kPushIdle = 3,             // passive
+    kPushBusy = 4,             // passive, a sender is at work
+    kPushFailed = 5,           // passive
+    kNotifying = 6,            // a notification is being sent
+    kNotifyingPulledEmpty = 7, // the peer pulled and found nothing meanwhile
+    kNotifyAgain = 8,          // as 7, and another notification is wanted
+  };
+
+  // The objects that a logon activated for the peer; nil where none is owed.
+  struct LocalPeerObjects {
+    CORBA::Object_var consumer;
+    BrelixMessaging::NotifyConsumer_var notify;
+    BrelixMessaging::EnvelopeSupplier_var supplier;
+  };
+  // The outcome of a claim. `generation` is set whether or not it was acquired.
+  struct Claim {
+    bool acquired = false;
+    LogonGeneration generation = 0;
+  };
+  struct PeerReferences {
+    BrelixMessaging::RouterConsumer_var routerConsumer;
+    BrelixMessaging::EnvelopeConsumer_var messageConsumer;
+    BrelixMessaging::NotifyConsumer_var notifyConsumer;
+    BrelixMessaging::RouterSupplier_var routerSupplier;
+  };
+
+  RouterTableEntry(const std::string& name, bool isRouter, bool isParent, RouterTable& table,
+                   RoutingHost& host);
+  ~RouterTableEntry();
+  RouterTableEntry(const RouterTableEntry&) = delete;
+  RouterTableEntry& operator=(const RouterTableEntry&) = delete;
+
+  // Queries. Those of the flags and states read atomics.
+  std::string Name() const;  // copied out under the lock
+  bool IsRegistered() const;
+  bool IsParent() const;
+  bool IsRouter() const;
+  bool IsLoggedOn() const;         // logonState 1, 2 or 3
+  bool IsRoutable() const;         // registered, or logonState 2
+  bool IsPassiveConsumer() const;  // logonState 1 and consumerState 3 or 4
+  bool HasEnvelopes() const;
+  std::uint32_t GetLogonState() const;
+  std::uint32_t GetSupplierState() const;
+  std::uint32_t GetConsumerState() const;
+  LogonGeneration Generation() const;
+  PeerReferences References() const;
+  bool HasNotifyConsumer() const;
+
+  // The queue. Enqueue and Requeue return false, and take nothing, if the entry is no longer
+  // routable under `name`: the caller routes the envelope anew.
+  bool Enqueue(const Envelope& envelope, const std::string& name);
+  bool Requeue(const Envelope& envelope, const std::string& name);
+  bool PopNext(Envelope& out);
+  bool PeekNext(Envelope& out);
+  void PeekCertification(Envelope& out);  // throws NoCertificationMessage
+  // Retires the envelope with that id and exactly that originator. False if there is none.
+  bool Cancel(const std::string& originator, std::uint32_t messageId);
+  // Reports and retires all that have expired.
+  void RetireExpired();
+  // Empties the queue without retiring anything.
+  std::vector<Envelope> TakeAll();
+
+  // Registration; the table calls these.
+  void MarkRegistered(bool isRouter);
+  void MarkUnregistered();
+
+  // Logons throw BrelixMessaging::NotRegistered. With `loggingOn` false the entry is restored from
+  // the table file, and no objects are activated.
+  LocalPeerObjects LogonClient(BrelixMessaging::EnvelopeConsumer_ptr consumer,
+                               BrelixMessaging::NotifyConsumer_ptr notify, std::int32_t threshold,
+                               bool loggingOn);
+  LocalPeerObjects LogonRouter(BrelixMessaging::RouterConsumer_ptr consumer,
+                               BrelixMessaging::RouterSupplier_ptr supplier,
+                               BrelixMessaging::NotifyConsumer_ptr notify, std::int32_t threshold,
+                               bool loggingOn);
+  // Throws AlreadyLoggedOn if the name is logged on as a client or router.
+  LocalPeerObjects LogonCertification(const std::string& name);
+  // Throws NotRegistered, NotLoggedOn.
+  void Logoff();
+  // As Logoff, but does nothing if that session is over. Returns whether it was this session's.
+  bool LogoffSession(LogonGeneration generation);
+  void LogoffCertification();  // throws NotLoggedOn
+  // This router's logon to its parent: one remote call, made without the lock. Returns whether
+  // logonState is 1 at the end. Not available in this version: throws std::runtime_error.
+  bool LogonToParentRouter(BrelixMessaging::Router_ptr parent);
+  // For a free entry: takes the new name and is reserved for a certification logon. Envelopes that
+  // waited under the old name are in `leftovers`.
+  bool TakeOver(const std::string& name, std::vector<Envelope>& leftovers);
+  void SetName(const std::string& name);  // throws std::logic_error unless this is the parent
+
+  // Polling, when this router is the one that asks.
+  void responseExpected();
+  void responseNotRequired();
+  bool readyForTimedPoll();
+  bool readyForNotifiedPoll();
+  Claim ClaimForPolling();
+  void successfulGet(LogonGeneration generation);
+  void failedGet(LogonGeneration generation);
+
+  // Pushing.
+  Claim ClaimForSending();
+  // Wakes the sender pool for this entry if more waits.
+  void SendFinished(LogonGeneration generation);
+  void SendFailed(LogonGeneration generation);
+
+  // Notification.
+  Claim NotificationWanted();
+  Claim NotificationRetryDue();
+  void NotificationAccepted(LogonGeneration generation, std::int32_t threshold);
+  void NotificationFailed(LogonGeneration generation);
+  // The failed call of a threshold worker: the back-off stays as it is.
+  void ThresholdCallFailed(LogonGeneration generation);
+  bool NotificationFinished(LogonGeneration generation);  // true: look again at once
+  void EnvelopePulledWithNothingThere();
+
+  void TouchLastPull();
+  bool PullTimedOut() const;
+
+ private:
+  // to be completed by the implementation
+};
+
+}  // namespace MessageRouter

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <BrelixMessaging.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "routing/Logical.h"
+#include "routing/RouteQueue.h"
+#include "routing/RouterTable.h"
+#include "routing/UpdateNotifier.h"
+
+namespace MessageRouter {
+
+// Where every envelope goes next, and the operations on peers that servants and threads share.
+// Threads: any, RouteNext excepted, which belongs to the route thread.
+class Routing {
+ public:
+  Routing(RoutingHost& host, RouterTable& table);
+
+  RouterTable& Table() { return table_; }
+  RoutingHost& Host() { return host_; }
+  UpdateNotifier& RouterUpdates() { return routerUpdateNotifier_; }
+  UpdateNotifier& ClientUpdates() { return clientUpdateNotifier_; }
+  // The map of routers further down, or null; set while no thread routes.
+  void SetLogical(std::unique_ptr<Logical> logical);
+
+  void QueueForRouting(Envelope envelope);
+  // One pass of the route thread. What escapes it ends the process.
+  void RouteNext(unsigned seconds, unsigned milliseconds);
+  // Retires an envelope that still waits for its decision. False if there is none.
+  bool CancelInRouteQueue(const std::string& originator, std::uint32_t messageId);
+  void EmptyRouteQueue();
+  std::size_t RouteQueueSize() const;
+  RouterTableEntry* FindRoute(const std::string& name);
+
+  // Both write the table file and tell subscribers; AlreadyRegistered and NotRegistered go through.
+  void RegisterPeer(const std::string& name, bool isRouter);
+  void UnregisterPeer(const std::string& name, bool isRouter);
+
+  // Logons throw NotRegistered. They return the objects activated for the peer.
+  RouterTableEntry::LocalPeerObjects LogonClientPeer(const std::string& name,
+                                                     BrelixMessaging::EnvelopeConsumer_ptr consumer,
+                                                     BrelixMessaging::NotifyConsumer_ptr notify,
+                                                     std::int32_t threshold);
+  RouterTableEntry::LocalPeerObjects LogonRouterPeer(const std::string& name,
+                                                     BrelixMessaging::RouterConsumer_ptr consumer,
+                                                     BrelixMessaging::RouterSupplier_ptr supplier,
+                                                     BrelixMessaging::NotifyConsumer_ptr notify,
+                                                     std::int32_t threshold);
+  void LogoffPeer(const std::string& name);
+  void OfferForDelivery(RouterTableEntry& entry);
+
+  // The one way for the router itself to speak.
+  void SendLocalMessage(const std::string& destination, const std::string& type,
+                        const CORBA::Any& data, std::uint32_t priority, std::int64_t ttl);
+
+ private:
+  RoutingHost& host_;
+  RouterTable& table_;
+  RouteQueue queue_;
+  UpdateNotifier routerUpdateNotifier_{true};
+  UpdateNotifier clientUpdateNotifier_{false};
+  std::unique_ptr<Logical> logical_;
+};
+
+// Logs that an envelope will not be delivered. No failure message is sent.
+void ReportDeliveryFailure(const Envelope& envelope, const char* reason);
+
+// Handles an envelope whose route ends here. Not available in this version: logs a warning.
+void DispatchLocal(Envelope& envelope, RouterTable& table, Logical* logical);
+
+// The objects of the running cycle, as everything that a peer can wake sees them: null while no
+// cycle runs.
+class Cycle {
+ public:
+  static Routing* Current();
+  static void Set(Routing* routing);
+};
+
+}  // namespace MessageRouter

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <BrelixMessaging.h>
+
+#include <cstdint>
+#include <string>
+
+namespace MessageRouter {
+
+class Envelope;
+class RouterTableEntry;
+
+// The per-peer objects that this router activates for its peers.
+// Threads: any. No lock is held when these are called.
+class LocalObjects {
+ public:
+  virtual ~LocalObjects() = default;
+  // Each makes and activates a servant; the caller owns the reference.
+  virtual BrelixMessaging::MessageConsumer_ptr CreateClientConsumer() = 0;
+  virtual BrelixMessaging::EnvelopeSupplier_ptr CreateClientSupplier() = 0;
+  virtual BrelixMessaging::RouterConsumer_ptr CreateRouterConsumer() = 0;
+  virtual BrelixMessaging::RouterSupplier_ptr CreateRouterSupplier() = 0;
+  virtual BrelixMessaging::NotifyConsumer_ptr CreateNotifyConsumer() = 0;
+  virtual BrelixMessaging::MessageConsumer_ptr CreateCertConsumer(const std::string& name) = 0;
+  virtual BrelixMessaging::EnvelopeSupplier_ptr CreateCertSupplier(const std::string& name) = 0;
+  // A nil object is ignored.
+  virtual void Deactivate(CORBA::Object_ptr object) = 0;
+};
+
+// The router's thresholds, as read and adjusted at the start of a cycle. Seconds.
+struct Thresholds {
+  std::uint32_t notificationThresholdInitialRetrySecs = 3600;
+  std::uint32_t notificationThresholdMaxRetrySecs = 172800;
+  std::uint32_t getterShortInterval = 120;
+  std::uint32_t getterInterval = 900;
+  bool randomizeGetterInterval = true;
+  std::uint32_t activeConsumerConnectionTimeout = 1800;
+};
+
+// What routing asks of the rest of the router. Implemented by Router; tests play it.
+// Threads: any. No lock of this folder is held when these are called, except by GetThresholds,
+// OfferToSenders and OfferToPoller, which take leaf locks alone.
+class RoutingHost {
+ public:
+  virtual ~RoutingHost() = default;
+
+  // Throws std::runtime_error "ServantHelper not initialized" before the start and after the stop.
+  virtual LocalObjects& Objects() = 0;
+  virtual Thresholds GetThresholds() const = 0;
+
+  // The sender pool.
+  virtual void OfferToSenders(RouterTableEntry& entry) = 0;
+  // GetterThread::NotifiedPoll's pool.
+  virtual void OfferToPoller(RouterTableEntry& entry) = 0;
+  // The notification threshold thread, or the warning that there is none.
+  virtual void OfferToThreshold(RouterTableEntry& entry) = 0;
+
+  // The parent's entry was reset, whatever the cause.
+  virtual void ParentLinkLost() = 0;
+
+  virtual CORBA::Object_ptr StringToObject(const std::string& ior) = 0;
+  virtual std::string ObjectToString(CORBA::Object_ptr object) = 0;
+};
+
+}  // namespace MessageRouter

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <ace/OS_NS_Thread.h>
+
+#include <atomic>
+
+#include "logging/Streamable.h"
+#include "threads/Mutex.h"
+
+namespace ThreadHelper {
+
+class Destroyable {
+ public:
+  virtual ~Destroyable() = default;
+};
+
+// The body of a thread.
+class Processable : public Destroyable {
+ public:
+  virtual void Process() = 0;
+};
+
+// An object that owns one thread. An exception that leaves Process ends the process with status -1,
+// at once: a router has no half-alive state in which a thread is silently gone.
+// Every concrete class calls Stop or Join in its own destructor, before its members go; this class
+// only asserts that it is idle.
+class BasicThreadHelper : public MessageRouter::Streamable, public Processable {
+ public:
+  BasicThreadHelper() = default;
+  ~BasicThreadHelper() override;
+  BasicThreadHelper(const BasicThreadHelper&) = delete;
+  BasicThreadHelper& operator=(const BasicThreadHelper&) = delete;
+
+  // Throws std::runtime_error "BasicThreadHelper is already running" from any state but idle, and
+  // "BasicThreadHelper failed to start thread".
+  void Start();
+  // Waits for the thread and makes the object idle again; 0 at once where no thread is attached.
+  // The object's own thread must not call it.
+  int Join();
+
+  std::ostream& write(std::ostream& stream) const override;
+
+ private:
+  static ACE_THR_FUNC_RETURN do_thread(void* self);
+
+  std::atomic<std::uint32_t> m_thread{0};  // 0 while no thread is attached
+  ACE_thread_t handle_{};
+};
+
+// A thread that can be told to stop. Stop makes the object idle, and it can be started again.
+class StoppableThreadHelper : public BasicThreadHelper {
+ public:
+  StoppableThreadHelper();
+  ~StoppableThreadHelper() override;
+
+  bool IsTerminated();
+  // Tells the thread to stop and wakes it. Does not wait for it.
+  void RequestStop();
+  // RequestStop, Join, and ready to be started again.
+  void Stop();
+  // True at once when the thread is to stop. Both arguments 0 wait without limit. True if the wait
+  // ended by a signal, false if it timed out (`errno` is then ETIME) or failed.
+  bool Wait(unsigned seconds, unsigned milliseconds);
+  // Wakes a Wait without stopping.
+  void Signal();
+
+  std::ostream& write(std::ostream& stream) const override;
+
+ protected:
+  // The variants for callers that hold mutex_.
+  void UnlockedRequestStop() REQUIRES(mutex_);
+  bool UnlockedWait(unsigned seconds, unsigned milliseconds) REQUIRES(mutex_);
+
+  bool m_terminate GUARDED_BY(mutex_) = false;
+  mutable Mutex mutex_;
+  Condition condition_;
+};
+
+}  // namespace ThreadHelper
