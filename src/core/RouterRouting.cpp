@@ -1,0 +1,150 @@
+// Starting and stopping the threads that route, and what routing asks of the router.
+#include <memory>
+#include <utility>
+
+#include "config/Configuration.h"
+#include "config/DataLocation.h"
+#include "core/Router.h"
+#include "logging/Log.h"
+#include "parent/Connector.h"
+#include "servants/ServantHelper.h"
+
+namespace MessageRouter {
+
+void Router::ReadConnectRetry() {
+  const auto apply = [](const char* key, std::uint32_t defaultValue,
+                        std::atomic<std::uint32_t>& setting) {
+    const std::uint32_t value = GetConfigInt(key, defaultValue);
+    if (value != 0) setting = value;
+    return static_cast<int>(setting.load());
+  };
+  ConnectRetrySettings& settings = ConnectRetry();
+  int value = apply("TotalConnectRetryTimeSecs", 0, settings.totalSeconds);
+  LogTrace("Total time for retrying ACE socket connection %d\n", value);
+  value = apply("ConnectRetries", 100, settings.retries);
+  LogTrace("Number of retries when retrying ACE socket connection %d\n", value);
+  value = apply("ConnectRetriesPause", 0, settings.pauseMilliseconds);
+  LogTrace("Pause between retries when retrying ACE socket connection %d\n", value);
+  value = apply("ConnectRetriesPauseRange", 0, settings.pauseRangePercent);
+  LogTrace("Pause variation percentage range %d\n", value);
+}
+
+void Router::StartNotificationThresholds() {
+  const std::uint32_t workers = GetConfigInt("NumNotificationThresholdThreads", 0);
+  LogDebug("Initialising router with %d notification threshold worker threads\n",
+           static_cast<int>(workers));
+  if (workers == 0) return;
+  notificationThresholdOwner_ = std::make_unique<NotificationThresholdThread>(routerTable_);
+  notificationThresholdOwner_->Configure(
+      GetConfigInt("NotificationThresholdThreadIntervalSecs", 600), workers);
+  notificationThresholdOwner_->Start();
+  notificationThresholdThread_ = notificationThresholdOwner_.get();
+}
+
+void Router::doStartRouting() {
+  LogTrace("Router::doStartRouting() called\n");
+  ReadConnectRetry();
+  if (GetConfigBool("LogicalRouting", false)) {
+    auto logical = std::make_unique<Logical>(LogicalTablePath(programName_));
+    if (logical->IsClosed()) LogError("Failed to open logical routing table\n");
+    routing_.SetLogical(std::move(logical));
+  }
+
+  SenderWorkerFactory senders;
+  senderPool_.Start(senders, GetConfigInt("NumSenderThreads", 3));
+  StartNotificationThresholds();
+  routerThread_.Start();
+
+  std::uint32_t getterTick = GetConfigInt("GetterTickSecs", 10);
+  if (getterTick == 0) {
+    getterTick = 10;
+    LogWarning("GetterTickSecs is zero, using value of %d second/s\n", 10);
+  }
+  getterThread_.Configure(getterTick, GetConfigInt("NumGetterThreads", 2));
+  getterThread_.Start();
+  timeoutThread_.Configure(GetConfigInt("TimeoutInterval", 70), 1);
+  timeoutThread_.Start();
+
+  iorSender_.SetPort(static_cast<std::uint16_t>(GetConfigInt("IORSenderPort", 8192)));
+  iorSender_.Start();
+  if (hasParent_ && iorValid_) parentLogon_.Start();
+}
+
+void Router::doStopRouting() {
+  LogTrace("Router::doStopRouting() called\n");
+  getterThread_.Stop();
+  timeoutThread_.Stop();
+  routerThread_.Stop();
+  if (notificationThresholdOwner_) notificationThresholdOwner_->Stop();
+  senderPool_.Stop();
+  iorSender_.Stop();
+  // Whenever its thread may run, whatever the configuration says by now.
+  parentLogon_.StopLogon(GetState() != kStarting);
+  routing_.EmptyRouteQueue();
+  routerTable_.WriteTable(true);
+  routerTable_.Clear();
+}
+
+// Requests may have held pointers to these until the broker's threads were gone.
+void Router::FreeCycleLeftovers() {
+  routerTable_.FreeDetached();
+  notificationThresholdThread_ = nullptr;
+  notificationThresholdOwner_.reset();
+  routing_.SetLogical(nullptr);
+}
+
+void Router::SetOrb(CORBA::ORB_ptr orb) {
+  CORBA::ORB_var duplicate = CORBA::ORB::_duplicate(orb);
+  ThreadHelper::Guard guard(textMutex_);
+  if (guard) orb_ = duplicate;
+}
+
+CORBA::ORB_var Router::GetOrb() const {
+  ThreadHelper::Guard guard(textMutex_);
+  return guard ? orb_ : CORBA::ORB_var();
+}
+
+LocalObjects& Router::Objects() {
+  return RouterServants::ServantHelper::instance();
+}
+
+Thresholds Router::GetThresholds() const {
+  ThreadHelper::Guard guard(textMutex_);
+  return guard ? thresholds_ : Thresholds();
+}
+
+void Router::OfferToSenders(RouterTableEntry& entry) {
+  senderPool_.Add(entry);
+}
+
+void Router::OfferToPoller(RouterTableEntry& entry) {
+  getterThread_.Offer(entry);
+}
+
+void Router::OfferToThreshold(RouterTableEntry& entry) {
+  if (NotificationThresholdThread* thread = notificationThresholdThread_) {
+    thread->Offer(entry);
+    return;
+  }
+  LogWarning(
+      "Notification threshold calls will not be attempted, because the number of notification "
+      "threshold threads is 0\n");
+}
+
+void Router::ParentLinkLost() {
+  parentLogon_.LinkLost();
+}
+
+CORBA::Object_ptr Router::StringToObject(const std::string& ior) {
+  const CORBA::ORB_var orb = GetOrb();
+  return CORBA::is_nil(orb) ? CORBA::Object::_nil() : orb->string_to_object(ior.c_str());
+}
+
+std::string Router::ObjectToString(CORBA::Object_ptr object) {
+  const CORBA::ORB_var orb = GetOrb();
+  if (CORBA::is_nil(orb)) return {};
+  const CORBA::String_var text = orb->object_to_string(object);
+  return text.in();
+}
+
+}  // namespace MessageRouter

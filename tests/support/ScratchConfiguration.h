@@ -1,0 +1,25 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace TestSupport {
+
+// An empty folder that is the process's working folder while the object lives, with a configuration
+// of its own in force for a router named "Router" whose files stand below it.
+class ScratchConfiguration {
+ public:
+  ScratchConfiguration();
+  ~ScratchConfiguration();
+  ScratchConfiguration(const ScratchConfiguration&) = delete;
+  ScratchConfiguration& operator=(const ScratchConfiguration&) = delete;
+
+  const std::filesystem::path& Folder() const { return folder_; }
+  std::filesystem::path RouterFolder() const { return folder_ / "Router"; }
+
+ private:
+  std::filesystem::path folder_;
+  std::filesystem::path previous_;
+};
+
+}  // namespace TestSupport

@@ -1,0 +1,170 @@
+#include "core/Router.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <vector>
+
+#include "config/ACE_XPlatform_Configuration.h"
+#include "config/Configuration.h"
+#include "core/TearDownWatchdog.h"
+#include "logging/Log.h"
+#include "platform/Network.h"
+#include "support/LogCapture.h"
+#include "support/ScratchConfiguration.h"
+#include "support/TestCertificates.h"
+
+namespace MessageRouter {
+namespace {
+
+// A router in a scratch folder whose store has a CA and nothing else, on a host that the test
+// plays.
+class LoneRouter : public testing::Test {
+ protected:
+  LoneRouter() {
+    std::filesystem::create_directories(configuration_.RouterFolder() / "Private");
+    std::ofstream(configuration_.RouterFolder() / "Private" / "ca.pem")
+        << TestSupport::TestCa().CaPem();
+    SetConfigBool("LogConsole", false);
+    SetConfigInt("LogLevel", 2);
+    InitializeRouter(new ACE_XPlatform_Configuration(kLocalMachine, kSharedStorePath),
+                     std::string(kSectionRoot) + "\\Router", "Router", 1, argv_);
+  }
+  ~LoneRouter() override {
+    DestroyRouter();
+    CloseLog();
+    Platform::SetHostAddressSource(nullptr);
+  }
+
+  std::string LogText() const {
+    std::string text;
+    for (const auto& file :
+         std::filesystem::directory_iterator(configuration_.RouterFolder() / "Logs")) {
+      std::ifstream stream(file.path());
+      text.append(std::istreambuf_iterator<char>(stream), {});
+    }
+    return text;
+  }
+  static std::size_t Count(const std::string& text, const std::string& part) {
+    std::size_t count = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+      ++count;
+    }
+    return count;
+  }
+
+  TestSupport::ScratchConfiguration configuration_;
+  char name_[7] = "router";
+  char* argv_[2] = {name_, nullptr};
+};
+
+std::vector<std::uint32_t> OnlyLoopback() {
+  return {0x7F000001};
+}
+
+TEST_F(LoneRouter, OnAHostWithOnlyALoopbackAddressFailsAfterElevenReadingsOfFiveSeconds) {
+  Platform::SetHostAddressSource(&OnlyLoopback);
+  std::vector<unsigned> slept;
+  Router::Surroundings surroundings;
+  surroundings.sleep = [&slept](unsigned milliseconds) { slept.push_back(milliseconds); };
+  Router::instance().SetSurroundings(surroundings);
+
+  EXPECT_EQ(RunRouter(), 1);
+
+  EXPECT_EQ(slept, std::vector<unsigned>(11, 5000));
+  const std::string log = LogText();
+  EXPECT_EQ(Count(log, "Failed to obtain valid host configuration, sleeping"), 11u);
+  EXPECT_EQ(Count(log, "No valid host configuration could be obtained"), 1u);
+  EXPECT_EQ(Count(log, "Router::Start() caught unknown exception"), 1u);
+}
+
+TEST_F(LoneRouter, TheTwelfthReadingEndsTheStartEvenIfItFindsAddresses) {
+  Platform::SetHostAddressSource(&OnlyLoopback);
+  unsigned sleeps = 0;
+  Router::Surroundings surroundings;
+  surroundings.sleep = [&sleeps](unsigned) {
+    if (++sleeps == 11) {
+      Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0x0A000001}; });
+    }
+  };
+  Router::instance().SetSurroundings(surroundings);
+  EXPECT_EQ(RunRouter(), 1);
+  EXPECT_EQ(Count(LogText(), "No valid host configuration could be obtained"), 1u);
+}
+
+TEST_F(LoneRouter, AStopDuringTheWaitForAHostAddressEndsWithZero) {
+  Platform::SetHostAddressSource(&OnlyLoopback);
+  Router::Surroundings surroundings;
+  unsigned sleeps = 0;
+  surroundings.sleep = [&sleeps](unsigned) {
+    ++sleeps;
+    Router::instance().Shutdown();
+  };
+  Router::instance().SetSurroundings(surroundings);
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_EQ(sleeps, 1u);
+}
+
+TEST_F(LoneRouter, AFailedReadingOfTheAddressesIsLoggedAndCountsAsNone) {
+  Platform::SetHostAddressSource(
+      []() -> std::vector<std::uint32_t> { throw std::runtime_error("refused"); });
+  Router::Surroundings surroundings;
+  surroundings.sleep = [](unsigned) { Router::instance().Shutdown(); };
+  Router::instance().SetSurroundings(surroundings);
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_EQ(Count(LogText(), "Failed to get initial IP addresses: refused\n"), 1u);
+}
+
+TEST_F(LoneRouter, WithoutACertificateInItsStoreFailsToStart) {
+  Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0x0A000001}; });
+  EXPECT_EQ(RunRouter(), 1);
+  EXPECT_EQ(Count(LogText(), "Router::Start: Caught No certificate in certificate store"), 1u);
+}
+
+TEST_F(LoneRouter, WithoutACaCertificateDoesNotStart) {
+  std::filesystem::remove(configuration_.RouterFolder() / "Private" / "ca.pem");
+  EXPECT_EQ(RunRouter(), 1);
+  EXPECT_EQ(Count(LogText(), "Router::Start: Caught No CA certificate in certificate store"), 1u);
+}
+
+TEST_F(LoneRouter, AShutdownDuringAReinitializeWins) {
+  Router& router = Router::instance();
+  router.Shutdown();
+  router.Reinitialize();
+  EXPECT_EQ(router.GetState(), Router::kStopping);
+  EXPECT_TRUE(router.IsStopping());
+}
+
+TEST(NullConfiguration, IsRefused) {
+  char name[] = "router";
+  char* argv[] = {name, nullptr};
+  try {
+    InitializeRouter(nullptr, "x", "Router", 1, argv);
+    FAIL() << "nothing thrown";
+  } catch (const std::invalid_argument& exception) {
+    EXPECT_STREQ(exception.what(),
+                 "Null configuration object passed to the initialization routine.");
+  }
+}
+
+TEST(TearDownWatchdogDeathTest, EndsTheProcessWithZeroWhenTheTimeIsUp) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        TearDownWatchdog watchdog(1);
+        watchdog.Start();
+        watchdog.Join();
+      },
+      testing::ExitedWithCode(0), "Resetting router failed to finish after 1 seconds");
+}
+
+TEST(TearDownWatchdogTest, DoesNothingWhenStoppedInTime) {
+  TearDownWatchdog watchdog(600);
+  watchdog.Start();
+  watchdog.Stop();
+}
+
+}  // namespace
+}  // namespace MessageRouter
