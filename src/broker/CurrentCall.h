@@ -14,11 +14,11 @@ namespace Broker {
 // Valid from the interceptor until the operation returns. Nothing in it may be kept.
 struct Call {
   const char* operation = "";
-  bool tls = false;              // false: the request came without TLS
-  X509* certificate = nullptr;   // the peer's; null if it showed none
-  SSL* ssl = nullptr;            // null without a certificate and without TLS
-  int socket = -1;               // of the connection; -1 if unknown
-  std::string peerAddress;       // the ORB's text for it
+  bool tls = false;             // false: the request came without TLS
+  X509* certificate = nullptr;  // the peer's; null if it showed none
+  SSL* ssl = nullptr;           // null without a certificate and without TLS
+  int socket = -1;              // of the connection; -1 if unknown
+  std::string peerAddress;      // the ORB's text for it
   const CORBA::Octet* objectKey = nullptr;
   std::size_t objectKeySize = 0;
 };
