@@ -18,12 +18,13 @@ class RouterTableScanner : public FunctionClassBase {
 // its pool. It never calls a peer. A period of 0 scans once and then sleeps until the stop.
 class ScanThread : public ThreadHelper::StoppableThreadHelper, public RouterTableScanner {
  public:
-  // Before Start.
+  // Before Start. From here on the pool takes entries, so that none is lost between Start and the
+  // first steps of the thread, which starts the pool.
   void Configure(std::uint32_t periodSeconds, std::uint32_t workers);
   void Process() override;
 
  protected:
-  ScanThread(const char* name, RouterTable& table);
+  ScanThread(const char* name, RouterTable& table, std::uint32_t periodSeconds = 0);
   virtual std::unique_ptr<WorkerFactoryBase> MakeFactory() = 0;
   // Logs "<name>::CheckEntry() adding entry: %s\n" and adds it.
   void AddEntry(RouterTableEntry& entry);
@@ -32,7 +33,7 @@ class ScanThread : public ThreadHelper::StoppableThreadHelper, public RouterTabl
  private:
   const char* const name_;
   RouterTable& table_;
-  std::uint32_t periodSeconds_ = 0;
+  std::uint32_t periodSeconds_;
   std::uint32_t workerCount_ = 0;
 };
 

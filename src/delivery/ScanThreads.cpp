@@ -1,0 +1,103 @@
+#include "delivery/ScanThreads.h"
+
+#include <utility>
+
+#include "delivery/GetterWorker.h"
+#include "delivery/NotificationThresholdWorker.h"
+#include "delivery/TimeoutWorker.h"
+#include "logging/Log.h"
+
+namespace MessageRouter {
+
+void RouterTableScanner::operator()(std::string name, RouterTableEntry& entry) {
+  // The parent can stand under two names.
+  if (name == entry.Name()) CheckEntry(entry);
+}
+
+ScanThread::ScanThread(const char* name, RouterTable& table, std::uint32_t periodSeconds)
+    : name_(name), table_(table), periodSeconds_(periodSeconds) {}
+
+void ScanThread::Configure(std::uint32_t periodSeconds, std::uint32_t workers) {
+  periodSeconds_ = periodSeconds;
+  workerCount_ = workers;
+  manager_.Queue().SetStopping(false);
+}
+
+void ScanThread::Process() {
+  const auto factory = MakeFactory();
+  manager_.Start(*factory, workerCount_);
+  while (!IsTerminated()) {
+    LogTrace("%s::Process() checking table\n", name_);
+    table_.Scan(*this);
+    Wait(periodSeconds_, 0);
+  }
+  manager_.Stop();
+}
+
+void ScanThread::AddEntry(RouterTableEntry& entry) {
+  if (LogEnabled(kLogDebug)) {
+    LogDebug("%s::CheckEntry() adding entry: %s\n", name_, entry.Name().c_str());
+  }
+  manager_.Add(entry);
+}
+
+GetterThread::GetterThread(RouterTable& table) : ScanThread("GetterThread", table, 1) {}
+
+GetterThread::~GetterThread() {
+  Stop();
+}
+
+void GetterThread::CheckEntry(RouterTableEntry& entry) {
+  if (entry.readyForTimedPoll()) AddEntry(entry);
+}
+
+void GetterThread::NotifiedPoll(RouterTableEntry& entry) {
+  if (entry.readyForNotifiedPoll()) Offer(entry);
+}
+
+void GetterThread::Offer(RouterTableEntry& entry) {
+  manager_.Add(entry);
+}
+
+std::unique_ptr<WorkerFactoryBase> GetterThread::MakeFactory() {
+  return std::make_unique<GetterWorkerFactory>();
+}
+
+TimeoutThread::TimeoutThread(RouterTable& table) : ScanThread("TimeoutThread", table) {}
+
+TimeoutThread::~TimeoutThread() {
+  Stop();
+}
+
+void TimeoutThread::CheckEntry(RouterTableEntry& entry) {
+  // The senders drop what has expired in the queue of a peer that is pushed to.
+  const bool sendersLookAfterIt = entry.IsLoggedOn() && entry.IsPassiveConsumer();
+  if ((!sendersLookAfterIt && entry.HasEnvelopes()) || entry.PullTimedOut()) AddEntry(entry);
+}
+
+std::unique_ptr<WorkerFactoryBase> TimeoutThread::MakeFactory() {
+  return std::make_unique<TimeoutWorkerFactory>();
+}
+
+NotificationThresholdThread::NotificationThresholdThread(RouterTable& table)
+    : ScanThread("NotificationThresholdThread", table) {}
+
+NotificationThresholdThread::~NotificationThresholdThread() {
+  Stop();
+}
+
+void NotificationThresholdThread::CheckEntry(RouterTableEntry& entry) {
+  if (entry.GetConsumerState() == RouterTableEntry::kNoNotification && entry.HasNotifyConsumer()) {
+    AddEntry(entry);
+  }
+}
+
+void NotificationThresholdThread::Offer(RouterTableEntry& entry) {
+  manager_.Add(entry);
+}
+
+std::unique_ptr<WorkerFactoryBase> NotificationThresholdThread::MakeFactory() {
+  return std::make_unique<WorkerFactory<NotificationThresholdWorker>>();
+}
+
+}  // namespace MessageRouter

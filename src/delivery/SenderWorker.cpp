@@ -1,0 +1,165 @@
+#include "delivery/SenderWorker.h"
+
+#include "broker/CorbaExceptions.h"
+#include "config/Configuration.h"
+#include "delivery/SendEntryGuard.h"
+#include "delivery/SendFailureRecord.h"
+#include "logging/Log.h"
+#include "routing/Routing.h"
+
+namespace MessageRouter {
+
+namespace {
+
+constexpr char kWorkerName[] = "SenderWorker";
+// The client that manages the tree of routers.
+constexpr char kManagementClient[] = "EM";
+
+// How a push to a router differs from a push to a client.
+template <class Consumer>
+struct PeerKind;
+
+template <>
+struct PeerKind<BrelixMessaging::_objref_RouterConsumer> {
+  static constexpr char kName[] = "router";
+  static constexpr bool kQualifyOriginator = true;
+};
+
+template <>
+struct PeerKind<BrelixMessaging::_objref_EnvelopeConsumer> {
+  static constexpr char kName[] = "client";
+  static constexpr bool kQualifyOriginator = false;
+};
+
+}  // namespace
+
+SenderWorker::SenderWorker(WorkerManagerBase& manager)
+    : WorkerBase(manager),
+      monitor_(GetConfigBool("MonitorEmSender", false)),
+      maxFailures_(GetConfigInt("MonitorEmSenderMaxFailures", 5000)) {
+  SendFailureRecord::Instance().LogSettings(monitor_, maxFailures_);
+}
+
+SenderWorker::~SenderWorker() {
+  Stop();
+}
+
+void SenderWorker::ProcessEntry(RouterTableEntry& entry) {
+  SendEntryGuard guard(entry, Manager());
+  try {
+    guard.Claim();
+    if (!entry.IsLoggedOn() || Serve(entry, guard)) guard.Succeeded();
+  } catch (const BrelixMessaging::CertificateExpired& exception) {
+    LogCaughtCorbaException(kWorkerName, exception, "certificate expiry");
+  } catch (const CORBA::Exception& exception) {
+    LogCaughtCorbaException(kWorkerName, exception, "");
+  } catch (const std::exception& exception) {
+    LogCaughtException(kWorkerName, exception, "");
+  }
+}
+
+bool SenderWorker::Serve(RouterTableEntry& entry, SendEntryGuard& guard) {
+  const RouterTableEntry::PeerReferences peer = entry.References();
+  // The references of a new session are not this claim's: a sender of that session may be at work.
+  if (!guard.SameSession()) return true;
+
+  const std::string name = entry.Name();
+  const bool toRouter = !CORBA::is_nil(peer.routerConsumer);
+  const bool toClient = !CORBA::is_nil(peer.messageConsumer);
+  if (monitor_ && !guard.Acquired() &&
+      ((entry.IsParent() && toRouter) || (name == kManagementClient && toClient)) &&
+      !SendFailureRecord::Instance().CountFailure(maxFailures_)) {
+    return false;
+  }
+
+  if (toRouter && guard.Acquired()) {
+    SendQueue(Visit{entry, guard, name, monitor_ && entry.IsParent()}, peer.routerConsumer.in());
+  } else if (toClient && guard.Acquired()) {
+    SendQueue(Visit{entry, guard, name, monitor_ && name == kManagementClient},
+              peer.messageConsumer.in());
+  } else if (!CORBA::is_nil(peer.notifyConsumer)) {
+    NotifyPeer(entry, peer.notifyConsumer.in(), name);
+  }
+  return true;
+}
+
+template <class Consumer>
+void SenderWorker::SendQueue(const Visit& visit, Consumer* consumer) {
+  const std::uint32_t maximum = GetConfigInt("MaximumToSend", 0xFFFFFFFFu);
+  std::uint32_t count = 0;
+  // A session that ended while this worker hung in it is not this worker's any more, even if the
+  // peer is logged on again.
+  while (!IsTerminated() && visit.entry.IsLoggedOn() && visit.guard.SameSession() &&
+         count < maximum) {
+    Envelope envelope;
+    if (!visit.entry.PopNext(envelope)) return;
+    if (envelope.IsExpired()) {
+      ReportDeliveryFailure(envelope, "Timeout");
+    } else {
+      if (!Send(visit, consumer, envelope)) return;
+      ++count;
+    }
+    // Only now, after the delivery, does the file go away.
+    envelope.Retire();
+  }
+}
+
+template <class Consumer>
+bool SenderWorker::Send(const Visit& visit, Consumer* consumer, Envelope& envelope) {
+  using Kind = PeerKind<Consumer>;
+  try {
+    if (!envelope.Options().empty()) {
+      LogTrace("Outgoing %s message delivery options: %s\n", Kind::kName,
+               envelope.Options().c_str());
+    }
+    const BrelixMessaging::Envelope_var wire = envelope.ToWire(Kind::kQualifyOriginator);
+    if (LogEnabled(kLogTrace)) {
+      LogTrace("Sending message (%s) to %s\n", envelope.DescribeShort().c_str(),
+               visit.name.c_str());
+    }
+    Broker::RepeatOnce([&] { consumer->SendEnvelope(wire.in()); });
+    if (visit.monitored && !SendFailureRecord::Instance().Clear()) return false;
+    if (LogEnabled(kLogInfo)) {
+      LogInfo("Sent message (%s) to %s\n", envelope.DescribeShort().c_str(), visit.name.c_str());
+    }
+  } catch (const std::exception& exception) {
+    LogCaughtException(kWorkerName, exception, "");
+    // A broken envelope is dropped like a delivered one, or it would stand in the way for ever.
+    if (IsDiscardableError(exception, envelope)) return true;
+    LogError("Failed to send message (%s) because of exception, adding message back to queue\n",
+             envelope.DescribeShort().c_str());
+    PutBack(visit, envelope);
+    throw;
+  } catch (...) {
+    LogError(
+        "Failed to send message (%s) because of unknown exception, adding message back to queue\n",
+        envelope.DescribeShort().c_str());
+    PutBack(visit, envelope);
+    throw;
+  }
+  return true;
+}
+
+void SenderWorker::PutBack(const Visit& visit, const Envelope& envelope) {
+  if (visit.entry.Requeue(envelope, visit.name)) return;
+  // The entry has been unregistered or renamed: the route is decided anew. Where no cycle runs any
+  // more, the envelope stays on disk for the next one.
+  if (Routing* routing = Cycle::Current()) routing->QueueForRouting(envelope);
+}
+
+void SenderWorker::NotifyPeer(RouterTableEntry& entry, BrelixMessaging::NotifyConsumer_ptr notify,
+                              const std::string& name) {
+  const RouterTableEntry::Claim claim = entry.NotificationWanted();
+  try {
+    for (bool again = claim.acquired; again; again = entry.NotificationFinished(claim.generation)) {
+      LogDebug("Notifying %s\n", name.c_str());
+      Broker::RepeatOnce([notify] { notify->Notify(); });
+      LogDebug("Successfully notified %s\n", name.c_str());
+    }
+  } catch (const CORBA::Exception&) {
+    LogDebug("Failed to notify %s\n", name.c_str());
+    entry.NotificationFailed(claim.generation);
+  }
+}
+
+}  // namespace MessageRouter
