@@ -4,10 +4,11 @@
 
 #include <cstdint>
 #include <exception>
-#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "envelope/CopiedPointer.h"
 #include "envelope/Timestamps.h"
 
 namespace MessageRouter {
@@ -77,22 +78,46 @@ class Envelope {
 
  private:
   friend class EnvelopeBuilder;  // tests/support
-  // The implementation may choose how the fields are kept: memory per waiting envelope counts.
-  std::string fileName_;
+
+  // What a waiting envelope has in its file alone.
+  struct HeavyFields {
+    std::string certificate;
+    std::string data;  // as Encoding::EncodeAny gives it
+  };
+
+  void FillFromMessage(const BrelixMessaging::Message& message);
+  void SetTtl(std::int64_t ttl);
+  // Both throw std::runtime_error for a text that would not read back.
+  void SetPhysicalDestination(const std::vector<std::string>& hops);
+  void RequireTextsReadBack() const;
+  // The file's text.
+  std::string Compose() const;
+  // Writes the file and shrinks. False, logged, and without a file, if that fails.
+  bool WritePersistent();
+  void ReadFields(std::string_view text, std::string_view& key);
+  void SetField(std::string_view key, std::string_view firstLine, std::string_view value);
+  // Expands, and decodes the payload into `data` on the way. False if the envelope was not shrunk,
+  // and nothing is decoded then.
+  bool ExpandWithData(CORBA::Any& data);
+  void SetFileName(const std::string& fileName);
+
+  // Kept small: a router may hold a million. The heavy fields and what is rare cost a pointer while
+  // they are missing, the folder of a file is known, and the usual texts fit into the strings.
+  std::string file_;  // the name alone where the file stands in the store's folder, else the path
   std::uint32_t persistentIndex_ = 0;
   std::uint32_t messageId_ = 0;
   std::uint32_t priority_ = 0;
   bool fromParent_ = false;
-  ShrinkState shrinkState_ = ShrinkState::Expanded;
+  bool inStoreFolder_ = false;
+  ShrinkState shrinkState_;
   std::int64_t ttl_ = 0;
   std::string originator_;
-  std::string originatorCertificate_;
-  std::string physicalDestination_;
-  Timestamps timestamps_;
+  std::string physicalDestination_;  // joined
   std::string destination_;
   std::string type_;
-  std::string data_;
   std::string options_;
+  Timestamps timestamps_;
+  CopiedPointer<HeavyFields> heavy_;
 };
 
 // Whether the exception says that the envelope's stored data is broken; logs it then, and the

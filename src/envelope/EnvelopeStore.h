@@ -16,15 +16,20 @@ class EnvelopeStore {
  public:
   // Made on first use, on the folder that the configuration names, and never destroyed.
   static EnvelopeStore& Instance();
-  explicit EnvelopeStore(std::string directory);  // tests
+  // The one that Instance gives, if it has been made.
+  static const EnvelopeStore* Existing();
+  // Makes the folder if it is missing; a failure is logged, and shows at the first file.
+  explicit EnvelopeStore(std::string directory);
+  virtual ~EnvelopeStore() = default;
   // The caller keeps ownership; null brings the real one back.
   static void Replace(EnvelopeStore* store);
 
   // The name (without the folder) and index for a new file; names in use are skipped. Empty if the
   // lock fails.
   std::string NewEnvelopeFile(std::uint32_t& index);
-  // Writes the file whole. 0, or the system's error; nothing is left behind then.
-  int Write(const std::string& name, const std::string& content);
+  // Writes the file whole, synced if SyncEnvelopes (default true) says so. 0, or the system's
+  // error; nothing is left behind then. Virtual for tests, whose writes fail.
+  virtual int Write(const std::string& name, const std::string& content);
   void NoteIndex(std::uint32_t index);
   // One envelope for each "*.msg", sorted by name; not yet filled.
   void LoadAll(std::vector<Envelope>& envelopes);

@@ -14,7 +14,8 @@ std::string ManagementMessageType(const std::string& name);  // "EM-<name>"
 std::string ManagementReplyType(const std::string& name);    // "EM-<name>-Reply"
 std::string SystemMessageType(const std::string& name, const std::string& suffix = "");
 
-// Prefix and name must begin what they stand for; no suffix allowed unless one is given, "*" is any.
+// Prefix and name must begin what they stand for; no suffix allowed unless one is given, "*" is
+// any.
 bool MatchMessageType(std::string_view type, std::string_view prefix, std::string_view name,
                       std::string_view suffix = {});
 

@@ -15,6 +15,8 @@ class Timestamp : public Streamable {
   Timestamp(std::string stampName, std::int64_t stampTime);
   std::ostream& write(std::ostream& stream) const override;
   std::istream& read(std::istream& stream) override;
+  // The text form, behind what `text` has.
+  void AppendTo(std::string& text) const;
 
   std::string name;
   std::int64_t time = 0;  // seconds since 1970
@@ -26,6 +28,7 @@ class Timestamps : public Streamable {
   std::ostream& write(std::ostream& stream) const override;
   // A count that can't be read fails the stream; a broken stamp ends the list.
   std::istream& read(std::istream& stream) override;
+  void AppendTo(std::string& text) const;
 
   void Append(const std::string& name);  // now
   void Append(const std::string& name, std::int64_t time);

@@ -1,0 +1,148 @@
+#include <stdexcept>
+
+#include "broker/Encoding.h"
+#include "envelope/Address.h"
+#include "envelope/Envelope.h"
+#include "envelope/EnvelopeText.h"
+#include "envelope/MessageIdGenerator.h"
+#include "envelope/MessageType.h"
+#include "logging/Log.h"
+#include "platform/Clock.h"
+#include "security/OwnIdentity.h"
+
+namespace MessageRouter {
+namespace {
+
+constexpr char kManager[] = "EM";
+constexpr char kCreationFailed[] = "Failed to create persistent envelope";
+// The router passes on the absolute time to live of an envelope that it answers. Such a time stays
+// what it is even when it has passed; no relative time is as long as this one (the year 2004).
+constexpr std::int64_t kEarliestAbsolute = std::int64_t{1} << 30;
+
+// What only the management itself may send.
+bool IsManagementCommand(const char* type) {
+  return MatchMessageType(type, "EM", "DoAction") ||
+         MatchMessageType(type, "EM", "SetConfiguration");
+}
+
+void Require(const char* field, bool readsBack) {
+  if (readsBack) return;
+  throw std::runtime_error(std::string("Refused an envelope whose ") + field +
+                           " would not be read back as it is");
+}
+
+}  // namespace
+
+void Envelope::CreateFromClient(const BrelixMessaging::Message& message,
+                                const std::string& originator,
+                                const std::string& originatorCertificate) {
+  if (originator != kManager && IsManagementCommand(message.type)) {
+    LogError("CreateFromClient: Message of type %s receieved from unexpected originator: %s\n",
+             message.type.in(), originator.c_str());
+    throw BrelixMessaging::Rejected();
+  }
+  fromParent_ = false;
+  messageId_ = MessageIdGenerator::Instance().NextMessageId();
+  originator_ = QualifyWithRouter(originator);
+  heavy_.Use().certificate = originatorCertificate;
+  SetPhysicalDestination(SplitAddress(message.destination.in()));
+  timestamps_.stamps.reserve(2);
+  timestamps_.Append(originator);
+  timestamps_.Append(OwnIdentity::CommonName());
+  FillFromMessage(message);
+}
+
+void Envelope::CreateFromRouter(const BrelixMessaging::Envelope& wire, bool fromParent) {
+  if (!fromParent && IsManagementCommand(wire.client_info.type)) {
+    LogError("CreateFromRouter: Message of type %s can only be receieved from the parent\n",
+             wire.client_info.type.in());
+    throw BrelixMessaging::Rejected();
+  }
+  fromParent_ = fromParent;
+  messageId_ = static_cast<std::uint32_t>(wire.message_id);
+  originator_ = wire.originator.in();
+  heavy_.Use().certificate = wire.originator_certificate.in();
+  std::vector<std::string> hops;
+  hops.reserve(wire.physical_destination.length());
+  for (CORBA::ULong i = 0; i < wire.physical_destination.length(); ++i) {
+    hops.emplace_back(wire.physical_destination[i]);
+  }
+  SetPhysicalDestination(hops);
+  const CORBA::ULong count = wire.timestamps.length();
+  timestamps_.stamps.clear();
+  timestamps_.stamps.reserve(count + 1);
+  for (CORBA::ULong i = 0; i < count; ++i) {
+    timestamps_.Append(wire.timestamps[i].name.in(), wire.timestamps[i].utc_time);
+  }
+  timestamps_.Append(OwnIdentity::CommonName());
+  FillFromMessage(wire.client_info);
+}
+
+void Envelope::CreateLocal(const std::string& destination, std::uint32_t priority, std::int64_t ttl,
+                           const std::string& type, const CORBA::Any& data,
+                           const std::string& options) {
+  destination_ = destination;
+  priority_ = priority;
+  type_ = type;
+  if (ttl >= kEarliestAbsolute) {
+    ttl_ = ttl;
+  } else {
+    SetTtl(ttl);
+  }
+  heavy_.Use().data = Encoding::EncodeAny(data);
+  messageId_ = MessageIdGenerator::Instance().NextMessageId();
+  options_ = options;
+  const std::string router = OwnIdentity::CommonName();
+  originator_ = router;
+  heavy_.Use().certificate = OwnIdentity::CertificateText();
+  // Both stamps: the pair is the shape that a client's message has.
+  timestamps_.stamps.reserve(2);
+  timestamps_.Append(router);
+  SetPhysicalDestination(SplitAddress(destination));
+  timestamps_.Append(router);
+  RequireTextsReadBack();
+  WritePersistent();
+}
+
+void Envelope::FillFromMessage(const BrelixMessaging::Message& message) {
+  destination_ = message.destination.in();
+  priority_ = static_cast<std::uint32_t>(message.prio);
+  type_ = message.type.in();
+  options_ = message.delivery_options.in();
+  heavy_.Use().data = Encoding::EncodeAny(message.custom_data);
+  if (!options_.empty()) LogTrace("Incoming message delivery options: %s\n", options_.c_str());
+  SetTtl(message.ttl);
+  RequireTextsReadBack();
+  // A peer's message is the router's only once it is on disk.
+  if (!WritePersistent()) throw std::runtime_error(kCreationFailed);
+}
+
+void Envelope::SetTtl(std::int64_t ttl) {
+  const std::int64_t now = Platform::Clock::Instance().WallSeconds();
+  ttl_ = ttl != 0 && ttl < now ? ttl + now : ttl;
+}
+
+void Envelope::SetPhysicalDestination(const std::vector<std::string>& hops) {
+  for (const std::string& hop : hops) {
+    Require("physical destination", !hop.empty() && hop.find('.') == std::string::npos);
+  }
+  physicalDestination_ = JoinAddress(hops);
+}
+
+// A text that a peer chose must not turn into fields of its own in the file: a certificate of the
+// peer's choice would be a role of its choice.
+void Envelope::RequireTextsReadBack() const {
+  Require("originator", EnvelopeText::ReadsBack(originator_));
+  Require("physical destination", EnvelopeText::ReadsBack(physicalDestination_));
+  Require("destination", EnvelopeText::ReadsBack(destination_));
+  Require("type", EnvelopeText::ReadsBack(type_));
+  Require("options", EnvelopeText::ReadsBack(options_));
+  std::string stamps;
+  timestamps_.AppendTo(stamps);
+  Require("timestamps", EnvelopeText::ReadsBack(stamps));
+  for (const Timestamp& stamp : timestamps_.stamps) {
+    Require("timestamps", stamp.name.find(',') == std::string::npos);
+  }
+}
+
+}  // namespace MessageRouter

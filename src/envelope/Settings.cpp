@@ -1,0 +1,47 @@
+#include "envelope/Settings.h"
+
+#include <atomic>
+
+#include "config/Configuration.h"
+#include "envelope/Envelope.h"
+
+namespace MessageRouter {
+namespace {
+
+constexpr std::int64_t kUnread = -1;
+std::atomic<std::int64_t> shrinkEnvelopes{kUnread};
+std::atomic<std::int64_t> messageTimeoutSec{kUnread};
+
+std::uint32_t Kept(std::atomic<std::int64_t>& kept, const char* name, std::uint32_t defaultValue) {
+  std::int64_t value = kept.load(std::memory_order_relaxed);
+  if (value == kUnread) {
+    value = GetConfigInt(name, defaultValue);
+    kept.store(value, std::memory_order_relaxed);
+  }
+  return static_cast<std::uint32_t>(value);
+}
+
+}  // namespace
+
+namespace Settings {
+
+bool ShrinkEnvelopes() {
+  return Kept(shrinkEnvelopes, "ShrinkEnvelopes", 1) > 0;
+}
+
+std::uint32_t MessageTimeoutSec() {
+  return Kept(messageTimeoutSec, "MessageTimeoutSec", 43200);
+}
+
+void Forget() {
+  shrinkEnvelopes = kUnread;
+  messageTimeoutSec = kUnread;
+}
+
+}  // namespace Settings
+
+std::uint32_t MessageTimeoutSeconds() {
+  return Settings::MessageTimeoutSec();
+}
+
+}  // namespace MessageRouter
