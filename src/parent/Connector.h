@@ -10,7 +10,7 @@ namespace MessageRouter {
 
 // How a failed connect is tried again; process-wide. 0 in a field keeps the built-in value.
 struct ConnectRetrySettings {
-  std::atomic<std::uint32_t> totalSeconds{0};    // for one address; 0 counts as 60
+  std::atomic<std::uint32_t> totalSeconds{0};  // for one address; 0 counts as 60
   std::atomic<std::uint32_t> retries{100};
   std::atomic<std::uint32_t> pauseMilliseconds{500};
   std::atomic<std::uint32_t> pauseRangePercent{0};

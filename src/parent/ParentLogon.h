@@ -32,6 +32,9 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   void Process() override;
 
  private:
+  // False if the stop came first.
+  bool WaitUntilEnabled();
+
   bool enabled_ GUARDED_BY(mutex_) = false;
   bool registered_ GUARDED_BY(mutex_) = false;
   bool loggedOn_ GUARDED_BY(mutex_) = false;
