@@ -3,10 +3,14 @@
 #include <ace/Configuration.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "config/ConfigurationText.h"
 #include "logging/Streamable.h"
+#include "platform/Clock.h"
+#include "platform/Files.h"
 
 namespace MessageRouter {
 
@@ -18,8 +22,9 @@ inline constexpr std::uint32_t kLocalMachine = 0x80000002;
 //
 // Several objects on one file, here and in other processes, don't overwrite each other: a write
 // locks, reloads if the file has changed, applies its own change and replaces the file whole. A
-// read notices a changed file. A file that can't be parsed is never overwritten: the values read
-// before stay, and one warning names the line.
+// read notices a changed file within a tenth of a second. A file that can't be parsed is never
+// overwritten: the values read before stay, and one warning names the line. A file that is gone
+// leaves the values as they are; the next write makes it anew.
 // Threads: one at a time.
 class ACE_XPlatform_Configuration : private ACE_Configuration_Heap, public Streamable {
  public:
@@ -47,7 +52,24 @@ class ACE_XPlatform_Configuration : private ACE_Configuration_Heap, public Strea
   bool Export(const std::string& filePath);
 
  private:
-  // to be completed by the implementation
+  void ReloadIfChanged();
+  void Reload();
+  void Replace(const ParsedConfiguration& parsed);
+  bool Reopen();
+  std::string Text();
+  void AppendTo(std::string& text, const ACE_Configuration_Section_Key& key,
+                const std::string& path);
+  // Runs `change` on the latest content and writes the result. False if either fails.
+  template <class Change>
+  bool Write(Change&& change);
+
+  const std::string filePath_;
+  std::string currentPath_;
+  ACE_Configuration_Section_Key current_;
+  bool isOpen_ = false;      // current_ is a section that exists
+  bool unreadable_ = false;  // the file is there and can't be read or parsed
+  std::optional<Platform::FileVersion> version_;
+  std::optional<Platform::Clock::SteadyTime> lastLook_;
 };
 
 }  // namespace MessageRouter

@@ -10,8 +10,8 @@ std::string DataRoot();
 
 // The data root and the router's name; no slash at the end.
 std::string RouterDirectory(const std::string& routerName);
-std::string LogDirectory(const std::string& routerName);      // ends in a slash
-std::string ReportDirectory(const std::string& routerName);   // ends in a slash
+std::string LogDirectory(const std::string& routerName);     // ends in a slash
+std::string ReportDirectory(const std::string& routerName);  // ends in a slash
 std::string ReportFile(const std::string& routerName);
 std::string RouterTableFile(const std::string& routerName);
 std::string LogicalTablePath(const std::string& routerName);

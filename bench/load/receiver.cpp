@@ -1,0 +1,96 @@
+// A client that takes pushed envelopes and counts them.
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "client_library/Failure.h"
+#include "client_library/RouterConnection.h"
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+class CountingSink : public ClientLibrary::EnvelopeSink {
+ public:
+  explicit CountingSink(unsigned wanted) : wanted_(wanted) {}
+
+  bool Take(const BrelixMessaging::Envelope&) override {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    if (count_ == 0) first_ = SteadyClock::now();
+    if (++count_ == wanted_) {
+      last_ = SteadyClock::now();
+      done_.notify_all();
+    }
+    return true;
+  }
+  bool Wait(std::chrono::seconds limit) {
+    std::unique_lock<std::mutex> guard(mutex_);
+    return done_.wait_for(guard, limit, [this] { return count_ >= wanted_; });
+  }
+  unsigned Count() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return count_;
+  }
+  double Seconds() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return std::chrono::duration<double>(last_ - first_).count();
+  }
+
+ private:
+  const unsigned wanted_;
+  std::mutex mutex_;
+  std::condition_variable done_;
+  unsigned count_ = 0;
+  SteadyClock::time_point first_;
+  SteadyClock::time_point last_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Takes pushed envelopes and prints how fast they came, as one line of JSON.");
+  std::string identity;
+  ClientLibrary::ConnectionSettings settings;
+  unsigned count = 10000;
+  unsigned limit = 120;
+  bool registerOnly = false;
+  app.add_option("--identity", identity)->required();
+  app.add_option("--host", settings.host);
+  app.add_option("--port", settings.port);
+  app.add_option("--count", count);
+  app.add_option("--limit", limit, "seconds");
+  app.add_flag("--register-only", registerOnly);
+  CLI11_PARSE(app, argc, argv);
+  settings.server = true;
+  try {
+    CountingSink sink(count);
+    ClientLibrary::RouterConnection connection(ClientLibrary::Identity::FromFolder(identity),
+                                               settings);
+    try {
+      connection.Register();
+    } catch (const ClientLibrary::Failure& failure) {
+      if (failure.Exception() != "AlreadyRegistered") throw;
+    }
+    if (registerOnly) return 0;
+    connection.LogonPush(sink);
+    std::printf("ready\n");
+    std::fflush(stdout);
+    const bool all = sink.Wait(std::chrono::seconds(limit));
+    const nlohmann::json result = {{"count", sink.Count()},
+                                   {"complete", all},
+                                   {"seconds", all ? sink.Seconds() : 0.0},
+                                   {"per_second", all ? (count - 1) / sink.Seconds() : 0.0}};
+    std::printf("%s\n", result.dump().c_str());
+    std::fflush(stdout);
+    connection.CloseDoor();
+    return all ? 0 : 1;
+  } catch (const std::exception& exception) {
+    std::fprintf(stderr, "bench_receiver: %s\n", exception.what());
+    return 1;
+  }
+}
