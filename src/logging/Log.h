@@ -63,8 +63,9 @@ void LogCaughtException(const char* where, const std::exception& exception, cons
 
 namespace Orvane {
 
-// The logger that certificate and shared-state code gets by reference. The texts are written as
-// formats without their arguments: callers compose what matters beforehand.
+// The logger that certificate and shared-state code gets by reference. The arguments are not passed
+// on: a "%d" shows some number, every other conversion stands in the line as it is, so callers
+// compose what matters beforehand. All return 0.
 class ILogger {
  public:
   virtual ~ILogger() = default;

@@ -25,7 +25,9 @@ class PublishFolder {
 
   // Writes `content` to a file without a name and then gives it the name. With `sync`, file and
   // folder are on stable storage on return. Returns 0, or the system's error number; nothing is
-  // left behind then. EEXIST if the name is taken.
+  // left behind then. EEXIST if the name is taken. The file can be read and written by its owner
+  // alone. Where the file system has no files without a name, a crash meanwhile may leave a hidden
+  // ".publish-" file.
   int Publish(const std::string& name, std::string_view content, bool sync);
 
  private:
@@ -33,12 +35,14 @@ class PublishFolder {
   std::unique_ptr<State> state_;
 };
 
-// Reads a whole file. Nothing if it cannot be opened or read, or is longer than `limit` bytes;
-// `error` then has the system's number (EFBIG for too long).
+// Reads a whole regular file. Nothing if it cannot be opened or read, or is longer than `limit`
+// bytes; `error`, where given, then has the system's number (EFBIG for too long).
 std::optional<std::string> ReadFile(const std::string& path, std::size_t limit, int* error);
 
 // Writes beside the old file, syncs, and renames over it: readers see the old text or the new.
-// Permissions and owner of an old file are kept; a new one gets `mode`. Returns 0 or the error.
+// Permissions and owner of an old file are kept (the owner only as far as the process may); a new
+// one gets `mode`. A symbolic link stays, and the file that it leads to is replaced. Returns 0 or
+// the error; nothing is left beside the old file then.
 int ReplaceFile(const std::string& path, std::string_view content, unsigned mode);
 
 // Each removes or renames one file; returns 0 or the error.
@@ -73,8 +77,8 @@ bool SetMode(const std::string& path, unsigned mode);
 // An exclusive lock among processes and among objects of one process, held while the object lives.
 class FileLock {
  public:
-  // Waits for the lock on `path`, a file beside what it guards, made if missing. Locked() is false
-  // if that cannot be done.
+  // Waits for the lock on `path`, a file beside what it guards, made if missing and never removed.
+  // Locked() is false if that cannot be done, or another holds it for ten seconds.
   explicit FileLock(const std::string& path);
   ~FileLock();
   FileLock(const FileLock&) = delete;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -9,10 +10,15 @@ namespace Platform {
 // SIGHUP for a reinitialisation; SIGPIPE is ignored. Make the one object before any other thread
 // starts, since threads inherit the blocked signals.
 // The first stop arms a watchdog: ten seconds later the process ends with status 0, whatever hangs.
+// The destructor disarms it. The signals stay blocked after it, so that a second Ctrl-C does not
+// cut an orderly end short.
 class StopSignals {
  public:
-  // The functions are called on the signal thread, one at a time; they must return soon.
-  StopSignals(std::function<void()> stop, std::function<void()> reload);
+  // The functions are called on the signal thread, one at a time; they must return soon. `limit` is
+  // the watchdog's.
+  // Throws std::runtime_error if the system refuses.
+  StopSignals(std::function<void()> stop, std::function<void()> reload,
+              std::chrono::milliseconds limit = std::chrono::seconds(10));
   ~StopSignals();
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;

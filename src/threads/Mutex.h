@@ -14,8 +14,8 @@
 // ACE's mutexes, wrapped once so that the compiler can check who holds them.
 //
 // A lock that cannot be taken makes an operation a silent no-op: its guard is false, and the caller
-// returns. The one exception is a thread that asks for a lock that it holds already: that is a fault
-// of the program and ends the process.
+// returns. The one exception is a thread that asks for a lock that it holds already, be it to read
+// or to write: that is a fault of the program and ends the process with status -1.
 namespace ThreadHelper {
 
 class CAPABILITY("mutex") Mutex {
@@ -100,13 +100,13 @@ class Condition {
 
   // Waits without limit. False if the wait failed.
   bool Wait();
-  // False if the time ran out or the wait failed; `timedOut`, where given, tells which.
+  // False if the time ran out (`errno` is then ETIME) or the wait failed; `timedOut`, where given,
+  // tells which.
   bool WaitFor(std::chrono::microseconds time, bool* timedOut = nullptr);
   void Signal();
   void Broadcast();
 
  private:
-  Mutex& mutex_;
   ACE_Condition_Attributes_T<ACE_Monotonic_Time_Policy> attributes_;
   ACE_Condition<ACE_Thread_Mutex> condition_;
 };

@@ -3,6 +3,7 @@
 #include <ace/OS_NS_Thread.h>
 
 #include <atomic>
+#include <cstdint>
 
 #include "logging/Streamable.h"
 #include "threads/Mutex.h"
@@ -20,10 +21,16 @@ class Processable : public Destroyable {
   virtual void Process() = 0;
 };
 
+// Reports an exception that is not a std::exception. Called within the handler that caught it, so
+// it may throw it again to itself to learn what it is. Returns whether it has logged it.
+using UnknownExceptionReporter = bool (*)(const char* prefix);
+// For the whole process; null for none. Lets a higher folder name its own kinds of exceptions.
+void SetUnknownExceptionReporter(UnknownExceptionReporter reporter);
+
 // An object that owns one thread. An exception that leaves Process ends the process with status -1,
 // at once: a router has no half-alive state in which a thread is silently gone.
 // Every concrete class calls Stop or Join in its own destructor, before its members go; this class
-// only asserts that it is idle.
+// only asserts that it is idle, and ends the process where it isn't.
 class BasicThreadHelper : public MessageRouter::Streamable, public Processable {
  public:
   BasicThreadHelper() = default;
@@ -35,7 +42,8 @@ class BasicThreadHelper : public MessageRouter::Streamable, public Processable {
   // "BasicThreadHelper failed to start thread".
   void Start();
   // Waits for the thread and makes the object idle again; 0 at once where no thread is attached.
-  // The object's own thread must not call it.
+  // For the object's owner; a call by the object's own thread is a fault of the program and ends
+  // the process.
   int Join();
 
   std::ostream& write(std::ostream& stream) const override;
@@ -43,8 +51,10 @@ class BasicThreadHelper : public MessageRouter::Streamable, public Processable {
  private:
   static ACE_THR_FUNC_RETURN do_thread(void* self);
 
-  std::atomic<std::uint32_t> m_thread{0};  // 0 while no thread is attached
-  ACE_thread_t handle_{};
+  void Run();
+
+  std::atomic<std::uint32_t> m_thread{0};  // the kernel's number; 0 while no thread is attached
+  ACE_thread_t handle_{};                  // the owner's
 };
 
 // A thread that can be told to stop. Stop makes the object idle, and it can be started again.
