@@ -2,7 +2,7 @@
 
 #include <openssl/ssl.h>
 
-#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -10,14 +10,17 @@
 
 #include "broker/CurrentCall.h"
 #include "security/CeldaneStoreClient.h"
+#include "security/CertificateInterceptor.h"
 #include "security/CertificateRegenerationChecker.h"
-#include "threads/Mutex.h"
+#include "security/OpenSsl.h"
+#include "security/TlsWatch.h"
 
 namespace MessageRouter {
 
 // Process-wide holder of the certificate store, the own certificate and name, and the queries about
 // the peer of the call that a thread is serving.
-// Threads: Initialise and LoadCredentials on the main thread; everything else on any.
+// Threads: what works on the store or on a TLS context (Initialise to StoreCredentials),
+// SetCallbacks and Tick on the main thread; everything else on any.
 class CertificateContext {
  public:
   // Made on first use and not replaced afterwards.
@@ -82,8 +85,19 @@ class CertificateContext {
   void SetCertifyAdapter(std::vector<CORBA::Octet> id);
 
  private:
+  friend class CertificateContextAccess;  // tests make contexts of their own
+
   CertificateContext();
-  // to be completed by the implementation
+
+  CeldaneStoreClient::IStore& Store() const;
+  OpenSsl::SslContextPtr checked_;  // filled once, for its checks; no connection uses it
+  std::string privateLocation_;
+  std::string storeLocation_;
+  std::unique_ptr<CeldaneStoreClient::IStore> store_;  // null until Initialise has run
+  const std::unique_ptr<Orvane::ICertificateRegenerationChecker> regenerationChecker_;
+  CertificateInterceptor interceptor_;
+  TlsWatch watch_;
+  Callbacks callbacks_;
 };
 
 }  // namespace MessageRouter

@@ -6,6 +6,7 @@
 namespace Orvane {
 
 // Decides whether a certificate that is still valid must be replaced.
+// Threads: any.
 class ICertificateRegenerationChecker {
  public:
   virtual ~ICertificateRegenerationChecker() = default;
@@ -17,7 +18,9 @@ class ICertificateRegenerationChecker {
   virtual bool SetInitialized(bool value) = 0;
 };
 
-// The router's checker.
+// The router's checker. In this version no certificate is replaced before it expires: both
+// questions are always answered with false, Persist does nothing, and the flags are kept for the
+// life of the process only.
 std::unique_ptr<ICertificateRegenerationChecker> MakeCertificateRegenerationChecker();
 
 }  // namespace Orvane
