@@ -2,19 +2,24 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <limits>
 #include <list>
 #include <map>
+#include <set>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "envelope/Envelope.h"
+#include "routing/EnvelopeIndex.h"
 
 namespace MessageRouter {
 
 // The envelopes that wait for one peer. The highest priority leaves first, and among equals the
 // oldest; what was put back leaves before all.
-// Every operation takes the same time whatever waits, up to the number of different priorities.
+// Every operation takes the same time whatever waits, up to the number of different priorities;
+// TakeExpired looks at all that waits, and only if something can have expired. Beside the envelope
+// itself each one costs about 80 bytes.
 // Threads: the owner's lock guards it. No file is touched here.
 class EnvelopeQueue {
  public:
@@ -39,8 +44,37 @@ class EnvelopeQueue {
   void TakeAll(std::vector<Envelope>& out);  // in the order of leaving
 
  private:
-  // to be completed by the implementation
+  struct Item;
+  using List = std::list<Item>;
+  struct Item : EnvelopeIndex::Link {
+    explicit Item(Envelope held) : envelope(std::move(held)) {}
+
+    Envelope envelope;
+    List::iterator self;
+    std::uint64_t arrival : 62 = 0;
+    bool putBack : 1 = false;
+    bool certification : 1 = false;
+  };
+  struct NearerToExit {
+    bool operator()(const Item* left, const Item* right) const;
+  };
+  static constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+
+  static bool Matches(const Envelope& envelope, const std::string& originator,
+                      std::uint32_t messageId);
+  void Add(List& list, List::iterator place, Envelope envelope, bool putBack);
+  Item* NextItem();
+  Item* Find(const std::string& originator, std::uint32_t messageId);
+  // Moves the envelope to `out` and frees the item.
+  void Remove(Item& item, Envelope& out);
+
+  List putBack_;                                           // the front leaves next
+  std::map<std::uint32_t, List, std::greater<>> waiting_;  // none of the lists is empty
+  EnvelopeIndex index_;                                    // by originator and id
+  std::set<const Item*, NearerToExit> certification_;
   std::size_t count_ = 0;
+  std::uint64_t arrivals_ = 0;
+  std::int64_t earliestTtl_ = kNever;  // nothing in the queue expires before
 };
 
 }  // namespace MessageRouter

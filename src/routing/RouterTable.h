@@ -5,9 +5,12 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "routing/RegEntry.h"
 #include "routing/RouterTableEntry.h"
 #include "threads/Mutex.h"
 
@@ -25,9 +28,10 @@ class FunctionClassBase {
 // unregistering, and a pointer to one stays good until FreeDetached. The same entry can stand under
 // two names: the parent begins under the empty one, which goes on leading to it.
 //
-// Between Clear and the next ReadTable the table is closed: nothing is found, entries are refused,
-// and WriteTable does nothing.
-// Threads: any. Lock order: the table's lock, then an entry's.
+// From the forced write, with which routing stops, until the next ReadTable the table is closed:
+// nothing is found, entries are refused, and WriteTable does nothing.
+// Threads: any. Lock order: the table's lock, then an entry's. The file is read and written while
+// neither is held.
 class RouterTable {
  public:
   // `filePath` is the table file.
@@ -39,29 +43,89 @@ class RouterTable {
   // What displaced or renamed entries held is routed anew through this.
   using Reroute = std::function<void(Envelope)>;
   void SetReroute(Reroute reroute);
+  // Hears of each logoff of a client or child router. Both are set before threads run.
+  using LoggedOffNotice = std::function<void(const std::string& name, bool isRouter)>;
+  void SetLoggedOffNotice(LoggedOffNotice notice);
 
   RouterTableEntry* Find(const std::string& name) const;  // also entries that are not registered
   RouterTableEntry* Parent() const;                       // no lock
-  void Register(const std::string& name, bool isRouter);  // throws AlreadyRegistered
-  void Unregister(const std::string& name);               // throws NotRegistered
+  // Throws AlreadyRegistered; Rejected while the table is closed.
+  void Register(const std::string& name, bool isRouter);
+  void Unregister(const std::string& name);  // throws NotRegistered
   void AddParent(const std::string& name);
   void SetParentName(const std::string& name);
+  // Makes room for a peer that wants a certificate before it is registered. Nothing happens where
+  // the limit of such peers is reached.
   void AddCertificationEntry(const std::string& name);
 
   // Opens the table and fills it from the file; a damaged line ends the reading with one warning.
   void ReadTable(bool createParent);
-  // At most once a minute unless forced; a write that is put off is made by Tick.
+  // At most once a minute unless forced; a write that is put off, or fails, is made by Tick. A
+  // forced one closes the table. The file is replaced whole.
   void WriteTable(bool force);
   void Tick();
   void Scan(FunctionClassBase& function) const;
-  // Empties and closes the table. The entries are detached: their peers are forgotten, but they
-  // stay good until FreeDetached.
+  // Empties and closes the table. The entries are detached: their peers are forgotten, what they
+  // held stays on disk alone, but they stay good until FreeDetached.
   void Clear();
   // Deletes the detached entries. No thread may hold a pointer to one.
   void FreeDetached();
 
  private:
-  // to be completed by the implementation
+  friend class RouterTableEntry;  // PeerLoggedOff
+
+  using SteadyTime = Platform::Clock::SteadyTime;
+  // What one line of the file is made of.
+  struct Row {
+    std::string name;
+    bool isRouter = false;
+    BrelixMessaging::RouterConsumer_var consumer;
+    BrelixMessaging::NotifyConsumer_var notify;
+  };
+
+  RouterTableEntry* FindLocked(const std::string& name) const REQUIRES_SHARED(mutex_);
+  RouterTableEntry& AddLocked(const std::string& name, bool isRouter, bool isParent)
+      REQUIRES(mutex_);
+  // True if one of the free entries has taken the name.
+  bool ReuseFreeEntry(const std::vector<RouterTableEntry*>& free, const std::string& name);
+  void RouteAnew(std::vector<Envelope>& envelopes) const;
+  void PeerLoggedOff(const std::string& name, bool isRouter) const;
+
+  void Restore(const RegEntry& record);
+  // Whether a write may start now; notes it where it may not.
+  bool ClaimWrite(bool force);
+  void WriteDone(bool complete);
+  bool IsClosed() const;
+  // False if the table is closed. Closes it if asked to, in the same step.
+  bool CollectRows(bool close, std::vector<Row>& rows);
+  RegEntry RecordOf(const Row& row);
+  std::string ComposeFile(const std::vector<Row>& rows) REQUIRES(fileMutex_);
+
+  RoutingHost& host_;
+  const std::string filePath_;
+  Reroute reroute_;
+  LoggedOffNotice loggedOffNotice_;
+
+  mutable ThreadHelper::RWMutex mutex_;
+  bool closed_ GUARDED_BY(mutex_) = false;
+  // The parent can stand in it twice, an entry that lost its name not at all.
+  std::map<std::string, RouterTableEntry*> rows_ GUARDED_BY(mutex_);
+  std::vector<std::unique_ptr<RouterTableEntry>> entries_ GUARDED_BY(mutex_);
+  std::vector<std::unique_ptr<RouterTableEntry>> detached_ GUARDED_BY(mutex_);
+  std::atomic<RouterTableEntry*> parent_{nullptr};
+
+  // Writers of the file, one after the other; taken before mutex_.
+  ThreadHelper::Mutex fileMutex_;
+  std::set<std::string> namesWarnedOf_ GUARDED_BY(fileMutex_);
+
+  // A leaf.
+  ThreadHelper::Mutex writeTimeMutex_;
+  std::optional<SteadyTime> lastWrite_ GUARDED_BY(writeTimeMutex_);
+  bool writeOwed_ GUARDED_BY(writeTimeMutex_) = false;
 };
+
+// The records of a table file's text, up to the first line that does not parse, whose number is
+// left in `badLine`; 0 if all do. Empty lines are passed over.
+std::vector<RegEntry> ParseTableFile(const std::string& text, std::size_t& badLine);
 
 }  // namespace MessageRouter

@@ -4,9 +4,12 @@
 
 #include <atomic>
 #include <cstdint>
-#include <stdexcept>
+#include <exception>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "platform/Clock.h"
 #include "routing/EnvelopeQueue.h"
 #include "routing/RoutingHost.h"
 #include "threads/Mutex.h"
@@ -25,8 +28,8 @@ class NoCertificationMessage : public std::exception {
 using LogonGeneration = std::uint64_t;
 
 // One neighbour: a client, a child router or the parent. Directions are named from the peer's side:
-// a passive consumer is pushed to, an active consumer pulls; a passive supplier is polled, an active
-// supplier pushes.
+// a passive consumer is pushed to, an active consumer pulls; a passive supplier is polled, an
+// active supplier pushes.
 //
 // Threads: any; one read-write lock guards the entry. No remote call, no disk access and no call of
 // RoutingHost (leaf locks excepted) happens under it.
@@ -49,15 +52,15 @@ class RouterTableEntry {
     kPollFailed = 6,
   };
   enum ConsumerState : std::uint32_t {
-    kNothingSent = 0,          // active, with a notifier
-    kNoNotification = 1,       // active, no notification to send
-    kNotified = 2,             // active, expected to pull
-    kPushIdle = 3,             // passive
-    kPushBusy = 4,             // passive, a sender is at work
-    kPushFailed = 5,           // passive
-    kNotifying = 6,            // a notification is being sent
-    kNotifyingPulledEmpty = 7, // the peer pulled and found nothing meanwhile
-    kNotifyAgain = 8,          // as 7, and another notification is wanted
+    kNothingSent = 0,           // active, with a notifier
+    kNoNotification = 1,        // active, no notification to send
+    kNotified = 2,              // active, expected to pull
+    kPushIdle = 3,              // passive
+    kPushBusy = 4,              // passive, a sender is at work
+    kPushFailed = 5,            // passive
+    kNotifying = 6,             // a notification is being sent
+    kNotifyingPulledEmpty = 7,  // the peer pulled and found nothing meanwhile
+    kNotifyAgain = 8,           // as 7, and another notification is wanted
   };
 
   // The objects that a logon activated for the peer; nil where none is owed.
@@ -171,7 +174,87 @@ class RouterTableEntry {
   bool PullTimedOut() const;
 
  private:
-  // to be completed by the implementation
+  friend class RouterTable;  // Detach and the outcome of MarkUnregistered
+  friend class Routing;      // TryEnqueue, PopUnroutable
+
+  using SteadyTime = Platform::Clock::SteadyTime;
+
+  // What a Reset took out of the entry, for Finish once no lock is held.
+  struct Dismissed {
+    PeerReferences references;
+    LocalPeerObjects objects;
+    bool parentLinkLost = false;
+  };
+  // The notice that a logoff owes.
+  struct LogoffNotice {
+    bool due = false;
+    bool isRouter = false;
+    std::string name;
+  };
+  // Activated objects that no session owns yet.
+  class PendingObjects;
+
+  void ResetLocked(Dismissed& dismissed) REQUIRES(lock_);
+  // Deactivates and tells the parent logon; swallows what fails on the way.
+  void Finish(Dismissed& dismissed);
+  bool RoutableLocked(const std::string& name) const REQUIRES_SHARED(lock_);
+
+  // Both return whether the entry was registered; the caller runs Finish when it holds no lock.
+  bool MarkUnregistered(Dismissed& dismissed);
+  // The table forgets this entry: it takes nothing from here on, and nobody can log on to it.
+  void Detach(Dismissed& dismissed, std::vector<Envelope>& leftovers);
+  // As Enqueue, but moves the envelope in; left as it is where false is returned.
+  bool TryEnqueue(Envelope& envelope, const std::string& name);
+  // Pops only while the entry takes no envelopes under its name.
+  bool PopUnroutable(Envelope& out);
+
+  LocalPeerObjects LogonPeer(bool isRouter, PeerReferences& references, std::int32_t threshold,
+                             bool loggingOn);
+  void ActivateObjects(bool isRouter, const PeerReferences& references, LocalPeerObjects& objects);
+  // After a failed activation: the old session is gone, as if it had been reset first.
+  void AbandonLogon(LogonGeneration before);
+  std::string ApplyReferencesLocked(std::int32_t threshold, const Thresholds& thresholds)
+      REQUIRES(lock_);
+  void LogoffLocked(Dismissed& dismissed, LogoffNotice& notice) REQUIRES(lock_);
+  void AnnounceLogoff(const LogoffNotice& notice);
+
+  std::uint32_t RandomisedLocked(std::uint32_t interval, bool randomise) REQUIRES(lock_);
+  void unsafe_enablePolling(const Thresholds& thresholds) REQUIRES(lock_);
+  void TouchLastPullLocked() REQUIRES(lock_);
+  bool CountsPulls() const;  // the states in which lastPull applies
+  bool NotificationRunningLocked() const REQUIRES_SHARED(lock_);
+
+  RouterTable& table_;
+  RoutingHost& host_;
+  const bool isParent_;
+
+  mutable ThreadHelper::RWMutex lock_;
+
+  // Written under the lock, read without it.
+  std::atomic<bool> registered_{false};
+  std::atomic<bool> isRouter_;
+  std::atomic<std::uint32_t> logonState_{kNeverUsed};
+  std::atomic<std::uint32_t> supplierState_{kNoSupplier};
+  std::atomic<std::uint32_t> consumerState_{kNothingSent};
+  std::atomic<LogonGeneration> generation_{0};
+  std::atomic<bool> hasNotifyConsumer_{false};
+
+  EnvelopeQueue envelopes_ GUARDED_BY(lock_);
+  std::string name_ GUARDED_BY(lock_);
+  bool detached_ GUARDED_BY(lock_) = false;
+  PeerReferences references_ GUARDED_BY(lock_);
+  LocalPeerObjects local_ GUARDED_BY(lock_);
+
+  std::int32_t notificationThreshold_ GUARDED_BY(lock_) = 0;
+  std::optional<SteadyTime> nextNotification_ GUARDED_BY(lock_);  // nothing: at once
+  std::uint32_t notificationRetry_ GUARDED_BY(lock_) = 0;         // seconds; 0 before a failure
+  std::optional<SteadyTime> lastPull_ GUARDED_BY(lock_);          // nothing: not applicable
+
+  std::optional<SteadyTime> lastGet_ GUARDED_BY(lock_);  // nothing: a poll is due at once
+  SteadyTime shortPollDeadline_ GUARDED_BY(lock_){};
+  std::uint32_t pollInterval_ GUARDED_BY(lock_) = 0;  // seconds
+  std::uint32_t expectedResponses_ GUARDED_BY(lock_) = 0;
+  std::uint32_t randomSeed_ GUARDED_BY(lock_);
 };
 
 }  // namespace MessageRouter

@@ -2,7 +2,6 @@
 
 #include <BrelixMessaging.h>
 
-#include <atomic>
 #include <memory>
 #include <string>
 
@@ -17,7 +16,11 @@ namespace MessageRouter {
 // Threads: any, RouteNext excepted, which belongs to the route thread.
 class Routing {
  public:
+  // The table's leftovers and notices come here while this lives.
   Routing(RoutingHost& host, RouterTable& table);
+  ~Routing();
+  Routing(const Routing&) = delete;
+  Routing& operator=(const Routing&) = delete;
 
   RouterTable& Table() { return table_; }
   RoutingHost& Host() { return host_; }
@@ -33,6 +36,7 @@ class Routing {
   bool CancelInRouteQueue(const std::string& originator, std::uint32_t messageId);
   void EmptyRouteQueue();
   std::size_t RouteQueueSize() const;
+  // The entry to which a name leads, or null: its own, or that of the child on the way to it.
   RouterTableEntry* FindRoute(const std::string& name);
 
   // Both write the table file and tell subscribers; AlreadyRegistered and NotRegistered go through.
@@ -57,6 +61,11 @@ class Routing {
                         const CORBA::Any& data, std::uint32_t priority, std::int64_t ttl);
 
  private:
+  // `reachedAs` is the name under which the entry was found.
+  RouterTableEntry* FindRoute(const std::string& name, std::string& reachedAs);
+  RouterTableEntry& FindForLogon(const std::string& name);
+  void TellParent(const std::string& event, const CORBA::Any& data);
+
   RoutingHost& host_;
   RouterTable& table_;
   RouteQueue queue_;

@@ -1,9 +1,6 @@
 #pragma once
 
-#include <functional>
 #include <string>
-
-#include "threads/Mutex.h"
 
 namespace MessageRouter {
 
@@ -20,7 +17,8 @@ class UpdateNotifier {
   void Logoff(const std::string& name);
 
  private:
-  bool isRouters_;
+  // Which pair of notices this one sends.
+  [[maybe_unused]] bool isRouters_;
 };
 
 }  // namespace MessageRouter

@@ -1,0 +1,56 @@
+#include "routing/RouteQueue.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+namespace MessageRouter {
+
+RouteQueue::RouteQueue() : condition_(mutex_) {}
+
+void RouteQueue::Append(Envelope envelope) {
+  ThreadHelper::Guard guard(mutex_);
+  if (!guard) return;
+  queue_.push_back(std::move(envelope));
+  condition_.Broadcast();
+}
+
+bool RouteQueue::Take(unsigned seconds, unsigned milliseconds, Envelope& out) {
+  ThreadHelper::Guard guard(mutex_);
+  if (!guard) return false;
+  if (queue_.empty()) {
+    condition_.WaitFor(std::chrono::seconds(seconds) + std::chrono::milliseconds(milliseconds));
+    if (queue_.empty()) return false;
+  }
+  out = std::move(queue_.front());
+  queue_.pop_front();
+  return true;
+}
+
+bool RouteQueue::TakeMatching(const std::string& originator, std::uint32_t messageId,
+                              Envelope& out) {
+  ThreadHelper::Guard guard(mutex_);
+  if (!guard) return false;
+  const auto found = std::find_if(queue_.begin(), queue_.end(), [&](const Envelope& envelope) {
+    return envelope.MessageId() == messageId && envelope.Originator() == originator;
+  });
+  if (found == queue_.end()) return false;
+  out = std::move(*found);
+  queue_.erase(found);
+  return true;
+}
+
+void RouteQueue::Empty() {
+  // A new one, so that the memory of a long queue goes too, and outside of the lock.
+  std::deque<Envelope> dropped;
+  ThreadHelper::Guard guard(mutex_);
+  if (!guard) return;
+  dropped.swap(queue_);
+}
+
+std::size_t RouteQueue::Size() const {
+  ThreadHelper::Guard guard(mutex_);
+  return guard ? queue_.size() : 0;
+}
+
+}  // namespace MessageRouter

@@ -1,0 +1,182 @@
+#include "routing/RouterTable.h"
+
+#include <utility>
+
+#include "config/Configuration.h"
+#include "routing/FindFreeEntries.h"
+
+namespace MessageRouter {
+
+using ThreadHelper::ReadGuard;
+using ThreadHelper::WriteGuard;
+
+RouterTable::RouterTable(RoutingHost& host, std::string filePath)
+    : host_(host), filePath_(std::move(filePath)) {}
+
+RouterTable::~RouterTable() = default;
+
+void RouterTable::SetReroute(Reroute reroute) {
+  reroute_ = std::move(reroute);
+}
+
+void RouterTable::SetLoggedOffNotice(LoggedOffNotice notice) {
+  loggedOffNotice_ = std::move(notice);
+}
+
+void RouterTable::RouteAnew(std::vector<Envelope>& envelopes) const {
+  if (!reroute_) return;
+  for (Envelope& envelope : envelopes) reroute_(std::move(envelope));
+}
+
+void RouterTable::PeerLoggedOff(const std::string& name, bool isRouter) const {
+  if (loggedOffNotice_) loggedOffNotice_(name, isRouter);
+}
+
+// While the table is closed there are no rows.
+RouterTableEntry* RouterTable::FindLocked(const std::string& name) const {
+  if (closed_) return nullptr;
+  const auto row = rows_.find(name);
+  return row == rows_.end() ? nullptr : row->second;
+}
+
+RouterTableEntry& RouterTable::AddLocked(const std::string& name, bool isRouter, bool isParent) {
+  entries_.push_back(std::make_unique<RouterTableEntry>(name, isRouter, isParent, *this, host_));
+  RouterTableEntry& entry = *entries_.back();
+  rows_[name] = &entry;
+  return entry;
+}
+
+RouterTableEntry* RouterTable::Find(const std::string& name) const {
+  ReadGuard guard(mutex_);
+  return guard ? FindLocked(name) : nullptr;
+}
+
+RouterTableEntry* RouterTable::Parent() const {
+  return parent_;
+}
+
+bool RouterTable::IsClosed() const {
+  ReadGuard guard(mutex_);
+  return !guard || closed_;
+}
+
+void RouterTable::Register(const std::string& name, bool isRouter) {
+  const RouterTableEntry* known = Find(name);
+  if (known != nullptr && known->IsRegistered()) throw BrelixMessaging::AlreadyRegistered();
+  WriteGuard guard(mutex_);
+  if (!guard) return;
+  if (closed_) throw BrelixMessaging::Rejected();
+  RouterTableEntry* entry = FindLocked(name);
+  if (entry == nullptr) {
+    entry = &AddLocked(name, isRouter, false);
+  } else if (entry->IsRegistered()) {
+    throw BrelixMessaging::AlreadyRegistered();
+  }
+  entry->MarkRegistered(isRouter);
+}
+
+void RouterTable::Unregister(const std::string& name) {
+  RouterTableEntry* entry = nullptr;
+  RouterTableEntry::Dismissed dismissed;
+  {
+    // Held until the entry is marked: a forced write sees the peer as it is told that it is.
+    ReadGuard guard(mutex_);
+    if (!guard) return;
+    entry = FindLocked(name);
+    if (entry == nullptr || !entry->IsRegistered() || !entry->MarkUnregistered(dismissed)) {
+      throw BrelixMessaging::NotRegistered();
+    }
+  }
+  entry->Finish(dismissed);
+}
+
+void RouterTable::AddParent(const std::string& name) {
+  WriteGuard guard(mutex_);
+  if (!guard || closed_ || FindLocked(name) != nullptr) return;
+  RouterTableEntry& entry = AddLocked(name, true, true);
+  entry.MarkRegistered(true);
+  parent_ = &entry;
+}
+
+void RouterTable::SetParentName(const std::string& name) {
+  RouterTableEntry* displaced = nullptr;
+  RouterTableEntry::Dismissed dismissed;
+  std::vector<Envelope> leftovers;
+  {
+    WriteGuard guard(mutex_);
+    if (!guard || closed_) return;
+    RouterTableEntry* const parent = parent_;
+    if (parent == nullptr || parent->Name() == name) return;
+    parent->SetName(name);
+    RouterTableEntry*& row = rows_[name];
+    if (row != nullptr && row != parent) displaced = row;
+    row = parent;
+    // Nothing leads to it any more; whoever found it before must not leave an envelope there.
+    if (displaced != nullptr) displaced->Detach(dismissed, leftovers);
+  }
+  if (displaced != nullptr) displaced->Finish(dismissed);
+  RouteAnew(leftovers);
+}
+
+bool RouterTable::ReuseFreeEntry(const std::vector<RouterTableEntry*>& free,
+                                 const std::string& name) {
+  std::vector<Envelope> leftovers;
+  bool reused = false;
+  {
+    WriteGuard guard(mutex_);
+    if (!guard || closed_) return false;
+    if (FindLocked(name) != nullptr) return true;
+    for (RouterTableEntry* entry : free) {
+      const std::string former = entry->Name();
+      if (!entry->TakeOver(name, leftovers)) continue;
+      rows_.erase(former);
+      rows_[name] = entry;
+      reused = true;
+      break;
+    }
+  }
+  RouteAnew(leftovers);
+  return reused;
+}
+
+void RouterTable::AddCertificationEntry(const std::string& name) {
+  if (Find(name) != nullptr) return;
+  FindFreeEntries entries;
+  Scan(entries);
+  if (ReuseFreeEntry(entries.Free(), name)) return;
+  const std::uint32_t limit = GetConfigInt("ActiveCertificationLogonLimit", 0);
+  if (limit != 0 && entries.Active() >= limit) return;
+  WriteGuard guard(mutex_);
+  if (!guard || closed_ || FindLocked(name) != nullptr) return;
+  AddLocked(name, false, false);
+}
+
+void RouterTable::Scan(FunctionClassBase& function) const {
+  ReadGuard guard(mutex_);
+  if (!guard || closed_) return;
+  for (const auto& [name, entry] : rows_) function(name, *entry);
+}
+
+void RouterTable::Clear() {
+  // Released, and their envelopes freed, when no lock is held.
+  std::vector<RouterTableEntry::Dismissed> dismissed;
+  std::vector<Envelope> leftovers;
+  WriteGuard guard(mutex_);
+  if (!guard) return;
+  closed_ = true;
+  parent_ = nullptr;
+  rows_.clear();
+  for (std::unique_ptr<RouterTableEntry>& entry : entries_) {
+    entry->Detach(dismissed.emplace_back(), leftovers);
+    detached_.push_back(std::move(entry));
+  }
+  entries_.clear();
+}
+
+void RouterTable::FreeDetached() {
+  std::vector<std::unique_ptr<RouterTableEntry>> freed;
+  WriteGuard guard(mutex_);
+  if (guard) freed.swap(detached_);
+}
+
+}  // namespace MessageRouter

@@ -1,0 +1,220 @@
+#include "routing/RouterTableEntry.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "routing/Routing.h"
+
+namespace MessageRouter {
+
+using ThreadHelper::ReadGuard;
+using ThreadHelper::WriteGuard;
+
+namespace {
+constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
+}
+
+RouterTableEntry::RouterTableEntry(const std::string& name, bool isRouter, bool isParent,
+                                   RouterTable& table, RoutingHost& host)
+    : table_(table),
+      host_(host),
+      isParent_(isParent),
+      isRouter_(isRouter),
+      name_(name),
+      randomSeed_(static_cast<std::uint32_t>(Platform::Clock::Instance().WallMicroseconds() %
+                                             kMicrosecondsPerSecond)) {}
+
+RouterTableEntry::~RouterTableEntry() = default;
+
+std::string RouterTableEntry::Name() const {
+  ReadGuard guard(lock_);
+  return guard ? name_ : std::string();
+}
+
+bool RouterTableEntry::IsRegistered() const {
+  return registered_;
+}
+
+bool RouterTableEntry::IsParent() const {
+  return isParent_;
+}
+
+bool RouterTableEntry::IsRouter() const {
+  return isRouter_;
+}
+
+bool RouterTableEntry::IsLoggedOn() const {
+  const std::uint32_t state = logonState_;
+  return state == kLoggedOn || state == kCertification || state == kCertificationReserved;
+}
+
+bool RouterTableEntry::IsRoutable() const {
+  return registered_ || logonState_ == kCertification;
+}
+
+bool RouterTableEntry::IsPassiveConsumer() const {
+  if (logonState_ != kLoggedOn) return false;
+  const std::uint32_t state = consumerState_;
+  return state == kPushIdle || state == kPushBusy;
+}
+
+bool RouterTableEntry::HasEnvelopes() const {
+  ReadGuard guard(lock_);
+  return guard && !envelopes_.Empty();
+}
+
+std::uint32_t RouterTableEntry::GetLogonState() const {
+  return logonState_;
+}
+
+std::uint32_t RouterTableEntry::GetSupplierState() const {
+  return supplierState_;
+}
+
+std::uint32_t RouterTableEntry::GetConsumerState() const {
+  return consumerState_;
+}
+
+LogonGeneration RouterTableEntry::Generation() const {
+  return generation_;
+}
+
+RouterTableEntry::PeerReferences RouterTableEntry::References() const {
+  ReadGuard guard(lock_);
+  return guard ? references_ : PeerReferences();
+}
+
+bool RouterTableEntry::HasNotifyConsumer() const {
+  return hasNotifyConsumer_;
+}
+
+// The parent takes what is sent up even while its name is not registered.
+bool RouterTableEntry::RoutableLocked(const std::string& name) const {
+  return !detached_ && name == name_ && (isParent_ || IsRoutable());
+}
+
+bool RouterTableEntry::Enqueue(const Envelope& envelope, const std::string& name) {
+  Envelope copy = envelope;
+  return TryEnqueue(copy, name);
+}
+
+bool RouterTableEntry::TryEnqueue(Envelope& envelope, const std::string& name) {
+  WriteGuard guard(lock_);
+  if (!guard || !RoutableLocked(name)) return false;
+  envelopes_.Enqueue(std::move(envelope));
+  return true;
+}
+
+bool RouterTableEntry::Requeue(const Envelope& envelope, const std::string& name) {
+  WriteGuard guard(lock_);
+  if (!guard || !RoutableLocked(name)) return false;
+  envelopes_.Requeue(envelope);
+  return true;
+}
+
+bool RouterTableEntry::PopNext(Envelope& out) {
+  WriteGuard guard(lock_);
+  return guard && envelopes_.PopNext(out);
+}
+
+bool RouterTableEntry::PeekNext(Envelope& out) {
+  WriteGuard guard(lock_);
+  const Envelope* next = guard ? envelopes_.Next() : nullptr;
+  if (next == nullptr) return false;
+  out = *next;
+  return true;
+}
+
+void RouterTableEntry::PeekCertification(Envelope& out) {
+  WriteGuard guard(lock_);
+  const Envelope* next = guard ? envelopes_.NextCertification() : nullptr;
+  if (next == nullptr) throw NoCertificationMessage();
+  out = *next;
+}
+
+bool RouterTableEntry::Cancel(const std::string& originator, std::uint32_t messageId) {
+  Envelope cancelled;
+  {
+    WriteGuard guard(lock_);
+    if (!guard || !envelopes_.Take(originator, messageId, cancelled)) return false;
+  }
+  cancelled.Retire();
+  return true;
+}
+
+void RouterTableEntry::RetireExpired() {
+  std::vector<Envelope> expired;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return;
+    envelopes_.TakeExpired(expired);
+  }
+  for (Envelope& envelope : expired) {
+    ReportDeliveryFailure(envelope, "Timeout");
+    envelope.Retire();
+  }
+}
+
+std::vector<Envelope> RouterTableEntry::TakeAll() {
+  std::vector<Envelope> taken;
+  WriteGuard guard(lock_);
+  if (guard) envelopes_.TakeAll(taken);
+  return taken;
+}
+
+bool RouterTableEntry::PopUnroutable(Envelope& out) {
+  WriteGuard guard(lock_);
+  return guard && !RoutableLocked(name_) && envelopes_.PopNext(out);
+}
+
+void RouterTableEntry::MarkRegistered(bool isRouter) {
+  WriteGuard guard(lock_);
+  if (!guard || detached_) return;
+  // Whoever is logged on for certification is not logged on any more.
+  ++generation_;
+  isRouter_ = isRouter;
+  supplierState_ = kNoSupplier;
+  consumerState_ = kNothingSent;
+  logonState_ = kLoggedOff;
+  registered_ = true;
+}
+
+void RouterTableEntry::MarkUnregistered() {
+  Dismissed dismissed;
+  MarkUnregistered(dismissed);
+  Finish(dismissed);
+}
+
+bool RouterTableEntry::MarkUnregistered(Dismissed& dismissed) {
+  WriteGuard guard(lock_);
+  if (!guard) return false;
+  ResetLocked(dismissed);
+  return registered_.exchange(false);
+}
+
+void RouterTableEntry::Detach(Dismissed& dismissed, std::vector<Envelope>& leftovers) {
+  WriteGuard guard(lock_);
+  if (!guard) return;
+  detached_ = true;
+  ResetLocked(dismissed);
+  registered_ = false;
+  envelopes_.TakeAll(leftovers);
+}
+
+bool RouterTableEntry::TakeOver(const std::string& name, std::vector<Envelope>& leftovers) {
+  WriteGuard guard(lock_);
+  if (!guard || detached_ || isParent_ || registered_ || IsLoggedOn()) return false;
+  ++generation_;
+  envelopes_.TakeAll(leftovers);
+  name_ = name;
+  logonState_ = kCertificationReserved;
+  return true;
+}
+
+void RouterTableEntry::SetName(const std::string& name) {
+  if (!isParent_) throw std::logic_error("Only the parent TableEntry name may be changed");
+  WriteGuard guard(lock_);
+  if (guard) name_ = name;
+}
+
+}  // namespace MessageRouter

@@ -1,0 +1,156 @@
+// The way out: pushing to a peer, and telling a peer that fetches for itself that something waits.
+#include <algorithm>
+#include <chrono>
+
+#include "routing/RouterTableEntry.h"
+
+namespace MessageRouter {
+
+using ThreadHelper::ReadGuard;
+using ThreadHelper::WriteGuard;
+
+namespace {
+
+Platform::Clock::SteadyTime Now() {
+  return Platform::Clock::Instance().SteadyNow();
+}
+
+}  // namespace
+
+RouterTableEntry::Claim RouterTableEntry::ClaimForSending() {
+  Claim claim;
+  WriteGuard guard(lock_);
+  claim.generation = generation_;
+  if (!guard || logonState_ != kLoggedOn || consumerState_ != kPushIdle) return claim;
+  consumerState_ = kPushBusy;
+  claim.acquired = true;
+  return claim;
+}
+
+// The state and the look at the queue belong together: an envelope that comes after it finds the
+// entry idle, and its own visit sends it.
+void RouterTableEntry::SendFinished(LogonGeneration generation) {
+  {
+    WriteGuard guard(lock_);
+    if (!guard || generation != generation_ || consumerState_ != kPushBusy) return;
+    consumerState_ = kPushIdle;
+    if (envelopes_.Empty()) return;
+  }
+  host_.OfferToSenders(*this);
+}
+
+void RouterTableEntry::SendFailed(LogonGeneration generation) {
+  WriteGuard guard(lock_);
+  if (!guard || generation != generation_) return;
+  consumerState_ = kPushFailed;
+}
+
+RouterTableEntry::Claim RouterTableEntry::NotificationWanted() {
+  Claim claim;
+  WriteGuard guard(lock_);
+  claim.generation = generation_;
+  if (!guard) return claim;
+  const std::uint32_t state = consumerState_;
+  const Envelope* next = envelopes_.Next();
+  if (logonState_ == kLoggedOn && !CORBA::is_nil(references_.notifyConsumer) &&
+      (state == kNothingSent || state == kNotified) && next != nullptr &&
+      static_cast<std::int32_t>(next->Priority()) >= notificationThreshold_) {
+    consumerState_ = kNotifying;
+    claim.acquired = true;
+  } else if (state == kNotifyingPulledEmpty) {
+    consumerState_ = kNotifyAgain;
+  }
+  return claim;
+}
+
+RouterTableEntry::Claim RouterTableEntry::NotificationRetryDue() {
+  const Thresholds thresholds = host_.GetThresholds();
+  Claim claim;
+  WriteGuard guard(lock_);
+  claim.generation = generation_;
+  if (!guard || logonState_ != kLoggedOn || CORBA::is_nil(references_.notifyConsumer)) return claim;
+  if (consumerState_ != kNothingSent && consumerState_ != kNoNotification) return claim;
+  const SteadyTime now = Now();
+  if (nextNotification_ && now <= *nextNotification_) return claim;
+  const std::uint64_t wanted = notificationRetry_ == 0
+                                   ? thresholds.notificationThresholdInitialRetrySecs
+                                   : std::uint64_t{notificationRetry_} * 2;
+  notificationRetry_ = static_cast<std::uint32_t>(
+      std::min<std::uint64_t>(wanted, thresholds.notificationThresholdMaxRetrySecs));
+  nextNotification_ = now + std::chrono::seconds(notificationRetry_);
+  consumerState_ = kNotifying;
+  claim.acquired = true;
+  return claim;
+}
+
+bool RouterTableEntry::NotificationRunningLocked() const {
+  const std::uint32_t state = consumerState_;
+  return state == kNotifying || state == kNotifyingPulledEmpty || state == kNotifyAgain;
+}
+
+void RouterTableEntry::NotificationAccepted(LogonGeneration generation, std::int32_t threshold) {
+  WriteGuard guard(lock_);
+  if (!guard || generation != generation_ || !NotificationRunningLocked()) return;
+  consumerState_ = kNotified;
+  notificationThreshold_ = threshold;
+  TouchLastPullLocked();
+}
+
+void RouterTableEntry::NotificationFailed(LogonGeneration generation) {
+  const Thresholds thresholds = host_.GetThresholds();
+  WriteGuard guard(lock_);
+  if (!guard || generation != generation_ || !NotificationRunningLocked()) return;
+  consumerState_ = kNoNotification;
+  notificationRetry_ = thresholds.notificationThresholdInitialRetrySecs;
+  nextNotification_ = Now() + std::chrono::seconds(notificationRetry_);
+}
+
+void RouterTableEntry::ThresholdCallFailed(LogonGeneration generation) {
+  WriteGuard guard(lock_);
+  if (!guard || generation != generation_ || !NotificationRunningLocked()) return;
+  consumerState_ = kNoNotification;
+}
+
+bool RouterTableEntry::NotificationFinished(LogonGeneration generation) {
+  WriteGuard guard(lock_);
+  if (!guard || generation != generation_) return false;
+  TouchLastPullLocked();
+  if (!NotificationRunningLocked()) return false;
+  const bool again = consumerState_ == kNotifyAgain;
+  consumerState_ = kNotified;
+  return again;
+}
+
+void RouterTableEntry::EnvelopePulledWithNothingThere() {
+  WriteGuard guard(lock_);
+  if (guard && consumerState_ == kNotifying) consumerState_ = kNotifyingPulledEmpty;
+}
+
+bool RouterTableEntry::CountsPulls() const {
+  if (!IsLoggedOn()) return false;
+  const std::uint32_t state = consumerState_;
+  return state == kNothingSent || state == kNoNotification || state == kNotified ||
+         state == kNotifying;
+}
+
+void RouterTableEntry::TouchLastPull() {
+  WriteGuard guard(lock_);
+  if (guard) TouchLastPullLocked();
+}
+
+void RouterTableEntry::TouchLastPullLocked() {
+  if (CountsPulls()) {
+    lastPull_ = Now();
+  } else {
+    lastPull_.reset();
+  }
+}
+
+bool RouterTableEntry::PullTimedOut() const {
+  if (!isRouter_ || !CountsPulls()) return false;
+  const std::chrono::seconds limit(host_.GetThresholds().activeConsumerConnectionTimeout);
+  ReadGuard guard(lock_);
+  return guard && CountsPulls() && lastPull_ && Now() - *lastPull_ > limit;
+}
+
+}  // namespace MessageRouter

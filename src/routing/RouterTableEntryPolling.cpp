@@ -1,0 +1,180 @@
+// Polling: when this router asks a peer for its envelopes.
+#include <ace/OS_NS_stdlib.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "logging/Log.h"
+#include "routing/RouterTableEntry.h"
+
+namespace MessageRouter {
+
+using ThreadHelper::WriteGuard;
+
+namespace {
+
+constexpr std::uint32_t kRandomMaximum = 32767;
+
+Platform::Clock::SteadyTime Now() {
+  return Platform::Clock::Instance().SteadyNow();
+}
+
+// The spread is meant for numbers of 15 bits; the high half of what comes here is the better one.
+std::uint32_t NextRandom(std::uint32_t& seed) {
+  return (static_cast<std::uint32_t>(ACE_OS::rand_r(&seed)) >> 16) & kRandomMaximum;
+}
+
+}  // namespace
+
+std::uint32_t RouterTableEntry::RandomisedLocked(std::uint32_t interval, bool randomise) {
+  if (!randomise || interval == 0) return interval;
+  interval = std::min(interval, kRandomMaximum);
+  return NextRandom(randomSeed_) / (kRandomMaximum / interval) + interval / 2;
+}
+
+void RouterTableEntry::unsafe_enablePolling(const Thresholds& thresholds) {
+  supplierState_ = kPollWaiting;
+  if (expectedResponses_ != 0) {
+    pollInterval_ =
+        RandomisedLocked(thresholds.getterShortInterval, thresholds.randomizeGetterInterval);
+    shortPollDeadline_ = Now() + std::chrono::seconds(thresholds.getterInterval);
+  } else {
+    pollInterval_ = RandomisedLocked(thresholds.getterInterval, thresholds.randomizeGetterInterval);
+  }
+}
+
+void RouterTableEntry::responseExpected() {
+  const Thresholds thresholds = host_.GetThresholds();
+  std::uint32_t interval = 0;
+  std::string name;
+  bool changed = false;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return;
+    changed = expectedResponses_ == 0 && logonState_ == kLoggedOn;
+    if (changed) {
+      pollInterval_ =
+          RandomisedLocked(thresholds.getterShortInterval, thresholds.randomizeGetterInterval);
+      interval = pollInterval_;
+      name = name_;
+    }
+    ++expectedResponses_;
+    shortPollDeadline_ = Now() + std::chrono::seconds(thresholds.getterInterval);
+  }
+  if (!changed) return;
+  LogDebug("RouterTableEntry::responseExpected(): set polling interval to %u seconds for %s\n",
+           interval, name.c_str());
+}
+
+void RouterTableEntry::responseNotRequired() {
+  const Thresholds thresholds = host_.GetThresholds();
+  std::uint32_t interval = 0;
+  std::string name;
+  bool changed = false;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return;
+    changed = expectedResponses_ == 1 && logonState_ == kLoggedOn;
+    if (changed) {
+      pollInterval_ =
+          RandomisedLocked(thresholds.getterInterval, thresholds.randomizeGetterInterval);
+      interval = pollInterval_;
+      name = name_;
+    }
+    if (expectedResponses_ != 0) --expectedResponses_;
+  }
+  if (!changed) return;
+  LogDebug("RouterTableEntry::responseNotRequired(): set polling interval to %u seconds for %s\n",
+           interval, name.c_str());
+}
+
+bool RouterTableEntry::readyForTimedPoll() {
+  // The scan asks this of every entry; most are no passive suppliers.
+  if (supplierState_ != kPollWaiting) return false;
+  const Thresholds thresholds = host_.GetThresholds();
+  std::uint32_t resetInterval = 0;
+  std::uint32_t waited = 0;
+  std::uint32_t nextInterval = 0;
+  std::string name;
+  bool reset = false;
+  bool due = false;
+  {
+    WriteGuard guard(lock_);
+    if (!guard || logonState_ != kLoggedOn || supplierState_ != kPollWaiting) return false;
+    const SteadyTime now = Now();
+    if (expectedResponses_ != 0 && now >= shortPollDeadline_) {
+      reset = true;
+      expectedResponses_ = 0;
+      pollInterval_ =
+          RandomisedLocked(thresholds.getterInterval, thresholds.randomizeGetterInterval);
+      resetInterval = pollInterval_;
+    }
+    due = !lastGet_ || now - *lastGet_ >= std::chrono::seconds(pollInterval_);
+    if (due) {
+      supplierState_ = kPollDue;
+      waited = pollInterval_;
+      pollInterval_ = RandomisedLocked(
+          expectedResponses_ != 0 ? thresholds.getterShortInterval : thresholds.getterInterval,
+          thresholds.randomizeGetterInterval);
+      nextInterval = pollInterval_;
+    }
+    if (reset || due) name = name_;
+  }
+  if (reset) {
+    LogDebug(
+        "RouterTableEntry::readyForTimedPoll(): reset current polling interval to %u seconds for "
+        "%s\n",
+        resetInterval, name.c_str());
+  }
+  if (due) {
+    LogDebug("RouterTableEntry::readyForTimedPoll(): waited %u seconds for poll of %s\n", waited,
+             name.c_str());
+    LogDebug(
+        "RouterTableEntry::readyForTimedPoll(): set next polling interval to %u seconds for %s\n",
+        nextInterval, name.c_str());
+  }
+  return due;
+}
+
+bool RouterTableEntry::readyForNotifiedPoll() {
+  std::string name;
+  {
+    WriteGuard guard(lock_);
+    if (!guard || logonState_ != kLoggedOn || supplierState_ != kPollWaiting) return false;
+    supplierState_ = kPollNotified;
+    name = name_;
+  }
+  LogDebug("RouterTableEntry::readyForNotifiedPoll(): await poll of %s\n", name.c_str());
+  return true;
+}
+
+RouterTableEntry::Claim RouterTableEntry::ClaimForPolling() {
+  Claim claim;
+  WriteGuard guard(lock_);
+  claim.generation = generation_;
+  if (!guard || logonState_ != kLoggedOn) return claim;
+  if (supplierState_ != kPollNotified && supplierState_ != kPollDue) return claim;
+  supplierState_ = kPollRunning;
+  claim.acquired = true;
+  return claim;
+}
+
+void RouterTableEntry::successfulGet(LogonGeneration generation) {
+  std::string name;
+  {
+    WriteGuard guard(lock_);
+    if (!guard || generation != generation_) return;
+    supplierState_ = kPollWaiting;
+    lastGet_ = Now();
+    name = name_;
+  }
+  LogDebug("RouterTableEntry::successfulGet(): re-started polling interval for %s\n", name.c_str());
+}
+
+void RouterTableEntry::failedGet(LogonGeneration generation) {
+  WriteGuard guard(lock_);
+  if (!guard || generation != generation_) return;
+  supplierState_ = kPollFailed;
+}
+
+}  // namespace MessageRouter

@@ -1,0 +1,260 @@
+#include "routing/Routing.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <string_view>
+#include <utility>
+
+#include "envelope/Address.h"
+#include "envelope/MessageType.h"
+#include "logging/Log.h"
+#include "security/OwnIdentity.h"
+
+namespace MessageRouter {
+
+namespace {
+
+// Whichever router holds the envelope.
+constexpr char kThisRouter[] = ":";
+// The parent of whichever router makes the envelope: it need not know the parent's name.
+constexpr char kParentAddress[] = ":.:";
+
+bool ContainsIgnoringCase(std::string_view text, std::string_view part) {
+  const auto same = [](unsigned char left, unsigned char right) {
+    return std::tolower(left) == std::tolower(right);
+  };
+  return std::search(text.begin(), text.end(), part.begin(), part.end(), same) != text.end();
+}
+
+bool IsThisRouter(const std::string& hop) {
+  if (hop == kThisRouter) return true;
+  return !hop.empty() && hop == OwnIdentity::CommonName();
+}
+
+std::atomic<Routing*> currentCycle{nullptr};
+
+}  // namespace
+
+Routing* Cycle::Current() {
+  return currentCycle;
+}
+
+void Cycle::Set(Routing* routing) {
+  currentCycle = routing;
+}
+
+void ReportDeliveryFailure(const Envelope& envelope, const char* reason) {
+  const std::string type = envelope.Type();
+  if (IsSystemType(type) && ContainsIgnoringCase(type, "DeliveryFailed")) return;
+  LogWarning("Delivery failed(%s) for message type %s, originator %s", reason, type.c_str(),
+             envelope.Originator().c_str());
+}
+
+void DispatchLocal(Envelope& envelope, RouterTable&, Logical*) {
+  LogWarning("Messages for this router itself are not handled in this version: %s\n",
+             envelope.Describe().c_str());
+}
+
+Routing::Routing(RoutingHost& host, RouterTable& table) : host_(host), table_(table) {
+  table_.SetReroute([this](Envelope envelope) { QueueForRouting(std::move(envelope)); });
+  table_.SetLoggedOffNotice([this](const std::string& name, bool isRouter) {
+    (isRouter ? routerUpdateNotifier_ : clientUpdateNotifier_).Logoff(name);
+  });
+}
+
+Routing::~Routing() {
+  table_.SetReroute(nullptr);
+  table_.SetLoggedOffNotice(nullptr);
+}
+
+void Routing::SetLogical(std::unique_ptr<Logical> logical) {
+  logical_ = std::move(logical);
+}
+
+void Routing::QueueForRouting(Envelope envelope) {
+  queue_.Append(std::move(envelope));
+}
+
+bool Routing::CancelInRouteQueue(const std::string& originator, std::uint32_t messageId) {
+  Envelope cancelled;
+  if (!queue_.TakeMatching(originator, messageId, cancelled)) return false;
+  cancelled.Retire();
+  return true;
+}
+
+void Routing::EmptyRouteQueue() {
+  queue_.Empty();
+}
+
+std::size_t Routing::RouteQueueSize() const {
+  return queue_.Size();
+}
+
+RouterTableEntry* Routing::FindRoute(const std::string& name) {
+  std::string reachedAs;
+  return FindRoute(name, reachedAs);
+}
+
+RouterTableEntry* Routing::FindRoute(const std::string& name, std::string& reachedAs) {
+  RouterTableEntry* entry = table_.Find(name);
+  if (entry != nullptr && entry->IsRoutable()) {
+    reachedAs = name;
+    return entry;
+  }
+  if (logical_ == nullptr) return nullptr;
+  reachedAs = logical_->Lookup(name);
+  if (reachedAs.empty()) return nullptr;
+  entry = table_.Find(reachedAs);
+  return entry != nullptr && entry->IsRoutable() ? entry : nullptr;
+}
+
+void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
+  Envelope envelope;
+  if (!queue_.Take(seconds, milliseconds, envelope)) return;
+
+  std::string hop = envelope.NextHop();
+  const bool local = IsThisRouter(hop);
+  Envelope asItCame;
+  if (local) {
+    if (envelope.HopCount() < 2) {
+      LogInfo("Received message for this router\n");
+      DispatchLocal(envelope, table_, logical_.get());
+      envelope.Retire();
+      return;
+    }
+    asItCame = envelope;
+    envelope.PopHop();
+    hop = envelope.NextHop();
+  }
+
+  std::string reachedAs;
+  RouterTableEntry* entry = FindRoute(hop, reachedAs);
+  // Nothing that came down is sent back up, and an address that named this router and then an
+  // unknown name is not guessed at.
+  if (entry == nullptr && !envelope.FromParent() && (!local || hop == kThisRouter)) {
+    entry = table_.Parent();
+  }
+  if (entry == nullptr) {
+    LogWarning("Cannot route message to %s\n", hop.empty() ? "nowhere" : hop.c_str());
+    ReportDeliveryFailure(envelope, "Unrouteable");
+    envelope.Retire();
+    return;
+  }
+
+  // The parent answers to several names; any other entry that no longer bears the name under which
+  // it was found has become another peer's.
+  if (entry->IsParent()) reachedAs = entry->Name();
+  if (LogEnabled(kLogInfo)) {
+    const std::string shown = entry->IsParent() ? "parent" : reachedAs;
+    LogInfo("Routing to %s: %s\n", ToDisplayString(shown).c_str(), envelope.Describe().c_str());
+  }
+  if (!entry->TryEnqueue(envelope, reachedAs)) {
+    // Gone since it was found. The decision is made anew, from the address as it came.
+    queue_.Append(local ? std::move(asItCame) : std::move(envelope));
+    return;
+  }
+  host_.OfferToSenders(*entry);
+}
+
+void Routing::SendLocalMessage(const std::string& destination, const std::string& type,
+                               const CORBA::Any& data, std::uint32_t priority, std::int64_t ttl) {
+  Envelope envelope;
+  envelope.CreateLocal(destination, priority, ttl, type, data, "");
+  QueueForRouting(std::move(envelope));
+}
+
+void Routing::TellParent(const std::string& event, const CORBA::Any& data) {
+  SendLocalMessage(kParentAddress, SystemMessageType(event), data, 0, MessageTimeoutSeconds());
+}
+
+void Routing::RegisterPeer(const std::string& name, bool isRouter) {
+  table_.Register(name, isRouter);
+  table_.WriteTable(false);
+  if (!isRouter) {
+    clientUpdateNotifier_.Registered(name);
+    return;
+  }
+  routerUpdateNotifier_.Registered(name);
+  if (table_.Parent() == nullptr) return;
+  CORBA::Any data;
+  data <<= name.c_str();
+  TellParent("RouterRegistered", data);
+}
+
+void Routing::UnregisterPeer(const std::string& name, bool isRouter) {
+  table_.Unregister(name);
+  table_.WriteTable(false);
+  if (!isRouter) {
+    clientUpdateNotifier_.Unregistered(name);
+  } else {
+    routerUpdateNotifier_.Unregistered(name);
+    if (table_.Parent() != nullptr) {
+      std::vector<std::string> keys;
+      if (logical_ != nullptr) logical_->KeysOf(name, keys);
+      CORBA::Any data;
+      if (keys.empty()) {
+        data <<= name.c_str();
+      } else {
+        BrelixMessaging::String_seq names;
+        names.length(static_cast<CORBA::ULong>(keys.size() + 1));
+        names[0] = name.c_str();
+        CORBA::ULong index = 1;
+        for (const std::string& key : keys) {
+          names[index++] = key.c_str();
+          logical_->Remove(key, name);
+        }
+        data <<= names;
+      }
+      TellParent("RouterUnregistered", data);
+    }
+  }
+  RouterTableEntry* const entry = table_.Find(name);
+  if (entry == nullptr) return;
+  Envelope waiting;
+  while (entry->PopUnroutable(waiting)) QueueForRouting(std::move(waiting));
+}
+
+RouterTableEntry& Routing::FindForLogon(const std::string& name) {
+  RouterTableEntry* const entry = table_.Find(name);
+  if (entry == nullptr) throw BrelixMessaging::NotRegistered();
+  return *entry;
+}
+
+RouterTableEntry::LocalPeerObjects Routing::LogonClientPeer(
+    const std::string& name, BrelixMessaging::EnvelopeConsumer_ptr consumer,
+    BrelixMessaging::NotifyConsumer_ptr notify, std::int32_t threshold) {
+  RouterTableEntry& entry = FindForLogon(name);
+  const auto activated = entry.LogonClient(consumer, notify, threshold, true);
+  table_.WriteTable(false);
+  OfferForDelivery(entry);
+  clientUpdateNotifier_.Logon(name);
+  return activated;
+}
+
+RouterTableEntry::LocalPeerObjects Routing::LogonRouterPeer(
+    const std::string& name, BrelixMessaging::RouterConsumer_ptr consumer,
+    BrelixMessaging::RouterSupplier_ptr supplier, BrelixMessaging::NotifyConsumer_ptr notify,
+    std::int32_t threshold) {
+  RouterTableEntry& entry = FindForLogon(name);
+  const auto activated = entry.LogonRouter(consumer, supplier, notify, threshold, true);
+  table_.WriteTable(false);
+  if (entry.readyForNotifiedPoll()) host_.OfferToPoller(entry);
+  OfferForDelivery(entry);
+  routerUpdateNotifier_.Logon(name);
+  return activated;
+}
+
+void Routing::LogoffPeer(const std::string& name) {
+  FindForLogon(name).Logoff();
+}
+
+void Routing::OfferForDelivery(RouterTableEntry& entry) {
+  if (entry.HasNotifyConsumer() && entry.GetConsumerState() == RouterTableEntry::kNothingSent) {
+    host_.OfferToThreshold(entry);
+  } else {
+    host_.OfferToSenders(entry);
+  }
+}
+
+}  // namespace MessageRouter
