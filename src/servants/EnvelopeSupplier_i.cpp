@@ -1,0 +1,101 @@
+#include "servants/EnvelopeSupplier_i.h"
+
+#include <cstdint>
+#include <exception>
+#include <string>
+
+#include "envelope/Address.h"
+#include "logging/Log.h"
+#include "servants/Caller.h"
+#include "servants/Frame.h"
+
+namespace RouterServants {
+
+using MessageRouter::Envelope;
+using MessageRouter::LogError;
+using MessageRouter::LogInfo;
+using MessageRouter::LogTrace;
+using MessageRouter::RouterTableEntry;
+
+namespace {
+
+// A copy of the caller's next envelope.
+void PeekFor(RouterTableEntry& entry, Envelope& envelope) {
+  if (entry.PeekNext(envelope)) return;
+  // From here on a newcomer causes another notification; one that came just before does not, so it
+  // is looked for once more.
+  entry.EnvelopePulledWithNothingThere();
+  if (entry.PeekNext(envelope)) return;
+  LogTrace("EnvelopeSupplier::GetEnvelope() - no envelope to supply for %s\n",
+           entry.Name().c_str());
+  throw BrelixMessaging::NoEnvelope();
+}
+
+}  // namespace
+
+BrelixMessaging::Envelope* EnvelopeSupplier_i::GetEnvelope() {
+  return OpenOperation("EnvelopeSupplier::GetEnvelope", [this] {
+    Envelope envelope;
+    try {
+      const Caller caller = Caller::LoggedOn();
+      caller.entry.TouchLastPull();
+      PeekFor(caller.entry, envelope);
+      BrelixMessaging::Envelope_var wire = envelope.ToWire(isRouterSupplier_);
+      if (MessageRouter::LogEnabled(MessageRouter::kLogInfo)) {
+        LogInfo("Supplying message (%s) to %s\n", envelope.DescribeShort().c_str(),
+                caller.entry.Name().c_str());
+      }
+      return wire._retn();
+    } catch (const BrelixMessaging::NoEnvelope&) {
+      throw;
+    } catch (const std::exception& exception) {
+      MessageRouter::LogCaughtException("EnvelopeSupplier_i", exception, "");
+      if (MessageRouter::IsDiscardableError(exception, envelope)) {
+        // The broken one would stand in front of all others for ever.
+        try {
+          Acknowledge(envelope.Originator().c_str(),
+                      static_cast<BrelixMessaging::MessageId>(envelope.MessageId()));
+        } catch (...) {  // the caller is told Rejected whatever came of it
+        }
+      } else {
+        LogError("Failed to supply message (%s) because of exception: %s\n",
+                 envelope.DescribeShort().c_str(), exception.what());
+      }
+    } catch (...) {
+      LogError("Failed to supply message (%s) because of unknown exception\n",
+               envelope.DescribeShort().c_str());
+    }
+    throw BrelixMessaging::Rejected();
+  });
+}
+
+void EnvelopeSupplier_i::AcknowledgeEnvelope(const char* originator,
+                                             BrelixMessaging::MessageId message_id) {
+  const Broker::Gate::Pass pass;
+  Acknowledge(originator, message_id);
+}
+
+void EnvelopeSupplier_i::Acknowledge(const char* originator, BrelixMessaging::MessageId messageId) {
+  Framed("EnvelopeSupplier::AcknowledgeEnvelope", [&] {
+    const Caller caller = Caller::LoggedOn();
+    caller.entry.TouchLastPull();
+    const auto id = static_cast<std::uint32_t>(messageId);
+    if (caller.entry.Cancel(originator, id)) return;
+    // A router hands back the form that it was given; the queue holds the stored one.
+    if (isRouterSupplier_ &&
+        caller.entry.Cancel(MessageRouter::StripRouterPrefix(originator), id)) {
+      return;
+    }
+    throw BrelixMessaging::NoEnvelope();
+  });
+}
+
+void EnvelopeSupplier_i::Heartbeat() {
+  OpenOperation("EnvelopeSupplier::Heartbeat", [] {
+    const auto name = CallerNameIfAny();
+    RouterTableEntry* entry = name ? FindEntry(*name) : nullptr;
+    if (entry != nullptr) entry->TouchLastPull();
+  });
+}
+
+}  // namespace RouterServants

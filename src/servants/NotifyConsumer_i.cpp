@@ -1,0 +1,68 @@
+#include "servants/NotifyConsumer_i.h"
+
+#include <string>
+#include <utility>
+
+#include "config/Configuration.h"
+#include "logging/Log.h"
+#include "servants/Caller.h"
+#include "servants/Frame.h"
+#include "threads/Mutex.h"
+
+namespace RouterServants {
+namespace {
+
+// Who is told of threshold calls. A leaf lock: the observer runs without it.
+class Observer {
+ public:
+  void Set(std::function<void()> observer) {
+    ThreadHelper::Guard guard(mutex_);
+    if (guard) observer_ = std::move(observer);
+  }
+  void Tell() {
+    std::function<void()> observer;
+    {
+      ThreadHelper::Guard guard(mutex_);
+      if (guard) observer = observer_;
+    }
+    if (observer) observer();
+  }
+
+ private:
+  ThreadHelper::Mutex mutex_;
+  std::function<void()> observer_ GUARDED_BY(mutex_);
+};
+
+// Never destroyed: requests may run until the process ends.
+Observer& ThresholdCallObserver() {
+  static auto* const observer = new Observer;
+  return *observer;
+}
+
+}  // namespace
+
+void NotifyConsumer_i::Notify() {
+  OpenOperation("NotifyConsumer::Notify", [] {
+    MessageRouter::Routing* routing = MessageRouter::Cycle::Current();
+    const auto name = CallerNameIfAny();
+    if (routing == nullptr || !name) return;
+    MessageRouter::RouterTableEntry* entry = routing->Table().Find(*name);
+    if (entry == nullptr) return;  // a stranger's notification is dropped without a word
+    // In any other state a poll is wanted or running already, or the peer is not polled at all.
+    if (entry->readyForNotifiedPoll()) routing->Host().OfferToPoller(*entry);
+    MessageRouter::LogDebug("NotifyConsumer_i::Notify() notified by %s\n", name->c_str());
+  });
+}
+
+CORBA::Long NotifyConsumer_i::NotificationThreshold() {
+  return OpenOperation("NotifyConsumer::NotificationThreshold", [] {
+    ThresholdCallObserver().Tell();
+    return static_cast<CORBA::Long>(MessageRouter::GetConfigInt("NotifyThreshold", 0));
+  });
+}
+
+void SetThresholdCallObserver(std::function<void()> observer) {
+  ThresholdCallObserver().Set(std::move(observer));
+}
+
+}  // namespace RouterServants

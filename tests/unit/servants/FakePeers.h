@@ -1,0 +1,77 @@
+#pragma once
+
+#include <BrelixMessaging.h>
+
+#include <functional>
+
+namespace ServantTests {
+
+// A peer's own object: each Heartbeat is counted and runs `onHeartbeat`, which may throw.
+class Heart {
+ public:
+  std::function<void(int call)> onHeartbeat;  // the first call is 1
+  int heartbeats = 0;
+
+  // Does not answer the first `calls`.
+  void DeafFor(int calls) {
+    onHeartbeat = [calls](int call) {
+      if (call <= calls) throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    };
+  }
+
+ protected:
+  void Beat() {
+    ++heartbeats;
+    if (onHeartbeat) onHeartbeat(heartbeats);
+  }
+};
+
+class FakeEnvelopeConsumer : public POA_BrelixMessaging::EnvelopeConsumer, public Heart {
+ public:
+  void SendEnvelope(const BrelixMessaging::Envelope&) override {}
+  void Heartbeat() override { Beat(); }
+};
+
+class FakeRouterConsumer : public POA_BrelixMessaging::RouterConsumer, public Heart {
+ public:
+  void SendEnvelope(const BrelixMessaging::Envelope&) override {}
+  void Heartbeat() override { Beat(); }
+};
+
+class FakeRouterSupplier : public POA_BrelixMessaging::RouterSupplier, public Heart {
+ public:
+  BrelixMessaging::Envelope* GetEnvelope() override { throw BrelixMessaging::NoEnvelope(); }
+  void AcknowledgeEnvelope(const char*, BrelixMessaging::MessageId) override {}
+  void Heartbeat() override { Beat(); }
+};
+
+class FakeNotifyConsumer : public POA_BrelixMessaging::NotifyConsumer {
+ public:
+  void Notify() override { ++calls; }
+  CORBA::Long NotificationThreshold() override {
+    ++calls;
+    return 0;
+  }
+
+  int calls = 0;
+};
+
+// A fake on an adapter: `servant` to look at, `reference` to hand over.
+template <class Servant, class Interface>
+struct Activated {
+  explicit Activated(PortableServer::POA_ptr adapter) : servant(new Servant) {
+    const PortableServer::ObjectId_var id = adapter->activate_object(servant.in());
+    const CORBA::Object_var object = adapter->id_to_reference(id);
+    reference = Interface::_narrow(object);
+  }
+
+  PortableServer::Servant_var<Servant> servant;
+  typename Interface::_var_type reference;
+};
+
+using PeerConsumer = Activated<FakeEnvelopeConsumer, BrelixMessaging::EnvelopeConsumer>;
+using PeerRouterConsumer = Activated<FakeRouterConsumer, BrelixMessaging::RouterConsumer>;
+using PeerRouterSupplier = Activated<FakeRouterSupplier, BrelixMessaging::RouterSupplier>;
+using PeerNotify = Activated<FakeNotifyConsumer, BrelixMessaging::NotifyConsumer>;
+
+}  // namespace ServantTests

@@ -1,0 +1,71 @@
+#include "broker/CallTimeout.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "ServantWorld.h"
+#include "broker/CorbaExceptions.h"
+
+namespace ServantTests {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+// A host that takes connections and never answers.
+class SilentHost {
+ public:
+  SilentHost() : listener_(socket(AF_INET, SOCK_STREAM, 0)) {
+    address_.sin_family = AF_INET;
+    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address_;
+    bind(listener_, reinterpret_cast<sockaddr*>(&address_), sizeof address_);
+    listen(listener_, 8);
+    getsockname(listener_, reinterpret_cast<sockaddr*>(&address_), &size);
+  }
+  ~SilentHost() { close(listener_); }
+
+  BrelixMessaging::EnvelopeConsumer_ptr Peer() const {
+    const std::string place =
+        "corbaloc::127.0.0.1:" + std::to_string(ntohs(address_.sin_port)) + "/Peer";
+    const CORBA::Object_var object = TestOrb()->string_to_object(place.c_str());
+    return BrelixMessaging::EnvelopeConsumer::_unchecked_narrow(object);
+  }
+
+ private:
+  int listener_;
+  sockaddr_in address_{};
+};
+
+TEST(CallTimeout, ACallToASilentPeerEndsInTime) {
+  const SilentHost host;
+  const BrelixMessaging::EnvelopeConsumer_var peer = host.Peer();
+  const Broker::CallTimeout limit(milliseconds(200));
+  EXPECT_THROW(peer->Heartbeat(), CORBA::TIMEOUT);
+}
+
+TEST(CallTimeout, AllCallsTogetherEndInTime) {
+  const SilentHost host;
+  const BrelixMessaging::EnvelopeConsumer_var peer = host.Peer();
+  const auto start = steady_clock::now();
+  {
+    const Broker::CallTimeout limit(milliseconds(500));
+    EXPECT_THROW(Broker::RepeatOnce([&] { peer->Heartbeat(); }), CORBA::SystemException);
+  }
+  EXPECT_LT(steady_clock::now() - start, milliseconds(950));
+}
+
+TEST(CallTimeout, AThreadThatTheOrbDoesNotKnowIsLeftAlone) {
+  std::thread([] { EXPECT_NO_THROW(Broker::CallTimeout(seconds(1))); }).join();
+}
+
+}  // namespace
+}  // namespace ServantTests

@@ -1,0 +1,350 @@
+#include "servants/Client_i.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <stdexcept>
+
+#include "FakePeers.h"
+#include "ServantWorld.h"
+#include "broker/Gate.h"
+
+namespace ServantTests {
+namespace {
+
+using BrelixMessaging::AlreadyRegistered;
+using BrelixMessaging::EnvelopeConsumer;
+using BrelixMessaging::EnvelopeConsumer_ptr;
+using BrelixMessaging::EnvelopeSupplier_var;
+using BrelixMessaging::MessageConsumer;
+using BrelixMessaging::MessageConsumer_var;
+using BrelixMessaging::NoEnvelope;
+using BrelixMessaging::NotifyConsumer;
+using BrelixMessaging::NotifyConsumer_ptr;
+using BrelixMessaging::NotLoggedOn;
+using BrelixMessaging::NotRegistered;
+using BrelixMessaging::Rejected;
+using BrelixMessaging::UnreachableConsumer;
+using MessageRouter::kLogInfo;
+using MessageRouter::kLogTrace;
+using MessageRouter::kLogWarning;
+using MessageRouter::RouterTableEntry;
+
+class ClientTest : public ServantWorld {
+ protected:
+  // What a logon handed out.
+  MessageConsumer_var consumer;
+  EnvelopeSupplier_var supplier;
+
+  void Logon(EnvelopeConsumer_ptr peer, NotifyConsumer_ptr notify = NotifyConsumer::_nil()) {
+    servant->Logon(peer, notify, consumer.out(), supplier.out());
+  }
+  void LogonPushPush(EnvelopeConsumer_ptr peer) { servant->LogonPushPush(peer, consumer.out()); }
+  void LogonPushPull(NotifyConsumer_ptr notify) {
+    servant->LogonPushPull(notify, consumer.out(), supplier.out());
+  }
+
+  PortableServer::Servant_var<RouterServants::Client_i> servant{new RouterServants::Client_i};
+  PeerConsumer peer{adapters.peers};
+  PeerNotify notifier{adapters.peers};
+};
+
+// Registration
+
+TEST_F(ClientTest, RegisterMakesTheCallerKnown) {
+  const CallFrom call("agent-1");
+  servant->Register();
+  EXPECT_TRUE(Entry("agent-1").IsRegistered());
+  EXPECT_FALSE(Entry("agent-1").IsRouter());
+  EXPECT_FALSE(Entry("agent-1").IsLoggedOn());
+  EXPECT_TRUE(log.Has(kLogTrace, "Client::Register() called\n"));
+  EXPECT_TRUE(log.Has(kLogInfo, "Registered client agent-1\n"));
+}
+
+TEST_F(ClientTest, RegisterOfARegisteredNameRaisesAlreadyRegistered) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  EXPECT_THROW(servant->Register(), AlreadyRegistered);
+  EXPECT_FALSE(log.Contains("Registered client"));
+}
+
+TEST_F(ClientTest, RegisterWithoutACertificateIsRejected) {
+  const AnonymousCall call;
+  EXPECT_THROW(servant->Register(), Rejected);
+}
+
+TEST_F(ClientTest, RegisterWhileNoCycleRunsIsRejected) {
+  MessageRouter::Cycle::Set(nullptr);
+  const CallFrom call("agent-1");
+  EXPECT_THROW(servant->Register(), Rejected);
+}
+
+TEST_F(ClientTest, RegisterOfACertificationEntryRegistersThatEntry) {
+  table.AddCertificationEntry("agent-1");
+  RouterTableEntry* entry = table.Find("agent-1");
+  ASSERT_NE(entry, nullptr);
+  ASSERT_FALSE(entry->IsRegistered());
+  const CallFrom call("agent-1");
+  servant->Register();
+  EXPECT_EQ(table.Find("agent-1"), entry);
+  EXPECT_TRUE(entry->IsRegistered());
+}
+
+TEST_F(ClientTest, UnregisterForgetsTheCaller) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  servant->Unregister();
+  EXPECT_FALSE(Entry("agent-1").IsRegistered());
+  EXPECT_TRUE(log.Has(kLogTrace, "Client::Unregister() called\n"));
+  EXPECT_TRUE(log.Has(kLogInfo, "Unregistered client agent-1\n"));
+}
+
+TEST_F(ClientTest, UnregisterOfAnUnknownNameRaisesNotRegistered) {
+  const CallFrom call("agent-1");
+  EXPECT_THROW(servant->Unregister(), NotRegistered);
+}
+
+TEST_F(ClientTest, LogoffEndsTheSession) {
+  LogOnClient("agent-1");
+  const CallFrom call("agent-1");
+  servant->Logoff();
+  EXPECT_FALSE(Entry("agent-1").IsLoggedOn());
+  EXPECT_TRUE(Entry("agent-1").IsRegistered());
+  EXPECT_TRUE(log.Has(kLogTrace, "Client::Logoff() called\n"));
+  EXPECT_TRUE(log.Has(kLogInfo, "Logged off agent-1\n"));
+}
+
+TEST_F(ClientTest, LogoffWithoutALogonRaisesNotLoggedOn) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  EXPECT_THROW(servant->Logoff(), NotLoggedOn);
+}
+
+TEST_F(ClientTest, LogoffOfAnUnknownNameRaisesNotRegistered) {
+  const CallFrom call("agent-1");
+  EXPECT_THROW(servant->Logoff(), NotRegistered);
+}
+
+// Logon
+
+TEST_F(ClientTest, LogonWithNeitherConsumerNorNotifierIsAPurePullerWithoutNotification) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  Logon(EnvelopeConsumer::_nil());
+  EXPECT_EQ(Entry("agent-1").GetLogonState(), RouterTableEntry::kLoggedOn);
+  EXPECT_EQ(Entry("agent-1").GetConsumerState(), RouterTableEntry::kNoNotification);
+  EXPECT_FALSE(CORBA::is_nil(consumer));
+  EXPECT_FALSE(CORBA::is_nil(supplier));
+  EXPECT_FALSE(log.Contains("call back"));
+  EXPECT_FALSE(log.Contains("called back"));
+  EXPECT_TRUE(log.Has(kLogInfo, "Logged on agent-1 as a client\n"));
+}
+
+TEST_F(ClientTest, LogonWithAConsumerThatAnswersIsAPush) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  Logon(peer.reference);
+  EXPECT_EQ(peer.servant->heartbeats, 1);
+  EXPECT_TRUE(Entry("agent-1").IsPassiveConsumer());
+  EXPECT_FALSE(CORBA::is_nil(consumer));
+  EXPECT_TRUE(CORBA::is_nil(supplier));
+  EXPECT_TRUE(log.Has(kLogTrace, "Client::Logon() called\n"));
+  EXPECT_TRUE(log.Has(kLogInfo, "Client::Logon() successfully called back to client\n"));
+}
+
+TEST_F(ClientTest, LogonWithAConsumerThatFailsTwiceSucceedsWithoutIt) {
+  RegisterClient("agent-1");
+  peer.servant->DeafFor(2);
+  const CallFrom call("agent-1");
+  Logon(peer.reference);
+  EXPECT_EQ(peer.servant->heartbeats, 2);
+  EXPECT_TRUE(Entry("agent-1").IsLoggedOn());
+  EXPECT_FALSE(Entry("agent-1").IsPassiveConsumer());
+  EXPECT_TRUE(CORBA::is_nil(Entry("agent-1").References().messageConsumer));
+  EXPECT_FALSE(CORBA::is_nil(supplier));
+  EXPECT_TRUE(log.Has(kLogWarning, "Client::Logon() failed to call back to client\n"));
+  EXPECT_FALSE(log.Contains("successfully"));
+}
+
+TEST_F(ClientTest, LogonWithAConsumerThatFailsOnceCallsTwiceAndLogsOneSuccess) {
+  RegisterClient("agent-1");
+  peer.servant->DeafFor(1);
+  const CallFrom call("agent-1");
+  Logon(peer.reference);
+  EXPECT_EQ(peer.servant->heartbeats, 2);
+  EXPECT_TRUE(Entry("agent-1").IsPassiveConsumer());
+  EXPECT_EQ(log.Count("Client::Logon() successfully called back to client\n"), 1u);
+  EXPECT_FALSE(log.Contains("failed to call back"));
+}
+
+TEST_F(ClientTest, ThePeerIsTriedBeforeItsOldSessionIsThrownAway) {
+  LogOnClient("agent-1");
+  const auto before = Entry("agent-1").Generation();
+  peer.servant->onHeartbeat = [&](int) { EXPECT_EQ(Entry("agent-1").Generation(), before); };
+  const CallFrom call("agent-1");
+  Logon(peer.reference);
+  EXPECT_EQ(peer.servant->heartbeats, 1);
+  EXPECT_NE(Entry("agent-1").Generation(), before);
+}
+
+// With one place for all, another operation runs while the peer is called back.
+TEST_F(ClientTest, TheCallBackGivesUpItsPlaceAtTheGate) {
+  Broker::Gate::SetWidth(1);
+  RegisterClient("agent-1");
+  bool passed = false;
+  peer.servant->onHeartbeat = [&](int) {
+    auto other = std::async(std::launch::async, [] { const Broker::Gate::Pass pass; });
+    passed = other.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+  };
+  const CallFrom call("agent-1");
+  Logon(peer.reference);
+  Broker::Gate::SetWidth(4);
+  EXPECT_TRUE(passed);
+}
+
+TEST_F(ClientTest, LogonOfAnUnknownNameRaisesNotRegistered) {
+  const CallFrom call("agent-1");
+  EXPECT_THROW(Logon(EnvelopeConsumer::_nil()), NotRegistered);
+}
+
+TEST_F(ClientTest, ASecondLogonNeedsNoLogoff) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  Logon(EnvelopeConsumer::_nil());
+  const MessageConsumer_var first = MessageConsumer::_duplicate(consumer);
+  Logon(EnvelopeConsumer::_nil());
+  EXPECT_FALSE(first->_is_equivalent(consumer));
+  EXPECT_THROW(first->Heartbeat(), CORBA::OBJECT_NOT_EXIST);
+}
+
+TEST_F(ClientTest, AnEntryThatIsGoneAfterTheLogonIsRejected) {
+  RegisterClient("agent-1");
+  host.onOffer = [this] { table.Clear(); };
+  const CallFrom call("agent-1");
+  EXPECT_THROW(Logon(EnvelopeConsumer::_nil()), Rejected);
+  EXPECT_FALSE(log.Contains("Logged on"));
+}
+
+TEST_F(ClientTest, TheLogonLineShowsTheNameDecoded) {
+  const std::string name = "caf+AOk-";
+  RegisterClient(name);
+  const CallFrom call(name);
+  Logon(EnvelopeConsumer::_nil());
+  EXPECT_TRUE(log.Has(kLogInfo, "Logged on caf\xC3\xA9 as a client\n"));
+  EXPECT_TRUE(Entry(name).IsLoggedOn());
+}
+
+TEST_F(ClientTest, OtherLinesShowTheNameAsItStands) {
+  const std::string name = "caf+AOk-";
+  const CallFrom call(name);
+  servant->Register();
+  EXPECT_TRUE(log.Has(kLogInfo, "Registered client caf+AOk-\n"));
+}
+
+TEST_F(ClientTest, ALogonOffersWhatWaits) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  Logon(peer.reference);
+  EXPECT_EQ(host.sent, std::vector<std::string>{"agent-1"});
+}
+
+TEST_F(ClientTest, ALogonWithANotifierGoesToTheThresholdThread) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  Logon(EnvelopeConsumer::_nil(), notifier.reference);
+  EXPECT_EQ(host.threshold, std::vector<std::string>{"agent-1"});
+  EXPECT_TRUE(host.sent.empty());
+}
+
+TEST_F(ClientTest, TheObjectsOfALogonServeItsClient) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  Logon(EnvelopeConsumer::_nil());
+  EXPECT_NO_THROW(consumer->Heartbeat());
+  EXPECT_THROW(supplier->GetEnvelope(), NoEnvelope);
+}
+
+// LogonPushPush
+
+TEST_F(ClientTest, LogonPushPushWithANilConsumerRaisesUnreachableConsumer) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  EXPECT_THROW(LogonPushPush(EnvelopeConsumer::_nil()), UnreachableConsumer);
+  EXPECT_FALSE(Entry("agent-1").IsLoggedOn());
+  EXPECT_FALSE(log.Contains("successfully"));
+  EXPECT_EQ(log.Count("Client::LogonPushPush() failed to call back to client\n"), 1u);
+}
+
+TEST_F(ClientTest, LogonPushPushLogsItsWarningTwiceAfterAFailedTest) {
+  RegisterClient("agent-1");
+  peer.servant->DeafFor(2);
+  const CallFrom call("agent-1");
+  EXPECT_THROW(LogonPushPush(peer.reference), UnreachableConsumer);
+  EXPECT_EQ(log.Count("Client::LogonPushPush() failed to call back to client\n"), 2u);
+  EXPECT_FALSE(Entry("agent-1").IsLoggedOn());
+}
+
+TEST_F(ClientTest, ARefusedLogonPushPushLeavesTheOldSessionAlone) {
+  LogOnClient("agent-1");
+  const CallFrom call("agent-1");
+  EXPECT_THROW(LogonPushPush(EnvelopeConsumer::_nil()), UnreachableConsumer);
+  EXPECT_TRUE(Entry("agent-1").IsLoggedOn());
+}
+
+TEST_F(ClientTest, LogonPushPushWithAConsumerThatAnswersIsAPush) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  LogonPushPush(peer.reference);
+  EXPECT_TRUE(Entry("agent-1").IsPassiveConsumer());
+  EXPECT_FALSE(CORBA::is_nil(consumer));
+  EXPECT_TRUE(log.Has(kLogTrace, "Client::LogonPushPush() called\n"));
+  EXPECT_TRUE(log.Has(kLogInfo, "Client::LogonPushPush() successfully called back to client\n"));
+  EXPECT_TRUE(log.Has(kLogInfo, "Logged on agent-1 as a client\n"));
+}
+
+TEST_F(ClientTest, LogonPushPushOfAnUnknownNameRaisesNotRegistered) {
+  const CallFrom call("agent-1");
+  EXPECT_THROW(LogonPushPush(peer.reference), NotRegistered);
+}
+
+// LogonPushPull
+
+TEST_F(ClientTest, LogonPushPullMakesAPullerAndDoesNotCallTheNotifier) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  LogonPushPull(notifier.reference);
+  EXPECT_EQ(Entry("agent-1").GetConsumerState(), RouterTableEntry::kNothingSent);
+  EXPECT_EQ(notifier.servant->calls, 0);
+  EXPECT_FALSE(CORBA::is_nil(consumer));
+  EXPECT_FALSE(CORBA::is_nil(supplier));
+  EXPECT_TRUE(log.Has(kLogTrace, "Client::LogonPushPull() called\n"));
+  EXPECT_TRUE(log.Has(kLogInfo, "Logged on agent-1 as a client\n"));
+}
+
+TEST_F(ClientTest, LogonPushPullWorksWithoutANotifier) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  LogonPushPull(NotifyConsumer::_nil());
+  EXPECT_EQ(Entry("agent-1").GetConsumerState(), RouterTableEntry::kNoNotification);
+}
+
+// Faults
+
+TEST_F(ClientTest, ACertificateWithoutACommonNameIsRejectedAndLogged) {
+  const NamelessCall call;
+  EXPECT_THROW(servant->Register(), Rejected);
+  EXPECT_TRUE(log.Has(MessageRouter::kLogError,
+                      "Client::Register() caught No common name in certificate\n"));
+}
+
+TEST_F(ClientTest, AFaultInTheRouterIsRejectedAndLogged) {
+  RegisterClient("agent-1");
+  host.onOffer = [] { throw std::runtime_error("pool is gone"); };
+  const CallFrom call("agent-1");
+  EXPECT_THROW(Logon(EnvelopeConsumer::_nil()), Rejected);
+  EXPECT_TRUE(log.Has(MessageRouter::kLogError, "Client::Logon() caught pool is gone\n"));
+}
+
+}  // namespace
+}  // namespace ServantTests

@@ -1,0 +1,273 @@
+#include "servants/EnvelopeSupplier_i.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+
+#include "FakePeers.h"
+#include "ServantWorld.h"
+#include "broker/Gate.h"
+#include "support/FakeClock.h"
+
+namespace ServantTests {
+namespace {
+
+using BrelixMessaging::Envelope_var;
+using BrelixMessaging::NoEnvelope;
+using BrelixMessaging::NotLoggedOn;
+using BrelixMessaging::Rejected;
+using MessageRouter::kLogError;
+using MessageRouter::kLogInfo;
+using MessageRouter::kLogTrace;
+using MessageRouter::RouterTableEntry;
+using RouterServants::EnvelopeSupplier_i;
+
+class EnvelopeSupplierTest : public ServantWorld {
+ protected:
+  // All envelope files become unreadable.
+  void BreakFiles() {
+    for (const auto& file : std::filesystem::directory_iterator(store.Directory())) {
+      std::filesystem::remove(file);
+    }
+  }
+  // `name` is logged on as a puller that can be notified, and a notification is under way while
+  // nothing waits.
+  void StartNotification(const std::string& name) {
+    LogOnClient(name, notifier.reference);
+    QueueFor(name);
+    ASSERT_TRUE(Entry(name).NotificationWanted().acquired);
+    MessageRouter::Envelope envelope;
+    ASSERT_TRUE(Entry(name).PopNext(envelope));
+    ASSERT_EQ(Entry(name).GetConsumerState(), RouterTableEntry::kNotifying);
+  }
+
+  PeerNotify notifier{adapters.peers};
+  PortableServer::Servant_var<EnvelopeSupplier_i> forClients{new EnvelopeSupplier_i(false)};
+  PortableServer::Servant_var<EnvelopeSupplier_i> forRouters{new EnvelopeSupplier_i(true)};
+};
+
+// GetEnvelope
+
+TEST_F(EnvelopeSupplierTest, GetEnvelopeSuppliesWhatWaitsForTheCaller) {
+  LogOnClient("agent-1");
+  const std::uint32_t id = QueueFor("agent-1");
+  const CallFrom call("agent-1");
+  const Envelope_var wire = forClients->GetEnvelope();
+  EXPECT_EQ(static_cast<std::uint32_t>(wire->message_id), id);
+  EXPECT_STREQ(wire->client_info.type, "Text");
+  EXPECT_TRUE(log.Has(kLogTrace, "EnvelopeSupplier::GetEnvelope() called\n"));
+  char line[80];
+  std::snprintf(line, sizeof line, "Supplying message (id=%08X) to agent-1\n", id);
+  EXPECT_TRUE(log.Has(kLogInfo, line));
+}
+
+TEST_F(EnvelopeSupplierTest, TwiceGetEnvelopeWithoutAnAcknowledgementGivesTheSameEnvelope) {
+  LogOnClient("agent-1");
+  QueueFor("agent-1");
+  QueueFor("agent-1");
+  const CallFrom call("agent-1");
+  const Envelope_var first = forClients->GetEnvelope();
+  const Envelope_var second = forClients->GetEnvelope();
+  EXPECT_EQ(first->message_id, second->message_id);
+}
+
+TEST_F(EnvelopeSupplierTest, AnEmptyQueueRaisesNoEnvelope) {
+  LogOnClient("agent-1");
+  const CallFrom call("agent-1");
+  EXPECT_THROW(forClients->GetEnvelope(), NoEnvelope);
+  EXPECT_TRUE(
+      log.Has(kLogTrace, "EnvelopeSupplier::GetEnvelope() - no envelope to supply for agent-1\n"));
+}
+
+TEST_F(EnvelopeSupplierTest, AnEmptyPullDuringANotificationIsRemembered) {
+  StartNotification("agent-1");
+  const CallFrom call("agent-1");
+  EXPECT_THROW(forClients->GetEnvelope(), NoEnvelope);
+  EXPECT_EQ(Entry("agent-1").GetConsumerState(), RouterTableEntry::kNotifyingPulledEmpty);
+}
+
+TEST_F(EnvelopeSupplierTest, AnEmptyPullInAnyOtherStateLeavesTheStateAlone) {
+  LogOnClient("agent-1", notifier.reference);
+  LogOnClient("agent-2");
+  {
+    const CallFrom call("agent-1");
+    EXPECT_THROW(forClients->GetEnvelope(), NoEnvelope);
+    EXPECT_EQ(Entry("agent-1").GetConsumerState(), RouterTableEntry::kNothingSent);
+  }
+  const CallFrom call("agent-2");
+  EXPECT_THROW(forClients->GetEnvelope(), NoEnvelope);
+  EXPECT_EQ(Entry("agent-2").GetConsumerState(), RouterTableEntry::kNoNotification);
+}
+
+TEST_F(EnvelopeSupplierTest, OriginatorsGoQualifiedToRoutersAndAsStoredToClients) {
+  LogOnRouter("child-1");
+  MessageRouter::Envelope envelope;
+  envelope.CreateFromRouter(AWireEnvelope(), false);
+  ASSERT_TRUE(Entry("child-1").Enqueue(envelope, "child-1"));
+  const CallFrom call("child-1", {kRouterRole});
+  const Envelope_var plain = forClients->GetEnvelope();
+  EXPECT_STREQ(plain->originator, "agent-9");
+  const Envelope_var qualified = forRouters->GetEnvelope();
+  EXPECT_STREQ(qualified->originator, "router-1.agent-9");
+}
+
+TEST_F(EnvelopeSupplierTest, ACallerThatIsLoggedOffGetsRejectedAndNotNotLoggedOn) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  EXPECT_THROW(forClients->GetEnvelope(), Rejected);
+  EXPECT_TRUE(
+      log.Has(kLogError, "Failed to supply message (id=00000000) because of unknown exception\n"));
+}
+
+TEST_F(EnvelopeSupplierTest, AStrangerIsRejected) {
+  const CallFrom call("agent-1");
+  EXPECT_THROW(forClients->GetEnvelope(), Rejected);
+  EXPECT_TRUE(
+      log.Has(kLogError, "Failed to supply message (id=00000000) because of unknown exception\n"));
+}
+
+TEST_F(EnvelopeSupplierTest, AnEnvelopeWhoseStoredDataIsBrokenIsRejectedAndGone) {
+  LogOnClient("agent-1");
+  QueueFor("agent-1");
+  const std::uint32_t whole = QueueFor("agent-1", "sender", 1);
+  ASSERT_EQ(EnvelopeFiles(), 2u);
+  MessageRouter::Envelope broken;
+  ASSERT_TRUE(Entry("agent-1").PeekNext(broken));
+  std::filesystem::remove(broken.FileName());
+
+  const CallFrom call("agent-1");
+  EXPECT_THROW(forClients->GetEnvelope(), Rejected);
+  EXPECT_TRUE(log.Contains("EnvelopeSupplier_i: Caught "));
+  EXPECT_TRUE(log.Contains("Discarding invalid envelope "));
+  EXPECT_FALSE(log.Contains("Failed to supply message"));
+  const Envelope_var next = forClients->GetEnvelope();
+  EXPECT_EQ(static_cast<std::uint32_t>(next->message_id), whole);
+}
+
+// With one place for all, an inner operation that took one would wait for ever.
+TEST_F(EnvelopeSupplierTest, DroppingABrokenEnvelopeTakesNoSecondPlaceAtTheGate) {
+  Broker::Gate::SetWidth(1);
+  LogOnClient("agent-1");
+  QueueFor("agent-1");
+  BreakFiles();
+  const CallFrom call("agent-1");
+  EXPECT_THROW(forClients->GetEnvelope(), Rejected);
+  Broker::Gate::SetWidth(4);
+  EXPECT_FALSE(Entry("agent-1").HasEnvelopes());
+}
+
+TEST_F(EnvelopeSupplierTest, AnotherFailureIsRejectedAndTheEnvelopeStays) {
+  LogOnClient("agent-1");
+  QueueFor("agent-1");
+  const NamelessCall call;
+  EXPECT_THROW(forClients->GetEnvelope(), Rejected);
+  EXPECT_TRUE(log.Contains("EnvelopeSupplier_i: Caught No common name in certificate"));
+  EXPECT_TRUE(log.Has(kLogError,
+                      "Failed to supply message (id=00000000) because of exception: No common name "
+                      "in certificate\n"));
+  EXPECT_FALSE(log.Contains("Discarding"));
+  EXPECT_TRUE(Entry("agent-1").HasEnvelopes());
+}
+
+// AcknowledgeEnvelope
+
+TEST_F(EnvelopeSupplierTest, AnAcknowledgementEndsTheEnvelopesLife) {
+  LogOnClient("agent-1");
+  QueueFor("agent-1");
+  const CallFrom call("agent-1");
+  const Envelope_var wire = forClients->GetEnvelope();
+  forClients->AcknowledgeEnvelope(wire->originator, wire->message_id);
+  EXPECT_FALSE(Entry("agent-1").HasEnvelopes());
+  EXPECT_EQ(EnvelopeFiles(), 0u);
+  EXPECT_TRUE(log.Has(kLogTrace, "EnvelopeSupplier::AcknowledgeEnvelope() called\n"));
+}
+
+TEST_F(EnvelopeSupplierTest, ASecondAcknowledgementGetsNoEnvelope) {
+  LogOnClient("agent-1");
+  QueueFor("agent-1");
+  const CallFrom call("agent-1");
+  const Envelope_var wire = forClients->GetEnvelope();
+  forClients->AcknowledgeEnvelope(wire->originator, wire->message_id);
+  EXPECT_THROW(forClients->AcknowledgeEnvelope(wire->originator, wire->message_id), NoEnvelope);
+}
+
+TEST_F(EnvelopeSupplierTest, TheQualifiedFormIsAcceptedFromARouterAndNotFromAClient) {
+  LogOnRouter("child-1");
+  MessageRouter::Envelope envelope;
+  envelope.CreateFromRouter(AWireEnvelope(), false);  // stored as "agent-9"
+  ASSERT_TRUE(Entry("child-1").Enqueue(envelope, "child-1"));
+  const CallFrom call("child-1", {kRouterRole});
+  EXPECT_THROW(forClients->AcknowledgeEnvelope("router-1.agent-9", 77), NoEnvelope);
+  EXPECT_TRUE(Entry("child-1").HasEnvelopes());
+  EXPECT_NO_THROW(forRouters->AcknowledgeEnvelope("router-1.agent-9", 77));
+  EXPECT_FALSE(Entry("child-1").HasEnvelopes());
+}
+
+TEST_F(EnvelopeSupplierTest, ARoutersAcknowledgementOfNothingGetsNoEnvelope) {
+  LogOnRouter("child-1");
+  const CallFrom call("child-1", {kRouterRole});
+  EXPECT_THROW(forRouters->AcknowledgeEnvelope("router-1.agent-9", 77), NoEnvelope);
+}
+
+TEST_F(EnvelopeSupplierTest, AnAcknowledgementOfALoggedOffCallerIsNotLoggedOn) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  EXPECT_THROW(forClients->AcknowledgeEnvelope("sender", 1), NotLoggedOn);
+}
+
+TEST_F(EnvelopeSupplierTest, AFaultDuringAnAcknowledgementIsRejectedAndLogged) {
+  const NamelessCall call;
+  EXPECT_THROW(forClients->AcknowledgeEnvelope("sender", 1), Rejected);
+  EXPECT_TRUE(log.Has(kLogError,
+                      "EnvelopeSupplier::AcknowledgeEnvelope() caught No common name in "
+                      "certificate\n"));
+}
+
+TEST_F(EnvelopeSupplierTest, AnAcknowledgementOfAStrangerIsRejected) {
+  const CallFrom call("agent-1");
+  EXPECT_THROW(forClients->AcknowledgeEnvelope("sender", 1), Rejected);
+}
+
+// Heartbeat, and what counts as a pull
+
+TEST_F(EnvelopeSupplierTest, HeartbeatReturnsNormallyForEveryCaller) {
+  {
+    const CallFrom call("agent-1");
+    EXPECT_NO_THROW(forRouters->Heartbeat());
+  }
+  {
+    const AnonymousCall call;
+    EXPECT_NO_THROW(forRouters->Heartbeat());
+  }
+  {
+    const NamelessCall call;
+    EXPECT_NO_THROW(forRouters->Heartbeat());
+  }
+  MessageRouter::Cycle::Set(nullptr);
+  const CallFrom call("agent-1");
+  EXPECT_NO_THROW(forRouters->Heartbeat());
+  EXPECT_EQ(log.Count("EnvelopeSupplier::Heartbeat() called\n"), 4u);
+}
+
+TEST_F(EnvelopeSupplierTest, EachOperationCountsAsAPull) {
+  TestSupport::FakeClock clock;
+  LogOnRouter("child-1");
+  const CallFrom call("child-1", {kRouterRole});
+  const auto letItTimeOut = [&] {
+    clock.Advance(std::chrono::seconds(1801));
+    ASSERT_TRUE(Entry("child-1").PullTimedOut());
+  };
+  letItTimeOut();
+  forRouters->Heartbeat();
+  EXPECT_FALSE(Entry("child-1").PullTimedOut());
+  letItTimeOut();
+  EXPECT_THROW(forRouters->GetEnvelope(), NoEnvelope);
+  EXPECT_FALSE(Entry("child-1").PullTimedOut());
+  letItTimeOut();
+  EXPECT_THROW(forRouters->AcknowledgeEnvelope("x", 1), NoEnvelope);
+  EXPECT_FALSE(Entry("child-1").PullTimedOut());
+}
+
+}  // namespace
+}  // namespace ServantTests
