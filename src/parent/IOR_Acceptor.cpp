@@ -19,7 +19,7 @@ int IOR_Acceptor::handle_input(ACE_HANDLE) {
     if (acceptor().accept(stream) == -1) {
       const int error = errno;
       if (error == EINTR || error == ECONNABORTED) continue;
-      if (error != EWOULDBLOCK) PauseAccepting(error);
+      if (error != EWOULDBLOCK) Refused(error);
       return 0;
     }
     if (handlers_.size() >= kMaxHandlers) handlers_.front()->destroy();
@@ -37,7 +37,12 @@ void IOR_Acceptor::Tick() {
   while (!handlers_.empty() && now - handlers_.front()->Opened() >= kHandlerLimit) {
     handlers_.front()->destroy();
   }
-  if (paused_ && reactor()->resume_handler(this) == 0) paused_ = false;
+  if (paused_ && now - *paused_ >= kRefusalPause && reactor()->resume_handler(this) == 0) {
+    paused_.reset();
+  }
+  // Not in handle_input: the reactor resumes a handler when its call returns.
+  if (refused_ && !paused_ && reactor()->suspend_handler(this) == 0) paused_ = now;
+  refused_ = false;
 }
 
 void IOR_Acceptor::CloseHandlers() {
@@ -52,13 +57,12 @@ void IOR_Acceptor::Closed(Handlers::iterator place) {
   handlers_.erase(place);
 }
 
-void IOR_Acceptor::PauseAccepting(int error) {
+void IOR_Acceptor::Refused(int error) {
+  refused_ = true;
   const auto now = Platform::Clock::Instance().SteadyNow();
-  if (!refusalLogged_ || now - *refusalLogged_ >= kRefusalLogInterval) {
-    LogSystemError(kLogWarning, "IOR port cannot accept connections", error);
-    refusalLogged_ = now;
-  }
-  if (!paused_ && reactor()->suspend_handler(this) == 0) paused_ = true;
+  if (refusalLogged_ && now - *refusalLogged_ < kRefusalLogInterval) return;
+  LogSystemError(kLogWarning, "IOR port cannot accept connections", error);
+  refusalLogged_ = now;
 }
 
 }  // namespace MessageRouter

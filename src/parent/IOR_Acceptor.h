@@ -24,6 +24,9 @@ class IOR_Acceptor : public ACE_Acceptor<IOR_Handler, ACE_SOCK_Acceptor> {
   static constexpr std::size_t kMaxHandlers = 256;
   // A client that has not taken its text by then is closed.
   static constexpr std::chrono::seconds kHandlerLimit{10};
+  // After the system has refused a connection, for want of descriptors, none is accepted for so
+  // long: the listening socket stays ready all the while, and the loop would spin.
+  static constexpr std::chrono::milliseconds kRefusalPause{100};
   // A system that refuses connections is reported no more often than this.
   static constexpr std::chrono::seconds kRefusalLogInterval{60};
   // So many are accepted in a row before the others have their turn.
@@ -33,8 +36,8 @@ class IOR_Acceptor : public ACE_Acceptor<IOR_Handler, ACE_SOCK_Acceptor> {
   ~IOR_Acceptor() override;
 
   int handle_input(ACE_HANDLE) override;
-  // For each round of the event loop: closes clients that had their time, and accepts again after
-  // the system had refused.
+  // After each round of the event loop: closes clients that had their time, and begins or ends the
+  // pause after a refusal.
   void Tick();
   void CloseHandlers();
 
@@ -46,12 +49,12 @@ class IOR_Acceptor : public ACE_Acceptor<IOR_Handler, ACE_SOCK_Acceptor> {
   void Closed(Handlers::iterator place);
 
  private:
-  // Without a pause the listening socket would stay ready, and the loop would spin.
-  void PauseAccepting(int error);
+  void Refused(int error);
 
   const std::string ior_;
   Handlers handlers_;
-  bool paused_ = false;
+  bool refused_ = false;  // in this round
+  std::optional<Platform::Clock::SteadyTime> paused_;
   std::optional<Platform::Clock::SteadyTime> refusalLogged_;
 };
 

@@ -15,7 +15,6 @@ IOR_Handler::IOR_Handler()
 
 int IOR_Handler::open(void* acceptor) {
   acceptor_ = static_cast<IOR_Acceptor*>(static_cast<IOR_Acceptor::Base*>(acceptor));
-  ior_ = acceptor_->Ior();
   place_ = acceptor_->Opened(this);
   if (reactor()->register_handler(
           this, ACE_Event_Handler::READ_MASK | ACE_Event_Handler::WRITE_MASK) == -1) {
@@ -30,9 +29,10 @@ int IOR_Handler::handle_input(ACE_HANDLE) {
 }
 
 int IOR_Handler::handle_output(ACE_HANDLE) {
-  while (sent_ < ior_.size()) {
+  const std::string& ior = acceptor_->Ior();
+  while (sent_ < ior.size()) {
     const ssize_t length =
-        peer().send(ior_.data() + sent_, ior_.size() - sent_, MSG_NOSIGNAL, nullptr);
+        peer().send(ior.data() + sent_, ior.size() - sent_, MSG_NOSIGNAL, nullptr);
     // A client that reads slowly waits for its own socket, and holds up nobody else.
     if (length == -1 && (errno == EWOULDBLOCK || errno == EINTR)) return 0;
     if (length <= 0) {

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <list>
-#include <string>
 
 #include "platform/Clock.h"
 
@@ -35,8 +34,7 @@ class IOR_Handler : public ACE_Svc_Handler<ACE_SOCK_Stream, ACE_NULL_SYNCH> {
   std::list<IOR_Handler*>::iterator place_;  // in the acceptor's list, once open has run
   bool registered_ = false;
   Platform::Clock::SteadyTime opened_;
-  std::string ior_;
-  std::size_t sent_ = 0;
+  std::size_t sent_ = 0;  // octets of the acceptor's text
 };
 
 }  // namespace MessageRouter

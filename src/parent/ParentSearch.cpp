@@ -63,17 +63,21 @@ std::string ParentSearch::Run(const std::string& hosts, std::uint16_t port,
       return ior;
     }
   }
-  observer_.ListUsedUp();
+  if (!Stopping()) observer_.ListUsedUp();
   return {};
 }
 
 std::string ParentSearch::Fetch(const std::string& host, const ACE_INET_Addr& address,
                                 std::uint32_t receiveSeconds) {
+  // What the router's own stop cuts short says nothing about the parent.
+  const auto report = [this, &host](const char* text) {
+    LogSystemError(kLogDebug, text, errno);
+    if (!Stopping()) observer_.Unreachable(host);
+  };
   ACE_SOCK_Stream stream;
   std::string ior;
   if (connect_(stream, address) == -1) {
-    LogSystemError(kLogDebug, "Connect failed", errno);
-    observer_.Unreachable(host);
+    report("Connect failed");
   } else if (stream.enable(ACE_NONBLOCK) == -1) {
     LogSystemError(kLogDebug, "Enable ACE_NONBLOCK failed", errno);
   } else {
@@ -81,8 +85,7 @@ std::string ParentSearch::Fetch(const std::string& host, const ACE_INET_Addr& ad
     ior = Receive(stream, receiveSeconds, failed);
     if (failed) {
       ior.clear();
-      LogSystemError(kLogDebug, "Recvv failed", errno);
-      observer_.Unreachable(host);
+      report("Recvv failed");
     }
   }
   stream.close();
