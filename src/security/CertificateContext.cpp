@@ -71,10 +71,7 @@ void CertificateContext::Initialise() {
   if (!context) throw std::runtime_error("Cannot make a TLS context");
   store_ = CeldaneStoreClient::CCeldaneStoreClient::GetStore(storeLocation_, privateLocation_);
   if (!store_) throw std::runtime_error("Failed to get the certificate store");
-  const auto ca = store_->GetCACertificate();
-  if (!ca) throw std::runtime_error("No CA certificate in certificate store");
-  TlsSetup::Configure(context.get(), ca->GetX509().get());
-  SSL_CTX_set_info_callback(context.get(), &TlsInfo);
+  Fill(context.get());
   checked_ = std::move(context);
 }
 
@@ -97,9 +94,7 @@ void CertificateContext::ConfigureSslContext() {
 }
 
 void CertificateContext::ConfigureCycle(SSL_CTX* context) {
-  const auto ca = Store().GetCACertificate();
-  if (!ca) throw std::runtime_error("No CA certificate in certificate store");
-  TlsSetup::Configure(context, ca->GetX509().get());
+  Fill(context);
   if (!OldProtocolsStay()) TlsSetup::RestrictProtocols(context);
 }
 
@@ -247,6 +242,13 @@ void CertificateContext::TlsInfo(const SSL* ssl, int where, int ret) {
 
 void CertificateContext::Tick() {
   watch_.Tick(callbacks_.reportInvalidCertificate);
+}
+
+void CertificateContext::Fill(SSL_CTX* context) const {
+  const auto ca = Store().GetCACertificate();
+  if (!ca) throw std::runtime_error("No CA certificate in certificate store");
+  TlsSetup::Configure(context, ca->GetX509().get());
+  SSL_CTX_set_info_callback(context, &TlsInfo);
 }
 
 CeldaneStoreClient::IStore& CertificateContext::Store() const {

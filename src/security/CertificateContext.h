@@ -89,7 +89,10 @@ class CertificateContext {
 
   CertificateContext();
 
+  // Throws std::runtime_error before Initialise has run.
   CeldaneStoreClient::IStore& Store() const;
+  void Fill(SSL_CTX* context) const;
+
   OpenSsl::SslContextPtr checked_;  // filled once, for its checks; no connection uses it
   std::string privateLocation_;
   std::string storeLocation_;

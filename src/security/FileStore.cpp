@@ -155,6 +155,8 @@ void FileStore::PutInForce(const std::string& name) {
 void FileStore::FinishCommit() {
   PutInForce(kKeyFile);
   PutInForce(kCertificateFile);
+  // Writing syncs the folder too: both names are in force on stable storage before the mark goes.
+  Write(kCommitFile, "", kKeyMode);
   Remove(kCommitFile);
   pendingKey_.reset();
   pendingCertificate_.reset();
