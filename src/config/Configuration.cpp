@@ -21,53 +21,60 @@ TheConfiguration& Current() {
   return *configuration;
 }
 
-// Runs `use` on the store with the mutex held; `otherwise` if there is none or the mutex can't be
-// taken.
+// Runs `use` on the store (null before there is one) with the mutex held; `otherwise` if the mutex
+// can't be taken.
 template <class Function, class Result>
-Result WithStore(Function&& use, Result absent, Result otherwise) {
+Result WithStore(Function&& use, Result otherwise) {
   TheConfiguration& current = Current();
-  ThreadHelper::Guard guard(current.mutex);
+  const ThreadHelper::Guard guard(current.mutex);
   if (!guard) return otherwise;
-  return current.store ? use(*current.store) : absent;
+  return use(current.store.get());
+}
+
+// Runs `get` on the store; its result counts where it finds the value.
+template <class Get, class Result>
+Result ValueOr(const Result& defaultValue, ACE_XPlatform_Configuration* store, Get&& get) {
+  bool found = false;
+  if (store == nullptr) return defaultValue;
+  Result value = get(*store, found);
+  return found ? value : defaultValue;
 }
 
 }  // namespace
 
 std::uint32_t GetConfigInt(const char* name, std::uint32_t defaultValue) {
   return WithStore(
-      [&](ACE_XPlatform_Configuration& store) {
-        bool found = false;
-        const std::uint32_t value = store.GetIntegerValue(name, found);
-        return found ? value : defaultValue;
+      [&](ACE_XPlatform_Configuration* store) {
+        return ValueOr(defaultValue, store, [&](ACE_XPlatform_Configuration& s, bool& found) {
+          return s.GetIntegerValue(name, found);
+        });
       },
-      defaultValue, std::uint32_t{0});
+      std::uint32_t{0});
 }
 
 bool GetConfigBool(const char* name, bool defaultValue) {
   return WithStore(
-      [&](ACE_XPlatform_Configuration& store) {
-        bool found = false;
-        const bool value = store.GetBooleanValue(name, found);
-        return found ? value : defaultValue;
+      [&](ACE_XPlatform_Configuration* store) {
+        return ValueOr(defaultValue, store, [&](ACE_XPlatform_Configuration& s, bool& found) {
+          return s.GetBooleanValue(name, found);
+        });
       },
-      defaultValue, false);
+      false);
 }
 
 std::string GetConfigString(const char* name, const std::string& defaultValue,
                             std::size_t maximumSize) {
-  const auto get = [&](ACE_XPlatform_Configuration& store) {
-    bool found = false;
-    std::string value = store.GetStringValue(name, found);
-    return found ? value : defaultValue;
-  };
-  const auto checked = [&](ACE_XPlatform_Configuration& store) {
-    if (defaultValue.size() > maximumSize) {
-      throw std::invalid_argument(
-          "The length of the default string value exceeds the maxSize parameter value.");
-    }
-    return get(store);
-  };
-  std::string value = WithStore(checked, defaultValue, std::string());
+  std::string value = WithStore(
+      [&](ACE_XPlatform_Configuration* store) {
+        if (defaultValue.size() > maximumSize) {
+          throw std::invalid_argument(
+              "The length of the default string value exceeds the maxSize parameter value.");
+        }
+        return ValueOr(defaultValue, store, [&](ACE_XPlatform_Configuration& s, bool& found) {
+          return s.GetStringValue(name, found);
+        });
+      },
+      std::string());
   if (value.size() <= maximumSize) return value;
   LogError(
       "The configuration property value length %zu exceeds the maximum size %zu expected for this "
@@ -79,12 +86,12 @@ std::string GetConfigString(const char* name, const std::string& defaultValue,
 
 void SetConfigInt(const char* name, std::uint32_t value) {
   WithStore(
-      [&](ACE_XPlatform_Configuration& store) {
+      [&](ACE_XPlatform_Configuration* store) {
         bool ok = false;
-        store.SetIntegerValue(name, value, ok);
+        if (store != nullptr) store->SetIntegerValue(name, value, ok);
         return ok;
       },
-      false, false);
+      false);
 }
 
 void SetConfigBool(const char* name, bool value) {
@@ -93,17 +100,17 @@ void SetConfigBool(const char* name, bool value) {
 
 void SetConfigString(const char* name, const std::string& value) {
   WithStore(
-      [&](ACE_XPlatform_Configuration& store) {
+      [&](ACE_XPlatform_Configuration* store) {
         bool ok = false;
-        store.SetStringValue(name, value, ok);
+        if (store != nullptr) store->SetStringValue(name, value, ok);
         return ok;
       },
-      false, false);
+      false);
 }
 
 void SaveConfiguration() {
-  const bool saved =
-      WithStore([](ACE_XPlatform_Configuration& store) { return store.Flush(); }, true, true);
+  const bool saved = WithStore(
+      [](ACE_XPlatform_Configuration* store) { return store == nullptr || store->Flush(); }, true);
   if (!saved) LogError("Failed to save configuration\n");
 }
 
@@ -112,10 +119,13 @@ void SetConfiguration(ACE_XPlatform_Configuration* configuration, const std::str
     throw std::invalid_argument("Null configuration object passed to the initialization routine.");
   }
   TheConfiguration& current = Current();
-  ThreadHelper::Guard guard(current.mutex);
-  if (!guard) return;
-  if (current.store.get() != configuration) current.store.reset(configuration);
-  if (!configuration->OpenSection(sectionPath, true)) {
+  const ThreadHelper::Guard guard(current.mutex);
+  bool opened = false;
+  if (guard) {
+    if (current.store.get() != configuration) current.store.reset(configuration);
+    opened = configuration->OpenSection(sectionPath, true);
+  }
+  if (!opened) {
     LogError("Failed to open configuration section\n");
     throw std::runtime_error("Failed to open configuration section");
   }

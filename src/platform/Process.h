@@ -43,8 +43,10 @@ std::optional<std::string> HostName();
 std::optional<std::string> ComputerName();
 
 // The folder for data that all users of the machine share, without a slash at the end. Nothing
-// where the system names none.
+// where the system names none. Replaceable for tests.
 std::optional<std::string> CommonDataFolder();
+using FolderSource = std::optional<std::string> (*)();
+void SetCommonDataFolderSource(FolderSource source);  // null: the system
 
 void SleepMilliseconds(unsigned milliseconds);
 

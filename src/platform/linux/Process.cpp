@@ -26,6 +26,8 @@ namespace {
 
 std::atomic<void (*)()> lastWords{nullptr};
 
+std::atomic<FolderSource> commonDataFolderSource{nullptr};
+
 constexpr unsigned kMaskBits = 64;
 
 thread_local std::uint32_t threadId = 0;
@@ -126,7 +128,12 @@ std::optional<std::string> ComputerName() {
 }
 
 std::optional<std::string> CommonDataFolder() {
+  if (const FolderSource source = commonDataFolderSource) return source();
   return CommonDataFolderFor(geteuid() == 0, [](const char* name) { return std::getenv(name); });
+}
+
+void SetCommonDataFolderSource(FolderSource source) {
+  commonDataFolderSource = source;
 }
 
 std::optional<std::string> CommonDataFolderFor(bool root,
