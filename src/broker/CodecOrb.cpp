@@ -26,7 +26,9 @@ void MakeCodecOrb() {
   const ThreadHelper::Guard guard(codec.mutex);
   if (!guard || !CORBA::is_nil(codec.orb)) return;
   int argc = 0;
-  codec.orb = CORBA::ORB_init(argc, nullptr);
+  // Without a word about the TLS that it doesn't have.
+  const char* options[][2] = {{"traceLevel", "0"}, {nullptr, nullptr}};
+  codec.orb = CORBA::ORB_init(argc, nullptr, "omniORB4", options);
   TypeCodeGuard::RequireInForce();
 }
 

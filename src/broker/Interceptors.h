@@ -1,0 +1,10 @@
+#pragma once
+
+namespace Broker {
+
+// Puts our functions into the ORB's chains: what CurrentCall and the hook need, the use of each
+// connection, and the names of threads. The ORB forgets them when it is destroyed, so this follows
+// each making of an ORB.
+void InstallInterceptors();
+
+}  // namespace Broker
