@@ -1,0 +1,154 @@
+#!/usr/bin/env bash
+# Shows the system at work in a temporary folder: an authority, a router, two clients, a message
+# pushed, and one that outlives a kill -9. Builds what is missing; leaves nothing running.
+# With BRELIX_BIN set, takes the programs from that folder instead of building them.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+step() { printf '\n== %s\n' "$*"; }
+show() { printf '   $ %s\n' "$*"; }
+fail() { printf 'demo: %s\n' "$*" >&2; exit 1; }
+
+if [ -n "${BRELIX_BIN:-}" ]; then
+  bin=$(cd "$BRELIX_BIN" && pwd)
+else
+  step "Build"
+  scripts/build.sh release brelix-message-router brelix-certmgr brelix-client
+  bin=$PWD/build/release/bin
+fi
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/brelix-demo.XXXXXX")
+router_pid=
+receiver_pid=
+finish() {
+  status=$?
+  trap - EXIT
+  [ "$status" -eq 0 ] || { echo "demo: failed; the router's log ends with" >&2
+    cat "$work"/router/Router/Logs/*.log 2>/dev/null | tail -n 20 >&2 || true; }
+  for pid in $receiver_pid $router_pid; do kill "$pid" 2>/dev/null || true; done
+  for pid in $receiver_pid $router_pid; do wait "$pid" 2>/dev/null || true; done
+  rm -rf "$work"
+  exit "$status"
+}
+trap finish EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+# A TCP port that nobody listens on.
+free_port() {
+  local port
+  while :; do
+    port=$((20000 + RANDOM % 12000))
+    [ -n "$(ss -Hltn "sport = :$port")" ] || { echo "$port"; return; }
+  done
+}
+
+# wait_for WHAT COMMAND...: until the command succeeds, at most 20 seconds.
+wait_for() {
+  local what=$1 end=$((SECONDS + 20))
+  shift
+  until "$@" >/dev/null 2>&1; do
+    [ $SECONDS -lt $end ] || fail "waited in vain for $what"
+    sleep 0.05
+  done
+}
+
+log() { cat "$work"/router/Router/Logs/*.log 2>/dev/null; }
+log_count() { log | grep -c -F -- "$1" || true; }
+# logged N TEXT: the log has the text at least N times.
+logged() { [ "$(log_count "$2")" -ge "$1" ]; }
+no_envelopes() { [ -z "$(ls "$work/router/Router/Envelopes")" ]; }
+
+starts=0
+start_router() {
+  (cd "$work/router" && exec "$bin/brelix-message-router" -config ./brelix.config \
+    -ORBendPoint "giop:ssl::$tls_port") &
+  router_pid=$!
+  starts=$((starts + 1))
+  wait_for "the router" logged "$starts" "Waiting for messages..."
+}
+
+client() {
+  local name=$1
+  shift
+  "$bin/brelix-client" --port "$ior_port" --identity "$work/$name" "$@"
+}
+
+step "A certification authority, and certificates for a router and two clients"
+show brelix-certmgr init --dir authority
+"$bin/brelix-certmgr" init --dir "$work/authority" >/dev/null
+mkdir -p "$work/router/Router"
+show brelix-certmgr issue --ca authority --name router-1 --role router --out router/Router/Private
+"$bin/brelix-certmgr" issue --ca "$work/authority" --name router-1 --role router \
+  --out "$work/router/Router/Private" >/dev/null
+for name in agent-1 agent-2; do
+  show brelix-certmgr issue --ca authority --name $name --role none --out $name
+  "$bin/brelix-certmgr" issue --ca "$work/authority" --name $name --role none \
+    --out "$work/$name" >/dev/null
+done
+
+step "One router in its own folder"
+ior_port=$(free_port)
+tls_port=$(free_port)
+root='SOFTWARE\Brelix\Messaging System'
+printf '[%s]\n"UseRelativeDataLocation"=dword:1\n' "$root" >"$work/router/router.config"
+printf '[%s]\n"UseRelativeDataLocation"=dword:1\n\n[%s\\Router]\n"IORSenderPort"=dword:%x\n"LogConsole"=dword:0\n' \
+  "$root" "$root" "$ior_port" >"$work/router/brelix.config"
+show brelix-message-router -config ./brelix.config -ORBendPoint "giop:ssl::$tls_port"
+start_router
+show brelix-client ping
+client agent-1 ping
+
+step "Both clients register over TLS"
+for name in agent-1 agent-2; do
+  show brelix-client --identity $name register
+  client $name register
+done
+
+step "agent-2 listens; a message from agent-1 is pushed to it"
+show brelix-client --identity agent-2 receive --count 1
+client agent-2 receive --count 1 --timeout 20 >"$work/pushed.txt" &
+receiver_pid=$!
+wait_for "agent-2's logon" logged 1 "Logged on agent-2 as a client"
+show brelix-client --identity agent-1 send agent-2 --text '"Hello, agent-2"'
+client agent-1 send agent-2 --text "Hello, agent-2"
+wait "$receiver_pid" || fail "agent-2 received nothing"
+receiver_pid=
+cat "$work/pushed.txt"
+grep -q "Hello, agent-2" "$work/pushed.txt" || fail "agent-2 received something else"
+wait_for "the envelope's file to go" no_envelopes
+
+step "SIGHUP: the router builds itself anew, and puts its table of clients on disk at once"
+# By itself it writes the table at most once a minute.
+kill -HUP "$router_pid"
+starts=$((starts + 1))
+wait_for "the router" logged "$starts" "Waiting for messages..."
+cat "$work/router/Router/table_router.txt"
+
+step "agent-2 is away; a message for it waits as a file in Envelopes/"
+show brelix-client --identity agent-1 send agent-2 --text '"Read me when you are back"'
+id=$(client agent-1 send agent-2 --text "Read me when you are back")
+echo "$id"
+(cd "$work/router/Router" && ls -l Envelopes/ && cut -c 1-100 Envelopes/*.msg)
+
+step "kill -9, and the router is started again"
+# The shell's own word about the killed job is not for the reader.
+{ kill -9 "$router_pid"; wait "$router_pid" || true; } 2>/dev/null
+router_pid=
+[ "$(ls "$work/router/Router/Envelopes" | wc -l)" = 1 ] || fail "the envelope's file is gone"
+start_router
+
+step "agent-2 is back and gets its message"
+show brelix-client --identity agent-2 receive --count 1
+client agent-2 receive --count 1 --timeout 20 | tee "$work/late.txt"
+grep -q "$id" "$work/late.txt" || fail "not the message that was sent"
+wait_for "the envelope's file to go" no_envelopes
+echo "Envelopes/ is empty."
+
+step "SIGTERM ends the router in order"
+kill -TERM "$router_pid"
+wait "$router_pid" || fail "the router ended with status $?"
+router_pid=
+log | tail -n 1
+echo
+echo "Done."

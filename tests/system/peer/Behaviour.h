@@ -1,0 +1,56 @@
+#pragma once
+
+#include <atomic>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Json.h"
+#include "threads/Mutex.h"
+
+namespace Peer {
+
+// What the peer's own objects do when a router calls them, and what they saw.
+// Threads: any.
+class Behaviour {
+ public:
+  // "EnvelopeConsumer.SendEnvelope" raises an exception for the next `times` calls (-1: for ever),
+  // each after a delay. A delay of -1 hangs until Release.
+  struct Rule {
+    std::string raise;
+    int times = 0;
+    int delayMilliseconds = 0;
+  };
+  void Set(const std::string& method, const Rule& rule);
+  // Ends every hang, now and to come.
+  void Release();
+
+  // Called first by every servant operation: counts, delays, raises.
+  void OnCall(const std::string& method);
+  Json Calls() const;
+
+  // Received envelopes, one line each, "ID originator first-word-of-the-text", flushed before the
+  // caller is answered.
+  void RecordInto(const std::string& path);
+  void Received(const BrelixMessaging::Envelope& envelope);
+  std::uint64_t ReceivedCount() const;
+  // The last envelopes, oldest first, at most kKept.
+  Json Last() const;
+  // False if the time runs out first.
+  bool WaitForReceived(std::uint64_t count, std::chrono::milliseconds time);
+
+  static constexpr std::size_t kKept = 100;
+
+ private:
+  mutable ThreadHelper::Mutex mutex_;
+  ThreadHelper::Condition changed_{mutex_};
+  std::map<std::string, Rule> rules_ GUARDED_BY(mutex_);
+  std::map<std::string, std::uint64_t> calls_ GUARDED_BY(mutex_);
+  bool released_ GUARDED_BY(mutex_) = false;
+  std::ofstream record_ GUARDED_BY(mutex_);
+  std::uint64_t received_ GUARDED_BY(mutex_) = 0;
+  std::vector<Json> last_ GUARDED_BY(mutex_);
+};
+
+}  // namespace Peer

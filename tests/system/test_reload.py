@@ -1,0 +1,70 @@
+"""SIGHUP: the router builds itself anew and loses nothing."""
+
+import unittest
+
+import harness
+from harness import SystemTest, wait_until
+
+RELOADS = 50
+
+
+class Reload(SystemTest):
+    def ids(self, name):
+        path = self.folder / name
+        lines = path.read_text().splitlines() if path.exists() else []
+        return {line.split()[0] for line in lines if line}
+
+    def test_many_reloads_under_traffic_lose_nothing_and_leak_nothing(self):
+        box = self.router(settings={"LogLevel": 0})
+        receiver = self.peer(box, "agent-2", timeout=10).log_on()
+        receiver("record", file=str(self.folder / "received"))
+        sender = self.peer(box, "agent-1", timeout=10).log_on()
+        sender("bulk", destination="agent-2", count=1000000, rate=100, size=300, threads=2,
+               ledger=str(self.folder / "ledger"), reconnect=True, deadline=3600)
+        fds, rss = [], []
+        for number in range(RELOADS):
+            before = len(self.ids("ledger"))
+            box.reload()
+            receiver.retry("reconnect")
+            wait_until(lambda: len(self.ids("ledger")) > before, 20,
+                       f"traffic after reload {number}")
+            if number >= 9:
+                fds.append(box.fds())
+                rss.append(box.rss())
+        sender("bulk_stop")
+        sender("bulk_wait")
+        receiver.retry("reconnect")
+        accepted = self.ids("ledger")
+        wait_until(lambda: accepted <= self.ids("received"), 30, "every accepted message")
+        self.wait_no_envelopes(box)
+        print(f"\nreloads: {RELOADS}, accepted: {len(accepted)}, descriptors {min(fds)}..{max(fds)},"
+              f" resident {min(rss)}..{max(rss)} KiB, first {rss[0]}, last {rss[-1]}")
+        # A few connections come and go with the traffic.
+        self.assertLessEqual(max(fds) - min(fds), 8, fds)
+        if not harness.SANITIZED:
+            early, late = max(rss[:10]), max(rss[-10:])
+            self.assertLessEqual(late, early * 1.1 + 1024, rss)
+
+    def test_a_reload_while_the_router_starts_is_not_forgotten(self):
+        box = self.router(start=False)
+        box.start(wait=False)
+        wait_until(lambda: "Creating ORB" in box.log(), 10, "the start")
+        box.process.send_signal(harness.signal.SIGHUP)
+        wait_until(lambda: box.log().count("Waiting for messages...") >= 2, 20, "a second cycle")
+
+    def test_a_log_level_from_the_store_needs_a_restart_and_a_log_stays_one_file(self):
+        box = self.router()
+        box.reload()
+        box.reload()
+        self.assertEqual(1, len(list((box.data / "Logs").glob("*.log"))))
+
+    def test_a_stop_during_a_reload_wins(self):
+        box = self.router()
+        box.process.send_signal(harness.signal.SIGHUP)
+        box.process.send_signal(harness.signal.SIGTERM)
+        self.assertEqual(0, box.wait_end())
+        self.assertRegex(box.log().splitlines()[-1], "EOF$")
+
+
+if __name__ == "__main__":
+    unittest.main()
