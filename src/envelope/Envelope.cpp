@@ -79,7 +79,12 @@ BrelixMessaging::Envelope* Envelope::ToWire(bool qualifyOriginator) {
   wire->client_info.prio = static_cast<CORBA::Long>(priority_);
   wire->client_info.type = type_.c_str();
   wire->client_info.delivery_options = options_.c_str();
-  if (!decoded) GetData(wire->client_info.custom_data);
+  if (decoded) {
+    LogTrace("Envelope::GetData\n");
+    LogTrace("Envelope::Expand\n");
+  } else {
+    GetData(wire->client_info.custom_data);
+  }
 
   const std::int64_t now = Now();
   const std::vector<Timestamp>& stamps = timestamps_.stamps;

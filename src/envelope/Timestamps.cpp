@@ -65,7 +65,7 @@ std::istream& Timestamps::read(std::istream& stream) {
     }
     stamps.push_back(std::move(stamp));
   }
-  stream.ignore(1);
+  if (stream.good()) stream.ignore(1);
   stamps.shrink_to_fit();
   return stream;
 }
