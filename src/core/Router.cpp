@@ -56,9 +56,7 @@ Router::Router(std::string name, int argc, char** argv)
       routing_(*this, routerTable_),
       getterThread_(routerTable_),
       timeoutThread_(routerTable_),
-      routerThread_(routing_) {
-  routerTable_.SetReroute([this](Envelope envelope) { QueueForRouting(std::move(envelope)); });
-}
+      routerThread_(routing_) {}
 
 Router::~Router() = default;
 
@@ -185,6 +183,11 @@ void Router::Tick() {
   RunSystemChecks();
   CertificateContext::instance().Tick();
   routerTable_.Tick();
+  // The queue that held all envelopes of the last run is large and needed no more.
+  if (trimWhenRouted_ && routing_.RouteQueueSize() == 0) {
+    trimWhenRouted_ = false;
+    Platform::TrimMemory();
+  }
   if (reloadRequested_.exchange(false)) Reinitialize();
 }
 
@@ -194,6 +197,7 @@ void Router::RunSystemChecks() {
   const std::uint32_t minutes = GetConfigInt("UserPortCheckIntervalMins", 60);
   const std::uint32_t hours = GetConfigInt("UserPortEventIntervalHours", 24);
   RouterSystemCheck(percentage, 1024, minutes * 60, hours * 3600).Run();
+  Platform::TrimMemory();
   auto* checker = CertificateContext::instance().RegenerationChecker();
   if (checker != nullptr && checker->IsItTimeToRefreshCertificate()) GetCertificate();
 }

@@ -125,6 +125,7 @@ class Router : public RoutingHost {
   std::int32_t invalidCertificateCount_ = 0;
   unsigned hostFailures_ = 0;
   bool debugBreakpoints_ = false;
+  bool trimWhenRouted_ = false;
   std::unique_ptr<StatusReporting::StatusReporter> statusReporter_;
   std::unique_ptr<Router_Resource_Factory> resourceFactory_;
 

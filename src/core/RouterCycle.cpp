@@ -157,6 +157,7 @@ void RouterCycle::LoadState() {
   std::vector<Envelope> envelopes;
   LoadPersistentEnvelopes(envelopes);
   for (Envelope& envelope : envelopes) router_.QueueForRouting(std::move(envelope));
+  router_.trimWhenRouted_ = true;
 }
 
 void RouterCycle::Run() {
