@@ -22,9 +22,9 @@ TEST(ConfigurationFileCorpus, RunsThroughTheFuzzTarget) {
   EXPECT_GT(inputs, 10u);
 }
 
-TEST(ConfigurationFileCorpus, SixteenMegabytesOfSmallSectionsAreReadInBoundedTime) {
+TEST(ConfigurationFileCorpus, ManySmallSectionsAreReadInBoundedTime) {
   std::string text;
-  for (unsigned i = 0; text.size() < 16 * 1024 * 1024; ++i) {
+  for (unsigned i = 0; text.size() < 2 * 1024 * 1024; ++i) {
     text += '[' + std::to_string(i) + "]\n\"\"=dword:1\n";
   }
   EXPECT_TRUE(MessageRouter::ConfigurationText::Parse(std::move(text), nullptr).has_value());
