@@ -1,0 +1,213 @@
+#include "fixture.h"
+
+namespace TestSupport {
+namespace {
+
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class EntryPushTest : public RoutingTest {
+ protected:
+  EntryPushTest() : client_(AClient("agent")) {}
+  Entry& client_;
+};
+
+TEST_F(EntryPushTest, OnePeerHasOneSenderAtATime) {
+  EXPECT_FALSE(client_.ClaimForSending().acquired);
+  LogonPushed(client_);
+  const Entry::Claim claim = client_.ClaimForSending();
+  EXPECT_TRUE(claim.acquired);
+  EXPECT_EQ(client_.GetConsumerState(), Entry::kPushBusy);
+  EXPECT_TRUE(client_.IsPassiveConsumer());
+  const Entry::Claim second = client_.ClaimForSending();
+  EXPECT_FALSE(second.acquired);
+  EXPECT_EQ(second.generation, claim.generation);
+}
+
+TEST_F(EntryPushTest, TheEndOfASendWakesTheSendersIfMoreWaits) {
+  LogonPushed(client_);
+  client_.SendFinished(client_.ClaimForSending().generation);
+  EXPECT_EQ(client_.GetConsumerState(), Entry::kPushIdle);
+  EXPECT_THAT(host_.Senders(), IsEmpty());
+  Enqueue(client_, AnEnvelope());
+  client_.SendFinished(client_.ClaimForSending().generation);
+  EXPECT_THAT(host_.Senders(), ElementsAre(&client_));
+}
+
+TEST_F(EntryPushTest, AFailedSendIsRemembered) {
+  LogonPushed(client_);
+  client_.SendFailed(client_.ClaimForSending().generation);
+  EXPECT_EQ(client_.GetConsumerState(), Entry::kPushFailed);
+  EXPECT_FALSE(client_.IsPassiveConsumer());
+  EXPECT_FALSE(client_.ClaimForSending().acquired);
+}
+
+TEST_F(EntryPushTest, TheEndOfAStaleSendChangesNothing) {
+  LogonPushed(client_);
+  const Entry::Claim stale = client_.ClaimForSending();
+  LogonPushed(client_);
+  Enqueue(client_, AnEnvelope());
+  ASSERT_TRUE(client_.ClaimForSending().acquired);
+  client_.SendFinished(stale.generation);
+  client_.SendFailed(stale.generation);
+  EXPECT_EQ(client_.GetConsumerState(), Entry::kPushBusy);
+  EXPECT_THAT(host_.Senders(), IsEmpty());
+}
+
+class EntryNotificationTest : public RoutingTest {
+ protected:
+  EntryNotificationTest() : peer_(ARouter("child")) {
+    thresholds_.notificationThresholdInitialRetrySecs = 100;
+    thresholds_.notificationThresholdMaxRetrySecs = 350;
+    thresholds_.activeConsumerConnectionTimeout = 1800;
+    host_.SetThresholds(thresholds_);
+    Logon(0);
+  }
+  void Logon(std::int32_t threshold) {
+    const BrelixMessaging::NotifyConsumer_var notify =
+        AReferenceTo<BrelixMessaging::NotifyConsumer>("notified");
+    peer_.LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+                      BrelixMessaging::RouterSupplier::_nil(), notify, threshold, true);
+  }
+  // The generation of a notification under way.
+  MessageRouter::LogonGeneration Begin() {
+    if (!peer_.HasEnvelopes()) Enqueue(peer_, AnEnvelope());
+    const Entry::Claim claim = peer_.NotificationWanted();
+    EXPECT_TRUE(claim.acquired);
+    return claim.generation;
+  }
+
+  Entry& peer_;
+  MessageRouter::Thresholds thresholds_;
+};
+
+TEST_F(EntryNotificationTest, IsWantedOnceSomethingWaits) {
+  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+  Enqueue(peer_, AnEnvelope());
+  EXPECT_TRUE(peer_.NotificationWanted().acquired);
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifying);
+  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+}
+
+TEST_F(EntryNotificationTest, ThePriorityComparesSignedWithTheThreshold) {
+  Enqueue(peer_, AnEnvelope().WithPriority(0xFFFFFFFF));  // -1
+  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+  Logon(-1);
+  EXPECT_TRUE(peer_.NotificationWanted().acquired);
+}
+
+TEST_F(EntryNotificationTest, APullThatFoundNothingMeanwhileAsksForOneMoreNotification) {
+  const auto generation = Begin();
+  peer_.EnvelopePulledWithNothingThere();
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyingPulledEmpty);
+  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyAgain);
+  EXPECT_TRUE(peer_.NotificationFinished(generation));
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
+  EXPECT_FALSE(peer_.NotificationFinished(generation));
+}
+
+TEST_F(EntryNotificationTest, AFinishedOneLeavesThePeerNotifiedAndItCanBeNotifiedAgain) {
+  EXPECT_FALSE(peer_.NotificationFinished(Begin()));
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
+  EXPECT_TRUE(peer_.NotificationWanted().acquired);
+  peer_.EnvelopePulledWithNothingThere();
+  EXPECT_FALSE(peer_.NotificationFinished(peer_.Generation()));
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
+}
+
+TEST_F(EntryNotificationTest, APullOutsideOfANotificationChangesNoState) {
+  peer_.EnvelopePulledWithNothingThere();
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNothingSent);
+}
+
+TEST_F(EntryNotificationTest, AFailedOneWaitsTheInitialTime) {
+  peer_.NotificationFailed(Begin());
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNoNotification);
+  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+  clock_.Advance(seconds(100));
+  EXPECT_FALSE(peer_.NotificationRetryDue().acquired);
+  clock_.Advance(std::chrono::milliseconds(1));
+  EXPECT_TRUE(peer_.NotificationRetryDue().acquired);
+}
+
+TEST_F(EntryNotificationTest, TheThresholdCallIsDueAtOnceAndThenBacksOffByDoublingUpToTheMaximum) {
+  for (const unsigned wait : {100, 200, 350, 350}) {
+    const Entry::Claim claim = peer_.NotificationRetryDue();
+    ASSERT_TRUE(claim.acquired) << wait;
+    peer_.ThresholdCallFailed(claim.generation);
+    EXPECT_EQ(peer_.GetConsumerState(), Entry::kNoNotification);
+    clock_.Advance(seconds(wait));
+    EXPECT_FALSE(peer_.NotificationRetryDue().acquired) << wait;
+    clock_.Advance(std::chrono::milliseconds(1));
+  }
+}
+
+TEST_F(EntryNotificationTest, WithAnInitialValueAboveTheMaximumTheFirstRetryIntervalIsTheMaximum) {
+  thresholds_.notificationThresholdInitialRetrySecs = 1000;
+  host_.SetThresholds(thresholds_);
+  peer_.ThresholdCallFailed(peer_.NotificationRetryDue().generation);
+  clock_.Advance(seconds(351));
+  EXPECT_TRUE(peer_.NotificationRetryDue().acquired);
+}
+
+TEST_F(EntryNotificationTest, AnAcceptedThresholdCounts) {
+  const Entry::Claim claim = peer_.NotificationRetryDue();
+  peer_.NotificationAccepted(claim.generation, 5);
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
+  Enqueue(peer_, AnEnvelope().WithPriority(4));
+  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+  Enqueue(peer_, AnEnvelope().WithPriority(5));
+  EXPECT_TRUE(peer_.NotificationWanted().acquired);
+}
+
+TEST_F(EntryNotificationTest, TheEndOfAStaleOneChangesNothing) {
+  const auto stale = Begin();
+  Logon(0);
+  peer_.NotificationFailed(stale);
+  peer_.ThresholdCallFailed(stale);
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNothingSent);
+  Begin();
+  EXPECT_FALSE(peer_.NotificationFinished(stale));
+  peer_.NotificationAccepted(stale, 9);
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifying);
+}
+
+TEST_F(EntryNotificationTest, ASilentActiveConsumerTimesOutAfterTheTimeAndNotAtIt) {
+  clock_.Advance(seconds(1800));
+  EXPECT_FALSE(peer_.PullTimedOut());
+  clock_.Advance(seconds(1));
+  EXPECT_TRUE(peer_.PullTimedOut());
+  clock_.AdvanceWall(-100000);
+  EXPECT_TRUE(peer_.PullTimedOut());
+  peer_.TouchLastPull();
+  EXPECT_FALSE(peer_.PullTimedOut());
+}
+
+TEST_F(EntryNotificationTest, AClientNeverTimesOut) {
+  Entry& client = AClient("agent");
+  LogonPulling(client);
+  client.TouchLastPull();
+  clock_.Advance(seconds(100000));
+  EXPECT_FALSE(client.PullTimedOut());
+}
+
+TEST_F(EntryNotificationTest, APassiveConsumerNeverTimesOut) {
+  const BrelixMessaging::RouterConsumer_var consumer =
+      AReferenceTo<BrelixMessaging::RouterConsumer>("pushed");
+  peer_.LogonRouter(consumer, BrelixMessaging::RouterSupplier::_nil(),
+                    BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+  peer_.TouchLastPull();
+  clock_.Advance(seconds(100000));
+  EXPECT_FALSE(peer_.PullTimedOut());
+}
+
+TEST_F(EntryNotificationTest, APeerThatLoggedOffDoesNotTimeOut) {
+  peer_.Logoff();
+  clock_.Advance(seconds(100000));
+  EXPECT_FALSE(peer_.PullTimedOut());
+}
+
+}  // namespace
+}  // namespace TestSupport

@@ -1,0 +1,127 @@
+#include "fixture.h"
+
+namespace TestSupport {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using EntryQueueTest = RoutingTest;
+
+TEST_F(EntryQueueTest, OlderOfEqualPriorityLeavesFirst) {
+  Entry& entry = AClient("agent");
+  Enqueue(entry, AnEnvelope().WithPriority(5).WithId(1));
+  Enqueue(entry, AnEnvelope().WithPriority(5).WithId(2));
+  Enqueue(entry, AnEnvelope().WithPriority(6).WithId(3));
+  EXPECT_THAT(Drain(entry), ElementsAre(3, 1, 2));
+}
+
+TEST_F(EntryQueueTest, PeekLeavesTheEnvelopeUntilItIsAcknowledged) {
+  Entry& entry = AClient("agent");
+  Enqueue(entry, AnEnvelope().WithId(1));
+  Enqueue(entry, AnEnvelope().WithId(2));
+  Envelope out;
+  ASSERT_TRUE(entry.PeekNext(out));
+  ASSERT_TRUE(entry.PeekNext(out));
+  EXPECT_EQ(out.MessageId(), 1u);
+  EXPECT_TRUE(entry.Cancel(out.Originator(), 1));
+  ASSERT_TRUE(entry.PeekNext(out));
+  EXPECT_EQ(out.MessageId(), 2u);
+}
+
+TEST_F(EntryQueueTest, AnEmptyQueueGivesNothing) {
+  Entry& entry = AClient("agent");
+  Envelope out;
+  EXPECT_FALSE(entry.PopNext(out));
+  EXPECT_FALSE(entry.PeekNext(out));
+  EXPECT_FALSE(entry.HasEnvelopes());
+  EXPECT_FALSE(entry.Cancel("router1.sender", 1));
+  EXPECT_THAT(entry.TakeAll(), IsEmpty());
+}
+
+TEST_F(EntryQueueTest, PeekCertificationPassesOverOrdinaryEnvelopesAndThrowsWithoutOne) {
+  Entry& entry = AClient("agent");
+  Enqueue(entry, AnEnvelope().WithId(1).WithPriority(9));
+  Envelope out;
+  try {
+    entry.PeekCertification(out);
+    FAIL();
+  } catch (const MessageRouter::NoCertificationMessage& exception) {
+    EXPECT_STREQ(exception.what(), "No Certification message");
+  }
+  Enqueue(entry, AnEnvelope().WithId(2).WithType("Certification.CertRequest-Response"));
+  entry.PeekCertification(out);
+  EXPECT_EQ(out.MessageId(), 2u);
+}
+
+TEST_F(EntryQueueTest, CancelRetiresTheEnvelopeOfThatIdAndExactlyThatOriginator) {
+  Entry& entry = AClient("agent");
+  Enqueue(entry, AStoredEnvelope("1.msg").WithId(1).WithOriginator("router1.a"));
+  Enqueue(entry, AStoredEnvelope("2.msg").WithId(1).WithOriginator("router1.b"));
+  EXPECT_FALSE(entry.Cancel("router1.A", 1));
+  EXPECT_TRUE(entry.Cancel("router1.b", 1));
+  EXPECT_TRUE(FileExists("1.msg"));
+  EXPECT_FALSE(FileExists("2.msg"));
+  EXPECT_FALSE(entry.Cancel("router1.b", 1));
+}
+
+TEST_F(EntryQueueTest, RetireExpiredReportsATimeoutAndRemovesTheFile) {
+  Entry& entry = AClient("agent");
+  Enqueue(entry, AStoredEnvelope("1.msg").WithTtl(clock_.WallSeconds() - 1).WithType("T"));
+  Enqueue(entry, AStoredEnvelope("2.msg").WithTtl(clock_.WallSeconds() + 1).WithId(2));
+  entry.RetireExpired();
+  EXPECT_TRUE(log_.Contains("Delivery failed(Timeout) for message type T, originator"));
+  EXPECT_FALSE(FileExists("1.msg"));
+  EXPECT_TRUE(FileExists("2.msg"));
+  EXPECT_THAT(Drain(entry), ElementsAre(2));
+}
+
+TEST_F(EntryQueueTest, TakesNothingOnceItIsUnregistered) {
+  Entry& entry = AClient("agent");
+  table_.Unregister("agent");
+  EXPECT_FALSE(entry.Enqueue(AnEnvelope(), "agent"));
+  EXPECT_FALSE(entry.Requeue(AnEnvelope(), "agent"));
+  EXPECT_FALSE(entry.HasEnvelopes());
+}
+
+TEST_F(EntryQueueTest, TakesNothingUnderANameThatItHasNoMore) {
+  table_.AddCertificationEntry("old");
+  Entry& entry = *table_.Find("old");
+  entry.LogonCertification("old");
+  EXPECT_TRUE(entry.Enqueue(AnEnvelope().WithId(1), "old"));
+  entry.LogoffCertification();
+  table_.AddCertificationEntry("new");
+  ASSERT_EQ(table_.Find("new"), &entry);
+  entry.LogonCertification("new");
+  EXPECT_FALSE(entry.Enqueue(AnEnvelope(), "old"));
+  EXPECT_FALSE(entry.Requeue(AnEnvelope(), "old"));
+  EXPECT_TRUE(entry.Requeue(AnEnvelope().WithId(2), "new"));
+  EXPECT_THAT(Drain(entry), ElementsAre(2));
+}
+
+TEST_F(EntryQueueTest, AQueueStaysWithAnUnregisteredEntry) {
+  Entry& entry = AClient("agent");
+  Enqueue(entry, AnEnvelope().WithId(1));
+  table_.Unregister("agent");
+  EXPECT_TRUE(entry.HasEnvelopes());
+}
+
+TEST_F(EntryQueueTest, ALockThatFailsMakesAQueryFalseAndAnUpdateANoOp) {
+  Entry& entry = AClient("agent");
+  const Envelope envelope = AnEnvelope();
+  Envelope out;
+  ThreadHelper::FailNextLocks(1);
+  EXPECT_FALSE(entry.Enqueue(envelope, "agent"));
+  EXPECT_FALSE(entry.HasEnvelopes());
+  Enqueue(entry, envelope);
+  ThreadHelper::FailNextLocks(1);
+  EXPECT_FALSE(entry.HasEnvelopes());
+  ThreadHelper::FailNextLocks(1);
+  EXPECT_FALSE(entry.PopNext(out));
+  ThreadHelper::FailNextLocks(1);
+  EXPECT_TRUE(table_.Find("agent") == nullptr);
+  EXPECT_TRUE(entry.HasEnvelopes());
+}
+
+}  // namespace
+}  // namespace TestSupport

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <string>
+#include <vector>
+
+#include "envelope/EnvelopeStore.h"
+#include "logging/Log.h"
+#include "routing/Routing.h"
+#include "support/EnvelopeBuilder.h"
+#include "support/FakeClock.h"
+#include "support/FakeRoutingHost.h"
+#include "support/LogCapture.h"
+#include "support/ScratchConfiguration.h"
+
+namespace TestSupport {
+
+// A router named "router1" with an empty table, in a scratch folder, without any threads.
+class RoutingTest : public testing::Test {
+ protected:
+  using Entry = MessageRouter::RouterTableEntry;
+  using Envelope = MessageRouter::Envelope;
+
+  RoutingTest();
+  ~RoutingTest() override;
+
+  // Registered, not logged on.
+  Entry& AClient(const std::string& name);
+  Entry& ARouter(const std::string& name);
+  // The ways to log on, each with references of their own.
+  void LogonPushed(Entry& client);
+  void LogonPulling(Entry& client);
+  void LogonNotified(Entry& client);
+  void LogonPolled(Entry& router);
+
+  // An envelope with a file behind it, which Retire removes.
+  MessageRouter::EnvelopeBuilder AStoredEnvelope(const std::string& leaf);
+  bool FileExists(const std::string& leaf) const;
+
+  // Enqueues or puts back under the entry's present name.
+  void Enqueue(Entry& entry, const Envelope& envelope);
+  // The ids of what waits, in the order of leaving; empties the queue.
+  static std::vector<std::uint32_t> Drain(Entry& entry);
+
+  std::string TablePath() const;
+  std::string TableText() const;
+  void WriteTableText(const std::string& text) const;
+  // Time enough for another write of the table.
+  void PassAMinute();
+
+  // One pass of the route thread over that envelope.
+  void Route(const Envelope& envelope);
+
+  ScratchConfiguration configuration_;
+  LogCapture log_;
+  FakeClock clock_;
+  MessageRouter::EnvelopeStore store_;
+  FakeRoutingHost host_;
+  MessageRouter::RouterTable table_;
+  MessageRouter::Routing routing_;
+};
+
+}  // namespace TestSupport

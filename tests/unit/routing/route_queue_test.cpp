@@ -1,0 +1,69 @@
+#include "routing/RouteQueue.h"
+
+#include <gmock/gmock.h>
+
+#include <thread>
+
+#include "support/EnvelopeBuilder.h"
+#include "threads/Mutex.h"
+
+namespace MessageRouter {
+namespace {
+
+TEST(RouteQueue, GivesEnvelopesInOrderOfArrivalWhateverTheirPriority) {
+  RouteQueue queue;
+  queue.Append(AnEnvelope().WithId(1).WithPriority(1));
+  queue.Append(AnEnvelope().WithId(2).WithPriority(9));
+  Envelope out;
+  ASSERT_TRUE(queue.Take(0, 0, out));
+  EXPECT_EQ(out.MessageId(), 1u);
+  ASSERT_TRUE(queue.Take(0, 0, out));
+  EXPECT_EQ(out.MessageId(), 2u);
+}
+
+TEST(RouteQueue, AWaitThatEndsWithoutAnEnvelopeReturnsQuietly) {
+  RouteQueue queue;
+  Envelope out;
+  EXPECT_FALSE(queue.Take(0, 1, out));
+}
+
+TEST(RouteQueue, AnEnvelopeThatComesEndsTheWait) {
+  RouteQueue queue;
+  std::thread producer([&] { queue.Append(AnEnvelope().WithId(5)); });
+  Envelope out;
+  EXPECT_TRUE(queue.Take(60, 0, out));
+  EXPECT_EQ(out.MessageId(), 5u);
+  producer.join();
+}
+
+TEST(RouteQueue, TakesTheFirstFromTheFrontWithThatIdAndExactlyThatOriginator) {
+  RouteQueue queue;
+  queue.Append(AnEnvelope().WithId(1).WithOriginator("router.b"));
+  queue.Append(AnEnvelope().WithId(1).WithOriginator("router.a").WithOptions("first"));
+  queue.Append(AnEnvelope().WithId(1).WithOriginator("router.a").WithOptions("second"));
+  Envelope out;
+  EXPECT_FALSE(queue.TakeMatching("router.A", 1, out));
+  EXPECT_FALSE(queue.TakeMatching("router.a", 2, out));
+  ASSERT_TRUE(queue.TakeMatching("router.a", 1, out));
+  EXPECT_EQ(out.Options(), "first");
+  EXPECT_EQ(queue.Size(), 2u);
+}
+
+TEST(RouteQueue, AnEnvelopeIsNotQueuedIfTheLockFailsAndNoErrorIsReported) {
+  RouteQueue queue;
+  const Envelope envelope = AnEnvelope();
+  ThreadHelper::FailNextLocks(1);
+  queue.Append(envelope);
+  EXPECT_EQ(queue.Size(), 0u);
+}
+
+TEST(RouteQueue, EmptyDropsAll) {
+  RouteQueue queue;
+  queue.Append(AnEnvelope());
+  queue.Append(AnEnvelope());
+  queue.Empty();
+  EXPECT_EQ(queue.Size(), 0u);
+}
+
+}  // namespace
+}  // namespace MessageRouter
