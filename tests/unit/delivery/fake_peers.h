@@ -1,0 +1,90 @@
+#pragma once
+
+#include <BrelixMessaging.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace DeliveryTests {
+
+// What a peer does with the calls that it gets. Every call counts; `onCall` runs after that and may
+// throw what the peer raises, or wait.
+class Calls {
+ public:
+  std::function<void(int call)> onCall;  // the first call is 1
+  int count = 0;
+
+  // Answers the first `calls` as a peer whose connection breaks.
+  void UnreachableFor(int calls) {
+    onCall = [calls](int call) {
+      if (call <= calls) throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    };
+  }
+
+ protected:
+  void Called() {
+    ++count;
+    if (onCall) onCall(count);
+  }
+};
+
+// Takes envelopes as a client or as a router.
+template <class Skeleton>
+class FakeConsumer : public Skeleton, public Calls {
+ public:
+  void SendEnvelope(const BrelixMessaging::Envelope& envelope) override {
+    Called();
+    received.push_back(static_cast<std::uint32_t>(envelope.message_id));
+    originators.emplace_back(envelope.originator.in());
+  }
+  void Heartbeat() override {}
+
+  // Of the calls that returned.
+  std::vector<std::uint32_t> received;
+  std::vector<std::string> originators;
+};
+
+using FakeClientConsumer = FakeConsumer<POA_BrelixMessaging::EnvelopeConsumer>;
+using FakeRouterConsumer = FakeConsumer<POA_BrelixMessaging::RouterConsumer>;
+
+class FakeNotifyConsumer : public POA_BrelixMessaging::NotifyConsumer, public Calls {
+ public:
+  void Notify() override { Called(); }
+  CORBA::Long NotificationThreshold() override { return 0; }
+};
+
+// A peer's object while it lives: `servant` to look at, `reference` to log on with.
+template <class Servant, class Interface>
+class Peer {
+ public:
+  Peer() : servant_(new Servant) {
+    int argc = 0;
+    CORBA::ORB_var orb = CORBA::ORB_init(argc, nullptr);
+    CORBA::Object_var object = orb->resolve_initial_references("RootPOA");
+    adapter_ = PortableServer::POA::_narrow(object);
+    PortableServer::POAManager_var manager = adapter_->the_POAManager();
+    manager->activate();
+    id_ = adapter_->activate_object(servant_.in());
+    CORBA::Object_var reference = adapter_->id_to_reference(id_);
+    reference_ = Interface::_narrow(reference);
+  }
+  ~Peer() { adapter_->deactivate_object(id_); }
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
+
+  Servant* operator->() { return servant_.in(); }
+  typename Interface::_ptr_type Reference() { return reference_.in(); }
+
+ private:
+  PortableServer::Servant_var<Servant> servant_;
+  PortableServer::POA_var adapter_;
+  PortableServer::ObjectId_var id_;
+  typename Interface::_var_type reference_;
+};
+
+using ClientPeer = Peer<FakeClientConsumer, BrelixMessaging::EnvelopeConsumer>;
+using RouterPeer = Peer<FakeRouterConsumer, BrelixMessaging::RouterConsumer>;
+using NotifyPeer = Peer<FakeNotifyConsumer, BrelixMessaging::NotifyConsumer>;
+
+}  // namespace DeliveryTests

@@ -1,0 +1,349 @@
+#include "delivery/ScanThreads.h"
+
+#include <chrono>
+#include <thread>
+
+#include "delivery/RouterThread.h"
+#include "delivery/TimeoutWorker.h"
+#include "fixture.h"
+
+namespace DeliveryTests {
+namespace {
+
+using MessageRouter::GetterThread;
+using MessageRouter::kLogDebug;
+using MessageRouter::kLogInfo;
+using MessageRouter::kLogTrace;
+using MessageRouter::kLogWarning;
+using MessageRouter::NotificationThresholdThread;
+using MessageRouter::TimeoutThread;
+using MessageRouter::TimeoutWorker;
+using testing::ElementsAre;
+
+// A scan thread that shows its pool.
+template <class Thread>
+class Open : public Thread {
+ public:
+  using Thread::Thread;
+  ~Open() override { this->Stop(); }
+  std::size_t Queued() { return this->manager_.Queue().Size(); }
+};
+
+class ScanTest : public DeliveryTest {
+ protected:
+  template <class Condition>
+  static bool Eventually(Condition&& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::yield();
+    }
+    return true;
+  }
+  void VisitForTimeout(RouterTableEntry& entry) {
+    TimeoutWorker worker(pool);
+    worker.ProcessEntry(entry);
+  }
+  // A child router that fetches for itself.
+  RouterTableEntry& APullingRouter(const std::string& name = "child") {
+    RouterTableEntry& entry = ARouter(name);
+    entry.LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+                      BrelixMessaging::RouterSupplier::_nil(),
+                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+    return entry;
+  }
+  // One that waits to be asked.
+  RouterTableEntry& APolledRouter() {
+    RouterTableEntry& entry = ARouter("polled");
+    supplier = TestSupport::AReferenceTo<BrelixMessaging::RouterSupplier>("polled");
+    entry.LogonRouter(BrelixMessaging::RouterConsumer::_nil(), supplier,
+                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+    return entry;
+  }
+
+  BrelixMessaging::RouterSupplier_var supplier;
+};
+
+TEST_F(ScanTest, EntryUnderTwoNamesIsLookedAtOnce) {
+  class Counting : public MessageRouter::RouterTableScanner {
+   public:
+    void CheckEntry(RouterTableEntry& entry) override { names.push_back(entry.Name()); }
+    std::vector<std::string> names;
+  } scanner;
+  table.AddParent("");
+  table.SetParentName("boss");
+  AClient("agent");
+  table.Scan(scanner);
+  EXPECT_THAT(scanner.names, testing::UnorderedElementsAre("agent", "boss"));
+}
+
+TEST_F(ScanTest, PeriodOfZeroScansOnceAndSleepsUntilTheStop) {
+  TimeoutThread thread(table);
+  thread.Configure(0, 1);
+  thread.Start();
+  ASSERT_TRUE(Eventually([&] { return log.Contains("checking table"); }));
+  clock.Advance(std::chrono::hours(1));
+  thread.Stop();
+  EXPECT_EQ(log.Count("TimeoutThread::Process() checking table\n"), 1u);
+}
+
+TEST_F(ScanTest, NotificationThresholdPeriodOfZeroScansOnceToo) {
+  NotificationThresholdThread thread(table);
+  thread.Configure(0, 1);
+  thread.Start();
+  ASSERT_TRUE(Eventually([&] { return log.Contains("checking table"); }));
+  thread.Stop();
+  EXPECT_EQ(log.Count("NotificationThresholdThread::Process() checking table\n"), 1u);
+}
+
+TEST_F(ScanTest, ThreadStopsAtOnceInsteadOfAtTheEndOfItsPeriod) {
+  GetterThread thread(table);
+  thread.Configure(3600, 2);
+  thread.Start();
+  ASSERT_TRUE(
+      Eventually([&] { return log.Has(kLogTrace, "GetterThread::Process() checking table\n"); }));
+  thread.Stop();
+}
+
+TEST_F(ScanTest, ThreadCanBeStartedAgain) {
+  TimeoutThread thread(table);
+  for (int cycle = 1; cycle <= 2; ++cycle) {
+    thread.Configure(3600, 1);
+    thread.Start();
+    EXPECT_TRUE(Eventually([&] { return log.Count("checking table") == std::size_t(cycle); }));
+    thread.Stop();
+  }
+}
+
+TEST_F(ScanTest, EntryOfferedBetweenConfigureAndThePoolsStartIsKept) {
+  Open<GetterThread> thread(table);
+  thread.Configure(3600, 0);
+  thread.Start();
+  ASSERT_TRUE(Eventually([&] { return log.Contains("checking table"); }));
+  thread.Stop();
+  thread.Offer(AClient());
+  EXPECT_EQ(thread.Queued(), 0u);
+  thread.Configure(3600, 0);
+  thread.Offer(*table.Find("agent"));
+  EXPECT_EQ(thread.Queued(), 1u);
+}
+
+// What the timeout thread looks at.
+TEST_F(ScanTest, OfflineClientWithEnvelopesIsAddedForTimeout) {
+  Open<TimeoutThread> thread(table);
+  RouterTableEntry& entry = AClient();
+  thread.CheckEntry(entry);
+  EXPECT_EQ(thread.Queued(), 0u);
+  Enqueue(entry, Expired(1));
+  thread.CheckEntry(entry);
+  EXPECT_EQ(thread.Queued(), 1u);
+  EXPECT_TRUE(log.Has(kLogDebug, "TimeoutThread::CheckEntry() adding entry: agent\n"));
+}
+
+TEST_F(ScanTest, OfflineClientsExpiredEnvelopeIsRetiredWithItsWarningAndNoLogoff) {
+  RouterTableEntry& entry = AClient();
+  Enqueue(entry, Expired(1).WithType("Status.Report").WithOriginator("r.sender"));
+  Enqueue(entry, Stored(2));
+  VisitForTimeout(entry);
+  EXPECT_FALSE(OnDisk(1));
+  EXPECT_TRUE(log.Has(
+      kLogWarning, "Delivery failed(Timeout) for message type Status.Report, originator r.sender"));
+  EXPECT_FALSE(log.Contains("Communications timeout"));
+  EXPECT_THAT(Waiting(entry), ElementsAre(2u));
+}
+
+TEST_F(ScanTest, PullingPeersExpiredEnvelopeIsRetired) {
+  RouterTableEntry& entry = APullingRouter();
+  Enqueue(entry, Expired(1));
+  Open<TimeoutThread> thread(table);
+  thread.CheckEntry(entry);
+  EXPECT_EQ(thread.Queued(), 1u);
+  VisitForTimeout(entry);
+  EXPECT_FALSE(OnDisk(1));
+  EXPECT_TRUE(entry.IsLoggedOn());
+}
+
+TEST_F(ScanTest, LoggedOnPassiveConsumersExpiredEnvelopesStayUntilASenderMeetsThem) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Expired(1));
+  Open<TimeoutThread> thread(table);
+  thread.CheckEntry(entry);
+  EXPECT_EQ(thread.Queued(), 0u);
+  VisitForTimeout(entry);
+  EXPECT_TRUE(OnDisk(1));
+  Visit(entry);
+  EXPECT_FALSE(OnDisk(1));
+  EXPECT_EQ(peer->count, 0);
+}
+
+TEST_F(ScanTest, RouterThatPullsAndStaysSilentFor1801SecondsIsLoggedOff) {
+  RouterTableEntry& entry = APullingRouter();
+  Open<TimeoutThread> thread(table);
+  clock.Advance(std::chrono::seconds(1800));
+  thread.CheckEntry(entry);
+  EXPECT_EQ(thread.Queued(), 0u);
+  clock.Advance(std::chrono::seconds(1));
+  thread.CheckEntry(entry);
+  EXPECT_EQ(thread.Queued(), 1u);
+  VisitForTimeout(entry);
+  EXPECT_TRUE(log.Has(kLogInfo, "Communications timeout, logging child off\n"));
+  EXPECT_FALSE(entry.IsLoggedOn());
+}
+
+TEST_F(ScanTest, RouterThatPulledMeanwhileStaysLoggedOn) {
+  RouterTableEntry& entry = APullingRouter();
+  clock.Advance(std::chrono::seconds(1801));
+  entry.TouchLastPull();
+  VisitForTimeout(entry);
+  EXPECT_TRUE(entry.IsLoggedOn());
+}
+
+TEST_F(ScanTest, ClientThatPullsAndStaysSilentStaysLoggedOn) {
+  RouterTableEntry& entry = AClient();
+  entry.LogonClient(BrelixMessaging::EnvelopeConsumer::_nil(),
+                    BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+  Open<TimeoutThread> thread(table);
+  clock.Advance(std::chrono::seconds(1801));
+  thread.CheckEntry(entry);
+  EXPECT_EQ(thread.Queued(), 0u);
+  VisitForTimeout(entry);
+  EXPECT_TRUE(entry.IsLoggedOn());
+}
+
+TEST_F(ScanTest, LogoffThatRaisesIsLoggedAndCostsTheVisitAlone) {
+  table.AddParent("boss");
+  RouterTableEntry& parent = *table.Parent();
+  parent.MarkRegistered(true);
+  parent.LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+                     BrelixMessaging::RouterSupplier::_nil(),
+                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+  host.onParentLinkLost = [] { throw BrelixMessaging::NotLoggedOn(); };
+  clock.Advance(std::chrono::seconds(1801));
+  EXPECT_NO_THROW(VisitForTimeout(parent));
+  EXPECT_TRUE(log.Contains("TimeoutWorker: Caught CORBA"));
+}
+
+TEST_F(ScanTest, ScanAndWorkerTogetherRetireWhatHasExpired) {
+  RouterTableEntry& entry = AClient();
+  Enqueue(entry, Expired(1));
+  TimeoutThread thread(table);
+  thread.Configure(3600, 1);
+  thread.Start();
+  EXPECT_TRUE(Eventually([&] { return !entry.HasEnvelopes(); }));
+  thread.Stop();
+}
+
+TEST_F(ScanTest, ZeroTimeoutIntervalStopsExpiryAndPullTimeoutAfterTheFirstScan) {
+  RouterTableEntry& offline = AClient();
+  RouterTableEntry& silent = APullingRouter();
+  TimeoutThread thread(table);
+  thread.Configure(0, 1);
+  thread.Start();
+  ASSERT_TRUE(Eventually([&] { return log.Contains("checking table"); }));
+  Enqueue(offline, Expired(1));
+  clock.Advance(std::chrono::seconds(1801));
+  thread.Stop();
+  EXPECT_TRUE(silent.IsLoggedOn());
+  EXPECT_EQ(log.Count("checking table"), 1u);
+}
+
+// What the getter thread looks at.
+TEST_F(ScanTest, PolledRouterThatIsDueIsAddedOnce) {
+  Open<GetterThread> thread(table);
+  RouterTableEntry& entry = APolledRouter();
+  thread.CheckEntry(entry);
+  thread.CheckEntry(entry);
+  EXPECT_EQ(thread.Queued(), 1u);
+  EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollDue);
+  EXPECT_TRUE(log.Has(kLogDebug, "GetterThread::CheckEntry() adding entry: polled\n"));
+}
+
+TEST_F(ScanTest, NotifiedPollIsAddedAtOnceAndOnce) {
+  Open<GetterThread> thread(table);
+  RouterTableEntry& entry = APolledRouter();
+  thread.NotifiedPoll(entry);
+  thread.NotifiedPoll(entry);
+  EXPECT_EQ(thread.Queued(), 1u);
+  EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollNotified);
+}
+
+TEST_F(ScanTest, ActiveSupplierIsNeverPolled) {
+  Open<GetterThread> thread(table);
+  RouterTableEntry& entry = APullingRouter();
+  thread.CheckEntry(entry);
+  thread.NotifiedPoll(entry);
+  EXPECT_EQ(thread.Queued(), 0u);
+}
+
+TEST_F(ScanTest, PollIsSaidOnceToBeUnavailableAndLeavesTheEntryAlone) {
+  RouterTableEntry& entry = APolledRouter();
+  GetterThread thread(table);
+  thread.Configure(3600, 2);
+  thread.Start();
+  EXPECT_TRUE(Eventually([&] { return log.Contains("Polling is not available"); }));
+  thread.Offer(entry);
+  thread.Stop();
+  EXPECT_EQ(log.Count("Polling is not available"), 1u);
+  EXPECT_TRUE(entry.IsLoggedOn());
+  EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollDue);
+}
+
+// What the notification threshold thread looks at.
+TEST_F(ScanTest, PeerInWaitingStateIsAddedAtEachScanAndNothingChanges) {
+  Open<NotificationThresholdThread> thread(table);
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  ASSERT_TRUE(entry.NotificationRetryDue().acquired);
+  entry.NotificationFailed(entry.Generation());
+  ASSERT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
+  thread.CheckEntry(entry);
+  thread.CheckEntry(entry);
+  EXPECT_EQ(thread.Queued(), 2u);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
+  EXPECT_TRUE(
+      log.Has(kLogDebug, "NotificationThresholdThread::CheckEntry() adding entry: agent\n"));
+}
+
+TEST_F(ScanTest, PeerThatNobodyNotifiedYetIsIgnoredByTheThresholdScan) {
+  Open<NotificationThresholdThread> thread(table);
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  ASSERT_EQ(entry.GetConsumerState(), RouterTableEntry::kNothingSent);
+  thread.CheckEntry(entry);
+  EXPECT_EQ(thread.Queued(), 0u);
+}
+
+TEST_F(ScanTest, PeerWithoutNotifierIsIgnoredByTheThresholdScan) {
+  Open<NotificationThresholdThread> thread(table);
+  thread.CheckEntry(APullingRouter());
+  EXPECT_EQ(thread.Queued(), 0u);
+}
+
+TEST_F(ScanTest, ThresholdOfferNeedsNoScanAndIsSaidOnceToBeUnavailable) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  NotificationThresholdThread thread(table);
+  thread.Configure(3600, 1);
+  thread.Start();
+  thread.Offer(entry);
+  EXPECT_TRUE(
+      Eventually([&] { return log.Contains("Notification threshold calls are not available"); }));
+  thread.Offer(entry);
+  thread.Stop();
+  EXPECT_EQ(log.Count("Notification threshold calls are not available"), 1u);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNothingSent);
+}
+
+TEST_F(ScanTest, RouterThreadRoutesWhatIsQueuedUntilItIsStopped) {
+  RouterTableEntry& entry = AClient();
+  MessageRouter::RouterThread thread(routing);
+  thread.Start();
+  routing.QueueForRouting(Stored(1).WithDestination("agent"));
+  EXPECT_TRUE(Eventually([&] { return entry.HasEnvelopes(); }));
+  thread.Stop();
+  EXPECT_THAT(Waiting(entry), ElementsAre(1u));
+}
+
+}  // namespace
+}  // namespace DeliveryTests

@@ -1,0 +1,486 @@
+#include "delivery/SenderWorker.h"
+
+#include <semaphore>
+#include <thread>
+
+#include "fixture.h"
+#include "threads/Mutex.h"
+
+namespace DeliveryTests {
+namespace {
+
+using MessageRouter::kLogDebug;
+using MessageRouter::kLogError;
+using MessageRouter::kLogInfo;
+using MessageRouter::kLogTrace;
+using MessageRouter::kLogWarning;
+using MessageRouter::SenderWorker;
+using MessageRouter::SetConfigInt;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+using SenderTest = DeliveryTest;
+
+TEST_F(SenderTest, EmptiesTheQueueInTheOrderOfLeaving) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1).WithPriority(5));
+  Enqueue(entry, Stored(2).WithPriority(6));
+  Enqueue(entry, Stored(3).WithPriority(5));
+  Visit(entry);
+  EXPECT_THAT(peer->received, ElementsAre(2u, 1u, 3u));
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kPushIdle);
+}
+
+TEST_F(SenderTest, FileGoesAwayOnlyAfterDelivery) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->onCall = [this](int) { EXPECT_TRUE(OnDisk(1)); };
+  Visit(entry);
+  EXPECT_FALSE(OnDisk(1));
+}
+
+TEST_F(SenderTest, DeliveryToAClientIsLogged) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(0x0A0B0C0D).WithOptions("later=1"));
+  Visit(entry);
+  EXPECT_TRUE(log.Has(kLogTrace, "Outgoing client message delivery options: later=1\n"));
+  EXPECT_TRUE(log.Has(kLogTrace, "Sending message (id=0A0B0C0D) to agent\n"));
+  EXPECT_TRUE(log.Has(kLogInfo, "Sent message (id=0A0B0C0D) to agent\n"));
+}
+
+TEST_F(SenderTest, DeliveryToARouterIsLogged) {
+  RouterPeer peer;
+  RouterTableEntry& entry = APushedRouter(peer);
+  Enqueue(entry, Stored(1).WithOptions("later=1"));
+  Visit(entry);
+  EXPECT_TRUE(log.Has(kLogTrace, "Outgoing router message delivery options: later=1\n"));
+  EXPECT_TRUE(log.Has(kLogInfo, "Sent message (id=00000001) to child\n"));
+}
+
+TEST_F(SenderTest, NoOptionsNoOptionsLine) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  Visit(entry);
+  EXPECT_FALSE(log.Contains("delivery options"));
+}
+
+TEST_F(SenderTest, OriginatorIsQualifiedForARouterAlone) {
+  RouterPeer router;
+  RouterTableEntry& child = APushedRouter(router);
+  Enqueue(child, Stored(1).WithOriginator("sender"));
+  Visit(child);
+  EXPECT_THAT(router->originators, ElementsAre("router1.sender"));
+
+  ClientPeer client;
+  RouterTableEntry& agent = APushedClient(client);
+  Enqueue(agent, Stored(2).WithOriginator("sender"));
+  Visit(agent);
+  EXPECT_THAT(client->originators, ElementsAre("sender"));
+}
+
+TEST_F(SenderTest, SystemExceptionAndThenSuccessCountsAsADelivery) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  Enqueue(entry, Stored(2));
+  SetConfigInt("MaximumToSend", 1);
+  peer->UnreachableFor(1);
+  Visit(entry);
+  EXPECT_EQ(peer->count, 2);
+  EXPECT_THAT(peer->received, ElementsAre(1u));
+  EXPECT_FALSE(OnDisk(1));
+  EXPECT_TRUE(entry.IsLoggedOn());
+  EXPECT_TRUE(log.Has(kLogInfo, "Sent message (id=00000001) to agent\n"));
+}
+
+TEST_F(SenderTest, SecondSystemExceptionPutsTheEnvelopeBackAndLogsThePeerOff) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  Enqueue(entry, Stored(2));
+  peer->UnreachableFor(2);
+  Visit(entry);
+  EXPECT_EQ(peer->count, 2);
+  EXPECT_FALSE(entry.IsLoggedOn());
+  EXPECT_TRUE(log.Has(kLogError,
+                      "Failed to send message (id=00000001) because of unknown exception, adding "
+                      "message back to queue\n"));
+  EXPECT_TRUE(log.Contains("SenderWorker: Caught CORBA"));
+  EXPECT_TRUE(log.Has(kLogError, "Failed to send messages, logging agent off\n"));
+  EXPECT_TRUE(OnDisk(1));
+  EXPECT_THAT(Waiting(entry), ElementsAre(1u, 2u));
+}
+
+TEST_F(SenderTest, EnvelopePutBackIsTheNextToGoWhateverItsPriority) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1).WithPriority(1));
+  peer->onCall = [&](int call) {
+    if (call == 1) Enqueue(entry, Stored(2).WithPriority(9));
+    throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+  };
+  Visit(entry);
+  EXPECT_THAT(Waiting(entry), ElementsAre(1u, 2u));
+}
+
+TEST_F(SenderTest, PeerThatFailedGetsWhatWaitsAtItsNextLogon) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->UnreachableFor(2);
+  Visit(entry);
+  Logon(entry, peer);
+  Visit(entry);
+  EXPECT_THAT(peer->received, ElementsAre(1u));
+}
+
+TEST_F(SenderTest, CertificateExpiredIsLoggedAsSuchAndLogsThePeerOffWithoutARepetition) {
+  RouterPeer peer;
+  RouterTableEntry& entry = APushedRouter(peer);
+  Enqueue(entry, Stored(1));
+  peer->onCall = [](int) { throw BrelixMessaging::CertificateExpired(); };
+  Visit(entry);
+  EXPECT_EQ(peer->count, 1);
+  EXPECT_TRUE(log.Contains("certificate expiry\n"));
+  EXPECT_FALSE(entry.IsLoggedOn());
+  EXPECT_THAT(Waiting(entry), ElementsAre(1u));
+}
+
+TEST_F(SenderTest, MaximumToSendEndsTheVisitAndPutsThePeerAtTheBackOfThePool) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  for (std::uint32_t id = 1; id <= 3; ++id) Enqueue(entry, Stored(id));
+  SetConfigInt("MaximumToSend", 2);
+  host.ForgetOffers();
+  Visit(entry);
+  EXPECT_THAT(peer->received, ElementsAre(1u, 2u));
+  EXPECT_THAT(host.Senders(), ElementsAre(&entry));
+}
+
+TEST_F(SenderTest, MaximumToSendCountsAnewAndIsReadAnewAtEachVisit) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  for (std::uint32_t id = 1; id <= 4; ++id) Enqueue(entry, Stored(id));
+  SetConfigInt("MaximumToSend", 1);
+  Visit(entry);
+  EXPECT_THAT(peer->received, SizeIs(1));
+  SetConfigInt("MaximumToSend", 2);
+  Visit(entry);
+  EXPECT_THAT(peer->received, SizeIs(3));
+}
+
+TEST_F(SenderTest, MaximumToSendOfZeroSendsNothingAndOffersTheEntryAgain) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Expired(1));
+  Enqueue(entry, Stored(2));
+  SetConfigInt("MaximumToSend", 0);
+  host.ForgetOffers();
+  Visit(entry);
+  EXPECT_EQ(peer->count, 0);
+  EXPECT_THAT(host.Senders(), ElementsAre(&entry));
+  Visit(entry);
+  EXPECT_THAT(host.Senders(), ElementsAre(&entry, &entry));
+  EXPECT_THAT(Waiting(entry), ElementsAre(1u, 2u));
+}
+
+TEST_F(SenderTest, QueueOfExpiredEnvelopesIsDrainedInOneVisitWhateverMaximumToSendSays) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  for (std::uint32_t id = 1; id <= 3; ++id) Enqueue(entry, Expired(id).WithType("Status.Report"));
+  SetConfigInt("MaximumToSend", 1);
+  Visit(entry);
+  EXPECT_EQ(peer->count, 0);
+  EXPECT_FALSE(entry.HasEnvelopes());
+  EXPECT_FALSE(OnDisk(1) || OnDisk(2) || OnDisk(3));
+  EXPECT_EQ(log.Count("Delivery failed(Timeout) for message type Status.Report"), 3u);
+}
+
+TEST_F(SenderTest, ExpiredEnvelopeDoesNotUseUpMaximumToSend) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Expired(1));
+  Enqueue(entry, Stored(2));
+  Enqueue(entry, Stored(3));
+  SetConfigInt("MaximumToSend", 1);
+  Visit(entry);
+  EXPECT_THAT(peer->received, ElementsAre(2u));
+}
+
+TEST_F(SenderTest, StopBetweenTwoEnvelopesLeavesTheRestQueuedAndOffersTheEntry) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  Enqueue(entry, Stored(2));
+  host.ForgetOffers();
+  SenderWorker worker(pool);
+  peer->onCall = [&](int) { worker.RequestStop(); };
+  worker.ProcessEntry(entry);
+  EXPECT_THAT(peer->received, ElementsAre(1u));
+  EXPECT_THAT(host.Senders(), ElementsAre(&entry));
+  EXPECT_THAT(Waiting(entry), ElementsAre(2u));
+}
+
+TEST_F(SenderTest, PeerThatLogsOffMeanwhileGetsNoMore) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  Enqueue(entry, Stored(2));
+  peer->onCall = [&](int) { entry.Logoff(); };
+  Visit(entry);
+  EXPECT_THAT(peer->received, ElementsAre(1u));
+  EXPECT_FALSE(log.Contains("logging agent off"));
+  EXPECT_THAT(Waiting(entry), ElementsAre(2u));
+}
+
+TEST_F(SenderTest, BrokenEnvelopeIsDroppedWithoutLoggingThePeerOffOrStoppingTheLoop) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Broken(1).WithType("Status.Report"));
+  Enqueue(entry, Stored(2));
+  Visit(entry);
+  EXPECT_THAT(peer->received, ElementsAre(2u));
+  EXPECT_TRUE(entry.IsLoggedOn());
+  EXPECT_FALSE(OnDisk(1));
+  EXPECT_TRUE(log.Has(kLogError, "Discarding invalid envelope id=00000001, type=Status.Report\n"));
+}
+
+TEST_F(SenderTest, BrokenEnvelopeUsesUpMaximumToSend) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Broken(1));
+  Enqueue(entry, Stored(2));
+  SetConfigInt("MaximumToSend", 1);
+  Visit(entry);
+  EXPECT_EQ(peer->count, 0);
+  EXPECT_THAT(Waiting(entry), ElementsAre(2u));
+}
+
+TEST_F(SenderTest, StandardExceptionPutsTheEnvelopeBackToo) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->onCall = [](int) { throw std::runtime_error("no memory for that"); };
+  Visit(entry);
+  EXPECT_TRUE(log.Has(kLogError, "SenderWorker: Caught no memory for that \n"));
+  EXPECT_TRUE(log.Has(kLogError,
+                      "Failed to send message (id=00000001) because of exception, adding message "
+                      "back to queue\n"));
+  EXPECT_FALSE(entry.IsLoggedOn());
+  EXPECT_THAT(Waiting(entry), ElementsAre(1u));
+}
+
+TEST_F(SenderTest, PeerThatIsNotLoggedOnIsLeftAlone) {
+  RouterTableEntry& entry = AClient();
+  Enqueue(entry, Stored(1));
+  Visit(entry);
+  EXPECT_FALSE(log.Contains("logging agent off"));
+  EXPECT_THAT(Waiting(entry), ElementsAre(1u));
+}
+
+TEST_F(SenderTest, PeerWithNoneOfTheThreeReferencesIsAVisitThatDoesNothing) {
+  RouterTableEntry& entry = AClient();
+  entry.LogonClient(BrelixMessaging::EnvelopeConsumer::_nil(),
+                    BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+  Enqueue(entry, Stored(1));
+  Visit(entry);
+  EXPECT_TRUE(entry.IsLoggedOn());
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
+  EXPECT_THAT(Waiting(entry), ElementsAre(1u));
+}
+
+TEST_F(SenderTest, BusyPeerIsLeftToItsSender) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  ASSERT_TRUE(entry.ClaimForSending().acquired);
+  Visit(entry);
+  EXPECT_EQ(peer->count, 0);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kPushBusy);
+  EXPECT_EQ(Failures(), 0u);
+}
+
+TEST_F(SenderTest, SecondVisitDoesNotWaitForTheFirst) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  std::binary_semaphore called(0);
+  std::binary_semaphore answer(0);
+  peer->onCall = [&](int) {
+    called.release();
+    answer.acquire();
+  };
+  std::thread first([&] { Visit(entry); });
+  called.acquire();
+  Enqueue(entry, Stored(2));
+  Visit(entry);
+  EXPECT_EQ(peer->count, 1);
+  peer->onCall = nullptr;
+  answer.release();
+  first.join();
+  EXPECT_THAT(peer->received, ElementsAre(1u, 2u));
+}
+
+TEST_F(SenderTest, EnvelopeOfAPeerThatWasUnregisteredMeanwhileIsRoutedAnew) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->onCall = [&](int call) {
+    if (call == 1) table.Unregister("agent");
+    throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+  };
+  Visit(entry);
+  EXPECT_FALSE(entry.HasEnvelopes());
+  EXPECT_EQ(routing.RouteQueueSize(), 1u);
+  EXPECT_TRUE(OnDisk(1));
+}
+
+TEST_F(SenderTest, EnvelopeStaysOnDiskWhereNoCycleRunsAnyMore) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1));
+  MessageRouter::Cycle::Set(nullptr);
+  peer->onCall = [&](int call) {
+    if (call == 1) table.Unregister("agent");
+    throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+  };
+  Visit(entry);
+  EXPECT_TRUE(OnDisk(1));
+}
+
+// A worker that hung in one session while the peer began another.
+class StaleSenderTest : public SenderTest {
+ protected:
+  StaleSenderTest() : entry(APushedClient(oldPeer)) {
+    Enqueue(entry, Stored(1));
+    Enqueue(entry, Stored(2));
+  }
+  void PeerLogsOnAgain() {
+    entry.Logoff();
+    Logon(entry, newPeer);
+    session = entry.Generation();
+  }
+
+  ClientPeer oldPeer;
+  ClientPeer newPeer;
+  RouterTableEntry& entry;
+  MessageRouter::LogonGeneration session = 0;
+};
+
+TEST_F(StaleSenderTest, FailureDoesNotLogTheNewSessionOff) {
+  oldPeer->onCall = [this](int call) {
+    if (call == 1) PeerLogsOnAgain();
+    throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+  };
+  Visit(entry);
+  EXPECT_TRUE(entry.IsLoggedOn());
+  EXPECT_EQ(entry.Generation(), session);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kPushIdle);
+  EXPECT_FALSE(log.Contains("logging agent off"));
+}
+
+TEST_F(StaleSenderTest, EnvelopePutBackIsOfferedToTheNewSession) {
+  oldPeer->onCall = [this](int call) {
+    if (call == 1) PeerLogsOnAgain();
+    throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+  };
+  Visit(entry);
+  EXPECT_EQ(pool.Queue().Get(), &entry);
+  Visit(entry);
+  EXPECT_THAT(newPeer->received, ElementsAre(1u, 2u));
+}
+
+TEST_F(StaleSenderTest, LateSuccessLeavesTheRestToTheNewSession) {
+  oldPeer->onCall = [this](int) { PeerLogsOnAgain(); };
+  Visit(entry);
+  EXPECT_THAT(oldPeer->received, ElementsAre(1u));
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kPushIdle);
+  Visit(entry);
+  EXPECT_THAT(newPeer->received, ElementsAre(2u));
+}
+
+TEST_F(StaleSenderTest, LateSuccessDoesNotEndTheClaimOfTheNewSession) {
+  oldPeer->onCall = [this](int) {
+    PeerLogsOnAgain();
+    ASSERT_TRUE(entry.ClaimForSending().acquired);
+  };
+  Visit(entry);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kPushBusy);
+}
+
+// Peers that fetch for themselves.
+TEST_F(SenderTest, WaitingEnvelopeIsNotified) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  Enqueue(entry, Stored(1));
+  Visit(entry);
+  EXPECT_EQ(peer->count, 1);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
+  EXPECT_TRUE(log.Has(kLogDebug, "Notifying agent\n"));
+  EXPECT_TRUE(log.Has(kLogDebug, "Successfully notified agent\n"));
+  EXPECT_TRUE(entry.HasEnvelopes());
+}
+
+TEST_F(SenderTest, EnvelopeBelowTheThresholdIsNotNotified) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer, 5);
+  Enqueue(entry, Stored(1).WithPriority(4));
+  Visit(entry);
+  EXPECT_EQ(peer->count, 0);
+}
+
+TEST_F(SenderTest, NotifySystemExceptionAndThenSuccessIsASuccess) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->UnreachableFor(1);
+  Visit(entry);
+  EXPECT_EQ(peer->count, 2);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
+}
+
+TEST_F(SenderTest, FailedNotificationDelaysWithoutLoggingOff) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->UnreachableFor(2);
+  Visit(entry);
+  EXPECT_TRUE(log.Has(kLogDebug, "Failed to notify agent\n"));
+  EXPECT_TRUE(entry.IsLoggedOn());
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
+}
+
+TEST_F(SenderTest, EnvelopeThatArrivesAfterAnEmptyPullIsNotifiedOnceMore) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->onCall = [&](int call) {
+    if (call > 1) return;
+    entry.EnvelopePulledWithNothingThere();
+    EXPECT_FALSE(entry.NotificationWanted().acquired);
+  };
+  Visit(entry);
+  EXPECT_EQ(peer->count, 2);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
+}
+
+TEST_F(SenderTest, BusyRouterIsNotNotifiedInstead) {
+  RouterPeer consumer;
+  NotifyPeer notify;
+  RouterTableEntry& entry = ARouter();
+  entry.LogonRouter(consumer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
+                    notify.Reference(), 0, true);
+  Enqueue(entry, Stored(1));
+  ASSERT_TRUE(entry.ClaimForSending().acquired);
+  Visit(entry);
+  EXPECT_EQ(consumer->count, 0);
+  EXPECT_EQ(notify->count, 0);
+}
+
+}  // namespace
+}  // namespace DeliveryTests
