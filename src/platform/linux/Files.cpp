@@ -179,9 +179,8 @@ int MakeFolder(const std::string& path, unsigned mode) {
 int MakeFolders(const std::string& path) {
   std::string clean(path);
   std::replace(clean.begin(), clean.end(), '\\', '/');
-  // The drive is never a level by itself; where it means nothing it is part of the first name.
-  const bool drive = clean.size() > 1 && clean[1] == ':';
-  std::size_t position = drive ? 2 : 0;
+  // A drive means nothing here; "x:" is a name like others, and the first level.
+  std::size_t position = 0;
   while (position < clean.size()) {
     const std::size_t begin = clean.find_first_not_of('/', position);
     if (begin == std::string::npos) break;

@@ -26,6 +26,11 @@ bool LacksUnnamedFiles(int error) {
   return error == EOPNOTSUPP || error == EISDIR || error == EINVAL;
 }
 
+bool IsGone(int folder) {
+  struct stat status {};
+  return fstat(folder, &status) != 0 || status.st_nlink == 0;
+}
+
 int SyncFolder(int folder) {
   ++Faults().folderSyncs;
   if (const int error = Faults().folderSyncError) return error;
@@ -60,7 +65,7 @@ struct PublishFolder::State {
     Folder folder = Open(nullptr, &error);
     if (folder == nullptr) return error;
     error = PublishIn(folder, name, content, sync);
-    if (error != ENOENT) return error;
+    if (error == 0 || !IsGone(folder->Get())) return error;
     // The folder was taken away and perhaps made again since it was opened.
     folder = Open(folder, &error);
     return folder == nullptr ? error : PublishIn(folder, name, content, sync);
