@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <stdexcept>
 #include <tuple>
 #include <utility>
@@ -82,6 +83,8 @@ Adapters::~Adapters() {
 
 std::string CertificateText(const std::string& name, const std::vector<int>& roles,
                             Validity validity) {
+  static std::mutex mutex;
+  const std::lock_guard guard(mutex);
   static TestSupport::TestCa ca;
   static std::map<std::tuple<std::string, std::vector<int>, Validity>, std::string> kept;
   std::string& text = kept[{name, roles, validity}];
@@ -112,15 +115,18 @@ MessageRouter::LocalObjects& Host::Objects() {
 }
 
 void Host::OfferToSenders(RouterTableEntry& entry) {
+  const std::lock_guard guard(mutex_);
   sent.push_back(entry.Name());
   if (onOffer) onOffer();
 }
 
 void Host::OfferToPoller(RouterTableEntry& entry) {
+  const std::lock_guard guard(mutex_);
   polled.push_back(entry.Name());
 }
 
 void Host::OfferToThreshold(RouterTableEntry& entry) {
+  const std::lock_guard guard(mutex_);
   threshold.push_back(entry.Name());
 }
 

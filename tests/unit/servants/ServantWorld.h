@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -96,6 +97,9 @@ class Host : public MessageRouter::RoutingHost {
   std::vector<std::string> polled;     // to the poller
   std::vector<std::string> threshold;  // to the threshold thread
   std::function<void()> onOffer;       // runs at each offer to the senders
+
+ private:
+  std::mutex mutex_;
 };
 
 // A running cycle with an empty table, for a router named kRouterName.

@@ -9,6 +9,7 @@
 #include "FakePeers.h"
 #include "ServantWorld.h"
 #include "broker/Gate.h"
+#include "servants/ServantHelper.h"
 
 namespace ServantTests {
 namespace {
@@ -336,6 +337,15 @@ TEST_F(ClientTest, ACertificateWithoutACommonNameIsRejectedAndLogged) {
   EXPECT_THROW(servant->Register(), Rejected);
   EXPECT_TRUE(log.Has(MessageRouter::kLogError,
                       "Client::Register() caught No common name in certificate\n"));
+}
+
+TEST_F(ClientTest, ALogonWithoutServantHelperIsRejectedAndLogged) {
+  RegisterClient("agent-1");
+  RouterServants::DestroyServantHelper();
+  const CallFrom call("agent-1");
+  EXPECT_THROW(Logon(EnvelopeConsumer::_nil()), Rejected);
+  EXPECT_TRUE(
+      log.Has(MessageRouter::kLogError, "Client::Logon() caught ServantHelper not initialized\n"));
 }
 
 TEST_F(ClientTest, AFaultInTheRouterIsRejectedAndLogged) {
