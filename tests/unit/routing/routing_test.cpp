@@ -1,0 +1,433 @@
+#include "routing/Routing.h"
+
+#include <ace/Log_Record.h>
+
+#include <functional>
+#include <utility>
+
+#include "fixture.h"
+#include "security/OwnIdentity.h"
+
+namespace TestSupport {
+namespace {
+
+using BrelixMessaging::AlreadyRegistered;
+using BrelixMessaging::NotRegistered;
+using MessageRouter::kLogInfo;
+using MessageRouter::kLogWarning;
+using MessageRouter::OwnIdentity::Set;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class RouteTest : public RoutingTest {
+ protected:
+  Entry& AParent() {
+    table_.AddParent("");
+    return *table_.Parent();
+  }
+  // How the one envelope that waits would travel on.
+  std::vector<std::string> HopsLeft(Entry& entry) {
+    Envelope envelope;
+    EXPECT_TRUE(entry.PopNext(envelope));
+    return envelope.PhysicalDestination();
+  }
+  bool Unrouteable(const std::string& name) const {
+    return log_.Has(kLogWarning, "Cannot route message to " + name + "\n");
+  }
+};
+
+TEST_F(RouteTest, AnEmptyDestinationGoesToTheParent) {
+  Entry& parent = AParent();
+  Route(AnEnvelope().WithDestination(""));
+  EXPECT_TRUE(parent.HasEnvelopes());
+}
+
+TEST_F(RouteTest, AnEmptyDestinationWithoutAParentIsUnrouteableToNowhere) {
+  Route(AStoredEnvelope("1.msg").WithDestination(""));
+  EXPECT_TRUE(Unrouteable("nowhere"));
+  EXPECT_FALSE(FileExists("1.msg"));
+}
+
+TEST_F(RouteTest, AnEmptyDestinationIsNotThisRouterEvenBeforeItHasAName) {
+  Set("", "");
+  Entry& parent = AParent();
+  Route(AnEnvelope().WithDestination(""));
+  EXPECT_TRUE(parent.HasEnvelopes());
+}
+
+TEST_F(RouteTest, ThisRoutersNameAloneIsDispatchedLocally) {
+  Route(AStoredEnvelope("1.msg").WithDestination("router1"));
+  EXPECT_TRUE(log_.Has(kLogInfo, "Received message for this router\n"));
+  EXPECT_TRUE(log_.Contains("Messages for this router itself are not handled in this version: "));
+  EXPECT_FALSE(FileExists("1.msg"));
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+}
+
+TEST_F(RouteTest, AColonAloneIsDispatchedLocallyEvenIfItHasExpired) {
+  Route(AnEnvelope().WithDestination(":").WithTtl(1));
+  EXPECT_TRUE(log_.Has(kLogInfo, "Received message for this router\n"));
+}
+
+TEST_F(RouteTest, ThisRoutersNameAndAChildPopsTheFirstHop) {
+  Entry& child = ARouter("child");
+  Route(AnEnvelope().WithDestination("router1.child"));
+  EXPECT_THAT(HopsLeft(child), ElementsAre("child"));
+  EXPECT_THAT(host_.Senders(), ElementsAre(&child));
+}
+
+TEST_F(RouteTest, ThisRoutersNameAndAnUnknownChildIsUnrouteableAndTheParentIsNotTried) {
+  Entry& parent = AParent();
+  Route(AnEnvelope().WithDestination("router1.child"));
+  EXPECT_FALSE(parent.HasEnvelopes());
+  EXPECT_TRUE(Unrouteable("child"));
+}
+
+TEST_F(RouteTest, AnUnknownSingleNameFromAClientGoesToTheParent) {
+  Entry& parent = AParent();
+  Route(AnEnvelope().WithDestination("stranger"));
+  EXPECT_THAT(HopsLeft(parent), ElementsAre("stranger"));
+  EXPECT_THAT(host_.Senders(), ElementsAre(&parent));
+  EXPECT_TRUE(log_.Contains("Routing to parent: "));
+}
+
+TEST_F(RouteTest, AnUnknownNameFromTheParentIsUnrouteable) {
+  Entry& parent = AParent();
+  Route(AnEnvelope().WithDestination("stranger").FromParent());
+  EXPECT_FALSE(parent.HasEnvelopes());
+  EXPECT_TRUE(Unrouteable("stranger"));
+}
+
+TEST_F(RouteTest, WithoutAParentAnUnknownNameIsReportedWithTheName) {
+  Route(AStoredEnvelope("1.msg").WithDestination("stranger.x").WithType("T"));
+  EXPECT_TRUE(Unrouteable("stranger"));
+  EXPECT_TRUE(log_.Has(kLogWarning, "Delivery failed(Unrouteable) for message type T, originator " +
+                                        Envelope(AnEnvelope()).Originator()) ||
+              log_.Contains("Delivery failed(Unrouteable) for message type T, originator"));
+  EXPECT_FALSE(FileExists("1.msg"));
+}
+
+TEST_F(RouteTest, TheAddressOfTheParentWithoutAParentIsUnrouteable) {
+  Route(AnEnvelope().WithDestination(":.:"));
+  EXPECT_TRUE(Unrouteable(":"));
+}
+
+TEST_F(RouteTest, TheAddressOfTheParentGoesUpWithOneHopLeft) {
+  Entry& parent = AParent();
+  Route(AnEnvelope().WithDestination(":.:"));
+  EXPECT_THAT(HopsLeft(parent), ElementsAre(":"));
+}
+
+TEST_F(RouteTest, TheAddressOfTheParentFromTheParentIsUnrouteable) {
+  Entry& parent = AParent();
+  Route(AnEnvelope().WithDestination(":.:").FromParent());
+  EXPECT_FALSE(parent.HasEnvelopes());
+}
+
+TEST_F(RouteTest, ANameInTheTableIsTakenAtOnceWithNoPop) {
+  Entry& client = AClient("agent");
+  Route(AnEnvelope().WithDestination("agent.more"));
+  EXPECT_THAT(HopsLeft(client), ElementsAre("agent", "more"));
+  EXPECT_TRUE(log_.Contains("Routing to agent: "));
+}
+
+TEST_F(RouteTest, AnUnrouteableDeliveryFailedMessageIsNoFailureButAnUnrouteableReplyIs) {
+  struct Case {
+    const char* type;
+    bool reported;
+  };
+  const Case cases[] = {
+      {"MS-DeliveryFailed", false}, {"ms-deliveryfailed-x", false}, {"MS-x-DeliveryFAILED", false},
+      {"MS-Reply", true},           {"EM-DeliveryFailed", true},    {"DeliveryFailed", true},
+  };
+  for (const Case& c : cases) {
+    log_.Clear();
+    Route(AnEnvelope().WithDestination("stranger").WithType(c.type));
+    EXPECT_TRUE(Unrouteable("stranger")) << c.type;
+    EXPECT_EQ(log_.Contains("Delivery failed"), c.reported) << c.type;
+  }
+}
+
+TEST_F(RouteTest, AnUnregisteredPeerCountsAsUnknown) {
+  AClient("agent");
+  table_.Unregister("agent");
+  EXPECT_EQ(routing_.FindRoute("agent"), nullptr);
+  Route(AnEnvelope().WithDestination("agent"));
+  EXPECT_TRUE(Unrouteable("agent"));
+}
+
+TEST_F(RouteTest, APeerThatIsNotLoggedOnKeepsTheEnvelope) {
+  Entry& client = AClient("agent");
+  Route(AnEnvelope().WithDestination("agent"));
+  EXPECT_TRUE(client.HasEnvelopes());
+}
+
+TEST_F(RouteTest, APeerLoggedOnForCertificationIsRoutable) {
+  table_.AddCertificationEntry("new");
+  Entry& entry = *table_.Find("new");
+  Route(AnEnvelope().WithDestination("new"));
+  EXPECT_TRUE(Unrouteable("new"));
+  entry.LogonCertification("new");
+  Route(AnEnvelope().WithDestination("new"));
+  EXPECT_TRUE(entry.HasEnvelopes());
+}
+
+TEST_F(RouteTest, TheParentIsReachedUnderAllItsNames) {
+  Entry& parent = AParent();
+  table_.SetParentName("boss");
+  for (const char* name : {"boss", "", "stranger"}) {
+    Route(AnEnvelope().WithDestination(name));
+    EXPECT_EQ(routing_.RouteQueueSize(), 0u) << name;
+    EXPECT_EQ(Drain(parent).size(), 1u) << name;
+  }
+}
+
+TEST_F(RouteTest, AnUnregisteredParentStillTakesWhatGoesUp) {
+  Entry& parent = AParent();
+  table_.SetParentName("boss");
+  Route(AnEnvelope().WithDestination("stranger"));
+  routing_.UnregisterPeer("boss", true);
+  routing_.EmptyRouteQueue();  // what the router told the parent
+  Route(AnEnvelope().WithDestination("stranger"));
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+  EXPECT_EQ(Drain(parent).size(), 2u);
+}
+
+// Runs something between the decision, which is logged, and the envelope's way into the entry.
+class AfterDecision : public LogCapture {
+ public:
+  explicit AfterDecision(std::function<void()> action) : action_(std::move(action)) {}
+  ssize_t log(ACE_Log_Record& record) override {
+    const ssize_t result = LogCapture::log(record);
+    if (Contains("Routing to ") && action_) std::exchange(action_, nullptr)();
+    return result;
+  }
+
+ private:
+  std::function<void()> action_;
+};
+
+TEST_F(RouteTest, AnEnvelopeWhosePeerIsUnregisteredMeanwhileIsDecidedAnew) {
+  Entry& parent = AParent();
+  Entry& client = AClient("agent");
+  AfterDecision hook([&] { table_.Unregister("agent"); });
+  Route(AnEnvelope().WithDestination("agent"));
+  EXPECT_FALSE(client.HasEnvelopes());
+  EXPECT_THAT(host_.Senders(), IsEmpty());
+  EXPECT_EQ(routing_.RouteQueueSize(), 1u);
+  routing_.RouteNext(0, 0);
+  EXPECT_THAT(HopsLeft(parent), ElementsAre("agent"));
+}
+
+TEST_F(RouteTest, AnEnvelopeThatNamedThisRouterIsDecidedAnewFromTheAddressAsItCame) {
+  Entry& parent = AParent();
+  AClient("agent");
+  AfterDecision hook([&] { table_.Unregister("agent"); });
+  Route(AnEnvelope().WithDestination("router1.agent"));
+  routing_.RouteNext(0, 0);
+  EXPECT_FALSE(parent.HasEnvelopes());
+  EXPECT_TRUE(hook.Has(kLogWarning, "Cannot route message to agent\n"));
+}
+
+TEST_F(RouteTest, AnEnvelopeWhoseEntryIsTakenOverMeanwhileDoesNotReachTheNewPeer) {
+  table_.AddCertificationEntry("former");
+  Entry& entry = *table_.Find("former");
+  entry.LogonCertification("former");
+  AfterDecision hook([&] {
+    entry.LogoffCertification();
+    table_.AddCertificationEntry("new");
+    entry.LogonCertification("new");
+  });
+  Route(AnEnvelope().WithDestination("former"));
+  EXPECT_EQ(entry.Name(), "new");
+  EXPECT_FALSE(entry.HasEnvelopes());
+  EXPECT_EQ(routing_.RouteQueueSize(), 1u);
+}
+
+TEST_F(RouteTest, AParentThatIsRenamedMeanwhileGetsTheEnvelopeInTheEnd) {
+  Entry& parent = AParent();
+  AfterDecision hook([&] { table_.SetParentName("boss"); });
+  Route(AnEnvelope().WithDestination("stranger"));
+  while (routing_.RouteQueueSize() != 0) routing_.RouteNext(0, 0);
+  EXPECT_EQ(Drain(parent).size(), 1u);
+}
+
+TEST_F(RouteTest, EnvelopesAreDecidedInOrderOfArrival) {
+  Entry& client = AClient("agent");
+  for (const std::uint32_t id : {1, 2, 3}) {
+    routing_.QueueForRouting(AnEnvelope().WithId(id).WithDestination("agent"));
+  }
+  for (int i = 0; i < 3; ++i) routing_.RouteNext(0, 0);
+  EXPECT_THAT(Drain(client), ElementsAre(1, 2, 3));
+}
+
+TEST_F(RouteTest, AnEmptyRouteQueueIsNormal) {
+  routing_.RouteNext(0, 1);
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+}
+
+TEST_F(RouteTest, CancelRetiresAnEnvelopeThatStillWaitsForItsDecision) {
+  routing_.QueueForRouting(AStoredEnvelope("1.msg").WithId(1).WithOriginator("router1.a"));
+  EXPECT_FALSE(routing_.CancelInRouteQueue("router1.b", 1));
+  EXPECT_TRUE(routing_.CancelInRouteQueue("router1.a", 1));
+  EXPECT_FALSE(FileExists("1.msg"));
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+}
+
+TEST_F(RouteTest, EmptyingTheRouteQueueRetiresNothing) {
+  routing_.QueueForRouting(AStoredEnvelope("1.msg"));
+  routing_.EmptyRouteQueue();
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+  EXPECT_TRUE(FileExists("1.msg"));
+}
+
+TEST_F(RouteTest, AClosedMapOfRoutersFindsNothing) {
+  routing_.SetLogical(std::make_unique<MessageRouter::Logical>("LogicalTable"));
+  Route(AnEnvelope().WithDestination("stranger"));
+  EXPECT_TRUE(Unrouteable("stranger"));
+}
+
+class PeersTest : public RoutingTest {
+ protected:
+  // The one envelope that waits for its decision, taken up to the parent.
+  Envelope SentUp() {
+    EXPECT_EQ(routing_.RouteQueueSize(), 1u);
+    routing_.RouteNext(0, 0);
+    Envelope envelope;
+    EXPECT_TRUE(table_.Parent()->PopNext(envelope));
+    return envelope;
+  }
+  static std::string Text(Envelope& envelope) {
+    CORBA::Any any;
+    envelope.GetData(any);
+    const char* text = nullptr;
+    return (any >>= text) ? text : "no text";
+  }
+};
+
+TEST_F(PeersTest, RegisteringWritesTheTable) {
+  routing_.RegisterPeer("agent", false);
+  EXPECT_EQ(TableText(), "agent.0..\n");
+  EXPECT_THROW(routing_.RegisterPeer("agent", false), AlreadyRegistered);
+  PassAMinute();
+  routing_.UnregisterPeer("agent", false);
+  EXPECT_EQ(TableText(), "");
+  EXPECT_THROW(routing_.UnregisterPeer("agent", false), NotRegistered);
+}
+
+TEST_F(PeersTest, AClientsRegistrationIsNoNewsForTheParent) {
+  table_.AddParent("");
+  routing_.RegisterPeer("agent", false);
+  routing_.UnregisterPeer("agent", false);
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+}
+
+TEST_F(PeersTest, ARoutersRegistrationIsNoNewsWithoutAParent) {
+  routing_.RegisterPeer("child", true);
+  routing_.UnregisterPeer("child", true);
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+}
+
+TEST_F(PeersTest, ARoutersRegistrationIsToldToTheParent) {
+  table_.AddParent("");
+  routing_.RegisterPeer("child", true);
+  Envelope envelope = SentUp();
+  EXPECT_EQ(envelope.Type(), "MS-RouterRegistered");
+  EXPECT_EQ(envelope.Destination(), ":.:");
+  EXPECT_EQ(envelope.Priority(), 0u);
+  EXPECT_EQ(envelope.Ttl(), clock_.WallSeconds() + 43200);
+  EXPECT_EQ(envelope.Originator(), "router1");
+  EXPECT_EQ(Text(envelope), "child");
+}
+
+TEST_F(PeersTest, ARoutersUnregisteringIsToldToTheParentWithOrWithoutAMap) {
+  table_.AddParent("");
+  for (const bool withMap : {false, true}) {
+    if (withMap) routing_.SetLogical(std::make_unique<MessageRouter::Logical>("LogicalTable"));
+    table_.Register("child", true);
+    routing_.UnregisterPeer("child", true);
+    Envelope envelope = SentUp();
+    EXPECT_EQ(envelope.Type(), "MS-RouterUnregistered");
+    EXPECT_EQ(Text(envelope), "child");
+  }
+}
+
+TEST_F(PeersTest, UnregisteringTakesTheQueueBackIntoRouting) {
+  Entry& client = AClient("agent");
+  Enqueue(client, AnEnvelope().WithId(1).WithPriority(1));
+  Enqueue(client, AnEnvelope().WithId(2).WithPriority(2));
+  routing_.UnregisterPeer("agent", false);
+  EXPECT_FALSE(client.HasEnvelopes());
+  EXPECT_EQ(routing_.RouteQueueSize(), 2u);
+}
+
+TEST_F(PeersTest, LogonsOfUnknownPeersAreRefused) {
+  EXPECT_THROW(routing_.LogonClientPeer("nobody", BrelixMessaging::EnvelopeConsumer::_nil(),
+                                        BrelixMessaging::NotifyConsumer::_nil(), 0),
+               NotRegistered);
+  EXPECT_THROW(routing_.LogonRouterPeer("nobody", BrelixMessaging::RouterConsumer::_nil(),
+                                        BrelixMessaging::RouterSupplier::_nil(),
+                                        BrelixMessaging::NotifyConsumer::_nil(), 0),
+               NotRegistered);
+  EXPECT_THROW(routing_.LogoffPeer("nobody"), NotRegistered);
+}
+
+TEST_F(PeersTest, AClientsLogonGivesItsObjectsWritesTheTableAndOffersWhatWaits) {
+  Entry& client = AClient("agent");
+  const auto local = routing_.LogonClientPeer("agent", BrelixMessaging::EnvelopeConsumer::_nil(),
+                                              BrelixMessaging::NotifyConsumer::_nil(), 0);
+  EXPECT_FALSE(CORBA::is_nil(local.consumer));
+  EXPECT_FALSE(CORBA::is_nil(local.supplier));
+  EXPECT_EQ(TableText(), "agent.0..\n");
+  EXPECT_THAT(host_.Senders(), ElementsAre(&client));
+  routing_.LogoffPeer("agent");
+  EXPECT_FALSE(client.IsLoggedOn());
+}
+
+TEST_F(PeersTest, APeerWithANotifierIsOwedAThresholdCallFirst) {
+  Entry& client = AClient("agent");
+  const BrelixMessaging::NotifyConsumer_var notify =
+      AReferenceTo<BrelixMessaging::NotifyConsumer>("notify");
+  routing_.LogonClientPeer("agent", BrelixMessaging::EnvelopeConsumer::_nil(), notify, 0);
+  EXPECT_THAT(host_.ThresholdCalls(), ElementsAre(&client));
+  EXPECT_THAT(host_.Senders(), IsEmpty());
+}
+
+TEST_F(PeersTest, APushedPeerWithANotifierGoesToTheSenders) {
+  Entry& client = AClient("agent");
+  const BrelixMessaging::NotifyConsumer_var notify =
+      AReferenceTo<BrelixMessaging::NotifyConsumer>("notify");
+  const BrelixMessaging::EnvelopeConsumer_var consumer =
+      AReferenceTo<BrelixMessaging::EnvelopeConsumer>("consumer");
+  routing_.LogonClientPeer("agent", consumer, notify, 0);
+  EXPECT_THAT(host_.Senders(), ElementsAre(&client));
+}
+
+TEST_F(PeersTest, ARouterThatIsPolledIsPolledRightAfterItsLogon) {
+  Entry& child = ARouter("child");
+  const BrelixMessaging::RouterSupplier_var supplier =
+      AReferenceTo<BrelixMessaging::RouterSupplier>("supplier");
+  const auto local = routing_.LogonRouterPeer("child", BrelixMessaging::RouterConsumer::_nil(),
+                                              supplier, BrelixMessaging::NotifyConsumer::_nil(), 0);
+  EXPECT_FALSE(CORBA::is_nil(local.notify));
+  EXPECT_THAT(host_.Pollers(), ElementsAre(&child));
+  EXPECT_EQ(child.GetSupplierState(), Entry::kPollNotified);
+  EXPECT_THAT(host_.Senders(), ElementsAre(&child));
+}
+
+TEST_F(PeersTest, ARouterThatPushesIsNotPolled) {
+  ARouter("child");
+  routing_.LogonRouterPeer("child", BrelixMessaging::RouterConsumer::_nil(),
+                           BrelixMessaging::RouterSupplier::_nil(),
+                           BrelixMessaging::NotifyConsumer::_nil(), 0);
+  EXPECT_THAT(host_.Pollers(), IsEmpty());
+}
+
+TEST_F(PeersTest, TheCycleIsNullWhileNoneRuns) {
+  EXPECT_EQ(MessageRouter::Cycle::Current(), nullptr);
+  MessageRouter::Cycle::Set(&routing_);
+  EXPECT_EQ(MessageRouter::Cycle::Current(), &routing_);
+  MessageRouter::Cycle::Set(nullptr);
+}
+
+}  // namespace
+}  // namespace TestSupport
