@@ -1,6 +1,7 @@
 #include "security/TlsSetup.h"
 
 #include <openssl/obj_mac.h>
+#include <openssl/x509v3.h>
 
 #include <stdexcept>
 
@@ -13,7 +14,7 @@ namespace {
 using SecurityCallback = int (*)(const SSL*, const SSL_CTX*, int, int, int, void*, void*);
 
 // The strength that OpenSSL gives to an RSA key of 1024 bits.
-constexpr int kWeakestKeyStrength = 80;
+constexpr int kWeakestStrength = 80;
 
 SecurityCallback SystemSecurity() {
   static const SecurityCallback system = [] {
@@ -29,7 +30,7 @@ int AdmitWeakCertificates(const SSL* ssl, const SSL_CTX* context, int operation,
   switch (operation & ~SSL_SECOP_PEER) {
     case SSL_SECOP_EE_KEY:
     case SSL_SECOP_CA_KEY:
-      if (bits >= kWeakestKeyStrength) return 1;
+      if (bits >= kWeakestStrength) return 1;
       break;
     case SSL_SECOP_CA_MD:
       if (nid == NID_sha1) return 1;
@@ -40,10 +41,33 @@ int AdmitWeakCertificates(const SSL* ssl, const SSL_CTX* context, int operation,
   return SystemSecurity()(ssl, context, operation, bits, nid, other, extra);
 }
 
+// Peers' certificates pass OpenSSL's own look at their strength unseen, all or none; so what is
+// weaker than what the callback above admits is found here.
+int WeaknessOf(X509* certificate) {
+  if (certificate == nullptr) return X509_V_OK;
+  EVP_PKEY* const key = X509_get0_pubkey(certificate);
+  if (key == nullptr || EVP_PKEY_get_security_bits(key) < kWeakestStrength) {
+    return X509_V_ERR_EE_KEY_TOO_SMALL;
+  }
+  // What an authority says of itself counts for nothing.
+  if ((X509_get_extension_flags(certificate) & EXFLAG_SS) != 0) return X509_V_OK;
+  int digest = NID_undef;
+  int strength = 0;
+  const bool known =
+      X509_get_signature_info(certificate, &digest, nullptr, &strength, nullptr) == 1;
+  const bool strong = known && (digest == NID_sha1 || strength >= kWeakestStrength);
+  return strong ? X509_V_OK : X509_V_ERR_CA_MD_TOO_WEAK;
+}
+
 }  // namespace
 
 int VerifyCallback(int verified, X509_STORE_CTX* chain) {
-  if (verified == 1) return 1;
+  if (verified == 1) {
+    const int weakness = WeaknessOf(X509_STORE_CTX_get_current_cert(chain));
+    if (weakness == X509_V_OK) return 1;
+    X509_STORE_CTX_set_error(chain, weakness);
+    return 0;
+  }
   const bool ownExpired = X509_STORE_CTX_get_error_depth(chain) == 0 &&
                           X509_STORE_CTX_get_error(chain) == X509_V_ERR_CERT_HAS_EXPIRED;
   return ownExpired ? 1 : 0;
