@@ -261,20 +261,6 @@ TEST_F(SenderTest, BrokenEnvelopeUsesUpMaximumToSend) {
   EXPECT_THAT(Waiting(entry), ElementsAre(2u));
 }
 
-TEST_F(SenderTest, StandardExceptionPutsTheEnvelopeBackToo) {
-  ClientPeer peer;
-  RouterTableEntry& entry = APushedClient(peer);
-  Enqueue(entry, Stored(1));
-  peer->onCall = [](int) { throw std::runtime_error("no memory for that"); };
-  Visit(entry);
-  EXPECT_TRUE(log.Has(kLogError, "SenderWorker: Caught no memory for that \n"));
-  EXPECT_TRUE(log.Has(kLogError,
-                      "Failed to send message (id=00000001) because of exception, adding message "
-                      "back to queue\n"));
-  EXPECT_FALSE(entry.IsLoggedOn());
-  EXPECT_THAT(Waiting(entry), ElementsAre(1u));
-}
-
 TEST_F(SenderTest, PeerThatIsNotLoggedOnIsLeftAlone) {
   RouterTableEntry& entry = AClient();
   Enqueue(entry, Stored(1));
