@@ -77,13 +77,19 @@ std::string EnvelopeStore::NewEnvelopeFile(std::uint32_t& index) {
   ThreadHelper::Guard guard(mutex_);
   if (!guard) return {};
   std::string name = NameFor(nextIndex_);
-  while (Platform::FileExists(folder_.Path() + name)) name = NameFor(++nextIndex_);
+  while (namesInUse_ && Platform::FileExists(folder_.Path() + name)) name = NameFor(++nextIndex_);
+  namesInUse_ = false;
   index = nextIndex_++;
   return name;
 }
 
 int EnvelopeStore::Write(const std::string& name, const std::string& content) {
-  return folder_.Publish(name, content, GetConfigBool("SyncEnvelopes", true));
+  const int error = folder_.Publish(name, content, GetConfigBool("SyncEnvelopes", true));
+  if (error == EEXIST) {
+    ThreadHelper::Guard guard(mutex_);
+    if (guard) namesInUse_ = true;
+  }
+  return error;
 }
 
 void EnvelopeStore::NoteIndex(std::uint32_t index) {

@@ -24,8 +24,9 @@ class EnvelopeStore {
   // The caller keeps ownership; null brings the real one back.
   static void Replace(EnvelopeStore* store);
 
-  // The name (without the folder) and index for a new file; names in use are skipped. Empty if the
-  // lock fails.
+  // The name (without the folder) and index for a new file. Names in use are skipped at the first
+  // call and after a Write that met one; in between Write tells, and the caller asks again. Empty
+  // if the lock fails.
   std::string NewEnvelopeFile(std::uint32_t& index);
   // Writes the file whole, synced if SyncEnvelopes (default true) says so. 0, or the system's
   // error; nothing is left behind then. Virtual for tests, whose writes fail.
@@ -39,6 +40,7 @@ class EnvelopeStore {
   ThreadHelper::Mutex mutex_;
   Platform::PublishFolder folder_;
   std::uint32_t nextIndex_ GUARDED_BY(mutex_) = 0;
+  bool namesInUse_ GUARDED_BY(mutex_) = true;  // look before a name is given out
 };
 
 // All envelopes on disk, read and shrunk, sorted by name; those that can't be read are set aside.

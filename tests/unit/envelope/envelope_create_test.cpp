@@ -382,6 +382,19 @@ TEST_F(EnvelopeCreate, WithFiles0And1PresentTheNextFileIs2) {
   EXPECT_EQ(envelope.PersistentIndex(), 2u);
 }
 
+TEST_F(EnvelopeCreate, FilesThatAppearedMeanwhileAreSkippedHoweverMany) {
+  Envelope().CreateFromClient(AMessage(), "agent-1", "");
+  for (int i = 1; i < 0x100; ++i) {
+    char leaf[16];
+    std::snprintf(leaf, sizeof leaf, "%08x.msg", static_cast<unsigned>(i));
+    WriteFile(leaf, "theirs");
+  }
+  Envelope envelope;
+  envelope.CreateFromClient(AMessage(), "agent-1", "");
+  EXPECT_EQ(envelope.FileName(), Path("00000100.msg"));
+  EXPECT_EQ(ReadBack("00000001.msg"), "theirs");
+}
+
 TEST_F(EnvelopeCreate, WithTheStoresLockFailingAPeersMessageIsRefused) {
   Envelope envelope;
   ThreadHelper::FailNextLocks(1000);
