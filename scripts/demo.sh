@@ -24,7 +24,7 @@ finish() {
   status=$?
   trap - EXIT
   [ "$status" -eq 0 ] || { echo "demo: failed; the router's log ends with" >&2
-    cat "$work"/router/Router/Logs/*.log 2>/dev/null | tail -n 20 >&2 || true; }
+    tail -n 20 "$work/console.txt" >&2 || true; }
   for pid in $receiver_pid $router_pid; do kill "$pid" 2>/dev/null || true; done
   for pid in $receiver_pid $router_pid; do wait "$pid" 2>/dev/null || true; done
   rm -rf "$work"
@@ -53,16 +53,14 @@ wait_for() {
   done
 }
 
-log() { cat "$work"/router/Router/Logs/*.log 2>/dev/null; }
-log_count() { log | grep -c -F -- "$1" || true; }
-# logged N TEXT: the log has the text at least N times.
-logged() { [ "$(log_count "$2")" -ge "$1" ]; }
+# logged N TEXT: the routers have logged the text at least N times, all in all.
+logged() { [ "$(grep -c -F -- "$2" "$work/console.txt" || true)" -ge "$1" ]; }
 no_envelopes() { [ -z "$(ls "$work/router/Router/Envelopes")" ]; }
 
 starts=0
 start_router() {
   (cd "$work/router" && exec "$bin/brelix-message-router" -config ./brelix.config \
-    -ORBendPoint "giop:ssl::$tls_port") &
+    -ORBendPoint "giop:ssl::$tls_port" 2>>"$work/console.txt") &
   router_pid=$!
   starts=$((starts + 1))
   wait_for "the router" logged "$starts" "Waiting for messages..."
@@ -92,7 +90,7 @@ ior_port=$(free_port)
 tls_port=$(free_port)
 root='SOFTWARE\Brelix\Messaging System'
 printf '[%s]\n"UseRelativeDataLocation"=dword:1\n' "$root" >"$work/router/router.config"
-printf '[%s]\n"UseRelativeDataLocation"=dword:1\n\n[%s\\Router]\n"IORSenderPort"=dword:%x\n"LogConsole"=dword:0\n' \
+printf '[%s]\n"UseRelativeDataLocation"=dword:1\n\n[%s\\Router]\n"IORSenderPort"=dword:%x\n' \
   "$root" "$root" "$ior_port" >"$work/router/brelix.config"
 show brelix-message-router -config ./brelix.config -ORBendPoint "giop:ssl::$tls_port"
 start_router
@@ -149,6 +147,6 @@ step "SIGTERM ends the router in order"
 kill -TERM "$router_pid"
 wait "$router_pid" || fail "the router ended with status $?"
 router_pid=
-log | tail -n 1
+cat "$work"/router/Router/Logs/*.log | tail -n 1
 echo
 echo "Done."

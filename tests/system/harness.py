@@ -117,8 +117,9 @@ class Router:
         self.tls_port = free_port()
         self.endpoint = endpoint or f"giop:ssl::{self.tls_port}"
         self.process = None
-        self.settings = {"IORSenderPort": self.ior_port, "LogConsole": 0, "LogFileCount": 200,
-                         "LogFileMaxSize": 64 << 20, "LogLevel": 1}
+        self._log = ""
+        self._log_position = 0
+        self.settings = {"IORSenderPort": self.ior_port, "LogConsole": 1, "LogLevel": 1}
         self.settings.update(settings or {})
         private = self.data / "Private"
         private.mkdir(parents=True)
@@ -194,8 +195,24 @@ class Router:
     # What it wrote
 
     def log(self):
-        files = sorted((self.data / "Logs").glob("*.log"))
-        return "".join(file.read_text(errors="replace") for file in files)
+        """Everything logged by all the processes of this router: the copy on standard error, since
+        a log file begins anew when a router is started twice within a second."""
+        path = self.folder / "stderr.txt"
+        if path.exists():
+            with open(path, "rb") as file:
+                file.seek(self._log_position)
+                # Whole lines: the last one may still be on its way.
+                fresh = file.read()
+                fresh = fresh[:fresh.rfind(b"\n") + 1]
+            self._log_position += len(fresh)
+            self._log += fresh.decode(errors="replace")
+        return self._log
+
+    def log_files(self):
+        return sorted((self.data / "Logs").glob("*.log"))
+
+    def last_log_line(self):
+        return self.log_files()[-1].read_text(errors="replace").splitlines()[-1]
 
     def wait_log(self, text, seconds=10, since=0):
         def seen():
@@ -362,9 +379,10 @@ class SystemTest(unittest.TestCase):
         reports = []
         for router in self._routers:
             router.clean_up()
-            self._tails.append((router, router.log()[-6000:], router.stderr()[-12000:]))
-            if SANITIZER_REPORT.search(router.stderr()):
-                reports.append(router.stderr()[-12000:])
+            self._tails.append((router, router.stderr()[-12000:]))
+            found = SANITIZER_REPORT.search(router.stderr())
+            if found:
+                reports.append(router.stderr()[found.start():][:12000])
         if reports:
             self.fail("a sanitizer's report:\n" + "\n".join(reports))
 
@@ -372,9 +390,9 @@ class SystemTest(unittest.TestCase):
         before = len(result.failures) + len(result.errors) if result else 0
         super().run(result)
         if result and len(result.failures) + len(result.errors) > before:
-            for router, log, stderr in getattr(self, "_tails", []):
-                print(f"\n--- {self.id()}: end of the log of router {router.name}\n{log}\n"
-                      f"--- its standard error\n{stderr}", file=sys.stderr)
+            for router, tail in getattr(self, "_tails", []):
+                print(f"\n--- {self.id()}: end of the log of router {router.name}\n{tail}",
+                      file=sys.stderr)
 
     # Shorthands
 

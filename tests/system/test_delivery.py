@@ -156,7 +156,7 @@ class Stopping(SystemTest):
     def assert_orderly(self, box, status, began):
         self.assertEqual(0, status)
         self.assertLess(time.monotonic() - began, 10.5)
-        self.assertRegex(box.log().splitlines()[-1], "EOF$")
+        self.assertRegex(box.last_log_line(), " EOF: ")
 
     def test_a_stop_keeps_what_was_not_delivered(self):
         box = self.router()
