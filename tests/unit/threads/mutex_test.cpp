@@ -73,8 +73,10 @@ TEST(RWMutexGuards, LetAWriterInAlone) {
 TEST(RWMutexGuards, AreFalseWhereTheLockCantBeTaken) {
   RWMutex mutex;
   FailNextLocks(2);
-  const ReadGuard read(mutex);
-  EXPECT_FALSE(static_cast<bool>(read));
+  {
+    const ReadGuard read(mutex);
+    EXPECT_FALSE(static_cast<bool>(read));
+  }
   const WriteGuard write(mutex);
   EXPECT_FALSE(static_cast<bool>(write));
 }
