@@ -18,6 +18,31 @@ std::string LittleEndian(T value) {
   return bytes;
 }
 
+struct Profile {
+  std::uint16_t port = 0;
+  std::string objectKey;
+};
+
+Profile ReadProfile(const std::string& ior) {
+  if (ior.compare(0, std::strlen(kIorPrefix), kIorPrefix) != 0) {
+    throw std::runtime_error("not a reference");
+  }
+  std::string bytes;
+  for (std::size_t i = std::strlen(kIorPrefix); i + 1 < ior.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(ior.substr(i, 2), nullptr, 16));
+  }
+  CdrReader reader(bytes, 1);            // after the byte order
+  reader.Text();                         // type id
+  reader.ULong();                        // count of profiles
+  reader.ULong();                        // tag
+  CdrReader body(reader.Sequence(), 3);  // after the byte order and the version
+  body.Text();                           // host
+  Profile profile;
+  profile.port = body.UShort();
+  profile.objectKey = body.Sequence();
+  return profile;
+}
+
 }  // namespace
 
 CdrWriter& CdrWriter::Align(std::size_t alignment) {
@@ -139,21 +164,11 @@ GiopReplyMessage ParseReply(const std::string& message) {
 }
 
 std::string ObjectKeyOf(const std::string& ior) {
-  if (ior.compare(0, std::strlen(kIorPrefix), kIorPrefix) != 0) {
-    throw std::runtime_error("not a reference");
-  }
-  std::string bytes;
-  for (std::size_t i = std::strlen(kIorPrefix); i + 1 < ior.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(ior.substr(i, 2), nullptr, 16));
-  }
-  CdrReader reader(bytes, 1);               // after the byte order
-  reader.Text();                            // type id
-  reader.ULong();                           // count of profiles
-  reader.ULong();                           // tag
-  CdrReader profile(reader.Sequence(), 3);  // after the byte order and the version
-  profile.Text();                           // host
-  profile.UShort();                         // port
-  return profile.Sequence();
+  return ReadProfile(ior).objectKey;
+}
+
+std::uint16_t PortOf(const std::string& ior) {
+  return ReadProfile(ior).port;
 }
 
 }  // namespace TestSupport

@@ -66,5 +66,7 @@ GiopReplyMessage ParseReply(const std::string& message);
 
 // The object key in the first profile of a stringified reference.
 std::string ObjectKeyOf(const std::string& ior);
+// The port in it; 0 for one that listens with TLS alone.
+std::uint16_t PortOf(const std::string& ior);
 
 }  // namespace TestSupport
