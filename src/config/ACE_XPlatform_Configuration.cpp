@@ -18,7 +18,7 @@ using Binary = ConfigurationText::Binary;
 using Value = ConfigurationText::Value;
 
 // A configuration that an administrator would write is far smaller.
-constexpr std::size_t kMaxFileSize = 16 * 1024 * 1024;
+constexpr std::size_t kMaxFileSize = std::size_t{16} * 1024 * 1024;
 // How long a read may trust what it saw of the file: settings are read for every message.
 constexpr std::chrono::milliseconds kLookInterval{100};
 // Two writes in place within one tick of the file system's clock look alike, so a file that is as

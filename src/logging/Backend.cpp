@@ -162,7 +162,8 @@ void Backend::OpenFile() {
   ACE_OS::gmtime_r(&now, &utc);
   std::array<char, 32> stamp{};
   std::strftime(stamp.data(), stamp.size(), "-%Y%m%d-%H%M%S.log", &utc);
-  path_ = (directory_ + BaseName() + stamp.data()).c_str();
+  path_ = directory_ + BaseName() + stamp.data();
+  path_.erase(std::min(path_.find('\0'), path_.size()));
 
   stream_ = std::fopen(path_.c_str(), "wte");
   if (stream_ == nullptr) {

@@ -19,7 +19,7 @@
 namespace Platform {
 namespace {
 
-constexpr std::size_t kReadChunk = 64 * 1024;
+constexpr std::size_t kReadChunk = std::size_t{64} * 1024;
 constexpr unsigned kPermissionBits = 07777;
 constexpr mode_t kFolderMode = 0777;  // less the process's mask
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;

@@ -27,7 +27,7 @@ constexpr std::uint32_t kLoopbackNet = 127;
 constexpr unsigned kNetShift = 24;
 constexpr int kMillisecondsPerSecond = 1000;
 constexpr unsigned kProbes = 4;
-constexpr std::size_t kLargestAnswer = 1024 * 1024;
+constexpr std::size_t kLargestAnswer = std::size_t{1024} * 1024;
 
 std::vector<std::uint32_t> SystemAddresses() {
   ifaddrs* list = nullptr;
