@@ -1,0 +1,80 @@
+#include "fixture.h"
+
+namespace DeliveryTests {
+namespace {
+
+using MessageRouter::kLogDebug;
+
+// Peers that fetch for themselves.
+using SenderNotifyTest = DeliveryTest;
+
+TEST_F(SenderNotifyTest, WaitingEnvelopeIsNotified) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  Enqueue(entry, Stored(1));
+  Visit(entry);
+  EXPECT_EQ(peer->count, 1);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
+  EXPECT_TRUE(log.Has(kLogDebug, "Notifying agent\n"));
+  EXPECT_TRUE(log.Has(kLogDebug, "Successfully notified agent\n"));
+  EXPECT_TRUE(entry.HasEnvelopes());
+}
+
+TEST_F(SenderNotifyTest, EnvelopeBelowTheThresholdIsNotNotified) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer, 5);
+  Enqueue(entry, Stored(1).WithPriority(4));
+  Visit(entry);
+  EXPECT_EQ(peer->count, 0);
+}
+
+TEST_F(SenderNotifyTest, NotifySystemExceptionAndThenSuccessIsASuccess) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->UnreachableFor(1);
+  Visit(entry);
+  EXPECT_EQ(peer->count, 2);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
+}
+
+TEST_F(SenderNotifyTest, FailedNotificationDelaysWithoutLoggingOff) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->UnreachableFor(2);
+  Visit(entry);
+  EXPECT_TRUE(log.Has(kLogDebug, "Failed to notify agent\n"));
+  EXPECT_TRUE(entry.IsLoggedOn());
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
+}
+
+TEST_F(SenderNotifyTest, EnvelopeThatArrivesAfterAnEmptyPullIsNotifiedOnceMore) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->onCall = [&](int call) {
+    if (call > 1) return;
+    entry.EnvelopePulledWithNothingThere();
+    EXPECT_FALSE(entry.NotificationWanted().acquired);
+  };
+  Visit(entry);
+  EXPECT_EQ(peer->count, 2);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
+}
+
+TEST_F(SenderNotifyTest, BusyRouterIsNotNotifiedInstead) {
+  RouterPeer consumer;
+  NotifyPeer notify;
+  RouterTableEntry& entry = ARouter();
+  entry.LogonRouter(consumer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
+                    notify.Reference(), 0, true);
+  Enqueue(entry, Stored(1));
+  ASSERT_TRUE(entry.ClaimForSending().acquired);
+  Visit(entry);
+  EXPECT_EQ(consumer->count, 0);
+  EXPECT_EQ(notify->count, 0);
+}
+
+}  // namespace
+}  // namespace DeliveryTests

@@ -1,0 +1,69 @@
+#include "fixture.h"
+
+namespace DeliveryTests {
+namespace {
+
+using testing::ElementsAre;
+
+// A worker that hung in one session while the peer began another.
+class StaleSenderTest : public DeliveryTest {
+ protected:
+  StaleSenderTest() : entry(APushedClient(oldPeer)) {
+    Enqueue(entry, Stored(1));
+    Enqueue(entry, Stored(2));
+  }
+  void PeerLogsOnAgain() {
+    entry.Logoff();
+    Logon(entry, newPeer);
+    session = entry.Generation();
+  }
+
+  ClientPeer oldPeer;
+  ClientPeer newPeer;
+  RouterTableEntry& entry;
+  MessageRouter::LogonGeneration session = 0;
+};
+
+TEST_F(StaleSenderTest, FailureDoesNotLogTheNewSessionOff) {
+  oldPeer->onCall = [this](int call) {
+    if (call == 1) PeerLogsOnAgain();
+    throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+  };
+  Visit(entry);
+  EXPECT_TRUE(entry.IsLoggedOn());
+  EXPECT_EQ(entry.Generation(), session);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kPushIdle);
+  EXPECT_FALSE(log.Contains("logging agent off"));
+}
+
+TEST_F(StaleSenderTest, EnvelopePutBackIsOfferedToTheNewSession) {
+  oldPeer->onCall = [this](int call) {
+    if (call == 1) PeerLogsOnAgain();
+    throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+  };
+  Visit(entry);
+  EXPECT_EQ(pool.Queue().Get(), &entry);
+  Visit(entry);
+  EXPECT_THAT(newPeer->received, ElementsAre(1u, 2u));
+}
+
+TEST_F(StaleSenderTest, LateSuccessLeavesTheRestToTheNewSession) {
+  oldPeer->onCall = [this](int) { PeerLogsOnAgain(); };
+  Visit(entry);
+  EXPECT_THAT(oldPeer->received, ElementsAre(1u));
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kPushIdle);
+  Visit(entry);
+  EXPECT_THAT(newPeer->received, ElementsAre(2u));
+}
+
+TEST_F(StaleSenderTest, LateSuccessDoesNotEndTheClaimOfTheNewSession) {
+  oldPeer->onCall = [this](int) {
+    PeerLogsOnAgain();
+    ASSERT_TRUE(entry.ClaimForSending().acquired);
+  };
+  Visit(entry);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kPushBusy);
+}
+
+}  // namespace
+}  // namespace DeliveryTests
