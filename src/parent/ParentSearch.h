@@ -25,7 +25,7 @@ class ParentSearchObserver {
 };
 
 // Longer texts than this are no IOR.
-inline constexpr std::size_t kMaxIorText = 64 * 1024;
+inline constexpr std::size_t kMaxIorText = std::size_t{64} * 1024;
 // However a parent dribbles, its text must have come within this time, or within the limit of one
 // receive if that is longer.
 inline constexpr std::chrono::seconds kWholeReplyLimit{600};
