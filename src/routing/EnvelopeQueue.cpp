@@ -1,6 +1,5 @@
 #include "routing/EnvelopeQueue.h"
 
-#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -54,9 +53,29 @@ void EnvelopeQueue::Add(List& list, List::iterator place, Envelope envelope, boo
   item.certification = IsCertificationType(item.envelope.Type());
   index_.Insert(item, HashOf(item.envelope.Originator(), item.envelope.MessageId()));
   if (item.certification) certification_.insert(&item);
-  const std::int64_t ttl = item.envelope.Ttl();
-  if (ttl != 0) earliestTtl_ = std::min(earliestTtl_, ttl);
+  LinkExpiry(item);
   ++count_;
+}
+
+void EnvelopeQueue::LinkExpiry(Item& item) {
+  const std::int64_t ttl = item.envelope.Ttl();
+  if (ttl == 0) return;
+  Item*& head = expiry_[ttl];
+  item.nextToExpire = head;
+  item.expirySlot = &head;
+  if (head != nullptr) head->expirySlot = &item.nextToExpire;
+  head = &item;
+}
+
+void EnvelopeQueue::UnlinkExpiry(Item& item) {
+  if (item.expirySlot == nullptr) return;
+  *item.expirySlot = item.nextToExpire;
+  if (item.nextToExpire != nullptr) {
+    item.nextToExpire->expirySlot = item.expirySlot;
+    return;
+  }
+  const auto row = expiry_.find(item.envelope.Ttl());
+  if (row->second == nullptr) expiry_.erase(row);
 }
 
 EnvelopeQueue::Item* EnvelopeQueue::NextItem() {
@@ -107,6 +126,7 @@ bool EnvelopeQueue::Take(const std::string& originator, std::uint32_t messageId,
 void EnvelopeQueue::Remove(Item& item, Envelope& out) {
   index_.Remove(item);
   if (item.certification) certification_.erase(&item);
+  UnlinkExpiry(item);
   const std::uint32_t priority = item.envelope.Priority();
   out = std::move(item.envelope);
   if (item.putBack) {
@@ -116,27 +136,15 @@ void EnvelopeQueue::Remove(Item& item, Envelope& out) {
     row->second.erase(item.self);
     if (row->second.empty()) waiting_.erase(row);
   }
-  if (--count_ == 0) earliestTtl_ = kNever;
+  --count_;
 }
 
-void EnvelopeQueue::TakeExpired(std::vector<Envelope>& out) {
-  if (earliestTtl_ >= Platform::Clock::Instance().WallSeconds()) return;
-  earliestTtl_ = kNever;
-  std::vector<Item*> expired;
-  const auto look = [&](List& list) {
-    for (Item& item : list) {
-      const std::int64_t ttl = item.envelope.Ttl();
-      if (ttl == 0) continue;
-      if (item.envelope.IsExpired()) {
-        expired.push_back(&item);
-      } else {
-        earliestTtl_ = std::min(earliestTtl_, ttl);
-      }
-    }
-  };
-  look(putBack_);
-  for (auto& row : waiting_) look(row.second);
-  for (Item* item : expired) Remove(*item, out.emplace_back());
+void EnvelopeQueue::TakeExpired(std::vector<Envelope>& out, std::size_t limit) {
+  if (expiry_.empty()) return;
+  const std::int64_t now = Platform::Clock::Instance().WallSeconds();
+  for (; limit != 0 && !expiry_.empty() && expiry_.begin()->first < now; --limit) {
+    Remove(*expiry_.begin()->second, out.emplace_back());
+  }
 }
 
 void EnvelopeQueue::TakeAll(std::vector<Envelope>& out) {

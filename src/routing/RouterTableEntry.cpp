@@ -12,7 +12,8 @@ using ThreadHelper::WriteGuard;
 
 namespace {
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
-}
+constexpr std::size_t kExpiredAtOnce = 1000;
+}  // namespace
 
 RouterTableEntry::RouterTableEntry(const std::string& name, bool isRouter, bool isParent,
                                    RouterTable& table, RoutingHost& host)
@@ -142,17 +143,21 @@ bool RouterTableEntry::Cancel(const std::string& originator, std::uint32_t messa
   return true;
 }
 
+// Few at a time: whoever brings or fetches an envelope does not wait for a million files to go.
 void RouterTableEntry::RetireExpired() {
   std::vector<Envelope> expired;
-  {
-    WriteGuard guard(lock_);
-    if (!guard) return;
-    envelopes_.TakeExpired(expired);
-  }
-  for (Envelope& envelope : expired) {
-    ReportDeliveryFailure(envelope, "Timeout");
-    envelope.Retire();
-  }
+  do {
+    expired.clear();
+    {
+      WriteGuard guard(lock_);
+      if (!guard) return;
+      envelopes_.TakeExpired(expired, kExpiredAtOnce);
+    }
+    for (Envelope& envelope : expired) {
+      ReportDeliveryFailure(envelope, "Timeout");
+      envelope.Retire();
+    }
+  } while (expired.size() == kExpiredAtOnce);
 }
 
 std::vector<Envelope> RouterTableEntry::TakeAll() {

@@ -76,6 +76,15 @@ TEST_F(EntryQueueTest, RetireExpiredReportsATimeoutAndRemovesTheFile) {
   EXPECT_THAT(Drain(entry), ElementsAre(2));
 }
 
+TEST_F(EntryQueueTest, RetireExpiredLeavesNoExpiredOneHoweverMany) {
+  Entry& entry = AClient("agent");
+  for (std::uint32_t id = 0; id < 2500; ++id) {
+    Enqueue(entry, AnEnvelope().WithId(id).WithTtl(clock_.WallSeconds() - 1));
+  }
+  entry.RetireExpired();
+  EXPECT_FALSE(entry.HasEnvelopes());
+}
+
 TEST_F(EntryQueueTest, TakesNothingOnceItIsUnregistered) {
   Entry& entry = AClient("agent");
   table_.Unregister("agent");

@@ -1,0 +1,156 @@
+// Registrations and logons, as servants ask for them.
+#include "fixture.h"
+
+namespace TestSupport {
+namespace {
+
+using BrelixMessaging::AlreadyRegistered;
+using BrelixMessaging::NotRegistered;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class PeersTest : public RoutingTest {
+ protected:
+  // The one envelope that waits for its decision, taken up to the parent.
+  Envelope SentUp() {
+    EXPECT_EQ(routing_.RouteQueueSize(), 1u);
+    routing_.RouteNext(0, 0);
+    Envelope envelope;
+    EXPECT_TRUE(table_.Parent()->PopNext(envelope));
+    return envelope;
+  }
+  static std::string Text(Envelope& envelope) {
+    CORBA::Any any;
+    envelope.GetData(any);
+    const char* text = nullptr;
+    return (any >>= text) ? text : "no text";
+  }
+};
+
+TEST_F(PeersTest, RegisteringWritesTheTable) {
+  routing_.RegisterPeer("agent", false);
+  EXPECT_EQ(TableText(), "agent.0..\n");
+  EXPECT_THROW(routing_.RegisterPeer("agent", false), AlreadyRegistered);
+  PassAMinute();
+  routing_.UnregisterPeer("agent", false);
+  EXPECT_EQ(TableText(), "");
+  EXPECT_THROW(routing_.UnregisterPeer("agent", false), NotRegistered);
+}
+
+TEST_F(PeersTest, AClientsRegistrationIsNoNewsForTheParent) {
+  table_.AddParent("");
+  routing_.RegisterPeer("agent", false);
+  routing_.UnregisterPeer("agent", false);
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+}
+
+TEST_F(PeersTest, ARoutersRegistrationIsNoNewsWithoutAParent) {
+  routing_.RegisterPeer("child", true);
+  routing_.UnregisterPeer("child", true);
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+}
+
+TEST_F(PeersTest, ARoutersRegistrationIsToldToTheParent) {
+  table_.AddParent("");
+  routing_.RegisterPeer("child", true);
+  Envelope envelope = SentUp();
+  EXPECT_EQ(envelope.Type(), "MS-RouterRegistered");
+  EXPECT_EQ(envelope.Destination(), ":.:");
+  EXPECT_EQ(envelope.Priority(), 0u);
+  EXPECT_EQ(envelope.Ttl(), clock_.WallSeconds() + 43200);
+  EXPECT_EQ(envelope.Originator(), "router1");
+  EXPECT_EQ(Text(envelope), "child");
+}
+
+TEST_F(PeersTest, ARoutersUnregisteringIsToldToTheParentWithOrWithoutAMap) {
+  table_.AddParent("");
+  for (const bool withMap : {false, true}) {
+    if (withMap) routing_.SetLogical(std::make_unique<MessageRouter::Logical>("LogicalTable"));
+    table_.Register("child", true);
+    routing_.UnregisterPeer("child", true);
+    Envelope envelope = SentUp();
+    EXPECT_EQ(envelope.Type(), "MS-RouterUnregistered");
+    EXPECT_EQ(Text(envelope), "child");
+  }
+}
+
+TEST_F(PeersTest, UnregisteringTakesTheQueueBackIntoRouting) {
+  Entry& client = AClient("agent");
+  Enqueue(client, AnEnvelope().WithId(1).WithPriority(1));
+  Enqueue(client, AnEnvelope().WithId(2).WithPriority(2));
+  routing_.UnregisterPeer("agent", false);
+  EXPECT_FALSE(client.HasEnvelopes());
+  EXPECT_EQ(routing_.RouteQueueSize(), 2u);
+}
+
+TEST_F(PeersTest, LogonsOfUnknownPeersAreRefused) {
+  EXPECT_THROW(routing_.LogonClientPeer("nobody", BrelixMessaging::EnvelopeConsumer::_nil(),
+                                        BrelixMessaging::NotifyConsumer::_nil(), 0),
+               NotRegistered);
+  EXPECT_THROW(routing_.LogonRouterPeer("nobody", BrelixMessaging::RouterConsumer::_nil(),
+                                        BrelixMessaging::RouterSupplier::_nil(),
+                                        BrelixMessaging::NotifyConsumer::_nil(), 0),
+               NotRegistered);
+  EXPECT_THROW(routing_.LogoffPeer("nobody"), NotRegistered);
+}
+
+TEST_F(PeersTest, AClientsLogonGivesItsObjectsWritesTheTableAndOffersWhatWaits) {
+  Entry& client = AClient("agent");
+  const auto local = routing_.LogonClientPeer("agent", BrelixMessaging::EnvelopeConsumer::_nil(),
+                                              BrelixMessaging::NotifyConsumer::_nil(), 0);
+  EXPECT_FALSE(CORBA::is_nil(local.consumer));
+  EXPECT_FALSE(CORBA::is_nil(local.supplier));
+  EXPECT_EQ(TableText(), "agent.0..\n");
+  EXPECT_THAT(host_.Senders(), ElementsAre(&client));
+  routing_.LogoffPeer("agent");
+  EXPECT_FALSE(client.IsLoggedOn());
+}
+
+TEST_F(PeersTest, APeerWithANotifierIsOwedAThresholdCallFirst) {
+  Entry& client = AClient("agent");
+  const BrelixMessaging::NotifyConsumer_var notify =
+      AReferenceTo<BrelixMessaging::NotifyConsumer>("notify");
+  routing_.LogonClientPeer("agent", BrelixMessaging::EnvelopeConsumer::_nil(), notify, 0);
+  EXPECT_THAT(host_.ThresholdCalls(), ElementsAre(&client));
+  EXPECT_THAT(host_.Senders(), IsEmpty());
+}
+
+TEST_F(PeersTest, APushedPeerWithANotifierGoesToTheSenders) {
+  Entry& client = AClient("agent");
+  const BrelixMessaging::NotifyConsumer_var notify =
+      AReferenceTo<BrelixMessaging::NotifyConsumer>("notify");
+  const BrelixMessaging::EnvelopeConsumer_var consumer =
+      AReferenceTo<BrelixMessaging::EnvelopeConsumer>("consumer");
+  routing_.LogonClientPeer("agent", consumer, notify, 0);
+  EXPECT_THAT(host_.Senders(), ElementsAre(&client));
+}
+
+TEST_F(PeersTest, ARouterThatIsPolledIsPolledRightAfterItsLogon) {
+  Entry& child = ARouter("child");
+  const BrelixMessaging::RouterSupplier_var supplier =
+      AReferenceTo<BrelixMessaging::RouterSupplier>("supplier");
+  const auto local = routing_.LogonRouterPeer("child", BrelixMessaging::RouterConsumer::_nil(),
+                                              supplier, BrelixMessaging::NotifyConsumer::_nil(), 0);
+  EXPECT_FALSE(CORBA::is_nil(local.notify));
+  EXPECT_THAT(host_.Pollers(), ElementsAre(&child));
+  EXPECT_EQ(child.GetSupplierState(), Entry::kPollNotified);
+  EXPECT_THAT(host_.Senders(), ElementsAre(&child));
+}
+
+TEST_F(PeersTest, ARouterThatPushesIsNotPolled) {
+  ARouter("child");
+  routing_.LogonRouterPeer("child", BrelixMessaging::RouterConsumer::_nil(),
+                           BrelixMessaging::RouterSupplier::_nil(),
+                           BrelixMessaging::NotifyConsumer::_nil(), 0);
+  EXPECT_THAT(host_.Pollers(), IsEmpty());
+}
+
+TEST_F(PeersTest, TheCycleIsNullWhileNoneRuns) {
+  EXPECT_EQ(MessageRouter::Cycle::Current(), nullptr);
+  MessageRouter::Cycle::Set(&routing_);
+  EXPECT_EQ(MessageRouter::Cycle::Current(), &routing_);
+  MessageRouter::Cycle::Set(nullptr);
+}
+
+}  // namespace
+}  // namespace TestSupport
