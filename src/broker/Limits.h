@@ -68,6 +68,9 @@ inline constexpr unsigned kScarceMessageMilliseconds = 1000;
 
 // Connecting: TCP and TLS together. Calls have no limit.
 inline constexpr unsigned kConnectSeconds = 30;
+// How long the end of an ORB waits, at each of its steps, for threads that are still in a call.
+// What has not ended by then is left behind.
+inline constexpr unsigned kDestroySeconds = 3;
 // How often connections are looked at.
 inline constexpr unsigned kScanMilliseconds = 250;
 // The ORB's own scan, which carries out what the purge has decided.

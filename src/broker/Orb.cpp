@@ -17,6 +17,7 @@
 #include "broker/Gate.h"
 #include "broker/Interceptors.h"
 #include "broker/Limits.h"
+#include "broker/OrbFixes.h"
 #include "broker/OrbInternals.h"
 #include "broker/TlsContext.h"
 #include "broker/TypeCodeGuard.h"
@@ -113,6 +114,7 @@ CORBA::ORB_ptr MakeOrb(int& argc, char** argv, const OrbSettings& settings) {
   try {
     tls->RethrowFailure();
     TypeCodeGuard::RequireInForce();
+    RequireOrbFixes();
   } catch (...) {
     orb->destroy();
     throw;
@@ -185,6 +187,8 @@ void Orb::Destroy() {
   const CORBA::ORB_var orb = state_->orb._retn();
   state_->tls = nullptr;
   ConnectionTable::Instance().Watch(nullptr, nullptr);
+  // The ORB takes this for the time to wait for its threads, too.
+  omni::orbParameters::scanGranularity = Limits::kDestroySeconds;
   orb->destroy();
 }
 

@@ -21,6 +21,8 @@
 
 #include <omniORB4/internal/objectAdapter.h>
 
+#include <omniORB4/internal/orbParameters.h>
+
 #include <omniORB4/sslContext.h>
 
 #include <omniORB4/sslConnection.h>

@@ -43,6 +43,7 @@ class CdrReader {
 enum GiopType : unsigned {
   kGiopRequest = 0,
   kGiopReply = 1,
+  kGiopCancelRequest = 2,
   kGiopLocateRequest = 3,
   kGiopCloseConnection = 5,
   kGiopMessageError = 6,

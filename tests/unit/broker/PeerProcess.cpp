@@ -26,21 +26,34 @@ namespace {
 constexpr char kPeerArgument[] = "--peer";
 
 // The identities of this process, for the other one, which would need long to make its own.
-std::string IdentityFolder() {
-  static const std::string folder = [] {
-    std::string name = (std::filesystem::temp_directory_path() / "brelix-peer-XXXXXX").string();
-    if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("no folder for identities");
-    const auto write = [&name](const char* file, const std::string& text) {
-      std::ofstream(name + "/" + file, std::ios::binary) << text;
-    };
-    write("ca.pem", Authority().CaPem());
-    write("certificate.pem", PeerIdentity().certificatePem);
-    write("key.pem", PeerIdentity().keyPem);
-    std::atexit([] { std::filesystem::remove_all(IdentityFolder()); });
-    return name;
-  }();
-  return folder;
-}
+class IdentityFolder {
+ public:
+  IdentityFolder()
+      : path_((std::filesystem::temp_directory_path() / "brelix-peer-XXXXXX").string()) {
+    if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no folder for identities");
+    Write("ca.pem", Authority().CaPem());
+    Write("certificate.pem", PeerIdentity().certificatePem);
+    Write("key.pem", PeerIdentity().keyPem);
+  }
+  ~IdentityFolder() {
+    std::error_code ignored;  // it is the temporary folder's business then
+    std::filesystem::remove_all(path_, ignored);
+  }
+  IdentityFolder(const IdentityFolder&) = delete;
+  IdentityFolder& operator=(const IdentityFolder&) = delete;
+
+  static const std::string& Path() {
+    static const IdentityFolder folder;
+    return folder.path_;
+  }
+
+ private:
+  void Write(const char* file, const std::string& text) const {
+    std::ofstream(path_ + "/" + file, std::ios::binary) << text;
+  }
+
+  std::string path_;
+};
 
 std::string ReadAll(const std::string& path) {
   std::ifstream stream(path, std::ios::binary);
@@ -151,7 +164,7 @@ PeerProcess PeerProcess::Call(unsigned short port, unsigned threads, unsigned ca
 }
 
 PeerProcess::PeerProcess(const std::vector<std::string>& arguments) {
-  std::vector<std::string> all = {"peer", kPeerArgument, IdentityFolder()};
+  std::vector<std::string> all = {"peer", kPeerArgument, IdentityFolder::Path()};
   all.insert(all.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;
   for (std::string& argument : all) pointers.push_back(argument.data());

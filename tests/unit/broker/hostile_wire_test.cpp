@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <future>
+#include <optional>
 #include <random>
 #include <string>
 
@@ -18,6 +20,7 @@ using Broker::Limits::kMaxMessageBytes;
 using TestSupport::GiopHeader;
 using TestSupport::GiopReplyMessage;
 using TestSupport::GiopRequest;
+using TestSupport::kGiopCancelRequest;
 using TestSupport::kGiopFragment;
 using TestSupport::kGiopReply;
 using TestSupport::kGiopRequest;
@@ -125,6 +128,25 @@ TEST_F(HostileWire, FragmentOfNoMessageIsDropped) {
   RawPeer peer = server_.Peer();
   peer.Send(GiopHeader(kGiopFragment, 8) + std::string(8, '\0'));
   EXPECT_EQ(NameIn(peer.Call(kRouterKey, "GetName")), "router");
+}
+
+// Memory that the ORB would lose shows under a leak checker.
+TEST(CancelledRequests, TakeNothingAwayAndLeaveNothingBehind) {
+  std::promise<void> mayFinish;
+  TestServer::Options options;
+  options.name = [finish = mayFinish.get_future().share()] {
+    finish.wait();
+    return "router";
+  };
+  TestServer server(options);
+  RawPeer peer = server.Peer();
+  peer.Send(GiopRequest(kRouterKey, "GetName"));
+  const std::string cancel = GiopHeader(kGiopCancelRequest, 4) + CdrWriter().ULong(99).Bytes();
+  for (int i = 0; i < 300; ++i) ASSERT_TRUE(peer.Send(cancel));
+  mayFinish.set_value();
+  const std::optional<std::string> reply = peer.Receive();
+  ASSERT_TRUE(reply.has_value());
+  EXPECT_EQ(NameIn(TestSupport::ParseReply(*reply)), "router");
 }
 
 // Its bytes are read and thrown away as they come.
