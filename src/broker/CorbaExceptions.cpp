@@ -43,4 +43,15 @@ void LogCaughtCorbaException(const char* where, const CORBA::Exception& exceptio
            Broker::Describe(exception).c_str(), detail == nullptr ? "" : detail);
 }
 
+bool ReportIfCorbaException(const char* where) {
+  try {
+    throw;
+  } catch (const CORBA::Exception& exception) {
+    LogCaughtCorbaException(where, exception, "");
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
 }  // namespace MessageRouter

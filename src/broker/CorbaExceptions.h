@@ -25,6 +25,10 @@ auto RepeatOnce(Function&& call) {
 
 namespace MessageRouter {
 
+// For the last handler of a thread: within a catch block, logs the exception that is being handled
+// if it is CORBA's, with `where`, and returns whether it was.
+bool ReportIfCorbaException(const char* where);
+
 // "<where>: Caught CORBA <description> <detail>\n" at error level. Null counts as empty.
 void LogCaughtCorbaException(const char* where, const CORBA::Exception& exception,
                              const char* detail);

@@ -48,7 +48,8 @@ Call& CallRecord::Begin() {
 
 void CallRecord::Inspect() {
   RequestHook* const hook = requestHook;
-  if (hook != nullptr && *served.operation != kOrbsOwn) hook->OnRequest(served);
+  // Over TLS anybody may ask what an object is, so that a newcomer can narrow its reference.
+  if (hook != nullptr && (!served.tls || *served.operation != kOrbsOwn)) hook->OnRequest(served);
 }
 
 void CallRecord::End() {

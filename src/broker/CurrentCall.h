@@ -26,7 +26,7 @@ struct Call {
 // The call that this thread is serving; null outside of one.
 const Call* CurrentCall();
 
-// Sees every incoming request, those for the ORB's own operations ("_is_a" ...) excepted.
+// Sees every incoming request, those for the ORB's own operations ("_is_a" ...) over TLS excepted.
 // Threads: any number at once.
 class RequestHook {
  public:

@@ -19,17 +19,12 @@ using Value = ConfigurationText::Value;
 
 // A configuration that an administrator would write is far smaller.
 constexpr std::size_t kMaxFileSize = std::size_t{16} * 1024 * 1024;
-// How long a read may trust what it saw of the file: settings are read for every message.
-constexpr std::chrono::milliseconds kLookInterval{100};
 // Two writes in place within one tick of the file system's clock look alike, so a file that is as
 // young as this is read once more.
 constexpr std::int64_t kSettledNanoseconds = 50'000'000;
 constexpr std::int64_t kNanosecondsPerMicrosecond = 1'000;
 // It may hold the password of the private key.
 constexpr unsigned kNewFileMode = 0600;
-
-// Counts the writes of all stores of the process.
-std::atomic<std::uint64_t> writes{0};
 
 // The unreadable versions that were told of.
 struct Told {
@@ -55,12 +50,6 @@ ACE_XPlatform_Configuration::ACE_XPlatform_Configuration(std::uint32_t, std::str
 ACE_XPlatform_Configuration::~ACE_XPlatform_Configuration() = default;
 
 void ACE_XPlatform_Configuration::Look() {
-  const auto now = Platform::Clock::Instance().SteadyNow();
-  const std::uint64_t allWrites = writes;
-  const bool fresh = lastLook_ && now >= *lastLook_ && now - *lastLook_ < kLookInterval;
-  if (fresh && allWrites == writesSeen_) return;
-  lastLook_ = now;
-  writesSeen_ = allWrites;
   const auto version = Platform::VersionOf(filePath_);
   if (version && (version != version_ || !settled_)) Reload();
 }
@@ -106,7 +95,8 @@ void ACE_XPlatform_Configuration::WarnOnce(std::size_t badLine, int error) {
 
 template <class Change>
 bool ACE_XPlatform_Configuration::Write(Change&& change) {
-  writeFailed_ = true;  // until it has worked
+  // A failure stays known until the next Flush, whatever works after it.
+  const bool failedBefore = std::exchange(writeFailed_, true);
   const Platform::FileLock lock(filePath_ + ".lock");
   if (!lock.Locked()) return false;
   Reload();
@@ -118,16 +108,14 @@ bool ACE_XPlatform_Configuration::Write(Change&& change) {
     if (Platform::ReplaceFile(filePath_, text, kNewFileMode) != 0) return false;
     Accept(std::move(*content));
     version_ = Platform::VersionOf(filePath_);
-    ++writes;
   }
-  writeFailed_ = false;
+  writeFailed_ = failedBefore;
   return true;
 }
 
 bool ACE_XPlatform_Configuration::OpenSection(const std::string& path, bool create) {
   const std::optional<std::string> section = ConfigurationText::SectionPath(path);
   if (!section) return false;
-  lastLook_.reset();
   Look();
   if (content_.Find(*section) == nullptr) {
     if (!create || !Write([&] { return content_.WithSection(*section); })) return false;

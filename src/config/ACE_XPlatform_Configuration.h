@@ -23,7 +23,7 @@ inline constexpr std::uint32_t kLocalMachine = 0x80000002;
 // Several objects on one file, here and in other processes, don't overwrite each other: a write
 // locks, reads the file again, applies its own change and replaces the file whole; it is on stable
 // storage then. A read notices what another object of this process wrote at once, and any other
-// change of the file within a tenth of a second. A file that can't be read or parsed is never
+// change of the file. A file that can't be read or parsed is never
 // overwritten: the values read before stay, and one warning names the line. A file that is gone
 // leaves the values as they are; the next write makes it anew.
 // Threads: one at a time.
@@ -81,9 +81,7 @@ class ACE_XPlatform_Configuration : public Streamable {
   bool unreadable_ = false;   // the file is there and can't be read or parsed
   bool writeFailed_ = false;  // since the last Flush
   bool settled_ = false;      // the file was old enough when it was read for its version to tell
-  std::uint64_t writesSeen_ = 0;
   std::optional<Platform::FileVersion> version_;
-  std::optional<Platform::Clock::SteadyTime> lastLook_;
 };
 
 }  // namespace MessageRouter

@@ -1,6 +1,7 @@
 #include "core/IPAddressSet.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 #include "logging/Log.h"
 #include "platform/Network.h"
@@ -32,11 +33,14 @@ std::string IPAddressSet::Text() const {
 void InitialiseWithHost(IPAddressSet& set) {
   LogTrace("IPAddressSet::InitialiseWithHost() called\n");
   IPAddressSet found;
-  for (const std::uint32_t address : Platform::HostAddresses()) {
-    LogTrace("Added host network address:%s\n", Platform::DottedAddress(address).c_str());
-    found.Add(ACE_INET_Addr(static_cast<u_short>(0), address));
+  try {
+    for (const std::uint32_t address : Platform::HostAddresses()) {
+      LogTrace("Added host network address:%s\n", Platform::DottedAddress(address).c_str());
+      found.Add(ACE_INET_Addr(static_cast<u_short>(0), address));
+    }
+  } catch (const std::runtime_error&) {
+    MessageRouter::LogDebug("No host network interfaces found\n");
   }
-  if (found.IsEmpty()) MessageRouter::LogDebug("No host network interfaces found\n");
   found.Normalise();
   set = std::move(found);
   LogTrace("IPAddressSet::InitialiseWithHost() returns\n");

@@ -25,8 +25,8 @@ class IPAddressSet {
   std::vector<ACE_INET_Addr> addresses_;
 };
 
-// Fills the set with the present addresses of the host. Throws std::runtime_error if they can't be
-// read; the set is then as it was.
+// Fills the set with the present addresses of the host. A host that refuses to list them counts as
+// one that has none.
 void InitialiseWithHost(IPAddressSet& set);
 
 }  // namespace ACEHelpers

@@ -57,6 +57,8 @@ void OrbRunner::ShutDownAndJoin() {
     orb_->shutdown(true);
   } catch (const CORBA::Exception& exception) {
     LogDebug("Shutting the broker down: %s\n", Broker::Describe(exception).c_str());
+  } catch (...) {
+    LogDebug("Shutting the broker down: unknown exception\n");
   }
   for (const ACE_thread_t id : threads_) {
     if (ACE_Thread::join(id) != 0) LogDebug("A broker thread could not be joined\n");

@@ -20,6 +20,7 @@
 #include "security/CertificateContext.h"
 #include "servants/NotifyConsumer_i.h"
 #include "servants/ServantHelper.h"
+#include "threads/ThreadHelper.h"
 
 namespace MessageRouter {
 namespace {
@@ -109,6 +110,7 @@ int Router::Start() {
 
 void Router::PrepareProcess() {
   SetState(kStarting);
+  ThreadHelper::SetUnknownExceptionReporter(&ReportIfCorbaException);
   const bool console = GetConfigBool("LogConsole", true);
   const std::uint32_t maxSize = GetConfigInt("LogFileMaxSize", 0x200000);
   const std::uint32_t fileCount = GetConfigInt("LogFileCount", 8);
@@ -197,7 +199,6 @@ void Router::RunSystemChecks() {
   const std::uint32_t minutes = GetConfigInt("UserPortCheckIntervalMins", 60);
   const std::uint32_t hours = GetConfigInt("UserPortEventIntervalHours", 24);
   RouterSystemCheck(percentage, 1024, minutes * 60, hours * 3600).Run();
-  Platform::TrimMemory();
   auto* checker = CertificateContext::instance().RegenerationChecker();
   if (checker != nullptr && checker->IsItTimeToRefreshCertificate()) GetCertificate();
 }

@@ -73,6 +73,7 @@ class Router : public RoutingHost {
   LocalObjects& Objects() override;
   Thresholds GetThresholds() const override;
   void OfferToSenders(RouterTableEntry& entry) override;
+  bool CountsBusyOffers() const override { return monitorEmSender_; }
   void OfferToPoller(RouterTableEntry& entry) override;
   void OfferToThreshold(RouterTableEntry& entry) override;
   void ParentLinkLost() override;
@@ -120,12 +121,14 @@ class Router : public RoutingHost {
   std::atomic<NotificationThresholdThread*> notificationThresholdThread_{nullptr};
 
   std::atomic<bool> hasParent_{false};
+  std::atomic<bool> monitorEmSender_{false};
   std::string logDirectory_;
   bool iorValid_ = false;
   std::int32_t invalidCertificateCount_ = 0;
   unsigned hostFailures_ = 0;
   bool debugBreakpoints_ = false;
   bool trimWhenRouted_ = false;
+  bool tableRead_ = false;  // in this cycle
   std::unique_ptr<StatusReporting::StatusReporter> statusReporter_;
   std::unique_ptr<Router_Resource_Factory> resourceFactory_;
 

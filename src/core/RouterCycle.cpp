@@ -2,11 +2,11 @@
 
 #include <vector>
 
-#include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
 #include "core/HostInformation.h"
 #include "core/ReadThresholds.h"
 #include "core/Router.h"
+#include "core/Step.h"
 #include "core/TearDownWatchdog.h"
 #include "envelope/EnvelopeStore.h"
 #include "logging/Log.h"
@@ -33,19 +33,7 @@ PortableServer::POA_ptr CreatePOA(PortableServer::POA_ptr parent, const char* na
   return adapter._retn();
 }
 
-// One step of the tear-down: whatever it throws, the steps after it follow.
-template <class Function>
-void Step(const char* what, Function&& step) {
-  try {
-    step();
-  } catch (const CORBA::Exception& exception) {
-    LogCaughtCorbaException("RouterCycle", exception, what);
-  } catch (const std::exception& exception) {
-    LogCaughtException("RouterCycle", exception, what);
-  } catch (...) {
-    LogError("RouterCycle: Caught unknown exception %s\n", what);
-  }
-}
+constexpr unsigned kConnectionCloseSeconds = 5;
 
 }  // namespace
 
@@ -95,6 +83,8 @@ void RouterCycle::MakeBroker() {
   runner_ = std::make_unique<OrbRunner>(orb_->Get(), threads);
 
   router_.GetCertificate();
+  // Calls that this made without a certificate must not lend their connections to later ones.
+  orb_->CloseOutgoingConnections(kConnectionCloseSeconds);
   certificates.LoadCredentials(orb_->TlsContext());
 
   LogDebug("Resolving the root object adapter...\n");
@@ -152,6 +142,7 @@ void RouterCycle::LoadState() {
   if (router_.debugBreakpoints_) LogDebug("Debug breakpoints enabled.");
 
   router_.routerTable_.ReadTable(router_.hasParent_);
+  router_.tableRead_ = true;
 
   LogDebug("Loading envelopes from persistent storage...\n");
   std::vector<Envelope> envelopes;
@@ -215,6 +206,7 @@ void RouterCycle::TearDown() {
   persistentPoa_ = PortableServer::POA::_nil();
   rootPoa_ = PortableServer::POA::_nil();
   Step("stopping the broker's threads", [this] { runner_.reset(); });
+  Step("freeing the servant helper", [] { RouterServants::FreeServantHelper(); });
 
   LogDebug("Destroying ORB...\n");
   router_.SetOrb(CORBA::ORB::_nil());

@@ -5,6 +5,7 @@
 #include "config/Configuration.h"
 #include "config/DataLocation.h"
 #include "core/Router.h"
+#include "core/Step.h"
 #include "logging/Log.h"
 #include "parent/Connector.h"
 #include "servants/ServantHelper.h"
@@ -50,6 +51,7 @@ void Router::doStartRouting() {
     routing_.SetLogical(std::move(logical));
   }
 
+  monitorEmSender_ = GetConfigBool("MonitorEmSender", false);
   SenderWorkerFactory senders;
   senderPool_.Start(senders, GetConfigInt("NumSenderThreads", 3));
   StartNotificationThresholds();
@@ -72,17 +74,23 @@ void Router::doStartRouting() {
 
 void Router::doStopRouting() {
   LogTrace("Router::doStopRouting() called\n");
-  getterThread_.Stop();
-  timeoutThread_.Stop();
-  routerThread_.Stop();
-  if (notificationThresholdOwner_) notificationThresholdOwner_->Stop();
-  senderPool_.Stop();
-  iorSender_.Stop();
+  Step("stopping the getter thread", [this] { getterThread_.Stop(); });
+  Step("stopping the timeout thread", [this] { timeoutThread_.Stop(); });
+  Step("stopping the route thread", [this] { routerThread_.Stop(); });
+  Step("stopping the threshold thread", [this] {
+    if (notificationThresholdOwner_) notificationThresholdOwner_->Stop();
+  });
+  Step("stopping the sender pool", [this] { senderPool_.Stop(); });
+  Step("stopping the IOR port", [this] { iorSender_.Stop(); });
   // Whenever its thread may run, whatever the configuration says by now.
-  parentLogon_.StopLogon(GetState() != kStarting);
-  routing_.EmptyRouteQueue();
-  routerTable_.WriteTable(true);
-  routerTable_.Clear();
+  Step("stopping the parent logon", [this] { parentLogon_.StopLogon(GetState() != kStarting); });
+  Step("emptying the route queue", [this] { routing_.EmptyRouteQueue(); });
+  // A start that failed before it had read the table must not replace the file by an empty one.
+  Step("writing the router table", [this] {
+    if (tableRead_) routerTable_.WriteTable(true);
+  });
+  tableRead_ = false;
+  Step("clearing the router table", [this] { routerTable_.Clear(); });
 }
 
 // Requests may have held pointers to these until the broker's threads were gone.

@@ -11,6 +11,7 @@
 #include "logging/Log.h"
 #include "platform/StopSignals.h"
 #include "security/CertificateContext.h"
+#include "threads/Mutex.h"
 
 namespace MessageRouter {
 namespace {
@@ -31,6 +32,29 @@ constexpr char kHelp[] =
 bool Is(const char* argument, const char* option) {
   return ACE_OS::strcasecmp(argument, option) == 0;
 }
+
+// What the signals reach: the router, as long as there is one.
+class SignalledRouter {
+ public:
+  template <class Function>
+  void Tell(Function&& function) {
+    ThreadHelper::Guard guard(mutex_);
+    if (guard && alive_) function(Router::instance());
+  }
+  // Nothing logs after the log is closed.
+  void End() {
+    {
+      ThreadHelper::Guard guard(mutex_);
+      alive_ = false;
+    }
+    DestroyRouter();
+    CloseLog();
+  }
+
+ private:
+  ThreadHelper::Mutex mutex_;
+  bool alive_ GUARDED_BY(mutex_) = true;
+};
 
 const char* ActionName(Startup::Action action) {
   switch (action) {
@@ -106,17 +130,20 @@ int Startup::RunInConsole(const Options& options, int argc, char** argv) {
   const std::string section = std::string(kSectionRoot) + "\\" + options.name;
   InitializeRouter(configuration.release(), section, options.name, argc, argv);
 
-  int status = 1;
-  {
-    // Before any other thread: they inherit the blocked signals.
-    Platform::StopSignals signals([] { Router::instance().Shutdown(); },
-                                  [] { Router::instance().RequestReload(); });
-    status = RunRouter();
+  // Before any other thread: they inherit the blocked signals. Its limit on a stop holds to the
+  // end.
+  SignalledRouter signalled;
+  Platform::StopSignals signals(
+      [&signalled] { signalled.Tell([](Router& router) { router.Shutdown(); }); },
+      [&signalled] { signalled.Tell([](Router& router) { router.RequestReload(); }); });
+  try {
+    const int status = RunRouter();
+    signalled.End();
+    return status;
+  } catch (...) {
+    signalled.End();
+    throw;
   }
-  // Nothing logs after the log is closed.
-  DestroyRouter();
-  CloseLog();
-  return status;
 }
 
 }  // namespace MessageRouter

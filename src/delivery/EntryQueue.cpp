@@ -5,9 +5,12 @@ namespace MessageRouter {
 EntryQueue::EntryQueue() : condition_(mutex_) {}
 
 void EntryQueue::Put(RouterTableEntry* entry) {
-  ThreadHelper::Guard guard(mutex_);
-  if (!guard || stopping_) return;
-  queue_.push_back(entry);
+  {
+    ThreadHelper::Guard guard(mutex_);
+    if (!guard || stopping_) return;
+    queue_.push_back(entry);
+  }
+  // Without the mutex, which the woken worker would have to wait for.
   condition_.Signal();
 }
 

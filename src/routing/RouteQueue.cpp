@@ -9,9 +9,12 @@ namespace MessageRouter {
 RouteQueue::RouteQueue() : condition_(mutex_) {}
 
 void RouteQueue::Append(Envelope envelope) {
-  ThreadHelper::Guard guard(mutex_);
-  if (!guard) return;
-  queue_.push_back(std::move(envelope));
+  {
+    ThreadHelper::Guard guard(mutex_);
+    if (!guard) return;
+    queue_.push_back(std::move(envelope));
+  }
+  // Without the mutex, which the woken thread would have to wait for.
   condition_.Broadcast();
 }
 

@@ -96,13 +96,15 @@ bool RouterTableEntry::RoutableLocked(const std::string& name) const {
 
 bool RouterTableEntry::Enqueue(const Envelope& envelope, const std::string& name) {
   Envelope copy = envelope;
-  return TryEnqueue(copy, name);
+  bool senderAtWork = false;
+  return TryEnqueue(copy, name, senderAtWork);
 }
 
-bool RouterTableEntry::TryEnqueue(Envelope& envelope, const std::string& name) {
+bool RouterTableEntry::TryEnqueue(Envelope& envelope, const std::string& name, bool& senderAtWork) {
   WriteGuard guard(lock_);
   if (!guard || !RoutableLocked(name)) return false;
   envelopes_.Enqueue(std::move(envelope));
+  senderAtWork = logonState_ == kLoggedOn && consumerState_ == kPushBusy;
   return true;
 }
 

@@ -204,7 +204,8 @@ class RouterTableEntry {
   // The table forgets this entry: it takes nothing from here on, and nobody can log on to it.
   void Detach(Dismissed& dismissed, std::vector<Envelope>& leftovers);
   // As Enqueue, but moves the envelope in; left as it is where false is returned.
-  bool TryEnqueue(Envelope& envelope, const std::string& name);
+  // `senderAtWork`: a sender has claimed the entry, and will look at the queue before it leaves.
+  bool TryEnqueue(Envelope& envelope, const std::string& name, bool& senderAtWork);
   // Pops only while the entry takes no envelopes under its name.
   bool PopUnroutable(Envelope& out);
 

@@ -86,10 +86,13 @@ void RouterTable::ReadTable(bool createParent) {
     if (badLine != 0) {
       LogWarning("Line %zu of the router table file is damaged; it and what follows are ignored\n",
                  badLine);
+      // The next write replaces the file: what could not be read stays for the administrator.
+      Platform::ReplaceFile(filePath_ + ".bad", *text, kFileMode);
     }
     for (const RegEntry& record : records) Restore(record);
   } else if (error != ENOENT) {
     LogSystemError(kLogWarning, "Cannot read the router table file", error);
+    Platform::RenameFile(filePath_, filePath_ + ".bad");
   }
   if (createParent) AddParent("");
   Guard guard(writeTimeMutex_);

@@ -149,12 +149,13 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
     const std::string shown = entry->IsParent() ? "parent" : reachedAs;
     LogInfo("Routing to %s: %s\n", ToDisplayString(shown).c_str(), envelope.Describe().c_str());
   }
-  if (!entry->TryEnqueue(envelope, reachedAs)) {
+  bool senderAtWork = false;
+  if (!entry->TryEnqueue(envelope, reachedAs, senderAtWork)) {
     // Gone since it was found. The decision is made anew, from the address as it came.
     queue_.Append(local ? std::move(asItCame) : std::move(envelope));
     return;
   }
-  host_.OfferToSenders(*entry);
+  if (!senderAtWork || host_.CountsBusyOffers()) host_.OfferToSenders(*entry);
 }
 
 void Routing::SendLocalMessage(const std::string& destination, const std::string& type,

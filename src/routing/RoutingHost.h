@@ -50,6 +50,9 @@ class RoutingHost {
 
   // The sender pool.
   virtual void OfferToSenders(RouterTableEntry& entry) = 0;
+  // Whether an offer of a peer to which a sender is at work already matters: it is a count of how
+  // long that sender has been stuck.
+  virtual bool CountsBusyOffers() const { return true; }
   // GetterThread::NotifiedPoll's pool.
   virtual void OfferToPoller(RouterTableEntry& entry) = 0;
   // The notification threshold thread, or the warning that there is none.

@@ -80,7 +80,8 @@ void CertificateContext::ConfigureSslContext() {
     LogError("Router::ConfigureSslContext: failed to get SSL context.\n");
     return;
   }
-  if (OldProtocolsStay()) {
+  oldProtocolsStay_ = OldProtocolsStay();
+  if (oldProtocolsStay_) {
     LogInfo("Router::ConfigureSslContext: keeping legacy compatibility of TLS 1 and TLS 1.1.\n");
     return;
   }
@@ -95,7 +96,7 @@ void CertificateContext::ConfigureSslContext() {
 
 void CertificateContext::ConfigureCycle(SSL_CTX* context) {
   Fill(context);
-  if (!OldProtocolsStay()) TlsSetup::RestrictProtocols(context);
+  if (!oldProtocolsStay_) TlsSetup::RestrictProtocols(context);
 }
 
 void CertificateContext::LoadCredentials(SSL_CTX* context) {

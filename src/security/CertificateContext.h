@@ -93,6 +93,7 @@ class CertificateContext {
   CeldaneStoreClient::IStore& Store() const;
   void Fill(SSL_CTX* context) const;
 
+  bool oldProtocolsStay_ = true;    // decided once, for all cycles
   OpenSsl::SslContextPtr checked_;  // filled once, for its checks; no connection uses it
   std::string privateLocation_;
   std::string storeLocation_;

@@ -4,9 +4,12 @@
 #include <openssl/objects.h>
 #include <openssl/x509.h>
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "logging/Log.h"
@@ -102,11 +105,25 @@ bool CertificateInterceptor::IsOnCertifyAdapter(const Broker::Call& call) const 
   return guard && !certifyAdapter_.empty() && Broker::KeyIsOfAdapter(call, certifyAdapter_);
 }
 
+namespace {
+
+// The name of an operation is whatever the caller sent: it must not write lines of its own.
+std::string Printable(std::string_view operation) {
+  constexpr std::size_t kLongest = 64;
+  std::string text(operation.substr(0, kLongest));
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c > 0x7E; }, '?');
+  return text;
+}
+
+}  // namespace
+
 void CertificateInterceptor::Refuse(const Broker::Call& call, PeerState state) {
   if (state != PeerState::Expired) throw BrelixMessaging::Rejected();
   try {
     const std::string name = CommonNameOf(call.certificate);
-    LogInfo("%s() called with expired certificate, logging caller off...\n", call.operation);
+    LogInfo("%s() called with expired certificate, logging caller off...\n",
+            Printable(call.operation).c_str());
     if (logoff_) logoff_(name);
   } catch (const CORBA::Exception&) {
     // A caller that is not registered, or logged off meanwhile, is refused like the others.

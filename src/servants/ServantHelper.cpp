@@ -14,6 +14,7 @@ namespace RouterServants {
 namespace {
 
 std::atomic<ServantHelper*> theHelper{nullptr};
+std::atomic<ServantHelper*> retiredHelper{nullptr};
 
 // Takes over the caller's count of the servant. Once it is active the adapter is its only owner, so
 // that deactivating it destroys it.
@@ -88,7 +89,11 @@ void InitializeServantHelper(PortableServer::POA_ptr transientPoa,
 }
 
 void DestroyServantHelper() {
-  delete theHelper.exchange(nullptr);
+  delete retiredHelper.exchange(theHelper.exchange(nullptr));
+}
+
+void FreeServantHelper() {
+  delete retiredHelper.exchange(nullptr);
 }
 
 }  // namespace RouterServants

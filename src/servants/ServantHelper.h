@@ -32,6 +32,9 @@ class ServantHelper : public MessageRouter::LocalObjects {
 
 void InitializeServantHelper(PortableServer::POA_ptr transientPoa,
                              PortableServer::POA_ptr certifyPoa);
+// From now on there is none. The object itself lives until FreeServantHelper: a request that is
+// being refused, which no adapter waits for, may be using it.
 void DestroyServantHelper();
+void FreeServantHelper();
 
 }  // namespace RouterServants

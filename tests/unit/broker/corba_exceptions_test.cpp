@@ -3,6 +3,8 @@
 #include <BrelixMessaging.h>
 #include <gmock/gmock.h>
 
+#include <stdexcept>
+
 #include "logging/Log.h"
 #include "support/LogCapture.h"
 
@@ -38,6 +40,26 @@ TEST(LogCaughtCorbaException, NullCountsAsEmpty) {
   MessageRouter::LogCaughtCorbaException(nullptr, BrelixMessaging::Rejected(), nullptr);
   EXPECT_TRUE(log.Has(MessageRouter::kLogError,
                       ": Caught CORBA Rejected (IDL:BrelixMessaging/Rejected:1.0) \n"));
+}
+
+TEST(ReportIfCorbaException, LogsTheExceptionInHandIfItIsCorbas) {
+  TestSupport::LogCapture log;
+  try {
+    throw BrelixMessaging::Rejected();
+  } catch (...) {
+    EXPECT_TRUE(MessageRouter::ReportIfCorbaException("worker"));
+  }
+  EXPECT_TRUE(log.Contains("worker: Caught CORBA Rejected"));
+}
+
+TEST(ReportIfCorbaException, LeavesOthersAlone) {
+  TestSupport::LogCapture log;
+  try {
+    throw std::runtime_error("else");
+  } catch (...) {
+    EXPECT_FALSE(MessageRouter::ReportIfCorbaException("worker"));
+  }
+  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST(RepeatOnce, RepeatsAfterASystemExceptionAndGivesTheSecondResult) {

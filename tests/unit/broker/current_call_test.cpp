@@ -177,7 +177,7 @@ TEST(RequestHook, RefusedCallNeverReachesTheServantAndTheConnectionGoesOn) {
   EXPECT_EQ(NameIn(peer.Call(kRouterKey, "GetName")), "router");
 }
 
-TEST(RequestHook, OperationsOfTheOrbItselfPassUnseen) {
+TEST(RequestHook, OperationsOfTheOrbItselfPassUnseenOverTls) {
   std::atomic<unsigned> seen{0};
   const Hook hook([&](const Call&) {
     ++seen;
@@ -190,6 +190,21 @@ TEST(RequestHook, OperationsOfTheOrbItselfPassUnseen) {
   EXPECT_EQ(stranger.Call(kRouterKey, "_is_a", id).status, GiopReplyMessage::kNoException);
   EXPECT_EQ(stranger.Call(kRouterKey, "_non_existent").status, GiopReplyMessage::kNoException);
   EXPECT_EQ(seen, 0u);
+}
+
+TEST(RequestHook, SeesOperationsOfTheOrbItselfWithoutTls) {
+  std::atomic<unsigned> seen{0};
+  const Hook hook([&](const Call&) {
+    ++seen;
+    throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
+  });
+  TestServer::Options options;
+  options.arguments = {"-ORBendPoint", "giop:tcp:127.0.0.1:"};
+  TestServer server(options);
+  RawPeer plain(server.Port());
+  EXPECT_EQ(plain.Call(kRouterKey, "_non_existent").exceptionId,
+            "IDL:omg.org/CORBA/NO_PERMISSION:1.0");
+  EXPECT_EQ(seen, 1u);
 }
 
 TEST(KeyIsOfAdapter, TellsTheAdaptersOfRealObjectsApart) {

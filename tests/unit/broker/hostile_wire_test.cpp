@@ -149,6 +149,16 @@ TEST(CancelledRequests, TakeNothingAwayAndLeaveNothingBehind) {
   EXPECT_EQ(NameIn(TestSupport::ParseReply(*reply)), "router");
 }
 
+// The same.
+TEST_F(HostileWire, SendersThatGoAwayWhileTheirRequestIsSkippedLeaveNothingBehind) {
+  const std::string whole = GiopRequest("no such object", "GetName", std::string(2000, 'x'));
+  for (int i = 0; i < 20; ++i) {
+    RawPeer peer = server_.Peer();
+    peer.Send(whole.substr(0, whole.size() - 1000));
+  }
+  ExpectServing();
+}
+
 // Its bytes are read and thrown away as they come.
 TEST_F(HostileWire, MessageAboveTheLimitTakesNoMemory) {
   RawPeer peer = server_.Peer();

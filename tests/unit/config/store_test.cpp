@@ -256,12 +256,11 @@ TEST_F(Store, ManyObjectsWritingAtOnceLoseNothing) {
   EXPECT_TRUE(store->EnumerateValues(kThreads * kWrites - 1, name, type));
 }
 
-TEST_F(Store, AnEditCountsWithinATenthOfASecond) {
+TEST_F(Store, AnEditCountsAtTheNextRead) {
   Write("[s]\n\"n\"=dword:1\n");
   const auto store = Open("s", false);
   EXPECT_EQ(Int(*store, "n"), 1u);
   Replace("[s]\n\"n\"=dword:2\n");
-  clock_.Advance(milliseconds(100));
   EXPECT_EQ(Int(*store, "n"), 2u);
 }
 
@@ -272,7 +271,6 @@ TEST_F(Store, AnEditInPlaceOfTheSameSizeInTheSameMomentCounts) {
   EXPECT_EQ(Int(*store, "n"), 1u);
   Write("[s]\n\"n\"=dword:2\n");
   std::filesystem::last_write_time(path_, time);
-  clock_.Advance(milliseconds(100));
   EXPECT_EQ(Int(*store, "n"), 2u);
 }
 
@@ -291,7 +289,6 @@ TEST_F(Store, AnUnreadableFileLeavesTheValuesAndWarnsOnceWithTheLine) {
   EXPECT_EQ(Int(*store, "n"), 1u);
   Replace("[s]\n\"n\"=dword:2\nbroken\n");
   for (int i = 0; i < 5; ++i) {
-    clock_.Advance(milliseconds(100));
     EXPECT_EQ(Int(*store, "n"), 1u);
   }
   EXPECT_EQ(log_.Lines().size(), 1u);

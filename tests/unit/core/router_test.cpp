@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "broker/CorbaExceptions.h"
 #include "config/ACE_XPlatform_Configuration.h"
 #include "config/Configuration.h"
 #include "core/TearDownWatchdog.h"
@@ -107,9 +108,9 @@ TEST_F(LoneRouter, AStopDuringTheWaitForAHostAddressEndsWithZero) {
   EXPECT_EQ(sleeps, 1u);
 }
 
-TEST_F(LoneRouter, AFailedReadingOfTheAddressesIsLoggedAndCountsAsNone) {
+TEST_F(LoneRouter, AnErrorWhileReadingTheAddressesIsLoggedAndCountsAsNone) {
   Platform::SetHostAddressSource(
-      []() -> std::vector<std::uint32_t> { throw std::runtime_error("refused"); });
+      []() -> std::vector<std::uint32_t> { throw std::logic_error("refused"); });
   Router::Surroundings surroundings;
   surroundings.sleep = [](unsigned) { Router::instance().Shutdown(); };
   Router::instance().SetSurroundings(surroundings);
@@ -120,6 +121,23 @@ TEST_F(LoneRouter, AFailedReadingOfTheAddressesIsLoggedAndCountsAsNone) {
 TEST_F(LoneRouter, WithoutACertificateInItsStoreFailsToStart) {
   Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0x0A000001}; });
   EXPECT_EQ(RunRouter(), 1);
+  EXPECT_EQ(Count(LogText(), "Router::Start: Caught No certificate in certificate store"), 1u);
+}
+
+TEST_F(LoneRouter, ThatFailsToStartLeavesTheTableFileAsItIs) {
+  const std::filesystem::path table = configuration_.RouterFolder() / "table_router.txt";
+  std::ofstream(table) << "agent-1.0..\n";
+  Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0x0A000001}; });
+  EXPECT_EQ(RunRouter(), 1);
+  std::ifstream stream(table);
+  const std::string text((std::istreambuf_iterator<char>(stream)), {});
+  EXPECT_EQ(text, "agent-1.0..\n");
+}
+
+TEST_F(LoneRouter, WithProcessorAffinity32LogsTheWarningAndGoesOn) {
+  SetConfigInt("ProcessorAffinity", 32);
+  EXPECT_EQ(RunRouter(), 1);  // for want of a certificate, much later
+  EXPECT_EQ(Count(LogText(), "Ignoring CPU affinity since CPU 32 was requested"), 1u);
   EXPECT_EQ(Count(LogText(), "Router::Start: Caught No certificate in certificate store"), 1u);
 }
 
@@ -137,6 +155,61 @@ TEST_F(LoneRouter, AShutdownDuringAReinitializeWins) {
   EXPECT_TRUE(router.IsStopping());
 }
 
+// The reference of a parent at 10.0.0.1: byte order, no type, one IIOP 1.2 profile.
+constexpr char kParentIor[] =
+    "IOR:010000000100000000000000"
+    "01000000"
+    "00000000"
+    "1c000000"
+    "01010200"
+    "09000000"
+    "31302e302e302e3100"
+    "00"
+    "0100"
+    "0000000000000000";
+
+class RouterWithParent : public LoneRouter {
+ protected:
+  RouterWithParent() {
+    SetConfigString("ParentAddress", "parent.example");
+    Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0x0A000002}; });
+    RunRouter();  // fails for want of a certificate, and knows by then that there is a parent
+    Router::instance().SetParentAddresses(kParentIor);
+  }
+  std::size_t Complaints() const {
+    return Count(LogText(),
+                 "The certificate of this router is incompatible with the server, please "
+                 "reinstall Orvane\n");
+  }
+  static constexpr std::uint32_t kParent = 0x0A000001;
+};
+
+TEST_F(RouterWithParent, IsToldIncompatibleAtTheSixthAlertOfItsParentAndAgainAtTheSeventh) {
+  for (int i = 0; i < 5; ++i) Router::instance().ReportInvalidCertificate(kParent);
+  EXPECT_EQ(Complaints(), 0u);
+  Router::instance().ReportInvalidCertificate(kParent);
+  EXPECT_EQ(Complaints(), 1u);
+  Router::instance().ReportInvalidCertificate(kParent);
+  EXPECT_EQ(Complaints(), 2u);
+}
+
+TEST_F(RouterWithParent, DoesNotCountAlertsOfOthers) {
+  for (int i = 0; i < 7; ++i) Router::instance().ReportInvalidCertificate(kParent + 1);
+  EXPECT_EQ(Router::instance().InvalidCertificateCount(), 0);
+}
+
+TEST_F(RouterWithParent, CountsNothingWhenItsParentsAddressesCannotBeRead) {
+  Router::instance().SetParentAddresses("IOR:zz");
+  Router::instance().ReportInvalidCertificate(kParent);
+  EXPECT_EQ(Router::instance().InvalidCertificateCount(), 0);
+  EXPECT_EQ(Count(LogText(), "from iiopAddressesInIOR"), 1u);
+}
+
+TEST_F(LoneRouter, WithoutAParentCountsNoAlerts) {
+  for (int i = 0; i < 7; ++i) Router::instance().ReportInvalidCertificate(0x0A000001);
+  EXPECT_EQ(Router::instance().InvalidCertificateCount(), 0);
+}
+
 TEST(NullConfiguration, IsRefused) {
   char name[] = "router";
   char* argv[] = {name, nullptr};
@@ -147,6 +220,25 @@ TEST(NullConfiguration, IsRefused) {
     EXPECT_STREQ(exception.what(),
                  "Null configuration object passed to the initialization routine.");
   }
+}
+
+class ThreadThatThrowsCorba : public ThreadHelper::StoppableThreadHelper {
+ public:
+  ~ThreadThatThrowsCorba() override { Stop(); }
+  void Process() override { throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO); }
+};
+
+TEST(CorbaExceptionOutOfAThreadDeathTest, IsLoggedAndEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        ThreadHelper::SetUnknownExceptionReporter(&ReportIfCorbaException);
+        ThreadThatThrowsCorba thread;
+        thread.Start();
+        thread.Join();
+      },
+      testing::ExitedWithCode(255),
+      "BasicThreadHelper: Caught CORBA .*TRANSIENT|derived from .*Caught CORBA");
 }
 
 TEST(TearDownWatchdogDeathTest, EndsTheProcessWithZeroWhenTheTimeIsUp) {

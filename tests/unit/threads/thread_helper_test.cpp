@@ -255,13 +255,15 @@ TEST_F(ThreadDeathTest, JoiningItselfEndsTheProcess) {
 TEST_F(ThreadDeathTest, DestructionWhileTheThreadIsAttachedEndsTheProcess) {
   class Forgetful : public BasicThreadHelper {
    public:
-    void Process() override {}
+    void Process() override { entered = true; }
+    std::atomic<bool> entered{false};
   };
   EXPECT_EXIT(
       {
         ACE_LOG_MSG->set_flags(ACE_Log_Msg::STDERR);
         Forgetful thread;
         thread.Start();
+        while (!thread.entered) std::this_thread::yield();
       },
       kLost, "destroyed while its thread is attached");
 }
