@@ -31,8 +31,16 @@ bool IsGone(int folder) {
   return fstat(folder, &status) != 0 || status.st_nlink == 0;
 }
 
+int SyncFile(int file) {
+  ++Faults().fileSyncs;
+  if (const int error = Faults().fileSyncError) return error;
+  return fdatasync(file) == 0 ? 0 : errno;
+}
+
 int SyncFolder(int folder) {
+  std::latch* const hold = Faults().folderSyncHold.exchange(nullptr);
   ++Faults().folderSyncs;
+  if (hold != nullptr) hold->wait();
   if (const int error = Faults().folderSyncError) return error;
   return fsync(folder) == 0 ? 0 : errno;
 }
@@ -109,11 +117,14 @@ struct PublishFolder::State {
   }
 
   int PublishRenamed(int folder, const std::string& name, std::string_view content, bool sync) {
-    static std::atomic<unsigned> counter{0};
-    const std::string hidden =
-        ".publish-" + std::to_string(ProcessId()) + "-" + std::to_string(++counter);
-    const Descriptor file(
-        openat(folder, hidden.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
+    std::string hidden;
+    int created = -1;
+    // A process that crashed can have left a file behind, and process ids come again.
+    do {
+      hidden = ".publish-" + std::to_string(ProcessId()) + "-" + std::to_string(++hiddenFiles_);
+      created = openat(folder, hidden.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode);
+    } while (created < 0 && errno == EEXIST);
+    const Descriptor file(created);
     if (!file) return errno;
     int error = Fill(file.Get(), content, sync);
     if (error == 0) error = RenameExclusively(folder, hidden, name);
@@ -134,7 +145,7 @@ struct PublishFolder::State {
 
   static int Fill(int file, std::string_view content, bool sync) {
     if (const int error = WriteAll(file, content)) return error;
-    return !sync || fdatasync(file) == 0 ? 0 : errno;
+    return sync ? SyncFile(file) : 0;
   }
 
   // One caller syncs for all that had their name when it began; the others wait for it, and the
@@ -143,6 +154,7 @@ struct PublishFolder::State {
   int SyncShared(const Folder& folder) {
     std::unique_lock lock(syncMutex_);
     if (gathering_ == nullptr) gathering_ = std::make_shared<Round>(folder);
+    ++Faults().folderSyncCallers;
     // The folder was made anew while others still wait for the old one.
     if (gathering_->folder != folder) {
       lock.unlock();
@@ -177,6 +189,7 @@ struct PublishFolder::State {
   const std::string path_;
   std::atomic<bool> unnamedFiles_{true};
   std::atomic<bool> linkByNumber_{true};
+  std::atomic<unsigned> hiddenFiles_{0};
 
   std::mutex mutex_;
   Folder folder_;  // guarded by mutex_
