@@ -195,6 +195,14 @@ TEST_F(EnvelopeFile, ABrokenTimestampEndsTheListAndKeepsTheMessage) {
   EXPECT_EQ(envelope.Stamps().stamps[0].name, "a");
 }
 
+TEST_F(EnvelopeFile, WithoutTimestampsSendsAnEmptyList) {
+  Envelope envelope = Load("[Originator] agent-1\n[Type] T\n[Data] 00000000\n");
+  EXPECT_THAT(envelope.Stamps().stamps, IsEmpty());
+  const BrelixMessaging::Envelope_var wire = envelope.ToWire(false);
+  EXPECT_EQ(wire->timestamps.length(), 0u);
+  EXPECT_STREQ(wire->client_info.type, "T");
+}
+
 TEST_F(EnvelopeFile, ADamagedPayloadIsNotNoticedWhenItIsRead) {
   Load("[Data] not a payload\n");
   EXPECT_FALSE(log_.Contains("Failed"));

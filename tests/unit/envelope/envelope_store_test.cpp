@@ -1,6 +1,7 @@
 #include "envelope/EnvelopeStore.h"
 
-#include "config/DataLocation.h"
+#include "config/Configuration.h"
+#include "envelope/Settings.h"
 #include "fixture.h"
 #include "logging/Log.h"
 #include "threads/Mutex.h"
@@ -129,6 +130,34 @@ TEST_F(EnvelopeStoreTest, FilesThatCannotBeReadAreSetAsideAndTheOthersLoaded) {
   EXPECT_THAT(Names(envelopes), ElementsAre("00000000.msg", "00000003.msg"));
   EXPECT_THAT(Leaves(),
               ElementsAre("00000000.msg", "00000001.msg.bad", "00000002.msg.bad", "00000003.msg"));
+}
+
+TEST_F(EnvelopeStoreTest, LoadingSortsFilesMadeInAnyOrderAndSetsTheBadOneAside) {
+  WriteFile("0000000a.msg", "[PersistentIndex] 10\n[Type] last\n");
+  WriteFile("00000005.msg", "[PersistentIndex] 5\n[OriginatorCertificate] broken\n");
+  WriteFile("00000002.msg", "[PersistentIndex] 2\n[Type] first\n");
+  std::vector<Envelope> envelopes;
+  LoadPersistentEnvelopes(envelopes);
+  ASSERT_THAT(Names(envelopes), ElementsAre("00000002.msg", "0000000a.msg"));
+  EXPECT_EQ(envelopes[0].Type(), "first");
+  EXPECT_EQ(envelopes[1].Type(), "last");
+  EXPECT_THAT(Leaves(), ElementsAre("00000002.msg", "00000005.msg.bad", "0000000a.msg"));
+}
+
+TEST_F(EnvelopeStoreTest, WithShrinkingOffLoadedEnvelopesKeepTheirHeavyFields) {
+  Envelope().CreateFromRouter(AWireEnvelope(), false);
+  SetConfigInt("ShrinkEnvelopes", 0);
+  Settings::Forget();
+  std::vector<Envelope> envelopes;
+  LoadPersistentEnvelopes(envelopes);
+  ASSERT_EQ(envelopes.size(), 1u);
+  EXPECT_EQ(envelopes[0].State(), Envelope::ShrinkState::ShrinkingOff);
+  std::filesystem::remove(envelopes[0].FileName());
+  CORBA::Any data;
+  envelopes[0].GetData(data);
+  EXPECT_EQ(AnyText(data), "payload");
+  EXPECT_EQ(envelopes[0].GetOriginatorCert(), "agent's certificate");
+  EXPECT_EQ(envelopes[0].State(), Envelope::ShrinkState::ShrinkingOff);
 }
 
 TEST_F(EnvelopeStoreTest, WhatCannotBeOpenedStaysAndTheOthersAreLoaded) {

@@ -25,9 +25,9 @@ int FaultyStore::Write(const std::string& name, const std::string& content) {
   return failWith;
 }
 
-EnvelopeTest::EnvelopeTest()
+EnvelopeTest::EnvelopeTest(Syncs syncs)
     : clock_(NextSecond()), store_((configuration_.Folder() / "Envelopes").string()) {
-  MessageRouter::SetConfigBool("SyncEnvelopes", false);
+  if (syncs == Syncs::Never) MessageRouter::SetConfigBool("SyncEnvelopes", false);
   MessageRouter::Settings::Forget();
   MessageRouter::OwnIdentity::Set("router1", "router's certificate");
   MessageRouter::EnvelopeStore::Replace(&store_);

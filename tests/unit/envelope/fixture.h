@@ -27,7 +27,9 @@ class FaultyStore : public MessageRouter::EnvelopeStore {
 // A router named "router1" with an empty folder of envelopes and a clock that stands still.
 class EnvelopeTest : public testing::Test {
  protected:
-  EnvelopeTest();
+  enum class Syncs { Never, AsWithoutSetting };
+
+  explicit EnvelopeTest(Syncs syncs = Syncs::Never);
   ~EnvelopeTest() override;
 
   std::string Path(const std::string& leaf) const { return store_.Directory() + leaf; }

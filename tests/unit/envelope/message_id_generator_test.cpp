@@ -2,7 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
+#include <mutex>
 #include <set>
+#include <thread>
 
 #include "support/FakeClock.h"
 #include "threads/Mutex.h"
@@ -34,6 +37,37 @@ class CountingClock : public Platform::Clock {
   std::int64_t second = kStart;
   mutable int readsLeft = 0;
   mutable int reads = 0;
+};
+
+// Stands still, and knows the threads that read it.
+class ReadersClock : public TestSupport::FakeClock {
+ public:
+  ReadersClock() : FakeClock(kStart) {}
+  std::int64_t WallSeconds() const override {
+    const std::lock_guard guard(mutex_);
+    readers_.insert(std::this_thread::get_id());
+    return FakeClock::WallSeconds();
+  }
+  void Forget() {
+    const std::lock_guard guard(mutex_);
+    readers_.clear();
+  }
+  // False if it takes too long.
+  bool HasReaders(std::size_t count) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (std::chrono::steady_clock::now() < deadline) {
+      {
+        const std::lock_guard guard(mutex_);
+        if (readers_.size() >= count) return true;
+      }
+      std::this_thread::yield();
+    }
+    return false;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  mutable std::set<std::thread::id> readers_;
 };
 
 TEST(MessageIdGenerator, TheFirstIdOfTheProcesssFirstSecondHasSequenceOne) {
@@ -78,7 +112,28 @@ TEST(MessageIdGenerator, The129thIdOfASecondWaitsForTheClockToMoveOnAndHasSequen
   EXPECT_EQ(Seconds(id), static_cast<std::uint32_t>(kStart + 2) & 0x01FFFFFFu);
   // The first read and one behind each of three waits, a tenth of a second at most each.
   EXPECT_EQ(clock.reads, 4);
+  EXPECT_GE(waited, std::chrono::milliseconds(250));
   EXPECT_LT(waited, std::chrono::seconds(5));
+}
+
+TEST(MessageIdGenerator, TheWaitForTheNextSecondGivesUpTheLock) {
+  ReadersClock clock;
+  MessageIdGenerator generator;
+  clock.AdvanceWall(1);
+  for (int i = 0; i < 128; ++i) generator.NextMessageId();
+  clock.Forget();
+  std::uint32_t ids[2] = {};
+  std::thread first([&] { ids[0] = generator.NextMessageId(); });
+  std::thread second([&] { ids[1] = generator.NextMessageId(); });
+  // The time is read under the lock, and nobody leaves while it stands still: the second reader
+  // got the lock from a waiter.
+  EXPECT_TRUE(clock.HasReaders(2));
+  clock.AdvanceWall(1);
+  first.join();
+  second.join();
+  EXPECT_EQ(Sequence(ids[0]) + Sequence(ids[1]), 1u) << "the two first ids of the next second";
+  EXPECT_EQ(Seconds(ids[0]), static_cast<std::uint32_t>(kStart + 2) & 0x01FFFFFFu);
+  EXPECT_EQ(Seconds(ids[1]), Seconds(ids[0]));
 }
 
 TEST(MessageIdGenerator, TheTimeWrapsAt25Bits) {
