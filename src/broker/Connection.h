@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "platform/Clock.h"
+#include "threads/Mutex.h"
 
 namespace Broker {
 
@@ -35,6 +36,9 @@ struct Connection {
   std::atomic<std::uint64_t> receivedAtRequest{0};
   std::atomic<std::uint64_t> sent{0};
   std::atomic<std::uint64_t> requests{0};
+
+  // Held for each use of the TLS object once its handshake is over, and never for long. Leaf lock.
+  ThreadHelper::Mutex tlsMutex;
 
   std::atomic<bool> shut{false};  // its socket is shut; the ORB has not cleaned up yet
 

@@ -23,6 +23,8 @@
 
 #include <omniORB4/internal/orbParameters.h>
 
+#include <omniORB4/internal/tcpSocket.h>
+
 #include <omniORB4/sslContext.h>
 
 #include <omniORB4/sslConnection.h>

@@ -95,6 +95,7 @@ void Router::doStopRouting() {
 
 // Requests may have held pointers to these until the broker's threads were gone.
 void Router::FreeCycleLeftovers() {
+  routing_.EmptyRouteQueue();
   routerTable_.FreeDetached();
   notificationThresholdThread_ = nullptr;
   notificationThresholdOwner_.reset();

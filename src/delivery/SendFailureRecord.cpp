@@ -1,5 +1,6 @@
 #include "delivery/SendFailureRecord.h"
 
+#include "config/Configuration.h"
 #include "logging/Log.h"
 #include "platform/Process.h"
 
@@ -30,6 +31,7 @@ bool SendFailureRecord::CountFailure(std::uint32_t limit) {
         "Failed to send a message to EM or parent %u consecutive times. The router will now "
         "restart.",
         failures_);
+    if (GetConfigBool("EnableDebugBreakpoints", false)) Platform::DebugBreak();
     Platform::ExitProcess(0);
   }
   if (failures_ % 1000 == 0) {

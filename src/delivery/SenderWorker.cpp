@@ -78,7 +78,7 @@ bool SenderWorker::Serve(RouterTableEntry& entry, SendEntryGuard& guard) {
     SendQueue(Visit{entry, guard, name, monitor_ && name == kManagementClient},
               peer.messageConsumer.in());
   } else if (!CORBA::is_nil(peer.notifyConsumer)) {
-    NotifyPeer(entry, peer.notifyConsumer.in(), name);
+    NotifyPeer(entry, guard.Session(), peer.notifyConsumer.in(), name);
   }
   return true;
 }
@@ -92,7 +92,7 @@ void SenderWorker::SendQueue(const Visit& visit, Consumer* consumer) {
   while (!IsTerminated() && visit.entry.IsLoggedOn() && visit.guard.SameSession() &&
          count < maximum) {
     Envelope envelope;
-    if (!visit.entry.PopNext(envelope)) return;
+    if (!visit.entry.PopNext(envelope, visit.guard.Session())) return;
     if (envelope.IsExpired()) {
       ReportDeliveryFailure(envelope, "Timeout");
     } else {
@@ -147,9 +147,9 @@ void SenderWorker::PutBack(const Visit& visit, const Envelope& envelope) {
   if (Routing* routing = Cycle::Current()) routing->QueueForRouting(envelope);
 }
 
-void SenderWorker::NotifyPeer(RouterTableEntry& entry, BrelixMessaging::NotifyConsumer_ptr notify,
-                              const std::string& name) {
-  const RouterTableEntry::Claim claim = entry.NotificationWanted();
+void SenderWorker::NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
+                              BrelixMessaging::NotifyConsumer_ptr notify, const std::string& name) {
+  const RouterTableEntry::Claim claim = entry.NotificationWanted(session);
   try {
     for (bool again = claim.acquired; again; again = entry.NotificationFinished(claim.generation)) {
       LogDebug("Notifying %s\n", name.c_str());

@@ -35,8 +35,8 @@ class SenderWorker : public WorkerBase {
   template <class Consumer>
   bool Send(const Visit& visit, Consumer* consumer, Envelope& envelope);
   void PutBack(const Visit& visit, const Envelope& envelope);
-  void NotifyPeer(RouterTableEntry& entry, BrelixMessaging::NotifyConsumer_ptr notify,
-                  const std::string& name);
+  void NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
+                  BrelixMessaging::NotifyConsumer_ptr notify, const std::string& name);
 
   bool monitor_;
   std::uint32_t maxFailures_;

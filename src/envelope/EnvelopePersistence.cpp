@@ -44,6 +44,11 @@ void AppendNumber(std::string& text, std::string_view key, std::int64_t number) 
 }
 
 // Whether the file was made and could not be filled, in contrast to one that could not be made.
+bool IsShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO || error == EINTR ||
+         error == EAGAIN || error == EACCES;
+}
+
 bool IsWriteFailure(int error) {
   return error == ENOSPC || error == EDQUOT || error == EFBIG || error == EIO;
 }
@@ -126,6 +131,11 @@ bool Envelope::FromPersistent() {
   const std::string fileName = FileName();
   int error = 0;
   const std::optional<std::string> text = Platform::ReadFile(fileName, kFileLimit, &error);
+  // A shortage passes, and the envelope with it: only what is gone or no file at all is told as the
+  // broken envelope that its holder may drop.
+  if (!text && IsShortage(error)) {
+    throw std::runtime_error("The envelope file " + fileName + " cannot be read at present");
+  }
   if (!text && error != EFBIG) {
     throw std::runtime_error("Envelope::FromPersistent could not access persisted envelope file " +
                              fileName);

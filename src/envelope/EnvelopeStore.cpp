@@ -102,7 +102,10 @@ void EnvelopeStore::LoadAll(std::vector<Envelope>& envelopes) {
   ThreadHelper::Guard guard(mutex_);
   if (!guard) return;
   auto names = Platform::ListFolder(folder_.Path());
-  if (!names) return;
+  if (!names) {
+    LogError("Failed to list envelope directory %s\n", folder_.Path().c_str());
+    return;
+  }
   std::erase_if(*names, [](const std::string& name) { return !name.ends_with(kExtension); });
   // In the order in which they were made, so that none overtakes another at a restart.
   std::sort(names->begin(), names->end());

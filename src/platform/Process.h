@@ -17,6 +17,9 @@ void SetLastWords(void (*flush)());
 // The status is cut to what the system can carry (-1 is 255).
 [[noreturn]] void ExitProcess(int status);
 
+// Stops in a debugger; without one the process ends.
+void DebugBreak();
+
 // The handler for a call of a pure virtual function. Null: the runtime's own.
 void SetPureCallHandler(void (*handler)());
 

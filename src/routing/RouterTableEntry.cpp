@@ -91,7 +91,8 @@ bool RouterTableEntry::HasNotifyConsumer() const {
 
 // The parent takes what is sent up even while its name is not registered.
 bool RouterTableEntry::RoutableLocked(const std::string& name) const {
-  return !detached_ && name == name_ && (isParent_ || IsRoutable());
+  // The parent is the parent under whatever name it was reached.
+  return !detached_ && (isParent_ || (name == name_ && IsRoutable()));
 }
 
 bool RouterTableEntry::Enqueue(const Envelope& envelope, const std::string& name) {
@@ -118,6 +119,11 @@ bool RouterTableEntry::Requeue(const Envelope& envelope, const std::string& name
 bool RouterTableEntry::PopNext(Envelope& out) {
   WriteGuard guard(lock_);
   return guard && envelopes_.PopNext(out);
+}
+
+bool RouterTableEntry::PopNext(Envelope& out, LogonGeneration session) {
+  WriteGuard guard(lock_);
+  return guard && generation_ == session && envelopes_.PopNext(out);
 }
 
 bool RouterTableEntry::PeekNext(Envelope& out) {
@@ -213,6 +219,9 @@ bool RouterTableEntry::TakeOver(const std::string& name, std::vector<Envelope>& 
   if (!guard || detached_ || isParent_ || registered_ || IsLoggedOn()) return false;
   ++generation_;
   envelopes_.TakeAll(leftovers);
+  // Nothing of the former peer is left but the place.
+  isRouter_ = false;
+  lastPull_.reset();
   name_ = name;
   logonState_ = kCertificationReserved;
   return true;

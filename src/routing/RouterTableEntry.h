@@ -108,6 +108,8 @@ class RouterTableEntry {
   bool Enqueue(const Envelope& envelope, const std::string& name);
   bool Requeue(const Envelope& envelope, const std::string& name);
   bool PopNext(Envelope& out);
+  // The same, for a sender of that session: nothing is taken once it is over.
+  bool PopNext(Envelope& out, LogonGeneration session);
   bool PeekNext(Envelope& out);
   void PeekCertification(Envelope& out);  // throws NoCertificationMessage
   // Retires the envelope with that id and exactly that originator. False if there is none.
@@ -161,6 +163,8 @@ class RouterTableEntry {
   void SendFailed(LogonGeneration generation);
 
   // Notification.
+  // Nothing is claimed unless that session stands.
+  Claim NotificationWanted(LogonGeneration session);
   Claim NotificationWanted();
   Claim NotificationRetryDue();
   void NotificationAccepted(LogonGeneration generation, std::int32_t threshold);

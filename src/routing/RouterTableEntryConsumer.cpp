@@ -46,10 +46,14 @@ void RouterTableEntry::SendFailed(LogonGeneration generation) {
 }
 
 RouterTableEntry::Claim RouterTableEntry::NotificationWanted() {
+  return NotificationWanted(Generation());
+}
+
+RouterTableEntry::Claim RouterTableEntry::NotificationWanted(LogonGeneration session) {
   Claim claim;
   WriteGuard guard(lock_);
   claim.generation = generation_;
-  if (!guard) return claim;
+  if (!guard || generation_ != session) return claim;
   const std::uint32_t state = consumerState_;
   const Envelope* next = envelopes_.Next();
   if (logonState_ == kLoggedOn && !CORBA::is_nil(references_.notifyConsumer) &&

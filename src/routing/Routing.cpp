@@ -69,7 +69,8 @@ Routing::~Routing() {
 }
 
 void Routing::SetLogical(std::unique_ptr<Logical> logical) {
-  logical_ = std::move(logical);
+  logical_ = logical.get();
+  logicalOwner_ = std::move(logical);
 }
 
 void Routing::QueueForRouting(Envelope envelope) {
@@ -102,8 +103,9 @@ RouterTableEntry* Routing::FindRoute(const std::string& name, std::string& reach
     reachedAs = name;
     return entry;
   }
-  if (logical_ == nullptr) return nullptr;
-  reachedAs = logical_->Lookup(name);
+  const Logical* const logical = logical_;
+  if (logical == nullptr) return nullptr;
+  reachedAs = logical->Lookup(name);
   if (reachedAs.empty()) return nullptr;
   entry = table_.Find(reachedAs);
   return entry != nullptr && entry->IsRoutable() ? entry : nullptr;
@@ -119,7 +121,7 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
   if (local) {
     if (envelope.HopCount() < 2) {
       LogInfo("Received message for this router\n");
-      DispatchLocal(envelope, table_, logical_.get());
+      DispatchLocal(envelope, table_, logical_);
       envelope.Retire();
       return;
     }
@@ -183,8 +185,16 @@ void Routing::RegisterPeer(const std::string& name, bool isRouter) {
   TellParent("RouterRegistered", data);
 }
 
+Routing::Drain::~Drain() {
+  if (entry_ == nullptr) return;
+  Envelope waiting;
+  while (entry_->PopUnroutable(waiting)) routing_.QueueForRouting(std::move(waiting));
+}
+
 void Routing::UnregisterPeer(const std::string& name, bool isRouter) {
   table_.Unregister(name);
+  // Whatever goes wrong with the news, what waited for the peer is routed anew.
+  const Drain drain(*this, table_.Find(name));
   table_.WriteTable(false);
   if (!isRouter) {
     clientUpdateNotifier_.Unregistered(name);
@@ -192,7 +202,8 @@ void Routing::UnregisterPeer(const std::string& name, bool isRouter) {
     routerUpdateNotifier_.Unregistered(name);
     if (table_.Parent() != nullptr) {
       std::vector<std::string> keys;
-      if (logical_ != nullptr) logical_->KeysOf(name, keys);
+      Logical* const logical = logical_;
+      if (logical != nullptr) logical->KeysOf(name, keys);
       CORBA::Any data;
       if (keys.empty()) {
         data <<= name.c_str();
@@ -203,17 +214,13 @@ void Routing::UnregisterPeer(const std::string& name, bool isRouter) {
         CORBA::ULong index = 1;
         for (const std::string& key : keys) {
           names[index++] = key.c_str();
-          logical_->Remove(key, name);
+          logical->Remove(key, name);
         }
         data <<= names;
       }
       TellParent("RouterUnregistered", data);
     }
   }
-  RouterTableEntry* const entry = table_.Find(name);
-  if (entry == nullptr) return;
-  Envelope waiting;
-  while (entry->PopUnroutable(waiting)) QueueForRouting(std::move(waiting));
 }
 
 RouterTableEntry& Routing::FindForLogon(const std::string& name) {

@@ -26,7 +26,8 @@ class Routing {
   RoutingHost& Host() { return host_; }
   UpdateNotifier& RouterUpdates() { return routerUpdateNotifier_; }
   UpdateNotifier& ClientUpdates() { return clientUpdateNotifier_; }
-  // The map of routers further down, or null; set while no thread routes.
+  // The map of routers further down, or null. An old one is freed: replace it while no request and
+  // no thread routes.
   void SetLogical(std::unique_ptr<Logical> logical);
 
   void QueueForRouting(Envelope envelope);
@@ -71,7 +72,21 @@ class Routing {
   RouteQueue queue_;
   UpdateNotifier routerUpdateNotifier_{true};
   UpdateNotifier clientUpdateNotifier_{false};
-  std::unique_ptr<Logical> logical_;
+  // Routes anew, at its end, what waits for an entry that is no longer registered.
+  class Drain {
+   public:
+    Drain(Routing& routing, RouterTableEntry* entry) : routing_(routing), entry_(entry) {}
+    ~Drain();
+    Drain(const Drain&) = delete;
+    Drain& operator=(const Drain&) = delete;
+
+   private:
+    Routing& routing_;
+    RouterTableEntry* const entry_;
+  };
+
+  std::unique_ptr<Logical> logicalOwner_;
+  std::atomic<Logical*> logical_{nullptr};
 };
 
 // Logs that an envelope will not be delivered. No failure message is sent.

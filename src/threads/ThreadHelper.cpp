@@ -92,9 +92,10 @@ ACE_THR_FUNC_RETURN BasicThreadHelper::do_thread(void* self) {
 }
 
 void BasicThreadHelper::Run() {
-  const std::string prefix = Prefix(*this);
-  MessageRouter::LogTrace("+++ %sBasicThreadHelper: starting.\n", prefix.c_str());
+  std::string prefix;
   try {
+    prefix = Prefix(*this);
+    MessageRouter::LogTrace("+++ %sBasicThreadHelper: starting.\n", prefix.c_str());
     Process();
     return;
   } catch (const std::exception& exception) {

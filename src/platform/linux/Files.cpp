@@ -122,12 +122,17 @@ int ReplaceFile(const std::string& path, std::string_view content, unsigned mode
   static std::atomic<unsigned> counter{0};
   const std::string target = RealPath(path);
   const std::string folder = FolderOf(target);
-  const std::string beside = folder + "." + target.substr(target.rfind('/') + 1) + "." +
-                             std::to_string(ProcessId()) + "." + std::to_string(++counter) + ".new";
   struct stat status {};
   const bool exists = stat(target.c_str(), &status) == 0;
-  const Descriptor file(
-      open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  std::string beside;
+  Descriptor file;
+  do {
+    // A process of the same number may have left one behind when it was killed.
+    beside = folder + "." + target.substr(target.rfind('/') + 1) + "." +
+             std::to_string(ProcessId()) + "." + std::to_string(++counter) + ".new";
+    file = Descriptor(
+        open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  } while (!file && errno == EEXIST);
   if (!file) return errno;
   int error = FillReplacement(file.Get(), exists ? &status : nullptr, content, mode);
   if (error == 0) error = ErrorOf(std::rename(beside.c_str(), target.c_str()));

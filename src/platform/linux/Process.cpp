@@ -4,6 +4,7 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -45,6 +46,10 @@ void ExitProcess(int status) {
   // Every thread that comes here runs them: one must not end the process under another's.
   if (void (*const flush)() = lastWords.load()) flush();
   _exit(status & 0xFF);
+}
+
+void DebugBreak() {
+  raise(SIGTRAP);
 }
 
 std::uint32_t ThreadId() {

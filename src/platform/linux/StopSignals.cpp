@@ -70,6 +70,8 @@ struct StopSignals::State {
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     Require(sigaction(SIGPIPE, &ignore, nullptr) == 0, "signals");
+    // A write beyond a limit on the size of files fails, and its caller is told.
+    Require(sigaction(SIGXFSZ, &ignore, nullptr) == 0, "signals");
     signals_ = Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
     Require(static_cast<bool>(signals_), "signals");
     end_ = Descriptor(eventfd(0, EFD_CLOEXEC));

@@ -1,6 +1,7 @@
 #include "TestServer.h"
 
 #include <chrono>
+#include <filesystem>
 #include <thread>
 
 namespace BrokerTest {
@@ -8,6 +9,15 @@ namespace BrokerTest {
 using TestSupport::CdrReader;
 using TestSupport::GiopReplyMessage;
 using TestSupport::RawPeer;
+
+namespace {
+
+std::size_t CountEntries(const char* folder) {
+  const std::filesystem::directory_iterator begin(folder);
+  return static_cast<std::size_t>(std::distance(begin, std::filesystem::directory_iterator()));
+}
+
+}  // namespace
 
 TestSupport::TestCa& Authority() {
   static TestSupport::TestCa authority;
@@ -65,6 +75,13 @@ std::string NameIn(const GiopReplyMessage& reply) {
 
 std::string Locator(unsigned short port, const char* key) {
   return "corbaloc:ssliop:1.2@127.0.0.1:" + std::to_string(port) + "/" + key;
+}
+
+std::size_t Descriptors() {
+  return CountEntries("/proc/self/fd");
+}
+std::size_t Threads() {
+  return CountEntries("/proc/self/task");
 }
 
 bool Eventually(const std::function<bool()>& condition) {

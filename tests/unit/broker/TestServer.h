@@ -54,6 +54,10 @@ std::string NameIn(const TestSupport::GiopReplyMessage& reply);
 // "corbaloc:ssliop:..." of an object of a server on this machine.
 std::string Locator(unsigned short port, const char* key);
 
+// Of this process.
+std::size_t Descriptors();
+std::size_t Threads();
+
 // Waits for something that another thread brings about. False if it doesn't happen.
 bool Eventually(const std::function<bool()>& condition);
 

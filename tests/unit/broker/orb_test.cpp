@@ -4,8 +4,6 @@
 #include <openssl/x509.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -29,17 +27,6 @@ constexpr std::size_t kMemoryGrowth = 512UL * 1024 * 1024;  // these keep what w
 #else
 constexpr std::size_t kMemoryGrowth = 8UL * 1024 * 1024;
 #endif
-
-std::size_t CountEntries(const char* folder) {
-  const std::filesystem::directory_iterator begin(folder);
-  return static_cast<std::size_t>(std::distance(begin, std::filesystem::directory_iterator()));
-}
-std::size_t Descriptors() {
-  return CountEntries("/proc/self/fd");
-}
-std::size_t Threads() {
-  return CountEntries("/proc/self/task");
-}
 
 BrelixMessaging::MessageRouter_var FindRouter(TestServer& server, unsigned short port) {
   const CORBA::Object_var object =

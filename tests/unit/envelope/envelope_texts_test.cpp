@@ -111,9 +111,8 @@ TEST_F(EnvelopeTexts, ABracketInTheSecondLineOfAHopIsRefusedAtAnyPlace) {
 }
 
 TEST_F(EnvelopeTexts, AStampNameThatWouldNotReadBackIsRefused) {
-  for (const TextRow& row :
-       {TextRow{"", true}, TextRow{"two\nlines", true}, TextRow{"(x)", true}, TextRow{"\nx", true},
-        TextRow{"a,b", false}, TextRow{"x\n[Type] y", false}}) {
+  for (const TextRow& row : {TextRow{"", true}, TextRow{"two\nlines", true}, TextRow{"(x)", true},
+                             TextRow{"\nx", true}, TextRow{"x\n[Type] y", false}}) {
     BrelixMessaging::Envelope wire = AWireEnvelope();
     wire.timestamps[1].name = row.text;
     ExpectRoundTrip(row, wire);
@@ -121,12 +120,21 @@ TEST_F(EnvelopeTexts, AStampNameThatWouldNotReadBackIsRefused) {
   EXPECT_THAT(Leaves(), IsEmpty());
 }
 
+TEST_F(EnvelopeTexts, AClientWithACommaInItsNameIsServedAndItsStampEndsTheListOnReading) {
+  Envelope envelope;
+  envelope.CreateFromClient(AMessage(), "a,b", "");
+  EXPECT_EQ(envelope.Stamps().stamps.size(), 2u);
+  Envelope read(envelope.FileName());
+  EXPECT_TRUE(read.FromPersistent());
+  EXPECT_EQ(read.Originator(), envelope.Originator());
+  EXPECT_LT(read.Stamps().stamps.size(), 2u);
+}
+
 TEST_F(EnvelopeTexts, AClientsTextsAreHeldToTheSameRule) {
   BrelixMessaging::Message message = AMessage();
   message.delivery_options = "x\n[OriginatorCertificate] 00";
   EXPECT_THROW(Envelope().CreateFromClient(message, "agent-1", ""), std::runtime_error);
   EXPECT_THROW(Envelope().CreateFromClient(AMessage(), "agent\n[Type] y", ""), std::runtime_error);
-  EXPECT_THROW(Envelope().CreateFromClient(AMessage(), "a,b", ""), std::runtime_error);
   EXPECT_THAT(Leaves(), IsEmpty());
 }
 
