@@ -43,12 +43,13 @@ void AppendNumber(std::string& text, std::string_view key, std::int64_t number) 
   EnvelopeText::AppendField(text, key, {digits, static_cast<std::size_t>(end.ptr - digits)});
 }
 
-// Whether the file was made and could not be filled, in contrast to one that could not be made.
+// Whether the file may well be readable at another moment.
 bool IsShortage(int error) {
   return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO || error == EINTR ||
          error == EAGAIN || error == EACCES;
 }
 
+// Whether the file was made and could not be filled, in contrast to one that could not be made.
 bool IsWriteFailure(int error) {
   return error == ENOSPC || error == EDQUOT || error == EFBIG || error == EIO;
 }

@@ -71,6 +71,7 @@ class FakeRoutingHost : public MessageRouter::RoutingHost {
   MessageRouter::LocalObjects& Objects() override;
   MessageRouter::Thresholds GetThresholds() const override;
   void OfferToSenders(MessageRouter::RouterTableEntry& entry) override;
+  bool CountsBusyOffers() const override { return countsBusyOffers; }
   void OfferToPoller(MessageRouter::RouterTableEntry& entry) override;
   void OfferToThreshold(MessageRouter::RouterTableEntry& entry) override;
   void ParentLinkLost() override;
@@ -81,6 +82,8 @@ class FakeRoutingHost : public MessageRouter::RoutingHost {
   FakeLocalObjects objects;
   void NoObjects() { noObjects_ = true; }
   void SetThresholds(const MessageRouter::Thresholds& thresholds);
+
+  bool countsBusyOffers = false;  // as with no monitoring of senders
 
   // The entries offered so far.
   std::vector<MessageRouter::RouterTableEntry*> Senders() const;

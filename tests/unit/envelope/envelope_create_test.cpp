@@ -129,6 +129,21 @@ TEST_F(EnvelopeCreate, ATtlOfMinusOneIsExpiredAtOnceAndIsStoredAllTheSame) {
   EXPECT_THAT(Leaves(), ElementsAre("00000000.msg"));
 }
 
+TEST_F(EnvelopeCreate, ANegativeTtlStaysExpiredHoweverFarBackItLies) {
+  for (const std::int64_t ttl : {-Now(), -Now() - 1, std::int64_t{INT32_MIN}}) {
+    BrelixMessaging::Message message = AMessage();
+    message.ttl = static_cast<CORBA::Long>(ttl);
+    Envelope envelope;
+    envelope.CreateFromClient(message, "agent-1", "");
+    EXPECT_TRUE(envelope.IsExpired()) << ttl;
+    Envelope reloaded(envelope.FileName());
+    ASSERT_TRUE(reloaded.FromPersistent());
+    EXPECT_TRUE(reloaded.IsExpired()) << ttl;
+    const BrelixMessaging::Envelope_var wire = reloaded.ToWire(false);
+    EXPECT_LT(wire->client_info.ttl, 0) << ttl;
+  }
+}
+
 TEST_F(EnvelopeCreate, AnEnvelopeExpiresBehindItsLastSecond) {
   Envelope envelope;
   envelope.CreateFromClient(AMessage(), "agent-1", "");

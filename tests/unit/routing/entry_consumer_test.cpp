@@ -209,5 +209,36 @@ TEST_F(EntryNotificationTest, APeerThatLoggedOffDoesNotTimeOut) {
   EXPECT_FALSE(peer_.PullTimedOut());
 }
 
+TEST_F(EntryPushTest, ASenderOfAnEndedSessionTakesNothing) {
+  Entry& client = AClient("other");
+  LogonPushed(client);
+  const Entry::Claim claim = client.ClaimForSending();
+  ASSERT_TRUE(claim.acquired);
+  LogonPushed(client);
+  Enqueue(client, AnEnvelope().WithId(1).Build());
+  Envelope out;
+  EXPECT_FALSE(client.PopNext(out, claim.generation));
+  EXPECT_TRUE(client.PopNext(out, client.Generation()));
+}
+
+TEST_F(EntryPushTest, AnEndedSessionClaimsNoNotification) {
+  Entry& client = AClient("other");
+  LogonNotified(client);
+  const MessageRouter::LogonGeneration old = client.Generation();
+  LogonNotified(client);
+  Enqueue(client, AnEnvelope().WithId(1).Build());
+  EXPECT_FALSE(client.NotificationWanted(old).acquired);
+  EXPECT_EQ(client.GetConsumerState(), Entry::kNothingSent);
+  EXPECT_TRUE(client.NotificationWanted(client.Generation()).acquired);
+}
+
+TEST_F(EntryPushTest, TheParentTakesBackWhatWasSentUnderItsFormerName) {
+  table_.AddParent("");
+  Entry& parent = *table_.Parent();
+  table_.SetParentName("boss");
+  EXPECT_TRUE(parent.Requeue(AnEnvelope().WithId(1).Build(), ""));
+  EXPECT_THAT(Drain(parent), testing::ElementsAre(1u));
+}
+
 }  // namespace
 }  // namespace TestSupport

@@ -284,5 +284,27 @@ TEST_F(RouteTest, AClosedMapOfRoutersFindsNothing) {
   EXPECT_TRUE(Unrouteable("stranger"));
 }
 
+TEST_F(RouteTest, APeerThatASenderServesAlreadyIsOfferedAgainWhenThatSenderLeaves) {
+  Entry& client = AClient("agent");
+  LogonPushed(client);
+  const Entry::Claim claim = client.ClaimForSending();
+  ASSERT_TRUE(claim.acquired);
+  host_.ForgetOffers();
+  Route(AnEnvelope().WithDestination("agent"));
+  EXPECT_THAT(host_.Senders(), IsEmpty());
+  client.SendFinished(claim.generation);
+  EXPECT_THAT(host_.Senders(), ElementsAre(&client));
+}
+
+TEST_F(RouteTest, WhileStuckSendersAreCountedEveryEnvelopeIsAnOffer) {
+  Entry& client = AClient("agent");
+  LogonPushed(client);
+  ASSERT_TRUE(client.ClaimForSending().acquired);
+  host_.ForgetOffers();
+  host_.countsBusyOffers = true;
+  Route(AnEnvelope().WithDestination("agent"));
+  EXPECT_THAT(host_.Senders(), ElementsAre(&client));
+}
+
 }  // namespace
 }  // namespace TestSupport
