@@ -38,8 +38,14 @@ class FakeConsumer : public Skeleton, public Calls {
     received.push_back(static_cast<std::uint32_t>(envelope.message_id));
     originators.emplace_back(envelope.originator.in());
   }
-  void Heartbeat() override {}
+  void Heartbeat() override {
+    ++heartbeats;
+    if (onHeartbeat) onHeartbeat(heartbeats);
+  }
 
+  // As onCall, for heartbeats. Set before the first.
+  std::function<void(int call)> onHeartbeat;
+  int heartbeats = 0;
   // Of the calls that returned.
   std::vector<std::uint32_t> received;
   std::vector<std::string> originators;

@@ -1,0 +1,63 @@
+#include "delivery/HeartbeatThread.h"
+
+#include "broker/CorbaExceptions.h"
+#include "logging/Log.h"
+
+namespace MessageRouter {
+
+using ThreadHelper::Guard;
+
+HeartbeatThread::HeartbeatThread(RouterTable& table) : table_(table) {}
+
+HeartbeatThread::~HeartbeatThread() {
+  Stop();
+}
+
+void HeartbeatThread::Process() {
+  const bool answered = CallParent();
+  const Guard guard(mutex_);
+  if (!guard) return;
+  succeeded_ = answered;
+  // Kept, not only signalled: the waiter may come later than the answer.
+  finished_ = true;
+  condition_.Broadcast();
+}
+
+bool HeartbeatThread::CallParent() {
+  const RouterTableEntry* const parent = table_.Parent();
+  if (parent == nullptr) return false;
+  const RouterTableEntry::PeerReferences references = parent->References();
+  BrelixMessaging::RouterConsumer_ptr consumer = references.routerConsumer.in();
+  if (CORBA::is_nil(consumer)) return false;
+  try {
+    LogDebug("HeartbeatThread::Process(): Calling parent with heartbeat...");
+    Broker::RepeatOnce([consumer] { consumer->Heartbeat(); });
+    LogDebug("HeartbeatThread::Process(): Heartbeat to parent succeeded.");
+    return true;
+  } catch (const CORBA::Exception&) {
+    LogDebug("HeartbeatThread::Process(): Heartbeat to parent failed.");
+    return false;
+  }
+}
+
+bool HeartbeatThread::WaitForEnd(std::chrono::seconds limit) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + limit;
+  const Guard guard(mutex_);
+  if (!guard) return false;
+  while (!finished_) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now());
+    if (left.count() <= 0) return false;
+    // A request to stop wakes this too; it is no answer.
+    condition_.WaitFor(left);
+  }
+  return true;
+}
+
+bool HeartbeatThread::Succeeded() const {
+  const Guard guard(mutex_);
+  return guard && succeeded_;
+}
+
+}  // namespace MessageRouter

@@ -1,0 +1,146 @@
+#include "delivery/HeartbeatThread.h"
+
+#include <chrono>
+#include <future>
+#include <optional>
+
+#include "fixture.h"
+
+namespace DeliveryTests {
+namespace {
+
+using MessageRouter::HeartbeatThread;
+using MessageRouter::kLogDebug;
+using std::chrono::seconds;
+
+constexpr seconds kLong{30};
+
+// Only what a test waits for stands in its way: the limit is never reached where it passes.
+class HeartbeatTest : public DeliveryTest {
+ protected:
+  HeartbeatTest() {
+    table.AddParent("boss");
+    table.Parent()->LogonRouter(parent.Reference(), BrelixMessaging::RouterSupplier::_nil(),
+                                BrelixMessaging::NotifyConsumer::_nil(), 0, false);
+  }
+  void UnreachableFor(int calls) {
+    parent->onHeartbeat = [calls](int call) {
+      if (call <= calls) throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    };
+  }
+  bool Logged(const std::string& end) const {
+    return log.Has(kLogDebug, "HeartbeatThread::Process(): " + end);
+  }
+
+  RouterPeer parent;
+};
+
+TEST_F(HeartbeatTest, HasNotSucceededBeforeItIsMade) {
+  HeartbeatThread heartbeat(table);
+  EXPECT_FALSE(heartbeat.Succeeded());
+  EXPECT_FALSE(heartbeat.WaitForEnd(seconds(0)));
+}
+
+TEST_F(HeartbeatTest, ThatTheParentAnswersSucceeds) {
+  HeartbeatThread heartbeat(table);
+  heartbeat.Start();
+  ASSERT_TRUE(heartbeat.WaitForEnd(kLong));
+  EXPECT_TRUE(heartbeat.Succeeded());
+  EXPECT_EQ(parent->heartbeats, 1);
+  EXPECT_TRUE(Logged("Calling parent with heartbeat..."));
+  EXPECT_TRUE(Logged("Heartbeat to parent succeeded."));
+}
+
+TEST_F(HeartbeatTest, IsRepeatedOnceAtOnceAfterASystemException) {
+  UnreachableFor(1);
+  HeartbeatThread heartbeat(table);
+  heartbeat.Start();
+  ASSERT_TRUE(heartbeat.WaitForEnd(kLong));
+  EXPECT_TRUE(heartbeat.Succeeded());
+  EXPECT_EQ(parent->heartbeats, 2);
+}
+
+TEST_F(HeartbeatTest, ThatFailsTwiceHasFailed) {
+  UnreachableFor(2);
+  HeartbeatThread heartbeat(table);
+  heartbeat.Start();
+  ASSERT_TRUE(heartbeat.WaitForEnd(kLong));
+  EXPECT_FALSE(heartbeat.Succeeded());
+  EXPECT_EQ(parent->heartbeats, 2);
+  EXPECT_TRUE(Logged("Heartbeat to parent failed."));
+  EXPECT_FALSE(log.Contains("succeeded"));
+}
+
+TEST_F(HeartbeatTest, ToAParentThatCannotBePushedToFailsWithoutACall) {
+  table.Parent()->LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+                              BrelixMessaging::RouterSupplier::_nil(),
+                              BrelixMessaging::NotifyConsumer::_nil(), 0, false);
+  HeartbeatThread heartbeat(table);
+  heartbeat.Start();
+  ASSERT_TRUE(heartbeat.WaitForEnd(kLong));
+  EXPECT_FALSE(heartbeat.Succeeded());
+  EXPECT_FALSE(log.Contains("HeartbeatThread::Process()"));
+}
+
+TEST_F(HeartbeatTest, OfARouterWithoutAParentFails) {
+  table.Clear();
+  HeartbeatThread heartbeat(table);
+  heartbeat.Start();
+  ASSERT_TRUE(heartbeat.WaitForEnd(kLong));
+  EXPECT_FALSE(heartbeat.Succeeded());
+}
+
+TEST_F(HeartbeatTest, WhoseEndCameBeforeTheWaitIsSeenAllTheSame) {
+  HeartbeatThread heartbeat(table);
+  heartbeat.Start();
+  heartbeat.Join();
+  EXPECT_TRUE(heartbeat.WaitForEnd(seconds(0)));
+  EXPECT_TRUE(heartbeat.Succeeded());
+}
+
+// A parent that takes the call and keeps it until it is told to answer.
+class HangingParentTest : public HeartbeatTest {
+ protected:
+  HangingParentTest() {
+    parent->onHeartbeat = [this](int) {
+      called.set_value();
+      answer.get_future().wait();
+    };
+    heartbeat.emplace(table);
+    heartbeat->Start();
+    called.get_future().wait();
+  }
+  ~HangingParentTest() override { heartbeat.reset(); }
+
+  std::promise<void> called;
+  std::promise<void> answer;
+  std::optional<HeartbeatThread> heartbeat;
+};
+
+TEST_F(HangingParentTest, WaitEndsWithItsTime) {
+  EXPECT_FALSE(heartbeat->WaitForEnd(seconds(0)));
+  EXPECT_FALSE(heartbeat->Succeeded());
+  answer.set_value();
+  EXPECT_TRUE(heartbeat->WaitForEnd(kLong));
+}
+
+TEST_F(HangingParentTest, WaitGoesOnThroughSignalsThatAreNoAnswer) {
+  auto waiter = std::async(std::launch::async, [this] { return heartbeat->WaitForEnd(kLong); });
+  heartbeat->Signal();
+  heartbeat->RequestStop();
+  EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  answer.set_value();
+  EXPECT_TRUE(waiter.get());
+  EXPECT_TRUE(heartbeat->Succeeded());
+}
+
+TEST_F(HangingParentTest, DestructionWaitsForTheCall) {
+  auto destroyed = std::async(std::launch::async, [this] { heartbeat.reset(); });
+  EXPECT_EQ(destroyed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  answer.set_value();
+  destroyed.get();
+  EXPECT_TRUE(Logged("Heartbeat to parent succeeded."));
+}
+
+}  // namespace
+}  // namespace DeliveryTests
