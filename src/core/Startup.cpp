@@ -127,7 +127,8 @@ int Startup::run(int argc, char** argv) {
 int Startup::RunInConsole(const Options& options, int argc, char** argv) {
   CertificateContext::instance().SetPrivateLocation(options.privateLocation);
   auto configuration = std::make_unique<ACE_XPlatform_Configuration>(kLocalMachine, options.config);
-  const std::string section = std::string(kSectionRoot) + "\\" + options.name;
+  std::string section(kSectionRoot);
+  section.append("\\").append(options.name);
   InitializeRouter(configuration.release(), section, options.name, argc, argv);
 
   // Before any other thread: they inherit the blocked signals. Its limit on a stop holds to the

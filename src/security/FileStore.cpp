@@ -16,7 +16,6 @@
 namespace CeldaneStoreClient {
 namespace {
 
-constexpr char kPendingSuffix[] = ".new";
 constexpr char kCommitFile[] = "commit";
 constexpr std::size_t kMaximumFileSize = 1024 * 1024;
 constexpr unsigned kFolderMode = 0700;
@@ -28,6 +27,11 @@ void Require(int error, const std::string& what, const std::string& path) {
   if (error != 0) {
     throw std::runtime_error(what + " " + path + ": " + std::generic_category().message(error));
   }
+}
+
+// The name of a file that is not in force yet.
+std::string Pending(const std::string& name) {
+  return name + ".new";
 }
 
 // Nothing if there is no such file.
@@ -83,7 +87,7 @@ void FileStore::Open() {
 
 void FileStore::StorePrivateKey(const Celdane::RSAKey& key) {
   if (Platform::FileExists(Path(kCommitFile))) FinishCommit();
-  Write(std::string(kKeyFile) + kPendingSuffix, KeyAsText(key, password_()), kKeyMode);
+  Write(Pending(kKeyFile), KeyAsText(key, password_()), kKeyMode);
   pendingKey_ = key;
 }
 
@@ -91,7 +95,7 @@ void FileStore::StoreCertificate(const Celdane::Certificate& certificate) {
   if (Platform::FileExists(Path(kCommitFile))) FinishCommit();
   const std::string text = MessageRouter::CertificateAsText(certificate.GetX509().get());
   if (text.empty()) throw std::runtime_error("Cannot write the certificate");
-  Write(std::string(kCertificateFile) + kPendingSuffix, text, kCertificateMode);
+  Write(Pending(kCertificateFile), text, kCertificateMode);
   pendingCertificate_ = certificate;
 }
 
@@ -146,7 +150,7 @@ void FileStore::Remove(const std::string& name) {
 }
 
 void FileStore::PutInForce(const std::string& name) {
-  const std::string pending = Path(name) + kPendingSuffix;
+  const std::string pending = Path(Pending(name));
   if (!Platform::FileExists(pending)) return;
   BeforeChange();
   Require(Platform::RenameFile(pending, Path(name)), "Cannot put into place", Path(name));
@@ -163,8 +167,8 @@ void FileStore::FinishCommit() {
 }
 
 void FileStore::DropPending() {
-  Remove(std::string(kKeyFile) + kPendingSuffix);
-  Remove(std::string(kCertificateFile) + kPendingSuffix);
+  Remove(Pending(kKeyFile));
+  Remove(Pending(kCertificateFile));
   pendingKey_.reset();
   pendingCertificate_.reset();
 }
