@@ -1,5 +1,9 @@
 #include "broker/Interceptors.h"
 
+#include <openssl/crypto.h>
+
+#include <atomic>
+
 #include "broker/CallRecord.h"
 #include "broker/OrbInternals.h"
 #include "broker/StrandConnection.h"
@@ -58,12 +62,27 @@ CORBA::Boolean OnSendRequest(omniInterceptors::clientSendRequest_T::info_T& info
   return true;
 }
 
+std::atomic<unsigned> orbThreads{0};
+
 void OnCreateThread(omniInterceptors::createThread_T::info_T& info) {
+  ++orbThreads;
   Platform::SetThreadName("broker");
   info.run();
+  // The ORB doesn't wait for its threads at its end, and at the end of the process OpenSSL would
+  // not find the time to free what it keeps for each.
+  OPENSSL_thread_stop();
+  --orbThreads;
 }
 
 }  // namespace
+
+void AwaitEndOfThreads(std::chrono::milliseconds patience) {
+  constexpr std::chrono::milliseconds kStep{1};
+  for (auto waited = std::chrono::milliseconds::zero(); orbThreads > 0 && waited < patience;
+       waited += kStep) {
+    Platform::SleepMilliseconds(static_cast<unsigned>(kStep.count()));
+  }
+}
 
 void InstallInterceptors() {
   omniInterceptors* const interceptors = omniORB::getInterceptors();

@@ -70,7 +70,7 @@ inline constexpr unsigned kScarceMessageMilliseconds = 1000;
 inline constexpr unsigned kConnectSeconds = 30;
 // How long the end of an ORB waits, at each of its steps, for threads that are still in a call.
 // What has not ended by then is left behind.
-inline constexpr unsigned kDestroySeconds = 3;
+inline constexpr unsigned kDestroySeconds = 2;
 // How often connections are looked at.
 inline constexpr unsigned kScanMilliseconds = 250;
 // The ORB's own scan, which carries out what the purge has decided.

@@ -190,6 +190,7 @@ void Orb::Destroy() {
   // The ORB takes this for the time to wait for its threads, too.
   omni::orbParameters::scanGranularity = Limits::kDestroySeconds;
   orb->destroy();
+  AwaitEndOfThreads(std::chrono::seconds(Limits::kDestroySeconds));
 }
 
 bool IsEndpointFailure(const CORBA::SystemException& exception) {
