@@ -166,12 +166,16 @@ void Backend::OpenFile() {
   path_.erase(std::min(path_.find('\0'), path_.size()));
 
   stream_ = std::fopen(path_.c_str(), "wte");
+  if (stream_ != nullptr) currentHandle = ACE_OS::fileno(stream_);
+  LogOpening();
+}
+
+void Backend::LogOpening() const {
   if (stream_ == nullptr) {
     LogError("ERROR opening: %s\n", path_.c_str());
-    return;
+  } else {
+    LogInfo("SOF: %s\n", path_.c_str());
   }
-  currentHandle = ACE_OS::fileno(stream_);
-  LogInfo("SOF: %s\n", path_.c_str());
 }
 
 void Backend::CloseFile() {

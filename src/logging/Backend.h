@@ -36,7 +36,8 @@ class Backend : public ACE_Log_Msg_Backend {
   Backend& operator=(const Backend&) = delete;
 
   bool IsOpen() const { return stream_ != nullptr; }
-  const std::string& Path() const { return path_; }
+  // "SOF: <path>", or "ERROR opening: <path>" where the file could not be opened.
+  void LogOpening() const;
 
   // Nothing to do: the file lives as long as the object.
   int open(const ACE_TCHAR* name) override;

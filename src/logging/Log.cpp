@@ -125,9 +125,9 @@ bool OpenLog(const char* name, const std::string& directory, std::uint32_t fileC
   ACE_LOG_MSG->set_flags(ACE_Log_Msg::CUSTOM);
   if (earlier != nullptr) {
     delete earlier;
-  } else if (opened) {
-    // The first "SOF" could not reach this backend yet.
-    LogInfo("SOF: %s\n", currentBackend->Path().c_str());
+  } else {
+    // What the opening logged could not reach this backend yet.
+    currentBackend->LogOpening();
   }
   return opened;
 }

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <thread>
 
@@ -266,6 +267,16 @@ class NoLogFile : public LogFile {
     return OpenLog("router", (folder_ / "missing").string(), 2, kLarge, console);
   }
 };
+
+TEST_F(NoLogFile, IsReportedToTheConsoleOnce) {
+  ::testing::internal::CaptureStderr();
+  EXPECT_FALSE(OpenInMissingFolder(true));
+  const std::string text = ::testing::internal::GetCapturedStderr();
+  const std::string report =
+      " E ERROR opening: " + Path(std::string("missing/") + kFirstFile) + "\n";
+  EXPECT_THAT(text, ::testing::EndsWith(report));
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+}
 
 TEST_F(NoLogFile, StillCopiesLinesToTheConsole) {
   ::testing::internal::CaptureStderr();
