@@ -14,8 +14,8 @@ namespace Platform {
 // cut an orderly end short.
 class StopSignals {
  public:
-  // The functions are called on the signal thread, one at a time; they must return soon. `limit` is
-  // the watchdog's.
+  // The functions are called on the signal thread, one at a time; they must return soon. One that
+  // throws ends the process with status 255, as in every thread. `limit` is the watchdog's.
   // Throws std::runtime_error if the system refuses.
   StopSignals(std::function<void()> stop, std::function<void()> reload,
               std::chrono::milliseconds limit = std::chrono::seconds(10));

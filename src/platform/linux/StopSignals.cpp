@@ -10,6 +10,8 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
+#include <exception>
 #include <system_error>
 #include <thread>
 
@@ -76,7 +78,7 @@ struct StopSignals::State {
     Require(static_cast<bool>(signals_), "signals");
     end_ = Descriptor(eventfd(0, EFD_CLOEXEC));
     Require(static_cast<bool>(end_), "signals");
-    thread_ = std::thread([this] { Run(); });
+    thread_ = std::thread([this] { RunOrEndProcess(); });
   }
 
   ~State() {
@@ -84,6 +86,19 @@ struct StopSignals::State {
     while (write(end_.Get(), &one, sizeof one) < 0 && errno == EINTR) {
     }
     thread_.join();
+  }
+
+  // The rule for every thread: what leaves its body ends the process.
+  void RunOrEndProcess() {
+    try {
+      Run();
+      return;
+    } catch (const std::exception& exception) {
+      std::fprintf(stderr, "The signal thread caught %s\n", exception.what());
+    } catch (...) {
+      std::fputs("The signal thread caught an unknown exception\n", stderr);
+    }
+    ExitProcess(-1);
   }
 
   void Run() {

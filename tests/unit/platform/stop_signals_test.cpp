@@ -10,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <semaphore>
+#include <stdexcept>
 #include <thread>
 
 #include "platform/Process.h"
@@ -94,6 +95,36 @@ TEST(SignalThread, TakesSignalsThatOtherThreadsDontSee) {
             }),
             5);
 }
+
+class ThrowingFunction : public ::testing::TestWithParam<int> {};
+
+TEST_P(ThrowingFunction, EndsTheProcessWithStatus255AfterTheLastWords) {
+  const int signal = GetParam();
+  const auto fail = [signal] {
+    if (signal == SIGTERM) throw std::runtime_error("broken");
+    throw 1;
+  };
+  int pipeEnds[2];
+  ASSERT_EQ(pipe2(pipeEnds, O_CLOEXEC), 0);
+  const Descriptor readEnd(pipeEnds[0]);
+  static int writeEnd = -1;
+  writeEnd = pipeEnds[1];
+  EXPECT_EQ(InAChild([&] {
+              SetLastWords([] {
+                if (write(writeEnd, "x", 1) != 1) _exit(9);
+              });
+              const StopSignals signals(fail, fail);
+              kill(getpid(), signal);
+              while (true) pause();
+              return 5;
+            }),
+            255);
+  close(writeEnd);
+  char byte = 0;
+  EXPECT_EQ(read(readEnd.Get(), &byte, 1), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, ThrowingFunction, ::testing::Values(SIGTERM, SIGHUP));
 
 TEST(Watchdog, EndsAHangingProcessWithStatusZero) {
   EXPECT_EQ(InAChild([] {
