@@ -94,11 +94,12 @@ void ACE_XPlatform_Configuration::WarnOnce(std::size_t badLine, int error) {
 }
 
 template <class Change>
-bool ACE_XPlatform_Configuration::Write(Change&& change) {
+bool ACE_XPlatform_Configuration::Write(Change&& change, const Platform::FileLock* held) {
   // A failure stays known until the next Flush, whatever works after it.
   const bool failedBefore = std::exchange(writeFailed_, true);
-  const Platform::FileLock lock(filePath_ + ".lock");
-  if (!lock.Locked()) return false;
+  std::optional<Platform::FileLock> own;
+  if (held == nullptr) held = &own.emplace(filePath_);
+  if (!held->Locked()) return false;
   Reload();
   if (unreadable_) return false;
   const std::string text = change();
@@ -133,9 +134,10 @@ const T* ACE_XPlatform_Configuration::FindValue(const std::string& name) {
   return found == values_->end() ? nullptr : std::get_if<T>(&found->second);
 }
 
-bool ACE_XPlatform_Configuration::SetValue(const std::string& name, const Value& value) {
+bool ACE_XPlatform_Configuration::SetValue(const std::string& name, const Value& value,
+                                           const Platform::FileLock* held) {
   return !section_.empty() && ConfigurationText::IsValueName(name) &&
-         Write([&] { return content_.WithValue(section_, name, value); });
+         Write([&] { return content_.WithValue(section_, name, value); }, held);
 }
 
 std::string ACE_XPlatform_Configuration::GetStringValue(const std::string& name, bool& found) {
@@ -145,8 +147,8 @@ std::string ACE_XPlatform_Configuration::GetStringValue(const std::string& name,
 }
 
 void ACE_XPlatform_Configuration::SetStringValue(const std::string& name, const std::string& value,
-                                                 bool& ok) {
-  ok = SetValue(name, value);
+                                                 bool& ok, const Platform::FileLock* held) {
+  ok = SetValue(name, value, held);
 }
 
 std::uint32_t ACE_XPlatform_Configuration::GetIntegerValue(const std::string& name, bool& found) {
@@ -156,8 +158,8 @@ std::uint32_t ACE_XPlatform_Configuration::GetIntegerValue(const std::string& na
 }
 
 void ACE_XPlatform_Configuration::SetIntegerValue(const std::string& name, std::uint32_t value,
-                                                  bool& ok) {
-  ok = SetValue(name, value);
+                                                  bool& ok, const Platform::FileLock* held) {
+  ok = SetValue(name, value, held);
 }
 
 bool ACE_XPlatform_Configuration::GetBooleanValue(const std::string& name, bool& found) {

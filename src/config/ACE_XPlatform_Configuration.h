@@ -38,12 +38,17 @@ class ACE_XPlatform_Configuration : public Streamable {
   // is not to be made or can't be; the current section stays as it was.
   bool OpenSection(const std::string& path, bool create);
 
+  const std::string& FilePath() const { return filePath_; }
+
   // `found` and `ok` are true exactly when the operation worked. A value of another type is not
-  // found. All work on the current section.
+  // found. All work on the current section. A write waits for the file's lock; `held` is that lock
+  // where the caller has waited already.
   std::string GetStringValue(const std::string& name, bool& found);
-  void SetStringValue(const std::string& name, const std::string& value, bool& ok);
+  void SetStringValue(const std::string& name, const std::string& value, bool& ok,
+                      const Platform::FileLock* held = nullptr);
   std::uint32_t GetIntegerValue(const std::string& name, bool& found);
-  void SetIntegerValue(const std::string& name, std::uint32_t value, bool& ok);
+  void SetIntegerValue(const std::string& name, std::uint32_t value, bool& ok,
+                       const Platform::FileLock* held = nullptr);
   bool GetBooleanValue(const std::string& name, bool& found);
   void SetBooleanValue(const std::string& name, bool value, bool& ok);
   // At most `length` bytes of it.
@@ -70,8 +75,9 @@ class ACE_XPlatform_Configuration : public Streamable {
   const T* FindValue(const std::string& name);
   // Runs `change` on the file's content and puts the text that it returns in the file's place.
   template <class Change>
-  bool Write(Change&& change);
-  bool SetValue(const std::string& name, const ConfigurationText::Value& value);
+  bool Write(Change&& change, const Platform::FileLock* held = nullptr);
+  bool SetValue(const std::string& name, const ConfigurationText::Value& value,
+                const Platform::FileLock* held = nullptr);
 
   const std::string filePath_;
   std::string section_;  // the current one; empty: none

@@ -5,6 +5,7 @@
 
 #include "config/ACE_XPlatform_Configuration.h"
 #include "logging/Log.h"
+#include "platform/Files.h"
 #include "threads/Mutex.h"
 
 namespace MessageRouter {
@@ -38,6 +39,27 @@ Result ValueOr(const Result& defaultValue, ACE_XPlatform_Configuration* store, G
   if (store == nullptr) return defaultValue;
   Result value = get(*store, found);
   return found ? value : defaultValue;
+}
+
+// Runs `set` on the store with the lock of its file, for which it waits before it takes the mutex:
+// readers need not wait with it. Without a store or the mutex nothing is done.
+template <class Set>
+void Store(Set&& set) {
+  const std::string path = WithStore(
+      [](ACE_XPlatform_Configuration* store) {
+        return store == nullptr ? std::string() : store->FilePath();
+      },
+      std::string());
+  if (path.empty()) return;
+  const Platform::FileLock lock(path);
+  WithStore(
+      [&](ACE_XPlatform_Configuration* store) {
+        bool ok = false;
+        // Another store may have come meanwhile, on another file.
+        set(*store, ok, store->FilePath() == path ? &lock : nullptr);
+        return ok;
+      },
+      false);
 }
 
 }  // namespace
@@ -85,13 +107,9 @@ std::string GetConfigString(const char* name, const std::string& defaultValue,
 }
 
 void SetConfigInt(const char* name, std::uint32_t value) {
-  WithStore(
-      [&](ACE_XPlatform_Configuration* store) {
-        bool ok = false;
-        if (store != nullptr) store->SetIntegerValue(name, value, ok);
-        return ok;
-      },
-      false);
+  Store([&](ACE_XPlatform_Configuration& store, bool& ok, const Platform::FileLock* lock) {
+    store.SetIntegerValue(name, value, ok, lock);
+  });
 }
 
 void SetConfigBool(const char* name, bool value) {
@@ -99,13 +117,9 @@ void SetConfigBool(const char* name, bool value) {
 }
 
 void SetConfigString(const char* name, const std::string& value) {
-  WithStore(
-      [&](ACE_XPlatform_Configuration* store) {
-        bool ok = false;
-        if (store != nullptr) store->SetStringValue(name, value, ok);
-        return ok;
-      },
-      false);
+  Store([&](ACE_XPlatform_Configuration& store, bool& ok, const Platform::FileLock* lock) {
+    store.SetStringValue(name, value, ok, lock);
+  });
 }
 
 void SaveConfiguration() {

@@ -9,7 +9,8 @@ class ACE_XPlatform_Configuration;
 
 // The process-wide settings of the router's section. A value is read where it is needed, and the
 // reader passes the default; nothing is cached, so that a change counts at the next read.
-// Threads: any. One mutex is held for the length of one value.
+// Threads: any. One mutex is held for the length of one value. A write that waits for another
+// process's write does so without it.
 
 // The value as unsigned 32 bits. 0 if the mutex can't be taken.
 std::uint32_t GetConfigInt(const char* name, std::uint32_t defaultValue);

@@ -4,6 +4,7 @@
 
 #include "config/ACE_XPlatform_Configuration.h"
 #include "config/Configuration.h"
+#include "platform/Files.h"
 #include "platform/Process.h"
 
 namespace MessageRouter {
@@ -37,7 +38,7 @@ std::string DataRoot() {
 }
 
 std::string RouterDirectory(const std::string& routerName) {
-  return DataRoot() + routerName;
+  return Platform::SlashPath(DataRoot() + routerName);
 }
 
 std::string LogDirectory(const std::string& routerName) {
@@ -61,7 +62,7 @@ std::string LogicalTablePath(const std::string& routerName) {
 }
 
 std::string EnvelopeDirectory(const std::string& routerName) {
-  std::string directory = GetConfigString("EnvelopeDir", "");
+  std::string directory = Platform::SlashPath(GetConfigString("EnvelopeDir", ""));
   if (directory.empty()) return RouterDirectory(routerName) + "/Envelopes/";
   if (directory.back() != '/') directory += '/';
   return directory;

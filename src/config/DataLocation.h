@@ -2,7 +2,8 @@
 
 #include <string>
 
-// Where the router's files stand. All paths follow from the data root and the router's name.
+// Where the router's files stand. All paths follow from the data root and the router's name. "\"
+// separates the levels of a path as "/" does.
 namespace MessageRouter {
 
 // Ends in a slash. "./" with UseRelativeDataLocation, or where the system names no common folder.

@@ -58,6 +58,9 @@ std::optional<std::vector<std::string>> ListFolder(const std::string& path);
 // Makes one folder. 0, or the error; EEXIST where it is there already.
 int MakeFolder(const std::string& path, unsigned mode);
 
+// The path with "/" in the place of each "\": the way to use a folder that MakeFolders made.
+std::string SlashPath(std::string path);
+
 // Makes a path level by level; "/" and "\" both separate, a leading "x:" stays whole. A level that
 // exists is no failure. 0 or the error.
 int MakeFolders(const std::string& path);
@@ -77,9 +80,10 @@ bool SetMode(const std::string& path, unsigned mode);
 // An exclusive lock among processes and among objects of one process, held while the object lives.
 class FileLock {
  public:
-  // Waits for the lock on `path`, a file beside what it guards, made if missing and never removed.
-  // Locked() is false if that cannot be done, or another holds it for ten seconds.
-  explicit FileLock(const std::string& path);
+  // Waits for the lock on a file. The lock is a file of its own beside it (beside the file that a
+  // symbolic link leads to) with ".lock" behind the name, for the owner alone, made if missing and
+  // never removed. Locked() is false if that cannot be done, or another holds it for ten seconds.
+  explicit FileLock(const std::string& guarded);
   ~FileLock();
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;

@@ -63,7 +63,7 @@ std::string ParentOf(const std::string& folder) {
 }  // namespace
 
 FileStore::FileStore(const std::string& folder, std::function<std::string()> password)
-    : folder_(folder), password_(std::move(password)) {
+    : folder_(Platform::SlashPath(folder)), password_(std::move(password)) {
   while (folder_.size() > 1 && folder_.back() == '/') folder_.pop_back();
   folder_ += '/';
 }

@@ -6,6 +6,7 @@
 #include <map>
 
 #include "certmgr/Timestamp.h"
+#include "platform/Files.h"
 
 namespace Certmgr {
 namespace {
@@ -142,6 +143,7 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, std::int64_t now,
     Options options = isIssue ? forIssue : forInit;
     options.command = isIssue ? Command::Issue : Command::Init;
     CheckName(options.name);
+    options.authority = Platform::SlashPath(options.authority);
     options.roles = RolesOf(roles);
     options.validity = Resolve(isIssue ? issueValidity : initValidity, now);
     return options;

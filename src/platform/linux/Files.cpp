@@ -14,6 +14,7 @@
 
 #include "platform/Process.h"
 #include "platform/linux/Descriptor.h"
+#include "platform/linux/RealPath.h"
 #include "platform/linux/WriteAll.h"
 
 namespace Platform {
@@ -42,15 +43,6 @@ std::string FolderOf(const std::string& path) {
   return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
 }
 
-// A file that is reached through a symbolic link is replaced where it stands; the link stays.
-std::string RealPath(const std::string& path) {
-  char* const resolved = realpath(path.c_str(), nullptr);
-  if (resolved == nullptr) return path;
-  std::string result(resolved);
-  std::free(resolved);
-  return result;
-}
-
 int FillReplacement(int file, const struct stat* old, std::string_view content, unsigned mode) {
   if (old != nullptr) {
     mode = old->st_mode & kPermissionBits;
@@ -66,6 +58,14 @@ int FillReplacement(int file, const struct stat* old, std::string_view content, 
 }
 
 }  // namespace
+
+std::string RealPath(const std::string& path) {
+  char* const resolved = realpath(path.c_str(), nullptr);
+  if (resolved == nullptr) return path;
+  std::string result(resolved);
+  std::free(resolved);
+  return result;
+}
 
 int WriteAll(int descriptor, std::string_view content) {
   while (!content.empty()) {
@@ -120,6 +120,7 @@ std::optional<std::string> ReadFile(const std::string& path, std::size_t limit, 
 
 int ReplaceFile(const std::string& path, std::string_view content, unsigned mode) {
   static std::atomic<unsigned> counter{0};
+  // A file that is reached through a symbolic link is replaced where it stands; the link stays.
   const std::string target = RealPath(path);
   const std::string folder = FolderOf(target);
   struct stat status {};
@@ -181,9 +182,13 @@ int MakeFolder(const std::string& path, unsigned mode) {
   return ErrorOf(mkdir(path.c_str(), mode));
 }
 
+std::string SlashPath(std::string path) {
+  std::replace(path.begin(), path.end(), '\\', '/');
+  return path;
+}
+
 int MakeFolders(const std::string& path) {
-  std::string clean(path);
-  std::replace(clean.begin(), clean.end(), '\\', '/');
+  const std::string clean = SlashPath(path);
   // A drive means nothing here; "x:" is a name like others, and the first level.
   std::size_t position = 0;
   while (position < clean.size()) {

@@ -2,14 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 
 #include "config/ACE_XPlatform_Configuration.h"
 #include "config/DataLocation.h"
+#include "platform/Files.h"
 #include "platform/Process.h"
 #include "support/LogCapture.h"
 #include "support/ScratchConfiguration.h"
@@ -104,6 +107,35 @@ TEST_F(Settings, AFailureToWriteIsSilent) {
   EXPECT_TRUE(log_.Lines().empty());
 }
 
+// How many descriptors of this process are open on lock files.
+int OpenLocks() {
+  int count = 0;
+  for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (read_symlink(descriptor.path(), gone).extension() == ".lock") ++count;
+  }
+  return count;
+}
+
+TEST_F(Settings, AreReadWhileAWriteWaitsForTheFile) {
+  SetConfigInt("N", 1);
+  std::atomic<bool> written{false};
+  std::thread writer;
+  {
+    const Platform::FileLock otherProcess(kSharedStorePath);
+    ASSERT_TRUE(otherProcess.Locked());
+    writer = std::thread([&] {
+      SetConfigInt("N", 2);
+      written = true;
+    });
+    while (OpenLocks() < 2) std::this_thread::yield();
+    EXPECT_EQ(GetConfigInt("N", 0), 1u);
+    EXPECT_FALSE(written);
+  }
+  writer.join();
+  EXPECT_EQ(GetConfigInt("N", 0), 2u);
+}
+
 TEST_F(Settings, AFailureToSaveIsLogged) {
   std::ofstream(kSharedStorePath) << "broken\n";
   SetConfigString("S", "lost");
@@ -161,6 +193,15 @@ TEST_F(Settings, OfARouterNamedOtherStandInItsOwnSectionAndFolder) {
   EXPECT_NE(FileText().find("[SOFTWARE\\Brelix\\Messaging System\\Other]\n\"N\"=dword:00000001\n"),
             std::string::npos);
   EXPECT_EQ(RouterDirectory("Other"), "./Other");
+}
+
+TEST_F(Settings, OfARouterWhoseNameHasLevelsStandInLevelsOfSectionsAndOfFolders) {
+  SetConfiguration(new ACE_XPlatform_Configuration(kLocalMachine, kSharedStorePath),
+                   std::string(kSectionRoot) + "\\north/two");
+  SetConfigInt("N", 1);
+  EXPECT_NE(FileText().find("[SOFTWARE\\Brelix\\Messaging System\\north\\two]\n"),
+            std::string::npos);
+  EXPECT_EQ(RouterDirectory("north\\two"), "./north/two");
 }
 
 TEST_F(Settings, FollowAnEditOfTheFile) {
@@ -221,6 +262,13 @@ TEST_F(Location, OfEnvelopesIsTheValueOfEnvelopeDir) {
   EXPECT_EQ(EnvelopeDirectory("R"), "/somewhere/else/");
   SetConfigString("EnvelopeDir", "/somewhere/else/");
   EXPECT_EQ(EnvelopeDirectory("R"), "/somewhere/else/");
+}
+
+TEST_F(Location, ABackslashSeparatesLevelsAsInTheSections) {
+  EXPECT_EQ(RouterDirectory("a\\b"), "./a/b");
+  EXPECT_EQ(RouterTableFile("a\\b"), "./a/b/table_router.txt");
+  SetConfigString("EnvelopeDir", "\\srv\\envelopes");
+  EXPECT_EQ(EnvelopeDirectory("R"), "/srv/envelopes/");
 }
 
 TEST_F(Location, TheProcesssRouterNameIsTheOneSet) {

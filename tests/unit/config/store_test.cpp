@@ -256,6 +256,40 @@ TEST_F(Store, ManyObjectsWritingAtOnceLoseNothing) {
   EXPECT_TRUE(store->EnumerateValues(kThreads * kWrites - 1, name, type));
 }
 
+TEST_F(Store, ObjectsOnAFileAndOnALinkToItWritingAtOnceLoseNothing) {
+  std::filesystem::create_directory(folder_ / "links");
+  const std::string link = (folder_ / "links" / "link.config").string();
+  Write("[s]\n");
+  std::filesystem::create_symlink(path_, link);
+  constexpr unsigned kEach = 20;
+  const auto write = [](const std::string& path, char letter) {
+    ACE_XPlatform_Configuration store(kLocalMachine, path);
+    EXPECT_TRUE(store.OpenSection("s", false));
+    for (unsigned i = 0; i < kEach; ++i) {
+      EXPECT_TRUE(SetInt(store, (letter + std::to_string(i)).c_str(), i));
+    }
+  };
+  std::thread other(write, link, 'b');
+  write(path_, 'a');
+  other.join();
+  const auto store = Open("s", false);
+  for (unsigned i = 0; i < kEach; ++i) {
+    EXPECT_EQ(Int(*store, ("a" + std::to_string(i)).c_str()), i);
+    EXPECT_EQ(Int(*store, ("b" + std::to_string(i)).c_str()), i);
+  }
+}
+
+TEST_F(Store, AWriteUnderALockThatItsCallerHoldsDoesNotWaitForIt) {
+  const auto store = Open();
+  const Platform::FileLock lock(path_);
+  bool ok = false;
+  store->SetIntegerValue("n", 1, ok, &lock);
+  EXPECT_TRUE(ok);
+  store->SetStringValue("s", "x", ok, &lock);
+  EXPECT_TRUE(ok);
+  EXPECT_EQ(Int(*store, "n"), 1u);
+}
+
 TEST_F(Store, AnEditCountsAtTheNextRead) {
   Write("[s]\n\"n\"=dword:1\n");
   const auto store = Open("s", false);

@@ -199,14 +199,21 @@ TEST_F(Folders, AnEmptyPathIsNothingToDo) {
   EXPECT_EQ(MakeFolders(""), 0);
 }
 
+TEST_F(Folders, ThatWereMadeAreUsedByTheirPathWithSlashes) {
+  const std::string path = "a\\b/c\\";
+  EXPECT_EQ(MakeFolders(path), 0);
+  EXPECT_EQ(SlashPath(path), "a/b/c/");
+  EXPECT_EQ(ReplaceFile(SlashPath(path) + "file", "x", 0600), 0);
+}
+
 TEST_F(Files, ALockIsHeldByOneObjectAtATime) {
   std::atomic<bool> entered{false};
   std::thread other;
   {
-    const FileLock lock(Path("lock"));
+    const FileLock lock(Path("file"));
     ASSERT_TRUE(lock.Locked());
     other = std::thread([&] {
-      const FileLock inner(Path("lock"));
+      const FileLock inner(Path("file"));
       entered = inner.Locked();
     });
     EXPECT_FALSE(entered);
@@ -215,8 +222,49 @@ TEST_F(Files, ALockIsHeldByOneObjectAtATime) {
   EXPECT_TRUE(entered);
 }
 
+TEST_F(Files, ALockIsAFileBesideWithoutRightsForOthersWhateverTheMask) {
+  const mode_t mask = umask(0);
+  EXPECT_TRUE(FileLock(Path("file")).Locked());
+  umask(mask);
+  EXPECT_EQ(Names(), std::vector<std::string>{"file.lock"});
+  EXPECT_EQ(ModeOf(Path("file.lock")), 0600u);
+}
+
+TEST_F(Files, ALockThatOthersCanOpenIsClosedToThem) {
+  Write("file.lock", "");
+  ASSERT_TRUE(SetMode(Path("file.lock"), 0644));
+  EXPECT_TRUE(FileLock(Path("file")).Locked());
+  EXPECT_EQ(ModeOf(Path("file.lock")), 0600u);
+}
+
+TEST_F(Files, ALockStandsBesideTheFileThatALinkLeadsTo) {
+  std::filesystem::create_directory(Path("real"));
+  Write("real/file", "");
+  std::filesystem::create_symlink("real/file", Path("link"));
+  EXPECT_TRUE(FileLock(Path("link")).Locked());
+  EXPECT_EQ(Names(), (std::vector<std::string>{"link", "real"}));
+  EXPECT_TRUE(FileExists(Path("real/file.lock")));
+}
+
+TEST_F(Files, ALockMadeByRootBelongsToTheOwnerOfTheFile) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+  Write("file", "");
+  ASSERT_EQ(chown(Path("file").c_str(), 12, 34), 0);
+  EXPECT_TRUE(FileLock(Path("file")).Locked());
+  struct stat status {};
+  ASSERT_EQ(stat(Path("file.lock").c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 12u);
+  EXPECT_EQ(status.st_gid, 34u);
+}
+
+TEST_F(Files, ALinkInALocksPlaceIsNotFollowed) {
+  std::filesystem::create_symlink("elsewhere", Path("file.lock"));
+  EXPECT_FALSE(FileLock(Path("file")).Locked());
+  EXPECT_EQ(Names(), std::vector<std::string>{"file.lock"});
+}
+
 TEST_F(Files, ALockThatCantBeMadeIsNotLocked) {
-  EXPECT_FALSE(FileLock(Path("missing/lock")).Locked());
+  EXPECT_FALSE(FileLock(Path("missing/file")).Locked());
 }
 
 }  // namespace

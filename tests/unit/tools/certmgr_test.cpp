@@ -121,6 +121,13 @@ TEST_F(Certmgr, InitTakesNameDaysAndBits) {
   EXPECT_EQ(EVP_PKEY_get_bits(X509_get0_pubkey(ca.get())), 1024);
 }
 
+TEST_F(Certmgr, ABackslashSeparatesFolders) {
+  ASSERT_EQ(Run("init --dir 'deep\\ca' --bits 1024").status, 0);
+  ASSERT_EQ(Run("issue --ca 'deep\\ca' --name r1 --role router --out 'new\\r1'").status, 0);
+  EXPECT_NE(Certificate("deep/ca/ca.pem"), nullptr);
+  EXPECT_NE(Certificate("new/r1/certificate.pem"), nullptr);
+}
+
 TEST_F(Certmgr, InitNeverReplacesAnAuthority) {
   for (const char* const remaining : {"ca/ca.pem", "ca/ca.key"}) {
     fs::remove_all(folder_ / "ca");
