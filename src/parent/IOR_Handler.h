@@ -13,7 +13,8 @@ namespace MessageRouter {
 class IOR_Acceptor;
 
 // One client of the IOR port: gets the text and is closed. Whatever it sends closes it at once.
-// Owns itself from open on, and is deleted by the reactor's handle_close or by Abandon.
+// Owns itself from open on, and is deleted by the reactor through handle_close or by the acceptor
+// through destroy.
 // Threads: the reactor's.
 class IOR_Handler : public ACE_Svc_Handler<ACE_SOCK_Stream, ACE_NULL_SYNCH> {
  public:
