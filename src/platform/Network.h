@@ -8,10 +8,6 @@
 // Facts about the host's network and about single sockets. Addresses are IPv4 in host byte order.
 namespace Platform {
 
-struct Interface {
-  std::uint32_t address = 0;
-};
-
 // The host's IPv4 addresses on interfaces that are up and running. Throws std::runtime_error if
 // the system refuses; empty if there are none. Replaceable for tests (see SetHostAddressSource).
 std::vector<std::uint32_t> HostAddresses();
@@ -41,5 +37,11 @@ struct ResolvedHost {
 };
 std::optional<ResolvedHost> ResolveName(const std::string& name);
 std::optional<ResolvedHost> ResolveAddress(std::uint32_t address);
+// Both replaceable for tests; null: the system's. The object must outlive its use.
+struct Resolver {
+  std::optional<ResolvedHost> (*resolveName)(const std::string& name);
+  std::optional<ResolvedHost> (*resolveAddress)(std::uint32_t address);
+};
+void SetResolver(const Resolver* resolver);
 
 }  // namespace Platform

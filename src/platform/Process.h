@@ -32,6 +32,12 @@ void SetThreadName(const char* name);
 // system's number.
 std::optional<std::uint64_t> AffinityMask(int* error);
 bool SetAffinity(unsigned cpu, int* error);
+// Both replaceable for tests; null: the system's. The object must outlive its use.
+struct Processors {
+  std::optional<std::uint64_t> (*affinityMask)(int* error);
+  bool (*setAffinity)(unsigned cpu, int* error);
+};
+void SetProcessors(const Processors* processors);
 
 // Gives memory that the allocator keeps back to the system.
 void TrimMemory();
@@ -44,6 +50,12 @@ std::size_t ResidentMemory();
 // The host's name, and the name that names the machine when that fails. Nothing on failure.
 std::optional<std::string> HostName();
 std::optional<std::string> ComputerName();
+// Both replaceable for tests; null: the system's. The object must outlive its use.
+struct HostNames {
+  std::optional<std::string> (*hostName)();
+  std::optional<std::string> (*computerName)();
+};
+void SetHostNames(const HostNames* names);
 
 // The folder for data that all users of the machine share, without a slash at the end. Nothing
 // where the system names none. Replaceable for tests.

@@ -22,6 +22,7 @@ namespace Platform {
 namespace {
 
 std::atomic<HostAddressSource> hostAddressSource{nullptr};
+std::atomic<const Resolver*> playedResolver{nullptr};
 
 constexpr std::uint32_t kLoopbackNet = 127;
 constexpr unsigned kNetShift = 24;
@@ -139,13 +140,19 @@ void KeepAlive(int socket, unsigned idleSeconds, unsigned timeoutSeconds) {
             static_cast<int>(timeoutSeconds) * kMillisecondsPerSecond);
 }
 
+void SetResolver(const Resolver* resolver) {
+  playedResolver = resolver;
+}
+
 std::optional<ResolvedHost> ResolveName(const std::string& name) {
+  if (const Resolver* const played = playedResolver) return played->resolveName(name);
   return Resolve([&](hostent* entry, char* buffer, std::size_t size, hostent** found, int* error) {
     return gethostbyname2_r(name.c_str(), AF_INET, entry, buffer, size, found, error);
   });
 }
 
 std::optional<ResolvedHost> ResolveAddress(std::uint32_t address) {
+  if (const Resolver* const played = playedResolver) return played->resolveAddress(address);
   const in_addr number{htonl(address)};
   return Resolve([&](hostent* entry, char* buffer, std::size_t size, hostent** found, int* error) {
     return gethostbyaddr_r(&number, sizeof number, AF_INET, entry, buffer, size, found, error);

@@ -28,6 +28,8 @@ namespace {
 std::atomic<void (*)()> lastWords{nullptr};
 
 std::atomic<FolderSource> commonDataFolderSource{nullptr};
+std::atomic<const Processors*> playedProcessors{nullptr};
+std::atomic<const HostNames*> playedNames{nullptr};
 
 constexpr unsigned kMaskBits = 64;
 
@@ -66,7 +68,12 @@ void SetThreadName(const char* name) {
   pthread_setname_np(pthread_self(), std::string(name).substr(0, kLongest).c_str());
 }
 
+void SetProcessors(const Processors* processors) {
+  playedProcessors = processors;
+}
+
 std::optional<std::uint64_t> AffinityMask(int* error) {
+  if (const Processors* const played = playedProcessors) return played->affinityMask(error);
   cpu_set_t set;
   CPU_ZERO(&set);
   if (sched_getaffinity(0, sizeof set, &set) != 0) {
@@ -81,6 +88,7 @@ std::optional<std::uint64_t> AffinityMask(int* error) {
 }
 
 bool SetAffinity(unsigned cpu, int* error) {
+  if (const Processors* const played = playedProcessors) return played->setAffinity(cpu, error);
   cpu_set_t set;
   CPU_ZERO(&set);
   if (cpu < CPU_SETSIZE) CPU_SET(cpu, &set);
@@ -118,13 +126,19 @@ std::size_t ResidentMemory() {
   return fields == 2 ? resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) : 0;
 }
 
+void SetHostNames(const HostNames* names) {
+  playedNames = names;
+}
+
 std::optional<std::string> HostName() {
+  if (const HostNames* const played = playedNames) return played->hostName();
   std::array<char, 256> name{};
   if (gethostname(name.data(), name.size() - 1) != 0 || name[0] == '\0') return std::nullopt;
   return name.data();
 }
 
 std::optional<std::string> ComputerName() {
+  if (const HostNames* const played = playedNames) return played->computerName();
   auto name = HostName();
   if (!name) return std::nullopt;
   name->erase(std::min(name->find('.'), name->size()));
