@@ -59,7 +59,11 @@ Router::Router(std::string name, int argc, char** argv)
       timeoutThread_(routerTable_),
       routerThread_(routing_) {}
 
-Router::~Router() = default;
+// What the start has handed out leads here.
+Router::~Router() {
+  RouterServants::SetThresholdCallObserver(nullptr);
+  CertificateContext::instance().SetCallbacks({});
+}
 
 void Router::SetState(State state) {
   ThreadHelper::Guard guard(mutex_);

@@ -13,15 +13,17 @@ namespace StatusReporting {
 class StatusReporter {
  public:
   explicit StatusReporter(const std::string& path);
-  ~StatusReporter();
+  virtual ~StatusReporter();
+  StatusReporter(const StatusReporter&) = delete;
+  StatusReporter& operator=(const StatusReporter&) = delete;
 
-  void WriteReport();
-  void SetActualParent(const std::string& address);
+  virtual void WriteReport();
+  virtual void SetActualParent(const std::string& address);
 
-  DNSSection& Dns();
-  CertificationSection& Certification();
-  IncomingSection& Incoming();
-  OutgoingSection& Outgoing();
+  virtual DNSSection& Dns();
+  virtual CertificationSection& Certification();
+  virtual IncomingSection& Incoming();
+  virtual OutgoingSection& Outgoing();
 
  private:
   std::string path_;

@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <memory>
 #include <stdexcept>
+#include <tuple>
 #include <vector>
 
 #include "broker/CorbaExceptions.h"
@@ -13,6 +17,9 @@
 #include "core/TearDownWatchdog.h"
 #include "logging/Log.h"
 #include "platform/Network.h"
+#include "servants/NotifyConsumer_i.h"
+#include "status/StatusReporter.h"
+#include "support/FakeClock.h"
 #include "support/LogCapture.h"
 #include "support/ScratchConfiguration.h"
 #include "support/TestCertificates.h"
@@ -134,6 +141,89 @@ TEST_F(LoneRouter, ThatFailsToStartLeavesTheTableFileAsItIs) {
   EXPECT_EQ(text, "agent-1.0..\n");
 }
 
+TEST_F(LoneRouter, KeepsAsManyLogFilesOfThatSizeAsIsConfigured) {
+  SetConfigInt("LogFileMaxSize", 1024);
+  SetConfigInt("LogFileCount", 3);
+  TestSupport::FakeClock clock;
+  Platform::SetHostAddressSource(&OnlyLoopback);
+  Router::Surroundings surroundings;
+  // A name for each file that is begun, in the second of its own.
+  surroundings.sleep = [&clock](unsigned) {
+    clock.Advance(std::chrono::seconds(1));
+    LogInfo("%s\n", std::string(600, 'x').c_str());
+  };
+  Router::instance().SetSurroundings(surroundings);
+  EXPECT_EQ(RunRouter(), 1);
+  CloseLog();
+  const std::filesystem::directory_iterator files(configuration_.RouterFolder() / "Logs");
+  EXPECT_EQ(std::distance(begin(files), end(files)), 3);
+  for (const auto& file :
+       std::filesystem::directory_iterator(configuration_.RouterFolder() / "Logs")) {
+    EXPECT_LT(file.file_size(), 2048u);
+  }
+}
+
+class ConfiguredLogLevel
+    : public LoneRouter,
+      public testing::WithParamInterface<std::tuple<std::uint32_t, bool, bool>> {};
+
+TEST_P(ConfiguredLogLevel, DecidesOnDebugAndTrace) {
+  const auto [level, debug, trace] = GetParam();
+  SetConfigInt("LogLevel", level);
+  Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0x0A000001}; });
+  EXPECT_EQ(RunRouter(), 1);
+  const std::string log = LogText();
+  EXPECT_EQ(Count(log, " I Initializing CORBA...\n"), 1u);
+  EXPECT_EQ(Count(log, " D Creating ORB...\n"), debug ? 1u : 0u);
+  EXPECT_EQ(Count(log, " T IPAddressSet::InitialiseWithHost() called\n"), trace ? 1u : 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, ConfiguredLogLevel,
+                         testing::Values(std::tuple(0u, false, false), std::tuple(1u, true, false),
+                                         std::tuple(2u, true, true), std::tuple(3u, true, true)));
+
+// Keeps what it is told.
+class ListeningReporter : public StatusReporting::StatusReporter {
+ public:
+  struct Heard {
+    unsigned thresholdCalls = 0;
+    std::vector<std::uint32_t> peers;
+  };
+
+  explicit ListeningReporter(Heard& heard)
+      : StatusReporter("unused"), incoming_(heard), certification_(heard) {}
+  StatusReporting::IncomingSection& Incoming() override { return incoming_; }
+  StatusReporting::CertificationSection& Certification() override { return certification_; }
+
+ private:
+  struct IncomingListener : StatusReporting::IncomingSection {
+    explicit IncomingListener(Heard& heard) : heard_(heard) {}
+    void ThresholdCall() override { ++heard_.thresholdCalls; }
+    Heard& heard_;
+  };
+  struct CertificationListener : StatusReporting::CertificationSection {
+    explicit CertificationListener(Heard& heard) : heard_(heard) {}
+    void ReportPeer(std::uint32_t address) override { heard_.peers.push_back(address); }
+    Heard& heard_;
+  };
+
+  IncomingListener incoming_;
+  CertificationListener certification_;
+};
+
+TEST_F(LoneRouter, OnceStartedTellsItsStatusReporterOfThresholdCalls) {
+  ListeningReporter::Heard heard;
+  const PortableServer::Servant_var<RouterServants::NotifyConsumer_i> servant(
+      new RouterServants::NotifyConsumer_i);
+  EXPECT_EQ(RunRouter(), 1);  // for want of a certificate, after the reporter was installed
+  Router::instance().SetStatusReporter(std::make_unique<ListeningReporter>(heard));
+  servant->NotificationThreshold();
+  EXPECT_EQ(heard.thresholdCalls, 1u);
+  DestroyRouter();
+  servant->NotificationThreshold();
+  EXPECT_EQ(heard.thresholdCalls, 1u);
+}
+
 TEST_F(LoneRouter, WithProcessorAffinity32LogsTheWarningAndGoesOn) {
   SetConfigInt("ProcessorAffinity", 32);
   EXPECT_EQ(RunRouter(), 1);  // for want of a certificate, much later
@@ -175,6 +265,7 @@ class RouterWithParent : public LoneRouter {
     Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0x0A000002}; });
     RunRouter();  // fails for want of a certificate, and knows by then that there is a parent
     Router::instance().SetParentAddresses(kParentIor);
+    Router::instance().SetStatusReporter(std::make_unique<ListeningReporter>(heard_));
   }
   std::size_t Complaints() const {
     return Count(LogText(),
@@ -182,15 +273,18 @@ class RouterWithParent : public LoneRouter {
                  "reinstall Orvane\n");
   }
   static constexpr std::uint32_t kParent = 0x0A000001;
+  ListeningReporter::Heard heard_;
 };
 
 TEST_F(RouterWithParent, IsToldIncompatibleAtTheSixthAlertOfItsParentAndAgainAtTheSeventh) {
   for (int i = 0; i < 5; ++i) Router::instance().ReportInvalidCertificate(kParent);
   EXPECT_EQ(Complaints(), 0u);
+  EXPECT_TRUE(heard_.peers.empty());
   Router::instance().ReportInvalidCertificate(kParent);
   EXPECT_EQ(Complaints(), 1u);
   Router::instance().ReportInvalidCertificate(kParent);
   EXPECT_EQ(Complaints(), 2u);
+  EXPECT_EQ(heard_.peers, std::vector<std::uint32_t>(2, kParent));
 }
 
 TEST_F(RouterWithParent, DoesNotCountAlertsOfOthers) {
@@ -201,6 +295,7 @@ TEST_F(RouterWithParent, DoesNotCountAlertsOfOthers) {
 TEST_F(RouterWithParent, CountsNothingWhenItsParentsAddressesCannotBeRead) {
   Router::instance().SetParentAddresses("IOR:zz");
   Router::instance().ReportInvalidCertificate(kParent);
+  EXPECT_EQ(heard_.peers, std::vector<std::uint32_t>{kParent});
   EXPECT_EQ(Router::instance().InvalidCertificateCount(), 0);
   EXPECT_EQ(Count(LogText(), "from iiopAddressesInIOR"), 1u);
 }
