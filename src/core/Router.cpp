@@ -147,6 +147,8 @@ void Router::PrepareProcess() {
   certificates.Initialise();
   certificates.ConfigureSslContext();
   RouterServants::SetThresholdCallObserver([this] { statusReporter_->Incoming().ThresholdCall(); });
+  getterThread_.SetPollObserver(
+      [this](bool notified, bool got) { statusReporter_->Incoming().Update(notified, got); });
 }
 
 void Router::RunCycles() {

@@ -1,22 +1,94 @@
 #include "delivery/GetterWorker.h"
 
-#include <atomic>
-
+#include "broker/CorbaExceptions.h"
+#include "config/Configuration.h"
 #include "logging/Log.h"
+#include "routing/Routing.h"
 
 namespace MessageRouter {
+
+namespace {
+
+constexpr char kWorkerName[] = "GetterWorker";
+constexpr std::uint32_t kUnlimited = 0xFFFFFFFFu;
+constexpr std::uint32_t kLowMaximum = 10;
+
+std::uint32_t ReadMaximumToGet() {
+  const std::uint32_t maximum = GetConfigInt("MaximumToGet", kUnlimited);
+  if (maximum == 0) {
+    LogWarning("MaximumToGet is zero, using value of %u\n", kUnlimited);
+    return kUnlimited;
+  }
+  if (maximum < kLowMaximum) {
+    LogWarning("MaximumToGet value is %u - this is low and may degrade performance\n", maximum);
+  }
+  return maximum;
+}
+
+// One envelope: fetched, stored, queued, and only then acknowledged.
+void Fetch(BrelixMessaging::RouterSupplier_ptr supplier, const RouterTableEntry& entry,
+           const std::string& name, GetEntryGuard& guard) {
+  LogDebug("GetterWorker::ProcessEntry() - polling %s\n", name.c_str());
+  const BrelixMessaging::Envelope_var wire =
+      Broker::RepeatOnce([supplier] { return supplier->GetEnvelope(); });
+  guard.GotSomething();
+
+  Envelope envelope;
+  envelope.CreateFromRouter(wire.in(), entry.IsParent());
+  const std::string originator = envelope.Originator();
+  const auto id = static_cast<BrelixMessaging::MessageId>(envelope.MessageId());
+  const std::string description = LogEnabled(kLogDebug) ? envelope.DescribeShort() : std::string();
+  LogDebug("GetterWorker::ProcessEntry() - got message (%s)\n", description.c_str());
+
+  // Where no cycle runs any more, the envelope stays on disk for the next one.
+  if (Routing* routing = Cycle::Current()) routing->QueueForRouting(std::move(envelope));
+
+  Broker::RepeatOnce([&] { supplier->AcknowledgeEnvelope(originator.c_str(), id); });
+  LogDebug("GetterWorker::ProcessEntry() - acknowledged message (%s)\n", description.c_str());
+}
+
+}  // namespace
+
+GetterWorker::GetterWorker(WorkerManagerBase& manager, PollObserver observer)
+    : WorkerBase(manager), observer_(std::move(observer)), maximumToGet_(ReadMaximumToGet()) {}
 
 GetterWorker::~GetterWorker() {
   Stop();
 }
 
 void GetterWorker::ProcessEntry(RouterTableEntry& entry) {
-  static std::atomic<bool> said{false};
-  if (said.exchange(true)) return;
-  LogWarning(
-      "Polling is not available in this version: the envelopes that %s and other passive suppliers "
-      "hold are not fetched\n",
-      entry.Name().c_str());
+  GetEntryGuard guard(entry, observer_);
+  try {
+    guard.Claim();
+    Poll(entry, guard);
+    guard.Succeeded();
+  } catch (const BrelixMessaging::NoEnvelope&) {
+    guard.Succeeded();
+  } catch (const BrelixMessaging::CertificateExpired& exception) {
+    LogCaughtCorbaException(kWorkerName, exception, "certificate expiry");
+  } catch (const CORBA::Exception& exception) {
+    LogCaughtCorbaException(kWorkerName, exception, "");
+  } catch (const std::exception& exception) {
+    LogCaughtException(kWorkerName, exception, "");
+  }
+}
+
+void GetterWorker::Poll(RouterTableEntry& entry, GetEntryGuard& guard) {
+  const RouterTableEntry::PeerReferences peer = entry.References();
+  // The references of a new session are not this claim's.
+  if (!guard.Acquired() || !guard.SameSession()) return;
+  if (CORBA::is_nil(peer.routerSupplier)) return;
+  const std::string name = entry.Name();
+  // A stop waits for this visit, and must not wait for all that a peer may have.
+  for (std::uint32_t count = 0;
+       !IsTerminated() && entry.IsLoggedOn() && guard.SameSession() && count < maximumToGet_;
+       ++count) {
+    Fetch(peer.routerSupplier.in(), entry, name, guard);
+  }
+}
+
+std::unique_ptr<WorkerBase> GetterWorkerFactory::Create(WorkerManagerBase& manager) {
+  return std::make_unique<GetterWorker>(manager, observer_);
 }
 
 }  // namespace MessageRouter

@@ -1,8 +1,8 @@
 #include "delivery/NotificationThresholdWorker.h"
 
-#include <atomic>
-
+#include "broker/CorbaExceptions.h"
 #include "logging/Log.h"
+#include "routing/Routing.h"
 
 namespace MessageRouter {
 
@@ -11,12 +11,24 @@ NotificationThresholdWorker::~NotificationThresholdWorker() {
 }
 
 void NotificationThresholdWorker::ProcessEntry(RouterTableEntry& entry) {
-  static std::atomic<bool> said{false};
-  if (said.exchange(true)) return;
-  LogWarning(
-      "Notification threshold calls are not available in this version: %s and other peers are not "
-      "asked\n",
-      entry.Name().c_str());
+  const RouterTableEntry::Claim claim = entry.NotificationRetryDue();
+  if (!claim.acquired) return;
+  const RouterTableEntry::PeerReferences peer = entry.References();
+  BrelixMessaging::NotifyConsumer_ptr notify = peer.notifyConsumer.in();
+  // The reference of a new session is not this claim's.
+  if (CORBA::is_nil(notify) || entry.Generation() != claim.generation) return;
+  const std::string name = entry.Name();
+  CORBA::Long threshold = 0;
+  try {
+    threshold = Broker::RepeatOnce([notify] { return notify->NotificationThreshold(); });
+  } catch (const CORBA::Exception&) {
+    LogDebug("Failed NotificationThreshold call to %s\n", name.c_str());
+    entry.ThresholdCallFailed(claim.generation);
+    return;
+  }
+  LogDebug("Successful NotificationThreshold call to %s\n", name.c_str());
+  entry.NotificationAccepted(claim.generation, threshold);
+  if (Routing* routing = Cycle::Current()) routing->Host().OfferToSenders(entry);
 }
 
 }  // namespace MessageRouter

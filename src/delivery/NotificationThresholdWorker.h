@@ -4,8 +4,9 @@
 
 namespace MessageRouter {
 
-// Asks a peer from which priority on it wants to be notified. Not available in this version: a
-// visit leaves the entry as it is, and the first one in the process says so.
+// Asks a peer that can be notified from which priority on it wants to be, which also shows whether
+// it can be reached. The senders then look whether something is worth a notification. A peer that
+// can't be reached is asked again after the entry's back-off.
 class NotificationThresholdWorker : public WorkerBase {
  public:
   explicit NotificationThresholdWorker(WorkerManagerBase& manager) : WorkerBase(manager) {}

@@ -60,7 +60,7 @@ void GetterThread::Offer(RouterTableEntry& entry) {
 }
 
 std::unique_ptr<WorkerFactoryBase> GetterThread::MakeFactory() {
-  return std::make_unique<GetterWorkerFactory>();
+  return std::make_unique<GetterWorkerFactory>(observer_);
 }
 
 TimeoutThread::TimeoutThread(RouterTable& table) : ScanThread("TimeoutThread", table) {}

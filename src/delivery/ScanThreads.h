@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
+#include "delivery/GetEntryGuard.h"
 #include "delivery/Workers.h"
 #include "routing/RouterTable.h"
 
@@ -46,9 +48,14 @@ class GetterThread : public ScanThread {
   // A poll at once, if the entry waits for its poll time. Any thread.
   void NotifiedPoll(RouterTableEntry& entry);
   void Offer(RouterTableEntry& entry);
+  // Before Start.
+  void SetPollObserver(PollObserver observer) { observer_ = std::move(observer); }
 
  protected:
   std::unique_ptr<WorkerFactoryBase> MakeFactory() override;
+
+ private:
+  PollObserver observer_;
 };
 
 // Retires envelopes that expired while nobody pushed them, and logs off routers that stopped

@@ -149,16 +149,21 @@ void SenderWorker::PutBack(const Visit& visit, const Envelope& envelope) {
 
 void SenderWorker::NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
                               BrelixMessaging::NotifyConsumer_ptr notify, const std::string& name) {
-  const RouterTableEntry::Claim claim = entry.NotificationWanted(session);
-  try {
-    for (bool again = claim.acquired; again; again = entry.NotificationFinished(claim.generation)) {
+  // Wanted anew each time, so that a second one runs in the same state as the first, and its
+  // failure counts.
+  for (bool again = true; again;) {
+    const RouterTableEntry::Claim claim = entry.NotificationWanted(session);
+    if (!claim.acquired) return;
+    try {
       LogDebug("Notifying %s\n", name.c_str());
       Broker::RepeatOnce([notify] { notify->Notify(); });
-      LogDebug("Successfully notified %s\n", name.c_str());
+    } catch (const CORBA::Exception&) {
+      LogDebug("Failed to notify %s\n", name.c_str());
+      entry.NotificationFailed(session);
+      return;
     }
-  } catch (const CORBA::Exception&) {
-    LogDebug("Failed to notify %s\n", name.c_str());
-    entry.NotificationFailed(claim.generation);
+    LogDebug("Successfully notified %s\n", name.c_str());
+    again = entry.NotificationFinished(session);
   }
 }
 

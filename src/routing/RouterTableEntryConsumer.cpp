@@ -118,10 +118,10 @@ void RouterTableEntry::ThresholdCallFailed(LogonGeneration generation) {
 bool RouterTableEntry::NotificationFinished(LogonGeneration generation) {
   WriteGuard guard(lock_);
   if (!guard || generation != generation_) return false;
-  TouchLastPullLocked();
-  if (!NotificationRunningLocked()) return false;
   const bool again = consumerState_ == kNotifyAgain;
-  consumerState_ = kNotified;
+  if (NotificationRunningLocked()) consumerState_ = kNotified;
+  // After the state: pulls don't count in the ones that a notification passes through.
+  TouchLastPullLocked();
   return again;
 }
 

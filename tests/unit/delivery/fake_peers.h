@@ -2,6 +2,7 @@
 
 #include <BrelixMessaging.h>
 
+#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
@@ -54,10 +55,43 @@ class FakeConsumer : public Skeleton, public Calls {
 using FakeClientConsumer = FakeConsumer<POA_BrelixMessaging::EnvelopeConsumer>;
 using FakeRouterConsumer = FakeConsumer<POA_BrelixMessaging::RouterConsumer>;
 
+// Notify is what counts as a call of it, unless a test looks at the threshold calls.
 class FakeNotifyConsumer : public POA_BrelixMessaging::NotifyConsumer, public Calls {
  public:
   void Notify() override { Called(); }
-  CORBA::Long NotificationThreshold() override { return 0; }
+  CORBA::Long NotificationThreshold() override {
+    thresholdCalls.Take();
+    return threshold;
+  }
+
+  struct ThresholdCalls : Calls {
+    void Take() { Called(); }
+  } thresholdCalls;
+  CORBA::Long threshold = 0;
+};
+
+// Holds envelopes until they are acknowledged. GetEnvelope is what counts as a call of it.
+class FakeRouterSupplier : public POA_BrelixMessaging::RouterSupplier, public Calls {
+ public:
+  BrelixMessaging::Envelope* GetEnvelope() override {
+    Called();
+    if (waiting.empty()) throw BrelixMessaging::NoEnvelope();
+    return new BrelixMessaging::Envelope(waiting.front());
+  }
+  void AcknowledgeEnvelope(const char* originator, BrelixMessaging::MessageId id) override {
+    acknowledgements.Take();
+    if (waiting.empty() || waiting.front().message_id != id ||
+        waiting.front().originator.in() != std::string(originator)) {
+      throw BrelixMessaging::NoEnvelope();
+    }
+    waiting.pop_front();
+  }
+  void Heartbeat() override {}
+
+  struct Acknowledgements : Calls {
+    void Take() { Called(); }
+  } acknowledgements;
+  std::deque<BrelixMessaging::Envelope> waiting;
 };
 
 // A peer's object while it lives: `servant` to look at, `reference` to log on with.
@@ -92,5 +126,6 @@ class Peer {
 using ClientPeer = Peer<FakeClientConsumer, BrelixMessaging::EnvelopeConsumer>;
 using RouterPeer = Peer<FakeRouterConsumer, BrelixMessaging::RouterConsumer>;
 using NotifyPeer = Peer<FakeNotifyConsumer, BrelixMessaging::NotifyConsumer>;
+using SupplierPeer = Peer<FakeRouterSupplier, BrelixMessaging::RouterSupplier>;
 
 }  // namespace DeliveryTests

@@ -1,8 +1,11 @@
 #include "delivery/ScanThreads.h"
 
 #include <chrono>
+#include <future>
 #include <thread>
+#include <utility>
 
+#include "delivery/NotificationThresholdWorker.h"
 #include "delivery/RouterThread.h"
 #include "delivery/TimeoutWorker.h"
 #include "fixture.h"
@@ -276,31 +279,38 @@ TEST_F(ScanTest, ActiveSupplierIsNeverPolled) {
   EXPECT_EQ(thread.Queued(), 0u);
 }
 
-TEST_F(ScanTest, PollIsSaidOnceToBeUnavailableAndLeavesTheEntryAlone) {
-  RouterTableEntry& entry = APolledRouter();
+TEST_F(ScanTest, ScanAndWorkersTogetherPollAPeerThatIsDueAndTellHowItWent) {
+  SupplierPeer peer;
+  RouterTableEntry& entry = ARouter("polled");
+  entry.LogonRouter(BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
+                    BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+  std::promise<std::pair<bool, bool>> poll;
   GetterThread thread(table);
+  thread.SetPollObserver([&poll](bool notified, bool got) { poll.set_value({notified, got}); });
   thread.Configure(3600, 2);
   thread.Start();
-  EXPECT_TRUE(Eventually([&] { return log.Contains("Polling is not available"); }));
-  thread.Offer(entry);
+  EXPECT_EQ(poll.get_future().get(), std::pair(false, false));
   thread.Stop();
-  EXPECT_EQ(log.Count("Polling is not available"), 1u);
-  EXPECT_TRUE(entry.IsLoggedOn());
-  EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollDue);
+  EXPECT_EQ(peer->count, 1);
+  EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollWaiting);
 }
 
 // What the notification threshold thread looks at.
-TEST_F(ScanTest, PeerInWaitingStateIsAddedAtEachScanAndNothingChanges) {
+TEST_F(ScanTest, PeerInTheWaitingStateWhoseTimeHasNotComeIsAddedAtEachScanAndNothingChanges) {
   Open<NotificationThresholdThread> thread(table);
   NotifyPeer peer;
   RouterTableEntry& entry = ANotifiedClient(peer);
   ASSERT_TRUE(entry.NotificationRetryDue().acquired);
   entry.NotificationFailed(entry.Generation());
   ASSERT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
-  thread.CheckEntry(entry);
-  thread.CheckEntry(entry);
-  EXPECT_EQ(thread.Queued(), 2u);
-  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
+  for (std::size_t scan = 1; scan <= 2; ++scan) {
+    thread.CheckEntry(entry);
+    EXPECT_EQ(thread.Queued(), scan);
+    MessageRouter::NotificationThresholdWorker worker(pool);
+    worker.ProcessEntry(entry);
+    EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
+  }
+  EXPECT_EQ(peer->thresholdCalls.count, 0);
   EXPECT_TRUE(
       log.Has(kLogDebug, "NotificationThresholdThread::CheckEntry() adding entry: agent\n"));
 }
@@ -320,19 +330,16 @@ TEST_F(ScanTest, PeerWithoutNotifierIsIgnoredByTheThresholdScan) {
   EXPECT_EQ(thread.Queued(), 0u);
 }
 
-TEST_F(ScanTest, ThresholdOfferNeedsNoScanAndIsSaidOnceToBeUnavailable) {
+TEST_F(ScanTest, ThresholdOfferNeedsNoScan) {
   NotifyPeer peer;
   RouterTableEntry& entry = ANotifiedClient(peer);
   NotificationThresholdThread thread(table);
   thread.Configure(3600, 1);
   thread.Start();
   thread.Offer(entry);
-  EXPECT_TRUE(
-      Eventually([&] { return log.Contains("Notification threshold calls are not available"); }));
-  thread.Offer(entry);
+  EXPECT_TRUE(Eventually([&] { return entry.GetConsumerState() == RouterTableEntry::kNotified; }));
   thread.Stop();
-  EXPECT_EQ(log.Count("Notification threshold calls are not available"), 1u);
-  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNothingSent);
+  EXPECT_EQ(peer->thresholdCalls.count, 1);
 }
 
 TEST_F(ScanTest, RouterThreadRoutesWhatIsQueuedUntilItIsStopped) {

@@ -63,6 +63,39 @@ TEST_F(SenderNotifyTest, EnvelopeThatArrivesAfterAnEmptyPullIsNotifiedOnceMore) 
   EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
 }
 
+TEST_F(SenderNotifyTest, FailureOfTheSecondNotificationIsRecorded) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->onCall = [&](int call) {
+    if (call > 1) {
+      EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotifying);
+      throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    }
+    entry.EnvelopePulledWithNothingThere();
+    EXPECT_FALSE(entry.NotificationWanted().acquired);
+  };
+  Visit(entry);
+  EXPECT_EQ(peer->count, 3);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
+  EXPECT_EQ(log.Count("Notifying agent"), 2u);
+  EXPECT_TRUE(log.Has(kLogDebug, "Failed to notify agent\n"));
+}
+
+TEST_F(SenderNotifyTest, EnvelopeThatIsFetchedBeforeTheSecondNotificationNeedsNone) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  Enqueue(entry, Stored(1));
+  peer->onCall = [&](int) {
+    entry.EnvelopePulledWithNothingThere();
+    EXPECT_FALSE(entry.NotificationWanted().acquired);
+    entry.TakeAll();
+  };
+  Visit(entry);
+  EXPECT_EQ(peer->count, 1);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
+}
+
 TEST_F(SenderNotifyTest, BusyRouterIsNotNotifiedInstead) {
   RouterPeer consumer;
   NotifyPeer notify;

@@ -185,6 +185,22 @@ TEST_F(EntryNotificationTest, ASilentActiveConsumerTimesOutAfterTheTimeAndNotAtI
   EXPECT_FALSE(peer_.PullTimedOut());
 }
 
+TEST_F(EntryNotificationTest,
+       AFinishedNotificationCountsAsASignOfLifeWhateverThePeerPulledMeanwhile) {
+  for (const bool pulledEmpty : {false, true}) {
+    const auto generation = Begin();
+    if (pulledEmpty) {
+      peer_.EnvelopePulledWithNothingThere();
+      peer_.TouchLastPull();
+    }
+    clock_.Advance(seconds(1801));
+    peer_.NotificationFinished(generation);
+    EXPECT_FALSE(peer_.PullTimedOut());
+    clock_.Advance(seconds(1801));
+    EXPECT_TRUE(peer_.PullTimedOut()) << pulledEmpty;
+  }
+}
+
 TEST_F(EntryNotificationTest, AClientNeverTimesOut) {
   Entry& client = AClient("agent");
   LogonPulling(client);
