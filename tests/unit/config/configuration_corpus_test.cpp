@@ -11,7 +11,7 @@ namespace {
 
 TEST(ConfigurationFileCorpus, RunsThroughTheFuzzTarget) {
   const auto corpus =
-      std::filesystem::path(__FILE__).parent_path() / "../../fuzz/corpus/configuration_file";
+      std::filesystem::path(BRELIX_CORPUS) / "configuration_file";
   unsigned inputs = 0;
   for (const auto& file : std::filesystem::directory_iterator(corpus)) {
     std::ifstream stream(file.path(), std::ios::binary);

@@ -11,7 +11,7 @@
 namespace {
 
 std::vector<std::string> Corpus() {
-  const auto folder = std::filesystem::path(__FILE__).parent_path() / "../../fuzz/corpus/ior";
+  const auto folder = std::filesystem::path(BRELIX_CORPUS) / "ior";
   std::vector<std::string> inputs;
   for (const auto& file : std::filesystem::directory_iterator(folder)) {
     std::ifstream stream(file.path(), std::ios::binary);
