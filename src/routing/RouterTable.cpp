@@ -61,18 +61,22 @@ bool RouterTable::IsClosed() const {
 }
 
 void RouterTable::Register(const std::string& name, bool isRouter) {
-  const RouterTableEntry* known = Find(name);
-  if (known != nullptr && known->IsRegistered()) throw BrelixMessaging::AlreadyRegistered();
-  WriteGuard guard(mutex_);
-  if (!guard) return;
-  if (closed_) throw BrelixMessaging::Rejected();
-  RouterTableEntry* entry = FindLocked(name);
-  if (entry == nullptr) {
-    entry = &AddLocked(name, isRouter, false);
-  } else if (entry->IsRegistered()) {
-    throw BrelixMessaging::AlreadyRegistered();
+  RouterTableEntry* entry = Find(name);
+  if (entry != nullptr && entry->IsRegistered()) throw BrelixMessaging::AlreadyRegistered();
+  RouterTableEntry::Dismissed dismissed;
+  {
+    WriteGuard guard(mutex_);
+    if (!guard) return;
+    if (closed_) throw BrelixMessaging::Rejected();
+    entry = FindLocked(name);
+    if (entry == nullptr) {
+      entry = &AddLocked(name, isRouter, false);
+    } else if (entry->IsRegistered()) {
+      throw BrelixMessaging::AlreadyRegistered();
+    }
+    entry->MarkRegistered(isRouter, dismissed);
   }
-  entry->MarkRegistered(isRouter);
+  entry->Finish(dismissed);
 }
 
 void RouterTable::Unregister(const std::string& name) {
@@ -118,42 +122,42 @@ void RouterTable::SetParentName(const std::string& name) {
   RouteAnew(leftovers);
 }
 
-bool RouterTable::ReuseFreeEntry(const std::vector<RouterTableEntry*>& free,
-                                 const std::string& name) {
-  std::vector<Envelope> leftovers;
-  bool reused = false;
-  {
-    WriteGuard guard(mutex_);
-    if (!guard || closed_) return false;
-    if (FindLocked(name) != nullptr) return true;
-    for (RouterTableEntry* entry : free) {
-      const std::string former = entry->Name();
-      if (!entry->TakeOver(name, leftovers)) continue;
-      rows_.erase(former);
-      rows_[name] = entry;
-      reused = true;
-      break;
-    }
+bool RouterTable::ReuseFreeEntryLocked(const std::vector<RouterTableEntry*>& free,
+                                       const std::string& name, std::vector<Envelope>& leftovers) {
+  for (RouterTableEntry* entry : free) {
+    const std::string former = entry->Name();
+    if (!entry->TakeOver(name, leftovers)) continue;
+    rows_.erase(former);
+    rows_[name] = entry;
+    return true;
   }
-  RouteAnew(leftovers);
-  return reused;
+  return false;
 }
 
 void RouterTable::AddCertificationEntry(const std::string& name) {
-  if (Find(name) != nullptr) return;
-  FindFreeEntries entries;
-  Scan(entries);
-  if (ReuseFreeEntry(entries.Free(), name)) return;
   const std::uint32_t limit = GetConfigInt("ActiveCertificationLogonLimit", 0);
-  if (limit != 0 && entries.Active() >= limit) return;
-  WriteGuard guard(mutex_);
-  if (!guard || closed_ || FindLocked(name) != nullptr) return;
-  AddLocked(name, false, false);
+  std::vector<Envelope> leftovers;
+  {
+    // One step, so that of many newcomers at once no more get in than the limit allows.
+    WriteGuard guard(mutex_);
+    if (!guard || closed_ || FindLocked(name) != nullptr) return;
+    FindFreeEntries entries;
+    ScanLocked(entries);
+    if (!ReuseFreeEntryLocked(entries.Free(), name, leftovers)) {
+      if (limit != 0 && entries.Active() >= limit) return;
+      AddLocked(name, false, false);
+    }
+  }
+  RouteAnew(leftovers);
 }
 
 void RouterTable::Scan(FunctionClassBase& function) const {
   ReadGuard guard(mutex_);
-  if (!guard || closed_) return;
+  if (guard) ScanLocked(function);
+}
+
+void RouterTable::ScanLocked(FunctionClassBase& function) const {
+  if (closed_) return;
   for (const auto& [name, entry] : rows_) function(name, *entry);
 }
 

@@ -54,8 +54,8 @@ class RouterTable {
   void Unregister(const std::string& name);  // throws NotRegistered
   void AddParent(const std::string& name);
   void SetParentName(const std::string& name);
-  // Makes room for a peer that wants a certificate before it is registered. Nothing happens where
-  // the limit of such peers is reached.
+  // Makes room for a peer that wants a certificate before it is registered; LogonCertification must
+  // follow. Nothing happens where the limit of such peers is reached.
   void AddCertificationEntry(const std::string& name);
 
   // Opens the table and fills it from the file; a damaged line ends the reading with one warning.
@@ -86,8 +86,10 @@ class RouterTable {
   RouterTableEntry* FindLocked(const std::string& name) const REQUIRES_SHARED(mutex_);
   RouterTableEntry& AddLocked(const std::string& name, bool isRouter, bool isParent)
       REQUIRES(mutex_);
+  void ScanLocked(FunctionClassBase& function) const REQUIRES_SHARED(mutex_);
   // True if one of the free entries has taken the name.
-  bool ReuseFreeEntry(const std::vector<RouterTableEntry*>& free, const std::string& name);
+  bool ReuseFreeEntryLocked(const std::vector<RouterTableEntry*>& free, const std::string& name,
+                            std::vector<Envelope>& leftovers) REQUIRES(mutex_);
   void RouteAnew(std::vector<Envelope>& envelopes) const;
   void PeerLoggedOff(const std::string& name, bool isRouter) const;
 

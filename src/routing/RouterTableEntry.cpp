@@ -32,6 +32,13 @@ std::string RouterTableEntry::Name() const {
   return guard ? name_ : std::string();
 }
 
+std::optional<RouterTableEntry::Standing> RouterTableEntry::StandingOf(
+    const std::string& name) const {
+  ReadGuard guard(lock_);
+  if (!guard || !BelongsToLocked(name)) return std::nullopt;
+  return Standing{IsLoggedOn(), IsRouter()};
+}
+
 bool RouterTableEntry::IsRegistered() const {
   return registered_;
 }
@@ -89,10 +96,13 @@ bool RouterTableEntry::HasNotifyConsumer() const {
   return hasNotifyConsumer_;
 }
 
+bool RouterTableEntry::BelongsToLocked(const std::string& name) const {
+  return !detached_ && (isParent_ || name == name_);
+}
+
 // The parent takes what is sent up even while its name is not registered.
 bool RouterTableEntry::RoutableLocked(const std::string& name) const {
-  // The parent is the parent under whatever name it was reached.
-  return !detached_ && (isParent_ || (name == name_ && IsRoutable()));
+  return BelongsToLocked(name) && (isParent_ || IsRoutable());
 }
 
 bool RouterTableEntry::Enqueue(const Envelope& envelope, const std::string& name) {
@@ -126,26 +136,42 @@ bool RouterTableEntry::PopNext(Envelope& out, LogonGeneration session) {
   return guard && generation_ == session && envelopes_.PopNext(out);
 }
 
-bool RouterTableEntry::PeekNext(Envelope& out) {
+bool RouterTableEntry::PeekNext(Envelope& out, const std::string& name) {
   WriteGuard guard(lock_);
-  const Envelope* next = guard ? envelopes_.Next() : nullptr;
+  if (!guard) return false;
+  if (!BelongsToLocked(name)) throw BrelixMessaging::Rejected();
+  const Envelope* next = envelopes_.Next();
   if (next == nullptr) return false;
   out = *next;
   return true;
 }
 
-void RouterTableEntry::PeekCertification(Envelope& out) {
+void RouterTableEntry::PeekCertification(Envelope& out, const std::string& name) {
   WriteGuard guard(lock_);
-  const Envelope* next = guard ? envelopes_.NextCertification() : nullptr;
+  if (!guard) throw NoCertificationMessage();
+  if (!BelongsToLocked(name)) throw BrelixMessaging::Rejected();
+  const Envelope* next = envelopes_.NextCertification();
   if (next == nullptr) throw NoCertificationMessage();
   out = *next;
 }
 
 bool RouterTableEntry::Cancel(const std::string& originator, std::uint32_t messageId) {
+  return CancelFor(nullptr, originator, messageId);
+}
+
+bool RouterTableEntry::Cancel(const std::string& originator, std::uint32_t messageId,
+                              const std::string& name) {
+  return CancelFor(&name, originator, messageId);
+}
+
+bool RouterTableEntry::CancelFor(const std::string* name, const std::string& originator,
+                                 std::uint32_t messageId) {
   Envelope cancelled;
   {
     WriteGuard guard(lock_);
-    if (!guard || !envelopes_.Take(originator, messageId, cancelled)) return false;
+    if (!guard) return false;
+    if (name != nullptr && !BelongsToLocked(*name)) throw BrelixMessaging::Rejected();
+    if (!envelopes_.Take(originator, messageId, cancelled)) return false;
   }
   cancelled.Retire();
   return true;
@@ -181,14 +207,18 @@ bool RouterTableEntry::PopUnroutable(Envelope& out) {
 }
 
 void RouterTableEntry::MarkRegistered(bool isRouter) {
+  Dismissed dismissed;
+  MarkRegistered(isRouter, dismissed);
+  Finish(dismissed);
+}
+
+void RouterTableEntry::MarkRegistered(bool isRouter, Dismissed& dismissed) {
   WriteGuard guard(lock_);
   if (!guard || detached_) return;
-  // Whoever is logged on for certification is not logged on any more.
-  ++generation_;
-  isRouter_ = isRouter;
-  supplierState_ = kNoSupplier;
-  consumerState_ = kNothingSent;
+  // Whoever is logged on for certification is not logged on any more, and its objects go.
+  if (IsLoggedOn()) ResetLocked(dismissed);
   logonState_ = kLoggedOff;
+  isRouter_ = isRouter;
   registered_ = true;
 }
 

@@ -74,6 +74,11 @@ class RouterTableEntry {
     bool acquired = false;
     LogonGeneration generation = 0;
   };
+  // What a caller may do here.
+  struct Standing {
+    bool loggedOn = false;
+    bool isRouter = false;
+  };
   struct PeerReferences {
     BrelixMessaging::RouterConsumer_var routerConsumer;
     BrelixMessaging::EnvelopeConsumer_var messageConsumer;
@@ -89,6 +94,8 @@ class RouterTableEntry {
 
   // Queries. Those of the flags and states read atomics.
   std::string Name() const;  // copied out under the lock
+  // Of the peer of that name; nothing if the entry is not, or no longer, this peer's.
+  std::optional<Standing> StandingOf(const std::string& name) const;
   bool IsRegistered() const;
   bool IsParent() const;
   bool IsRouter() const;
@@ -110,10 +117,14 @@ class RouterTableEntry {
   bool PopNext(Envelope& out);
   // The same, for a sender of that session: nothing is taken once it is over.
   bool PopNext(Envelope& out, LogonGeneration session);
-  bool PeekNext(Envelope& out);
-  void PeekCertification(Envelope& out);  // throws NoCertificationMessage
+  // For the peer of that name, as is the second Cancel: they throw Rejected if the entry is no
+  // longer this peer's.
+  bool PeekNext(Envelope& out, const std::string& name);
+  // Throws NoCertificationMessage too.
+  void PeekCertification(Envelope& out, const std::string& name);
   // Retires the envelope with that id and exactly that originator. False if there is none.
   bool Cancel(const std::string& originator, std::uint32_t messageId);
+  bool Cancel(const std::string& originator, std::uint32_t messageId, const std::string& name);
   // Reports and retires all that have expired.
   void RetireExpired();
   // Empties the queue without retiring anything.
@@ -123,18 +134,24 @@ class RouterTableEntry {
   void MarkRegistered(bool isRouter);
   void MarkUnregistered();
 
+  // `name` is whose logon or logoff it is: an entry that has become another peer's since it was
+  // found is left alone.
   // Logons throw BrelixMessaging::NotRegistered. With `loggingOn` false the entry is restored from
   // the table file, and no objects are activated.
-  LocalPeerObjects LogonClient(BrelixMessaging::EnvelopeConsumer_ptr consumer,
+  LocalPeerObjects LogonClient(const std::string& name,
+                               BrelixMessaging::EnvelopeConsumer_ptr consumer,
                                BrelixMessaging::NotifyConsumer_ptr notify, std::int32_t threshold,
                                bool loggingOn);
-  LocalPeerObjects LogonRouter(BrelixMessaging::RouterConsumer_ptr consumer,
+  LocalPeerObjects LogonRouter(const std::string& name,
+                               BrelixMessaging::RouterConsumer_ptr consumer,
                                BrelixMessaging::RouterSupplier_ptr supplier,
                                BrelixMessaging::NotifyConsumer_ptr notify, std::int32_t threshold,
                                bool loggingOn);
-  // Throws AlreadyLoggedOn if the name is logged on as a client or router.
+  // Throws AlreadyLoggedOn if the name is logged on as a client or router. A reservation ends here,
+  // whatever comes of it.
   LocalPeerObjects LogonCertification(const std::string& name);
-  // Throws NotRegistered, NotLoggedOn.
+  // Both throw NotRegistered and NotLoggedOn.
+  void Logoff(const std::string& name);
   void Logoff();
   // As Logoff, but does nothing if that session is over. Returns whether it was this session's.
   bool LogoffSession(LogonGeneration generation);
@@ -201,9 +218,13 @@ class RouterTableEntry {
   void ResetLocked(Dismissed& dismissed) REQUIRES(lock_);
   // Deactivates and tells the parent logon; swallows what fails on the way.
   void Finish(Dismissed& dismissed);
+  // The parent's entry is the parent's under whatever name it was found.
+  bool BelongsToLocked(const std::string& name) const REQUIRES_SHARED(lock_);
   bool RoutableLocked(const std::string& name) const REQUIRES_SHARED(lock_);
 
-  // Both return whether the entry was registered; the caller runs Finish when it holds no lock.
+  // The caller runs Finish when it holds no lock. The second returns whether the entry was
+  // registered.
+  void MarkRegistered(bool isRouter, Dismissed& dismissed);
   bool MarkUnregistered(Dismissed& dismissed);
   // The table forgets this entry: it takes nothing from here on, and nobody can log on to it.
   void Detach(Dismissed& dismissed, std::vector<Envelope>& leftovers);
@@ -213,11 +234,13 @@ class RouterTableEntry {
   // Pops only while the entry takes no envelopes under its name.
   bool PopUnroutable(Envelope& out);
 
-  LocalPeerObjects LogonPeer(bool isRouter, PeerReferences& references, std::int32_t threshold,
-                             bool loggingOn);
+  // A null name is anybody's.
+  bool CancelFor(const std::string* name, const std::string& originator, std::uint32_t messageId);
+  LocalPeerObjects LogonPeer(const std::string& name, bool isRouter, PeerReferences& references,
+                             std::int32_t threshold, bool loggingOn);
   void ActivateObjects(bool isRouter, const PeerReferences& references, LocalPeerObjects& objects);
   // After a failed activation: the old session is gone, as if it had been reset first.
-  void AbandonLogon(LogonGeneration before);
+  void AbandonLogon(const std::string& name, LogonGeneration before);
   std::string ApplyReferencesLocked(std::int32_t threshold, const Thresholds& thresholds)
       REQUIRES(lock_);
   void LogoffLocked(Dismissed& dismissed, LogoffNotice& notice) REQUIRES(lock_);

@@ -76,28 +76,30 @@ void RouterTableEntry::Finish(Dismissed& dismissed) {
 }
 
 RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonClient(
-    BrelixMessaging::EnvelopeConsumer_ptr consumer, BrelixMessaging::NotifyConsumer_ptr notify,
-    std::int32_t threshold, bool loggingOn) {
+    const std::string& name, BrelixMessaging::EnvelopeConsumer_ptr consumer,
+    BrelixMessaging::NotifyConsumer_ptr notify, std::int32_t threshold, bool loggingOn) {
   PeerReferences references;
   references.messageConsumer = BrelixMessaging::EnvelopeConsumer::_duplicate(consumer);
   references.notifyConsumer = BrelixMessaging::NotifyConsumer::_duplicate(notify);
-  return LogonPeer(false, references, threshold, loggingOn);
+  return LogonPeer(name, false, references, threshold, loggingOn);
 }
 
 RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonRouter(
-    BrelixMessaging::RouterConsumer_ptr consumer, BrelixMessaging::RouterSupplier_ptr supplier,
-    BrelixMessaging::NotifyConsumer_ptr notify, std::int32_t threshold, bool loggingOn) {
+    const std::string& name, BrelixMessaging::RouterConsumer_ptr consumer,
+    BrelixMessaging::RouterSupplier_ptr supplier, BrelixMessaging::NotifyConsumer_ptr notify,
+    std::int32_t threshold, bool loggingOn) {
   PeerReferences references;
   references.routerConsumer = BrelixMessaging::RouterConsumer::_duplicate(consumer);
   references.routerSupplier = BrelixMessaging::RouterSupplier::_duplicate(supplier);
   references.notifyConsumer = BrelixMessaging::NotifyConsumer::_duplicate(notify);
-  return LogonPeer(true, references, threshold, loggingOn);
+  return LogonPeer(name, true, references, threshold, loggingOn);
 }
 
 // Two logons at once both activate; the lock orders them, the last one wins, and its reset
-// deactivates the objects of the other. A peer that is unregistered meanwhile is found out under
-// the lock, and its objects go.
-RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(bool isRouter,
+// deactivates the objects of the other. A peer that is unregistered meanwhile, and may have lost
+// its entry to another, is found out under the lock, and its objects go.
+RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(const std::string& name,
+                                                               bool isRouter,
                                                                PeerReferences& references,
                                                                std::int32_t threshold,
                                                                bool loggingOn) {
@@ -108,21 +110,21 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(bool isRouter,
     try {
       ActivateObjects(isRouter, references, pending.objects);
     } catch (...) {
-      AbandonLogon(before);
+      AbandonLogon(name, before);
       throw;
     }
   }
   const Thresholds thresholds = host_.GetThresholds();
   LocalPeerObjects activated;
   Dismissed dismissed;
-  std::string name;
+  std::string shownName;
   std::string description;
   std::uint32_t pollInterval = 0;
   bool polled = false;
   {
     WriteGuard guard(lock_);
     if (!guard) return activated;
-    if (!registered_) throw BrelixMessaging::NotRegistered();
+    if (!registered_ || !BelongsToLocked(name)) throw BrelixMessaging::NotRegistered();
     ResetLocked(dismissed);
     isRouter_ = isRouter;
     Move(references.routerConsumer, references_.routerConsumer);
@@ -134,7 +136,7 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(bool isRouter,
     description = ApplyReferencesLocked(threshold, thresholds);
     logonState_ = kLoggedOn;
     if (isRouter) TouchLastPullLocked();
-    name = name_;
+    shownName = name_;
     polled = supplierState_ == kPollWaiting;
     pollInterval = pollInterval_;
   }
@@ -142,11 +144,11 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(bool isRouter,
   if (polled) {
     LogDebug(
         "RouterTableEntry::unsafe_enablePolling(): set polling interval to %u seconds for %s\n",
-        pollInterval, name.c_str());
+        pollInterval, shownName.c_str());
   }
   if (isRouter) {
     LogInfo("RouterTableEntry state (%srouter, %s): %s is %s\n", "",
-            loggingOn ? "logging on" : "restoring", name.c_str(), description.c_str());
+            loggingOn ? "logging on" : "restoring", shownName.c_str(), description.c_str());
   }
   return activated;
 }
@@ -170,11 +172,11 @@ void RouterTableEntry::ActivateObjects(bool isRouter, const PeerReferences& refe
   }
 }
 
-void RouterTableEntry::AbandonLogon(LogonGeneration before) {
+void RouterTableEntry::AbandonLogon(const std::string& name, LogonGeneration before) {
   Dismissed dismissed;
   {
     WriteGuard guard(lock_);
-    if (!guard || generation_ != before) return;
+    if (!guard || generation_ != before || !BelongsToLocked(name)) return;
     ResetLocked(dismissed);
   }
   Finish(dismissed);
@@ -214,7 +216,7 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonCertification(const st
     pending.objects.supplier = factory.CreateCertSupplier(name);
     pending.objects.consumer = factory.CreateCertConsumer(name);
   } catch (...) {
-    AbandonLogon(before);
+    AbandonLogon(name, before);
     throw;
   }
   LocalPeerObjects activated;
@@ -251,16 +253,21 @@ void RouterTableEntry::AnnounceLogoff(const LogoffNotice& notice) {
   if (notice.due) table_.PeerLoggedOff(notice.name, notice.isRouter);
 }
 
-void RouterTableEntry::Logoff() {
+void RouterTableEntry::Logoff(const std::string& name) {
   Dismissed dismissed;
   LogoffNotice notice;
   {
     WriteGuard guard(lock_);
     if (!guard) return;
+    if (!BelongsToLocked(name)) throw BrelixMessaging::NotRegistered();
     LogoffLocked(dismissed, notice);
   }
   AnnounceLogoff(notice);
   Finish(dismissed);
+}
+
+void RouterTableEntry::Logoff() {
+  Logoff(Name());
 }
 
 bool RouterTableEntry::LogoffSession(LogonGeneration generation) {

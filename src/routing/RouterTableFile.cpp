@@ -117,26 +117,28 @@ void RouterTable::Restore(const RegEntry& record) {
       case RegEntry::kClientConsumer: {
         const BrelixMessaging::EnvelopeConsumer_var consumer =
             BrelixMessaging::EnvelopeConsumer::_unchecked_narrow(object);
-        entry->LogonClient(consumer, BrelixMessaging::NotifyConsumer::_nil(), 0, false);
+        entry->LogonClient(record.name, consumer, BrelixMessaging::NotifyConsumer::_nil(), 0,
+                           false);
         break;
       }
       case RegEntry::kRouterConsumer: {
         const BrelixMessaging::RouterConsumer_var consumer =
             BrelixMessaging::RouterConsumer::_unchecked_narrow(object);
-        entry->LogonRouter(consumer, BrelixMessaging::RouterSupplier::_nil(),
+        entry->LogonRouter(record.name, consumer, BrelixMessaging::RouterSupplier::_nil(),
                            BrelixMessaging::NotifyConsumer::_nil(), 0, false);
         break;
       }
       case RegEntry::kClientNotify: {
         const BrelixMessaging::NotifyConsumer_var notify =
             BrelixMessaging::NotifyConsumer::_unchecked_narrow(object);
-        entry->LogonClient(BrelixMessaging::EnvelopeConsumer::_nil(), notify, 0, false);
+        entry->LogonClient(record.name, BrelixMessaging::EnvelopeConsumer::_nil(), notify, 0,
+                           false);
         break;
       }
       case RegEntry::kRouterNotify: {
         const BrelixMessaging::NotifyConsumer_var notify =
             BrelixMessaging::NotifyConsumer::_unchecked_narrow(object);
-        entry->LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+        entry->LogonRouter(record.name, BrelixMessaging::RouterConsumer::_nil(),
                            BrelixMessaging::RouterSupplier::_nil(), notify, 0, false);
         break;
       }

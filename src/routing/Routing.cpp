@@ -233,7 +233,7 @@ RouterTableEntry::LocalPeerObjects Routing::LogonClientPeer(
     const std::string& name, BrelixMessaging::EnvelopeConsumer_ptr consumer,
     BrelixMessaging::NotifyConsumer_ptr notify, std::int32_t threshold) {
   RouterTableEntry& entry = FindForLogon(name);
-  const auto activated = entry.LogonClient(consumer, notify, threshold, true);
+  const auto activated = entry.LogonClient(name, consumer, notify, threshold, true);
   table_.WriteTable(false);
   OfferForDelivery(entry);
   clientUpdateNotifier_.Logon(name);
@@ -245,7 +245,7 @@ RouterTableEntry::LocalPeerObjects Routing::LogonRouterPeer(
     BrelixMessaging::RouterSupplier_ptr supplier, BrelixMessaging::NotifyConsumer_ptr notify,
     std::int32_t threshold) {
   RouterTableEntry& entry = FindForLogon(name);
-  const auto activated = entry.LogonRouter(consumer, supplier, notify, threshold, true);
+  const auto activated = entry.LogonRouter(name, consumer, supplier, notify, threshold, true);
   table_.WriteTable(false);
   if (entry.readyForNotifiedPoll()) host_.OfferToPoller(entry);
   OfferForDelivery(entry);
@@ -254,7 +254,7 @@ RouterTableEntry::LocalPeerObjects Routing::LogonRouterPeer(
 }
 
 void Routing::LogoffPeer(const std::string& name) {
-  FindForLogon(name).Logoff();
+  FindForLogon(name).Logoff(name);
 }
 
 void Routing::OfferForDelivery(RouterTableEntry& entry) {

@@ -34,9 +34,10 @@ Caller Caller::LoggedOn() {
   std::string name = CallerName();
   Routing& routing = RunningRouting();
   RouterTableEntry* entry = routing.Table().Find(name);
-  if (entry == nullptr) throw BrelixMessaging::Rejected();
-  if (!entry->IsLoggedOn()) throw BrelixMessaging::NotLoggedOn();
-  return {routing, *entry, std::move(name)};
+  const auto standing = entry == nullptr ? std::nullopt : entry->StandingOf(name);
+  if (!standing) throw BrelixMessaging::Rejected();
+  if (!standing->loggedOn) throw BrelixMessaging::NotLoggedOn();
+  return {routing, *entry, std::move(name), standing->isRouter};
 }
 
 RouterTableEntry* FindEntry(const std::string& name) {

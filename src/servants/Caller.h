@@ -24,8 +24,10 @@ struct Caller {
   static Caller LoggedOn();
 
   MessageRouter::Routing& routing;
+  // May have become another peer's since: what matters asks for the name once more.
   MessageRouter::RouterTableEntry& entry;
   std::string name;
+  bool isRouter;
 };
 
 // A caller's entry, logged on or not; null for a stranger, and while no cycle runs.

@@ -20,12 +20,13 @@ using MessageRouter::RouterTableEntry;
 namespace {
 
 // A copy of the caller's next envelope.
-void PeekFor(RouterTableEntry& entry, Envelope& envelope) {
-  if (entry.PeekNext(envelope)) return;
+void PeekFor(const Caller& caller, Envelope& envelope) {
+  RouterTableEntry& entry = caller.entry;
+  if (entry.PeekNext(envelope, caller.name)) return;
   // From here on a newcomer causes another notification; one that came just before does not, so it
   // is looked for once more.
   entry.EnvelopePulledWithNothingThere();
-  if (entry.PeekNext(envelope)) return;
+  if (entry.PeekNext(envelope, caller.name)) return;
   LogTrace("EnvelopeSupplier::GetEnvelope() - no envelope to supply for %s\n",
            entry.Name().c_str());
   throw BrelixMessaging::NoEnvelope();
@@ -39,7 +40,7 @@ BrelixMessaging::Envelope* EnvelopeSupplier_i::GetEnvelope() {
     try {
       const Caller caller = Caller::LoggedOn();
       caller.entry.TouchLastPull();
-      PeekFor(caller.entry, envelope);
+      PeekFor(caller, envelope);
       BrelixMessaging::Envelope_var wire = envelope.ToWire(isRouterSupplier_);
       if (MessageRouter::LogEnabled(MessageRouter::kLogInfo)) {
         LogInfo("Supplying message (%s) to %s\n", envelope.DescribeShort().c_str(),
@@ -80,10 +81,10 @@ void EnvelopeSupplier_i::Acknowledge(const char* originator, BrelixMessaging::Me
     const Caller caller = Caller::LoggedOn();
     caller.entry.TouchLastPull();
     const auto id = static_cast<std::uint32_t>(messageId);
-    if (caller.entry.Cancel(originator, id)) return;
+    if (caller.entry.Cancel(originator, id, caller.name)) return;
     // A router hands back the form that it was given; the queue holds the stored one.
     if (isRouterSupplier_ &&
-        caller.entry.Cancel(MessageRouter::StripRouterPrefix(originator), id)) {
+        caller.entry.Cancel(MessageRouter::StripRouterPrefix(originator), id, caller.name)) {
       return;
     }
     throw BrelixMessaging::NoEnvelope();

@@ -12,7 +12,7 @@ void RouterConsumer_i::SendEnvelope(const BrelixMessaging::Envelope& wire) {
     const Caller caller = Caller::LoggedOn();
     // A neighbour states who sent the message and with what certificate. A client that has guessed
     // the reference of a neighbour's object must not: it would gain any role.
-    if (!caller.entry.IsRouter()) throw BrelixMessaging::Rejected();
+    if (!caller.isRouter) throw BrelixMessaging::Rejected();
     caller.entry.TouchLastPull();
     MessageRouter::Envelope envelope;
     envelope.CreateFromRouter(wire, caller.entry.IsParent());

@@ -66,18 +66,20 @@ class DeliveryTest : public testing::Test {
   }
   RouterTableEntry& APushedRouter(RouterPeer& peer, const std::string& name = "child") {
     RouterTableEntry& entry = ARouter(name);
-    entry.LogonRouter(peer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
+    entry.LogonRouter(entry.Name(), peer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
                       BrelixMessaging::NotifyConsumer::_nil(), 0, true);
     return entry;
   }
   RouterTableEntry& ANotifiedClient(NotifyPeer& peer, std::int32_t threshold = 0,
                                     const std::string& name = "agent") {
     RouterTableEntry& entry = AClient(name);
-    entry.LogonClient(BrelixMessaging::EnvelopeConsumer::_nil(), peer.Reference(), threshold, true);
+    entry.LogonClient(entry.Name(), BrelixMessaging::EnvelopeConsumer::_nil(), peer.Reference(),
+                      threshold, true);
     return entry;
   }
   static void Logon(RouterTableEntry& entry, ClientPeer& peer) {
-    entry.LogonClient(peer.Reference(), BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+    entry.LogonClient(entry.Name(), peer.Reference(), BrelixMessaging::NotifyConsumer::_nil(), 0,
+                      true);
   }
 
   // An envelope with a file that is only good for being removed.

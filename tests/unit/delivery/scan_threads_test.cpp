@@ -50,7 +50,7 @@ class ScanTest : public DeliveryTest {
   // A child router that fetches for itself.
   RouterTableEntry& APullingRouter(const std::string& name = "child") {
     RouterTableEntry& entry = ARouter(name);
-    entry.LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+    entry.LogonRouter(entry.Name(), BrelixMessaging::RouterConsumer::_nil(),
                       BrelixMessaging::RouterSupplier::_nil(),
                       BrelixMessaging::NotifyConsumer::_nil(), 0, true);
     return entry;
@@ -59,7 +59,7 @@ class ScanTest : public DeliveryTest {
   RouterTableEntry& APolledRouter() {
     RouterTableEntry& entry = ARouter("polled");
     supplier = TestSupport::AReferenceTo<BrelixMessaging::RouterSupplier>("polled");
-    entry.LogonRouter(BrelixMessaging::RouterConsumer::_nil(), supplier,
+    entry.LogonRouter(entry.Name(), BrelixMessaging::RouterConsumer::_nil(), supplier,
                       BrelixMessaging::NotifyConsumer::_nil(), 0, true);
     return entry;
   }
@@ -204,7 +204,7 @@ TEST_F(ScanTest, RouterThatPulledMeanwhileStaysLoggedOn) {
 
 TEST_F(ScanTest, ClientThatPullsAndStaysSilentStaysLoggedOn) {
   RouterTableEntry& entry = AClient();
-  entry.LogonClient(BrelixMessaging::EnvelopeConsumer::_nil(),
+  entry.LogonClient(entry.Name(), BrelixMessaging::EnvelopeConsumer::_nil(),
                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   Open<TimeoutThread> thread(table);
   clock.Advance(std::chrono::seconds(1801));
@@ -218,7 +218,7 @@ TEST_F(ScanTest, LogoffThatRaisesIsLoggedAndCostsTheVisitAlone) {
   table.AddParent("boss");
   RouterTableEntry& parent = *table.Parent();
   parent.MarkRegistered(true);
-  parent.LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+  parent.LogonRouter(parent.Name(), BrelixMessaging::RouterConsumer::_nil(),
                      BrelixMessaging::RouterSupplier::_nil(),
                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   host.onParentLinkLost = [] { throw BrelixMessaging::NotLoggedOn(); };

@@ -55,7 +55,7 @@ TEST_F(SendMonitorTest, VisitToABusyParentCounts) {
   Monitor();
   RouterPeer peer;
   RouterTableEntry& parent = AParent();
-  parent.LogonRouter(peer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
+  parent.LogonRouter(parent.Name(), peer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   MakeBusy(parent);
   Visit(parent);
@@ -78,7 +78,7 @@ TEST_F(SendMonitorTest, ParentWithoutRouterConsumerIsNotMonitored) {
   Monitor();
   NotifyPeer peer;
   RouterTableEntry& parent = AParent();
-  parent.LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+  parent.LogonRouter(parent.Name(), BrelixMessaging::RouterConsumer::_nil(),
                      BrelixMessaging::RouterSupplier::_nil(), peer.Reference(), 0, true);
   Visit(parent);
   EXPECT_EQ(Failures(), 0u);
@@ -215,7 +215,7 @@ TEST_F(SendMonitorTest, LockThatFailsCountsNothing) {
 TEST_F(SendMonitorTest, LogoffThatRaisesIsLoggedAndTheWorkerGoesOn) {
   RouterPeer peer;
   RouterTableEntry& parent = AParent();
-  parent.LogonRouter(peer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
+  parent.LogonRouter(parent.Name(), peer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   Enqueue(parent, Stored(1));
   peer->UnreachableFor(2);

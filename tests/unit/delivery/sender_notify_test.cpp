@@ -100,7 +100,7 @@ TEST_F(SenderNotifyTest, BusyRouterIsNotNotifiedInstead) {
   RouterPeer consumer;
   NotifyPeer notify;
   RouterTableEntry& entry = ARouter();
-  entry.LogonRouter(consumer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
+  entry.LogonRouter(entry.Name(), consumer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
                     notify.Reference(), 0, true);
   Enqueue(entry, Stored(1));
   ASSERT_TRUE(entry.ClaimForSending().acquired);

@@ -271,7 +271,7 @@ TEST_F(SenderTest, PeerThatIsNotLoggedOnIsLeftAlone) {
 
 TEST_F(SenderTest, PeerWithNoneOfTheThreeReferencesIsAVisitThatDoesNothing) {
   RouterTableEntry& entry = AClient();
-  entry.LogonClient(BrelixMessaging::EnvelopeConsumer::_nil(),
+  entry.LogonClient(entry.Name(), BrelixMessaging::EnvelopeConsumer::_nil(),
                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   Enqueue(entry, Stored(1));
   Visit(entry);

@@ -67,7 +67,7 @@ class EntryNotificationTest : public RoutingTest {
   void Logon(std::int32_t threshold) {
     const BrelixMessaging::NotifyConsumer_var notify =
         AReferenceTo<BrelixMessaging::NotifyConsumer>("notified");
-    peer_.LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+    peer_.LogonRouter(peer_.Name(), BrelixMessaging::RouterConsumer::_nil(),
                       BrelixMessaging::RouterSupplier::_nil(), notify, threshold, true);
   }
   // The generation of a notification under way.
@@ -212,7 +212,7 @@ TEST_F(EntryNotificationTest, AClientNeverTimesOut) {
 TEST_F(EntryNotificationTest, APassiveConsumerNeverTimesOut) {
   const BrelixMessaging::RouterConsumer_var consumer =
       AReferenceTo<BrelixMessaging::RouterConsumer>("pushed");
-  peer_.LogonRouter(consumer, BrelixMessaging::RouterSupplier::_nil(),
+  peer_.LogonRouter(peer_.Name(), consumer, BrelixMessaging::RouterSupplier::_nil(),
                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   peer_.TouchLastPull();
   clock_.Advance(seconds(100000));

@@ -18,6 +18,14 @@ class EntryLogonTest : public RoutingTest {
  protected:
   EntryLogonTest() : client_(AClient("agent")), router_(ARouter("child")) {}
 
+  // The client's entry becomes that of "other", which is registered and not logged on.
+  void OtherTakesTheClientsEntry() {
+    table_.Unregister("agent");
+    table_.AddCertificationEntry("other");
+    table_.Register("other", false);
+    ASSERT_EQ(client_.Name(), "other");
+  }
+
   Entry& client_;
   Entry& router_;
   EnvelopeConsumer::_var_type pushed_ = AReferenceTo<EnvelopeConsumer>("consumer");
@@ -36,7 +44,7 @@ TEST_F(EntryLogonTest, ANewEntryIsRegisteredAndNotLoggedOn) {
 }
 
 TEST_F(EntryLogonTest, AClientWithAConsumerIsPushedTo) {
-  const auto local = client_.LogonClient(pushed_, notify_, 3, true);
+  const auto local = client_.LogonClient("agent", pushed_, notify_, 3, true);
   EXPECT_EQ(client_.GetLogonState(), Entry::kLoggedOn);
   EXPECT_EQ(client_.GetConsumerState(), Entry::kPushIdle);
   EXPECT_EQ(client_.GetSupplierState(), Entry::kActiveSupplier);
@@ -49,7 +57,7 @@ TEST_F(EntryLogonTest, AClientWithAConsumerIsPushedTo) {
 }
 
 TEST_F(EntryLogonTest, AClientWithANotifierPullsAndIsNotified) {
-  const auto local = client_.LogonClient(EnvelopeConsumer::_nil(), notify_, 3, true);
+  const auto local = client_.LogonClient("agent", EnvelopeConsumer::_nil(), notify_, 3, true);
   EXPECT_EQ(client_.GetConsumerState(), Entry::kNothingSent);
   EXPECT_TRUE(client_.HasNotifyConsumer());
   EXPECT_FALSE(client_.IsPassiveConsumer());
@@ -60,7 +68,7 @@ TEST_F(EntryLogonTest, AClientWithANotifierPullsAndIsNotified) {
 }
 
 TEST_F(EntryLogonTest, AClientWithNothingIsAPurePuller) {
-  client_.LogonClient(EnvelopeConsumer::_nil(), NotifyConsumer::_nil(), 0, true);
+  client_.LogonClient("agent", EnvelopeConsumer::_nil(), NotifyConsumer::_nil(), 0, true);
   EXPECT_EQ(client_.GetConsumerState(), Entry::kNoNotification);
   EXPECT_FALSE(client_.HasNotifyConsumer());
   EXPECT_THAT(host_.objects.Active(),
@@ -105,7 +113,7 @@ TEST_F(EntryLogonTest, ARouterGetsTheObjectsThatItsOwnDoNotReplace) {
        "active consumer (no notification), active supplier"},
   };
   for (const Case& c : cases) {
-    router_.LogonRouter(c.consumer ? routerConsumer_.in() : RouterConsumer::_nil(),
+    router_.LogonRouter("child", c.consumer ? routerConsumer_.in() : RouterConsumer::_nil(),
                         c.supplier ? routerSupplier_.in() : RouterSupplier::_nil(),
                         c.notify ? notify_.in() : NotifyConsumer::_nil(), 0, true);
     EXPECT_EQ(router_.GetLogonState(), Entry::kLoggedOn) << c.text;
@@ -122,7 +130,8 @@ TEST_F(EntryLogonTest, ARouterGetsTheObjectsThatItsOwnDoNotReplace) {
 }
 
 TEST_F(EntryLogonTest, RestoringActivatesNothing) {
-  router_.LogonRouter(routerConsumer_, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0, false);
+  router_.LogonRouter("child", routerConsumer_, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0,
+                      false);
   EXPECT_TRUE(router_.IsLoggedOn());
   EXPECT_EQ(host_.objects.Created(), 0u);
   EXPECT_TRUE(log_.Has(MessageRouter::kLogInfo,
@@ -131,16 +140,16 @@ TEST_F(EntryLogonTest, RestoringActivatesNothing) {
 }
 
 TEST_F(EntryLogonTest, LoggingOnAgainReplacesReferencesAndObjects) {
-  client_.LogonClient(EnvelopeConsumer::_nil(), NotifyConsumer::_nil(), 0, true);
+  client_.LogonClient("agent", EnvelopeConsumer::_nil(), NotifyConsumer::_nil(), 0, true);
   const MessageRouter::LogonGeneration before = client_.Generation();
-  client_.LogonClient(pushed_, NotifyConsumer::_nil(), 0, true);
+  client_.LogonClient("agent", pushed_, NotifyConsumer::_nil(), 0, true);
   EXPECT_THAT(host_.objects.Active(), ElementsAre("client-consumer-3"));
   EXPECT_GT(client_.Generation(), before);
 }
 
 TEST_F(EntryLogonTest, AnUnregisteredEntryIsRefusedAndNothingIsActivated) {
   table_.Unregister("agent");
-  EXPECT_THROW(client_.LogonClient(pushed_, notify_, 0, true), NotRegistered);
+  EXPECT_THROW(client_.LogonClient("agent", pushed_, notify_, 0, true), NotRegistered);
   EXPECT_EQ(host_.objects.Created(), 0u);
 }
 
@@ -217,6 +226,73 @@ TEST_F(EntryLogonTest, AnUnregisterDuringALogonWins) {
   EXPECT_THAT(host_.objects.Active(), IsEmpty());
 }
 
+TEST_F(EntryLogonTest, ALogonWhoseEntryIsTakenOverMeanwhileDoesNotLogTheNewPeerOn) {
+  for (const bool asRouter : {false, true}) {
+    bool nested = false;
+    host_.objects.onCreate = [&] {
+      if (!std::exchange(nested, true)) OtherTakesTheClientsEntry();
+    };
+    if (asRouter) {
+      EXPECT_THROW(client_.LogonRouter("agent", routerConsumer_, RouterSupplier::_nil(),
+                                       NotifyConsumer::_nil(), 0, true),
+                   NotRegistered);
+    } else {
+      EXPECT_THROW(client_.LogonClient("agent", pushed_, NotifyConsumer::_nil(), 0, true),
+                   NotRegistered);
+    }
+    EXPECT_TRUE(client_.IsRegistered());
+    EXPECT_FALSE(client_.IsRouter());
+    EXPECT_FALSE(client_.IsLoggedOn());
+    EXPECT_THAT(host_.objects.Active(), IsEmpty());
+    table_.Unregister("other");
+    table_.AddCertificationEntry("agent");
+    table_.Register("agent", false);
+    ASSERT_EQ(client_.Name(), "agent");
+  }
+}
+
+TEST_F(EntryLogonTest, AFailingLogonUnderAFormerNameDoesNotEndTheNewPeersSession) {
+  OtherTakesTheClientsEntry();
+  LogonPulling(client_);
+  host_.objects.FailCreationAfter(0);
+  EXPECT_THROW(client_.LogonClient("agent", pushed_, NotifyConsumer::_nil(), 0, true),
+               std::runtime_error);
+  EXPECT_TRUE(client_.IsLoggedOn());
+  EXPECT_EQ(host_.objects.Active().size(), 2u);
+}
+
+TEST_F(EntryLogonTest, ALogoffUnderAFormerNameDoesNotLogTheNewPeerOff) {
+  OtherTakesTheClientsEntry();
+  LogonPulling(client_);
+  EXPECT_THROW(client_.Logoff("agent"), NotRegistered);
+  EXPECT_TRUE(client_.IsLoggedOn());
+  client_.Logoff("other");
+  EXPECT_FALSE(client_.IsLoggedOn());
+}
+
+TEST_F(EntryLogonTest, AStandingIsThatOfThePeerAskedForAlone) {
+  LogonPolled(router_);
+  ASSERT_TRUE(router_.StandingOf("child"));
+  EXPECT_TRUE(router_.StandingOf("child")->loggedOn);
+  EXPECT_TRUE(router_.StandingOf("child")->isRouter);
+  EXPECT_FALSE(client_.StandingOf("agent")->loggedOn);
+  EXPECT_FALSE(client_.StandingOf("agent")->isRouter);
+  OtherTakesTheClientsEntry();
+  EXPECT_FALSE(client_.StandingOf("agent"));
+  EXPECT_TRUE(client_.StandingOf("other"));
+}
+
+TEST_F(EntryLogonTest, TheParentStandsUnderEveryNameThatLeadsToIt) {
+  table_.AddParent("");
+  table_.SetParentName("boss");
+  Entry& parent = *table_.Parent();
+  LogonPolled(parent);
+  EXPECT_TRUE(parent.StandingOf("boss"));
+  EXPECT_TRUE(parent.StandingOf(""));
+  table_.Clear();
+  EXPECT_FALSE(parent.StandingOf("boss"));
+}
+
 TEST_F(EntryLogonTest, AFailingDeactivationIsNoConcernOfThePeer) {
   LogonPulling(client_);
   host_.objects.FailDeactivation(true);
@@ -226,7 +302,7 @@ TEST_F(EntryLogonTest, AFailingDeactivationIsNoConcernOfThePeer) {
 }
 
 TEST_F(EntryLogonTest, LogoffForgetsReferencesAndObjectsAndKeepsTheRegistration) {
-  client_.LogonClient(pushed_, notify_, 0, true);
+  client_.LogonClient("agent", pushed_, notify_, 0, true);
   client_.Logoff();
   EXPECT_EQ(client_.GetLogonState(), Entry::kLoggedOff);
   EXPECT_EQ(client_.GetConsumerState(), Entry::kNothingSent);
@@ -333,6 +409,16 @@ TEST_F(EntryLogonTest, AFailingCertificationActivationLeavesTheEntryLoggedOff) {
   EXPECT_THAT(host_.objects.Active(), IsEmpty());
 }
 
+TEST_F(EntryLogonTest, AFailingCertificationActivationFreesAReservedEntry) {
+  table_.Unregister("agent");
+  table_.AddCertificationEntry("first");
+  ASSERT_EQ(client_.GetLogonState(), Entry::kCertificationReserved);
+  host_.objects.FailCreationAfter(0);
+  EXPECT_THROW(client_.LogonCertification("first"), std::runtime_error);
+  table_.AddCertificationEntry("second");
+  EXPECT_EQ(table_.Find("second"), &client_);
+}
+
 TEST_F(EntryLogonTest, OnlyTheParentMayBeRenamed) {
   try {
     client_.SetName("other");
@@ -348,7 +434,7 @@ TEST_F(EntryLogonTest, ALogonToTheParentIsNotAvailableYet) {
 
 TEST_F(EntryLogonTest, ALogonWhoseLockFailsChangesNothingAndLeavesNothingActive) {
   ThreadHelper::FailNextLocks(1);
-  const auto local = client_.LogonClient(pushed_, notify_, 0, true);
+  const auto local = client_.LogonClient("agent", pushed_, notify_, 0, true);
   EXPECT_TRUE(CORBA::is_nil(local.consumer));
   EXPECT_FALSE(client_.IsLoggedOn());
   EXPECT_THAT(host_.objects.Active(), IsEmpty());

@@ -59,7 +59,7 @@ TEST_F(EntryPollingTest, AWallClockSetBackDelaysNoPoll) {
 }
 
 TEST_F(EntryPollingTest, WhatPushesItselfIsNeverPolled) {
-  peer_.LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+  peer_.LogonRouter(peer_.Name(), BrelixMessaging::RouterConsumer::_nil(),
                     BrelixMessaging::RouterSupplier::_nil(),
                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   EXPECT_FALSE(peer_.readyForTimedPoll());

@@ -21,19 +21,39 @@ TEST_F(EntryQueueTest, PeekLeavesTheEnvelopeUntilItIsAcknowledged) {
   Enqueue(entry, AnEnvelope().WithId(1));
   Enqueue(entry, AnEnvelope().WithId(2));
   Envelope out;
-  ASSERT_TRUE(entry.PeekNext(out));
-  ASSERT_TRUE(entry.PeekNext(out));
+  ASSERT_TRUE(entry.PeekNext(out, entry.Name()));
+  ASSERT_TRUE(entry.PeekNext(out, entry.Name()));
   EXPECT_EQ(out.MessageId(), 1u);
   EXPECT_TRUE(entry.Cancel(out.Originator(), 1));
-  ASSERT_TRUE(entry.PeekNext(out));
+  ASSERT_TRUE(entry.PeekNext(out, entry.Name()));
   EXPECT_EQ(out.MessageId(), 2u);
+}
+
+TEST_F(EntryQueueTest, WhoeverAsksUnderAFormerNameGetsNothingOfTheNewPeers) {
+  Entry& entry = AClient("former");
+  table_.Unregister("former");
+  table_.AddCertificationEntry("new");
+  ASSERT_EQ(table_.Find("new"), &entry);
+  entry.LogonCertification("new");
+  Enqueue(entry, AStoredEnvelope("1.msg")
+                     .WithId(1)
+                     .WithOriginator("router1.a")
+                     .WithType("Certification.CertRequest-Response"));
+  Envelope out;
+  EXPECT_THROW(entry.PeekNext(out, "former"), BrelixMessaging::Rejected);
+  EXPECT_THROW(entry.PeekCertification(out, "former"), BrelixMessaging::Rejected);
+  EXPECT_THROW(entry.Cancel("router1.a", 1, "former"), BrelixMessaging::Rejected);
+  EXPECT_EQ(out.MessageId(), 0u);
+  EXPECT_TRUE(FileExists("1.msg"));
+  EXPECT_TRUE(entry.Cancel("router1.a", 1, "new"));
+  EXPECT_FALSE(entry.Cancel("router1.a", 1, "new"));
 }
 
 TEST_F(EntryQueueTest, AnEmptyQueueGivesNothing) {
   Entry& entry = AClient("agent");
   Envelope out;
   EXPECT_FALSE(entry.PopNext(out));
-  EXPECT_FALSE(entry.PeekNext(out));
+  EXPECT_FALSE(entry.PeekNext(out, entry.Name()));
   EXPECT_FALSE(entry.HasEnvelopes());
   EXPECT_FALSE(entry.Cancel("router1.sender", 1));
   EXPECT_THAT(entry.TakeAll(), IsEmpty());
@@ -44,13 +64,13 @@ TEST_F(EntryQueueTest, PeekCertificationPassesOverOrdinaryEnvelopesAndThrowsWith
   Enqueue(entry, AnEnvelope().WithId(1).WithPriority(9));
   Envelope out;
   try {
-    entry.PeekCertification(out);
+    entry.PeekCertification(out, entry.Name());
     FAIL();
   } catch (const MessageRouter::NoCertificationMessage& exception) {
     EXPECT_STREQ(exception.what(), "No Certification message");
   }
   Enqueue(entry, AnEnvelope().WithId(2).WithType("Certification.CertRequest-Response"));
-  entry.PeekCertification(out);
+  entry.PeekCertification(out, entry.Name());
   EXPECT_EQ(out.MessageId(), 2u);
 }
 

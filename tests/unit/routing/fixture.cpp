@@ -39,21 +39,22 @@ RoutingTest::Entry& RoutingTest::ARouter(const std::string& name) {
 
 void RoutingTest::LogonPushed(Entry& client) {
   const EnvelopeConsumer::_var_type consumer = AReferenceTo<EnvelopeConsumer>("pushed");
-  client.LogonClient(consumer, NotifyConsumer::_nil(), 0, true);
+  client.LogonClient(client.Name(), consumer, NotifyConsumer::_nil(), 0, true);
 }
 
 void RoutingTest::LogonPulling(Entry& client) {
-  client.LogonClient(EnvelopeConsumer::_nil(), NotifyConsumer::_nil(), 0, true);
+  client.LogonClient(client.Name(), EnvelopeConsumer::_nil(), NotifyConsumer::_nil(), 0, true);
 }
 
 void RoutingTest::LogonNotified(Entry& client) {
   const NotifyConsumer::_var_type notify = AReferenceTo<NotifyConsumer>("notified");
-  client.LogonClient(EnvelopeConsumer::_nil(), notify, 0, true);
+  client.LogonClient(client.Name(), EnvelopeConsumer::_nil(), notify, 0, true);
 }
 
 void RoutingTest::LogonPolled(Entry& router) {
   const RouterSupplier::_var_type supplier = AReferenceTo<RouterSupplier>("polled");
-  router.LogonRouter(RouterConsumer::_nil(), supplier, NotifyConsumer::_nil(), 0, true);
+  router.LogonRouter(router.Name(), RouterConsumer::_nil(), supplier, NotifyConsumer::_nil(), 0,
+                     true);
 }
 
 MessageRouter::EnvelopeBuilder RoutingTest::AStoredEnvelope(const std::string& leaf) {

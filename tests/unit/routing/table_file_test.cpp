@@ -120,9 +120,10 @@ TEST_F(TableFileTest, IsWrittenInTheOrderOfNamesWithoutTheParentAndTheUnregister
   Entry& pushed = ARouter("pushed");
   const RouterConsumer::_var_type consumer = AReferenceTo<RouterConsumer>("consumer");
   const NotifyConsumer::_var_type notify = AReferenceTo<NotifyConsumer>("notify");
-  pushed.LogonRouter(consumer, RouterSupplier::_nil(), notify, 0, true);
+  pushed.LogonRouter(pushed.Name(), consumer, RouterSupplier::_nil(), notify, 0, true);
   Entry& notified = ARouter("notified");
-  notified.LogonRouter(RouterConsumer::_nil(), RouterSupplier::_nil(), notify, 0, true);
+  notified.LogonRouter(notified.Name(), RouterConsumer::_nil(), RouterSupplier::_nil(), notify, 0,
+                       true);
   ARouter("away");
   LogonPushed(AClient("client"));
   AClient("gone");
@@ -135,7 +136,8 @@ TEST_F(TableFileTest, IsWrittenInTheOrderOfNamesWithoutTheParentAndTheUnregister
 
 TEST_F(TableFileTest, WhatIsWrittenIsReadBack) {
   const RouterConsumer::_var_type consumer = AReferenceTo<RouterConsumer>("consumer");
-  ARouter("child").LogonRouter(consumer, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0, true);
+  ARouter("child").LogonRouter("child", consumer, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0,
+                               true);
   AClient("client");
   table_.WriteTable(true);
   table_.Clear();
@@ -261,7 +263,8 @@ TEST_F(TableFileTest, NamesThatCannotBeReadBackAreNotWrittenAndWarnedOfOnce) {
 
 TEST_F(TableFileTest, AReferenceThatCannotBeWrittenCostsNoRegistration) {
   const RouterConsumer::_var_type consumer = AReferenceTo<RouterConsumer>("consumer");
-  ARouter("child").LogonRouter(consumer, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0, true);
+  ARouter("child").LogonRouter("child", consumer, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0,
+                               true);
   host_.FailNextObjectToString();
   table_.WriteTable(false);
   EXPECT_EQ(TableText(), "child.1..\n");
@@ -270,7 +273,8 @@ TEST_F(TableFileTest, AReferenceThatCannotBeWrittenCostsNoRegistration) {
 TEST_F(TableFileTest, NoLockOfTheTableIsHeldWhileTheFileIsMade) {
   const RouterConsumer::_var_type consumer = AReferenceTo<RouterConsumer>("consumer");
   Entry& child = ARouter("child");
-  child.LogonRouter(consumer, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0, true);
+  child.LogonRouter(child.Name(), consumer, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0,
+                    true);
   unsigned calls = 0;
   host_.onObjectToString = [&] {
     ++calls;

@@ -72,6 +72,19 @@ TEST_F(TableTest, ANameKnownForItsCertificationAloneBecomesRegistered) {
   EXPECT_FALSE(entry.IsLoggedOn());
 }
 
+TEST_F(TableTest, RegisteringEndsACertificationSessionWithItsObjects) {
+  Entry& entry = Certified("agent");
+  const MessageRouter::LogonGeneration before = entry.Generation();
+  // A lock that this thread held already would end the process.
+  host_.objects.onDeactivate = [&] { table_.AddCertificationEntry(entry.Name()); };
+  table_.Register("agent", false);
+  EXPECT_THAT(host_.objects.Active(), IsEmpty());
+  EXPECT_GT(entry.Generation(), before);
+  EXPECT_EQ(entry.GetLogonState(), Entry::kLoggedOff);
+  EXPECT_EQ(entry.GetConsumerState(), Entry::kNothingSent);
+  EXPECT_EQ(entry.GetSupplierState(), Entry::kNoSupplier);
+}
+
 TEST_F(TableTest, ScanGoesThroughTheNamesInOrder) {
   AClient("b");
   AClient("a");
@@ -200,6 +213,27 @@ TEST_F(TableTest, WithTheLimitAtThreeAndThreeActiveUnregisteredEntriesNothingIsC
   table_.AddCertificationEntry("d");
   EXPECT_NE(table_.Find("d"), nullptr);
   EXPECT_EQ(table_.Find("b"), nullptr);
+}
+
+TEST_F(TableTest, OfManyNewcomersAtOnceNoMoreGetInThanTheLimitAllows) {
+  MessageRouter::SetConfigInt("ActiveCertificationLogonLimit", 3);
+  std::vector<std::thread> newcomers;
+  for (int i = 0; i < 8; ++i) {
+    newcomers.emplace_back([&, name = "peer" + std::to_string(i)] {
+      table_.AddCertificationEntry(name);
+      Entry* entry = table_.Find(name);
+      if (entry == nullptr) return;
+      try {
+        entry->LogonCertification(name);
+      } catch (const Rejected&) {  // the next one has taken the entry
+      }
+    });
+  }
+  for (std::thread& newcomer : newcomers) newcomer.join();
+  MessageRouter::FindFreeEntries entries;
+  table_.Scan(entries);
+  EXPECT_GT(entries.Active(), 0u);
+  EXPECT_LE(entries.Active() + entries.Free().size(), 3u);
 }
 
 TEST_F(TableTest, WithTheDefaultOfZeroThereIsNoLimitOfCertificationEntries) {

@@ -177,13 +177,13 @@ void ServantWorld::RegisterRouter(const std::string& name) {
 void ServantWorld::LogOnClient(const std::string& name,
                                BrelixMessaging::NotifyConsumer_ptr notify) {
   RegisterClient(name);
-  Entry(name).LogonClient(BrelixMessaging::EnvelopeConsumer::_nil(), notify, 0, true);
+  Entry(name).LogonClient(name, BrelixMessaging::EnvelopeConsumer::_nil(), notify, 0, true);
 }
 
 void ServantWorld::LogOnRouter(const std::string& name,
                                BrelixMessaging::RouterSupplier_ptr supplier) {
   RegisterRouter(name);
-  Entry(name).LogonRouter(BrelixMessaging::RouterConsumer::_nil(), supplier,
+  Entry(name).LogonRouter(name, BrelixMessaging::RouterConsumer::_nil(), supplier,
                           BrelixMessaging::NotifyConsumer::_nil(), 0, true);
 }
 

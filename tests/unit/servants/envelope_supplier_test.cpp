@@ -133,7 +133,7 @@ TEST_F(EnvelopeSupplierTest, AnEnvelopeWhoseStoredDataIsBrokenIsRejectedAndGone)
   const std::uint32_t whole = QueueFor("agent-1", "sender", 1);
   ASSERT_EQ(EnvelopeFiles(), 2u);
   MessageRouter::Envelope broken;
-  ASSERT_TRUE(Entry("agent-1").PeekNext(broken));
+  ASSERT_TRUE(Entry("agent-1").PeekNext(broken, "agent-1"));
   std::filesystem::remove(broken.FileName());
 
   const CallFrom call("agent-1");

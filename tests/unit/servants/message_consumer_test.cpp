@@ -60,7 +60,7 @@ TEST_F(MessageConsumerTest, TheEnvelopeBearsTheCallersNameAndCertificate) {
   Send();
   routing.RouteNext(0, 1);
   Envelope envelope;
-  ASSERT_TRUE(Entry("agent-2").PeekNext(envelope));
+  ASSERT_TRUE(Entry("agent-2").PeekNext(envelope, "agent-2"));
   EXPECT_EQ(envelope.Originator(), "router-1.agent-1");
   EXPECT_EQ(envelope.GetOriginatorCert(), CertificateText("agent-1"));
 }

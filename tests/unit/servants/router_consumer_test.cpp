@@ -50,8 +50,8 @@ TEST_F(RouterConsumerTest, ManagementCommandsAreRejectedFromAChild) {
 
 TEST_F(RouterConsumerTest, ManagementCommandsAreAcceptedFromTheParent) {
   table.AddParent("boss");
-  Entry("boss").LogonRouter(RouterConsumer::_nil(), RouterSupplier::_nil(), NotifyConsumer::_nil(),
-                            0, true);
+  Entry("boss").LogonRouter("boss", RouterConsumer::_nil(), RouterSupplier::_nil(),
+                            NotifyConsumer::_nil(), 0, true);
   const CallFrom call("boss", {kRouterRole});
   servant->SendEnvelope(AWireEnvelope("EM-DoAction"));
   EXPECT_EQ(routing.RouteQueueSize(), 1u);
