@@ -48,7 +48,7 @@ class GetterWorkerTest : public DeliveryTest {
     Logon(peer);
   }
   void Logon(SupplierPeer& supplier) {
-    entry.LogonRouter(BrelixMessaging::RouterConsumer::_nil(), supplier.Reference(),
+    entry.LogonRouter(entry.Name(), BrelixMessaging::RouterConsumer::_nil(), supplier.Reference(),
                       BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   }
   void Hold(std::uint32_t count) {
@@ -310,7 +310,7 @@ TEST_F(GetterWorkerTest, PeerThatLogsOffBetweenTwoTurnsEndsThePollWithoutAFailur
 TEST_F(GetterWorkerTest, LogoffThatRaisesIsLoggedAndCostsNothingElse) {
   table.AddParent("boss");
   RouterTableEntry& parent = *table.Parent();
-  parent.LogonRouter(BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
+  parent.LogonRouter(parent.Name(), BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   ASSERT_TRUE(parent.readyForNotifiedPoll());
   host.onParentLinkLost = [] { throw BrelixMessaging::NotLoggedOn(); };
@@ -323,7 +323,7 @@ TEST_F(GetterWorkerTest, LogoffThatRaisesIsLoggedAndCostsNothingElse) {
 TEST_F(GetterWorkerTest, FailedPollOfTheParentTellsTheParentLogon) {
   table.AddParent("boss");
   RouterTableEntry& parent = *table.Parent();
-  parent.LogonRouter(BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
+  parent.LogonRouter(parent.Name(), BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   ASSERT_TRUE(parent.readyForNotifiedPoll());
   const unsigned before = host.LinksLost();
@@ -337,7 +337,7 @@ TEST_F(GetterWorkerTest, FailedPollOfTheParentTellsTheParentLogon) {
 TEST_F(GetterWorkerTest, ManagementCommandOfTheParentIsTaken) {
   table.AddParent("boss");
   RouterTableEntry& parent = *table.Parent();
-  parent.LogonRouter(BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
+  parent.LogonRouter(parent.Name(), BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   peer->waiting.push_back(Wire(2, "EM", "EM-DoAction"));
   ASSERT_TRUE(parent.readyForNotifiedPoll());

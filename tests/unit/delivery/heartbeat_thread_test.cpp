@@ -20,7 +20,7 @@ class HeartbeatTest : public DeliveryTest {
  protected:
   HeartbeatTest() {
     table.AddParent("boss");
-    table.Parent()->LogonRouter(parent.Reference(), BrelixMessaging::RouterSupplier::_nil(),
+    table.Parent()->LogonRouter("boss", parent.Reference(), BrelixMessaging::RouterSupplier::_nil(),
                                 BrelixMessaging::NotifyConsumer::_nil(), 0, false);
   }
   void UnreachableFor(int calls) {
@@ -72,7 +72,7 @@ TEST_F(HeartbeatTest, ThatFailsTwiceHasFailed) {
 }
 
 TEST_F(HeartbeatTest, ToAParentThatCannotBePushedToFailsWithoutACall) {
-  table.Parent()->LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+  table.Parent()->LogonRouter("boss", BrelixMessaging::RouterConsumer::_nil(),
                               BrelixMessaging::RouterSupplier::_nil(),
                               BrelixMessaging::NotifyConsumer::_nil(), 0, false);
   HeartbeatThread heartbeat(table);

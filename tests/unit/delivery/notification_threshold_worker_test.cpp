@@ -18,7 +18,7 @@ class ThresholdTest : public DeliveryTest {
  protected:
   ThresholdTest() : entry(ARouter()) { Logon(peer); }
   void Logon(NotifyPeer& notify) {
-    entry.LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+    entry.LogonRouter(entry.Name(), BrelixMessaging::RouterConsumer::_nil(),
                       BrelixMessaging::RouterSupplier::_nil(), notify.Reference(), 0, true);
   }
   void VisitForThreshold() {
@@ -176,7 +176,7 @@ TEST_F(ThresholdTest, PeerThatLoggedOffIsNotCalled) {
 }
 
 TEST_F(ThresholdTest, PeerWithoutANotifierIsNotCalled) {
-  entry.LogonRouter(BrelixMessaging::RouterConsumer::_nil(),
+  entry.LogonRouter(entry.Name(), BrelixMessaging::RouterConsumer::_nil(),
                     BrelixMessaging::RouterSupplier::_nil(),
                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   VisitForThreshold();

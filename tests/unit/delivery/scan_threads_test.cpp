@@ -282,7 +282,7 @@ TEST_F(ScanTest, ActiveSupplierIsNeverPolled) {
 TEST_F(ScanTest, ScanAndWorkersTogetherPollAPeerThatIsDueAndTellHowItWent) {
   SupplierPeer peer;
   RouterTableEntry& entry = ARouter("polled");
-  entry.LogonRouter(BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
+  entry.LogonRouter(entry.Name(), BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   std::promise<std::pair<bool, bool>> poll;
   GetterThread thread(table);
