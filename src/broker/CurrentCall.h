@@ -31,8 +31,8 @@ const Call* CurrentCall();
 class RequestHook {
  public:
   virtual ~RequestHook() = default;
-  // Throws a CORBA exception to refuse the call: the caller gets it, or UNKNOWN if it is a user
-  // exception that the operation does not declare.
+  // Throws a CORBA exception to refuse the call. The caller gets it as it is, even a user exception
+  // that the operation does not declare: a caller whose ORB keeps to the declaration shows UNKNOWN.
   virtual void OnRequest(const Call& call) = 0;
 };
 

@@ -22,6 +22,9 @@ struct SocketAddress {
 // IPv4-mapped IPv6 address counts as IPv4).
 std::optional<SocketAddress> PeerAddress(int socket);
 std::optional<SocketAddress> LocalAddress(int socket);
+// Replaceable for tests, which can play a peer of an address that the machine lacks.
+using SocketAddressSource = std::optional<SocketAddress> (*)(int socket);
+void SetPeerAddressSource(SocketAddressSource source);  // null: the system
 
 // "192.0.2.1"
 std::string DottedAddress(std::uint32_t address);

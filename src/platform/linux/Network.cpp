@@ -22,6 +22,7 @@ namespace Platform {
 namespace {
 
 std::atomic<HostAddressSource> hostAddressSource{nullptr};
+std::atomic<SocketAddressSource> peerAddressSource{nullptr};
 std::atomic<const Resolver*> playedResolver{nullptr};
 
 constexpr std::uint32_t kLoopbackNet = 127;
@@ -113,7 +114,12 @@ void SetHostAddressSource(HostAddressSource source) {
 }
 
 std::optional<SocketAddress> PeerAddress(int socket) {
-  return AddressOf(socket, &getpeername);
+  const SocketAddressSource source = peerAddressSource;
+  return source != nullptr ? source(socket) : AddressOf(socket, &getpeername);
+}
+
+void SetPeerAddressSource(SocketAddressSource source) {
+  peerAddressSource = source;
 }
 
 std::optional<SocketAddress> LocalAddress(int socket) {

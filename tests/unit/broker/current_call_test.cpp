@@ -158,6 +158,15 @@ TEST(RequestHook, RefusalReachesTheCallerAsItWasThrown) {
   EXPECT_EQ(peer.Call(kRouterKey, "GetName").exceptionId, "IDL:omg.org/CORBA/NO_PERMISSION:1.0");
 }
 
+TEST(RequestHook, UserExceptionThatTheOperationDoesNotDeclareReachesTheCallerToo) {
+  const Hook hook([](const Call&) { throw BrelixMessaging::CertificateExpired(); });
+  TestServer server;
+  RawPeer peer = server.Peer();
+  const GiopReplyMessage refused = peer.Call(kNotifyKey, "Notify");
+  EXPECT_EQ(refused.status, GiopReplyMessage::kUserException);
+  EXPECT_EQ(refused.exceptionId, "IDL:BrelixMessaging/CertificateExpired:1.0");
+}
+
 TEST(RequestHook, RefusedCallNeverReachesTheServantAndTheConnectionGoesOn) {
   std::atomic<bool> refuse{true};
   const Hook hook([&](const Call&) {

@@ -325,7 +325,10 @@ class ConnectedPeer {
       : sockets_(address), context_(SSL_CTX_new(TLS_method())), ssl_(SSL_new(context_.get())) {
     SSL_set_fd(ssl_.get(), sockets_.Server());
   }
-  ~ConnectedPeer() { Platform::SetHostAddressSource(nullptr); }
+  ~ConnectedPeer() {
+    Platform::SetHostAddressSource(nullptr);
+    Platform::SetPeerAddressSource(nullptr);
+  }
   Broker::Call Call() const {
     Broker::Call call = TlsCall("GetClient", nullptr);
     call.ssl = ssl_.get();
@@ -346,18 +349,28 @@ TEST_F(ContextTest, APeerOnTheLoopbackNetIsLocal) {
   }
 }
 
+TEST_F(ContextTest, APeerOnTheLoopbackNetIsLocalToAHostWithNothingElse) {
+  Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>(); });
+  const ConnectedPeer peer(0x7F000001);
+  const Broker::ScopedCall call(peer.Call());
+  EXPECT_TRUE(context_->IsPeerLocal());
+}
+
 TEST_F(ContextTest, APeerAtAnAddressOfTheHostIsLocalByTheAddressesOfTheMoment) {
-  // On a host with nothing but its loopback interface there is no such peer to play.
-  for (const std::uint32_t address : Platform::HostAddresses()) {
-    const ConnectedPeer peer(address);
-    const Broker::ScopedCall call(peer.Call());
-    EXPECT_TRUE(context_->IsPeerLocal());
-    Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0xC6336401}; });
-    EXPECT_FALSE(context_->IsPeerLocal());
-    Platform::SetHostAddressSource(
-        []() -> std::vector<std::uint32_t> { throw std::runtime_error("refused"); });
-    EXPECT_FALSE(context_->IsPeerLocal());
-  }
+  const ConnectedPeer peer(0x7F000001);
+  Platform::SetPeerAddressSource([](int) -> std::optional<Platform::SocketAddress> {
+    return {{0xC0000205, 4711}};
+  });
+  const Broker::ScopedCall call(peer.Call());
+  Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0xC0000204, 0xC0000205}; });
+  EXPECT_TRUE(context_->IsPeerLocal());
+  Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0xC0000204}; });
+  EXPECT_FALSE(context_->IsPeerLocal());
+  Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>(); });
+  EXPECT_FALSE(context_->IsPeerLocal());
+  Platform::SetHostAddressSource(
+      []() -> std::vector<std::uint32_t> { throw std::runtime_error("refused"); });
+  EXPECT_FALSE(context_->IsPeerLocal());
 }
 
 TEST_F(ContextTest, APeerWithoutASocketIsNotLocal) {

@@ -12,6 +12,8 @@
 
 #include "ServantWorld.h"
 #include "broker/CorbaExceptions.h"
+#include "servants/CallBack.h"
+#include "support/LogCapture.h"
 
 namespace ServantTests {
 namespace {
@@ -61,6 +63,19 @@ TEST(CallTimeout, AllCallsTogetherEndInTime) {
     EXPECT_THROW(Broker::RepeatOnce([&] { peer->Heartbeat(); }), CORBA::SystemException);
   }
   EXPECT_LT(steady_clock::now() - start, milliseconds(1900));
+}
+
+TEST(CallBack, ToASilentPeerEndsAtItsLimitForBothTriesTogether) {
+  const TestSupport::LogCapture log;
+  const SilentHost host;
+  const BrelixMessaging::EnvelopeConsumer_var peer = host.Peer();
+  const Broker::Gate::Pass pass;
+  const auto start = steady_clock::now();
+  EXPECT_TRUE(CORBA::is_nil(RouterServants::IfItAnswers<BrelixMessaging::EnvelopeConsumer>(
+      "Client::Logon", "client", peer, milliseconds(1000))));
+  EXPECT_LT(steady_clock::now() - start, milliseconds(1900));
+  EXPECT_TRUE(
+      log.Has(MessageRouter::kLogWarning, "Client::Logon() failed to call back to client\n"));
 }
 
 TEST(CallTimeout, AThreadThatTheOrbDoesNotKnowIsLeftAlone) {

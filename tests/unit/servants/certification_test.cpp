@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include "ServantWorld.h"
 #include "logging/Log.h"
 #include "servants/CertEnvelopeSupplier_i.h"
 #include "servants/CertMessageConsumer_i.h"
+#include "servants/ServantHelper.h"
 #include "support/LogCapture.h"
 
 namespace ServantTests {
@@ -14,6 +16,8 @@ using BrelixMessaging::EnvelopeSupplier_var;
 using BrelixMessaging::Message;
 using BrelixMessaging::MessageConsumer_var;
 using BrelixMessaging::Rejected;
+using BrelixMessaging::RouterSupplier;
+using BrelixMessaging::RouterSupplier_var;
 
 TEST(Certification, LogonIsRejectedWithOneWarning) {
   const TestSupport::LogCapture log;
@@ -52,6 +56,27 @@ TEST(Certification, TheSupplierRejectsEverything) {
       new RouterServants::CertEnvelopeSupplier_i("new-peer"));
   EXPECT_THROW(servant->GetEnvelope(), Rejected);
   EXPECT_THROW(servant->AcknowledgeEnvelope("new-peer", 1), Rejected);
+}
+
+class CertificationObjects : public testing::Test {
+ protected:
+  CertificationObjects() {
+    RouterServants::InitializeServantHelper(adapters_.transient, adapters_.certify);
+  }
+  ~CertificationObjects() override { RouterServants::DestroyServantHelper(); }
+
+  Adapters adapters_;
+};
+
+TEST_F(CertificationObjects, SupplierIsNoRouterSupplierAsANeighboursIs) {
+  auto& helper = RouterServants::ServantHelper::instance();
+  const EnvelopeSupplier_var certify = helper.CreateCertSupplier("new-peer");
+  const EnvelopeSupplier_var neighbours = helper.CreateRouterSupplier();
+  const RouterSupplier_var fromCertify = RouterSupplier::_narrow(certify);
+  const RouterSupplier_var fromNeighbours = RouterSupplier::_narrow(neighbours);
+  EXPECT_FALSE(CORBA::is_nil(certify));
+  EXPECT_TRUE(CORBA::is_nil(fromCertify));
+  EXPECT_FALSE(CORBA::is_nil(fromNeighbours));
 }
 
 }  // namespace
