@@ -65,7 +65,7 @@ RawPeer::RawPeer(unsigned short port) : handles_(std::make_unique<Handles>()) {
   BIO_get_fd(handles_->tcp.get(), &handles_->socket);
 }
 
-RawPeer::RawPeer(unsigned short port, const TestCa& authority, const Issued* identity)
+RawPeer::RawPeer(unsigned short port, const TestCa& authority, const Issued* identity, int version)
     : RawPeer(port) {
   if (!connected_) return;
   // A server that never answers must not stop the test.
@@ -74,6 +74,11 @@ RawPeer::RawPeer(unsigned short port, const TestCa& authority, const Issued* ide
   handles_->context.reset(SSL_CTX_new(TLS_client_method()));
   ConfigureTls(handles_->context.get(), authority.CaPem(), identity);
   SSL_CTX_set_verify(handles_->context.get(), SSL_VERIFY_PEER, nullptr);
+  if (version != 0) {
+    SSL_CTX_set_min_proto_version(handles_->context.get(), version);
+    SSL_CTX_set_max_proto_version(handles_->context.get(), version);
+    SSL_CTX_set_security_level(handles_->context.get(), 0);
+  }
   handles_->tls.reset(SSL_new(handles_->context.get()));
   SSL_set_fd(handles_->tls.get(), handles_->socket);
   connected_ = SSL_connect(handles_->tls.get()) == 1;

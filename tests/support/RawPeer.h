@@ -21,9 +21,10 @@ class RawPeer {
 
   // TCP alone.
   explicit RawPeer(unsigned short port);
-  // With TLS, trusting the authority. `identity` null: without a certificate. Connected() is false
-  // if the handshake fails.
-  RawPeer(unsigned short port, const TestCa& authority, const Issued* identity);
+  // With TLS, trusting the authority. `identity` null: without a certificate. `version`: this one
+  // of OpenSSL's protocol versions alone, however weak; 0: what the system allows. Connected() is
+  // false if the handshake fails.
+  RawPeer(unsigned short port, const TestCa& authority, const Issued* identity, int version = 0);
   ~RawPeer();
   RawPeer(RawPeer&&) noexcept;
 
