@@ -10,6 +10,7 @@ constexpr std::size_t kHeaderBytes = 12;
 constexpr std::size_t kArgumentAlignment = 8;
 constexpr unsigned kTwoWay = 3;
 constexpr char kIorPrefix[] = "IOR:";
+constexpr std::uint32_t kTlsComponent = 20;
 
 template <class T>
 std::string LittleEndian(T value) {
@@ -20,6 +21,7 @@ std::string LittleEndian(T value) {
 
 struct Profile {
   std::uint16_t port = 0;
+  std::uint16_t tlsPort = 0;
   std::string objectKey;
 };
 
@@ -40,6 +42,14 @@ Profile ReadProfile(const std::string& ior) {
   Profile profile;
   profile.port = body.UShort();
   profile.objectKey = body.Sequence();
+  for (std::uint32_t components = body.ULong(); components > 0; --components) {
+    const std::uint32_t tag = body.ULong();
+    CdrReader component(body.Sequence(), 1);  // after the byte order
+    if (tag != kTlsComponent) continue;
+    component.UShort();  // what the target supports
+    component.UShort();  // what it requires
+    profile.tlsPort = component.UShort();
+  }
   return profile;
 }
 
@@ -169,6 +179,10 @@ std::string ObjectKeyOf(const std::string& ior) {
 
 std::uint16_t PortOf(const std::string& ior) {
   return ReadProfile(ior).port;
+}
+
+std::uint16_t TlsPortOf(const std::string& ior) {
+  return ReadProfile(ior).tlsPort;
 }
 
 }  // namespace TestSupport

@@ -69,5 +69,7 @@ GiopReplyMessage ParseReply(const std::string& message);
 std::string ObjectKeyOf(const std::string& ior);
 // The port in it; 0 for one that listens with TLS alone.
 std::uint16_t PortOf(const std::string& ior);
+// The port for TLS; 0 if there is none.
+std::uint16_t TlsPortOf(const std::string& ior);
 
 }  // namespace TestSupport
