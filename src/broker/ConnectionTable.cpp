@@ -59,6 +59,11 @@ void ConnectionTable::Watch(SSL_CTX* context, void (*info)(const SSL*, int where
   SSL_CTX_set_msg_callback(context, &ConnectionTable::OnRecord);
 }
 
+void ConnectionTable::SetPeerLimits(unsigned keepAliveSeconds, unsigned peerTimeoutSeconds) {
+  keepAliveSeconds_ = keepAliveSeconds;
+  peerTimeoutSeconds_ = peerTimeoutSeconds;
+}
+
 Connection* ConnectionTable::Of(const SSL* tls) {
   return tls == nullptr ? nullptr : static_cast<Connection*>(SSL_get_ex_data(tls, Index()));
 }
@@ -143,8 +148,7 @@ void ConnectionTable::OnInfo(const SSL* tls, int where, int ret) {
 
 void ConnectionTable::HandshakeBegins(Connection& connection) {
   if (connection.stage != Stage::kSilent) return;  // TLS 1.3 announces later messages like this too
-  Platform::KeepAlive(SSL_get_fd(connection.tls), Limits::kKeepAliveIdleSeconds,
-                      Limits::kKeepAliveTimeoutSeconds);
+  Platform::KeepAlive(SSL_get_fd(connection.tls), keepAliveSeconds_, peerTimeoutSeconds_);
   if (SSL_is_server(connection.tls) != 0) {
     connection.stage = Stage::kHandshake;
     return;

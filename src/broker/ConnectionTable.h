@@ -31,6 +31,9 @@ class ConnectionTable {
   // are taken: `info` is called besides.
   void Watch(SSL_CTX* context, void (*info)(const SSL*, int where, int ret));
 
+  // For connections whose handshake begins from now on (OrbSettings).
+  void SetPeerLimits(unsigned keepAliveSeconds, unsigned peerTimeoutSeconds);
+
   // The connection of a TLS object; null if it is not one of the ORB's.
   static Connection* Of(const SSL* tls);
   // Breaks it. The caller makes sure that its TLS object lives.
@@ -67,6 +70,8 @@ class ConnectionTable {
 
   std::atomic<SSL_CTX*> context_{nullptr};
   std::atomic<void (*)(const SSL*, int, int)> info_{nullptr};
+  std::atomic<unsigned> keepAliveSeconds_{0};
+  std::atomic<unsigned> peerTimeoutSeconds_{0};
   std::atomic<std::uint64_t> shut_{0};
   std::atomic<std::uint64_t> dying_{0};  // shut, and not cleaned up yet
 

@@ -77,8 +77,5 @@ inline constexpr unsigned kScanMilliseconds = 250;
 inline constexpr unsigned kOrbScanSeconds = 1;
 // The ORB closes connections that are idle for so long; the purge acts by number instead.
 inline constexpr unsigned kOrbIdleSeconds = 24 * 60 * 60;
-// A peer that has vanished: the first probe, and the end of an unanswered connection.
-inline constexpr unsigned kKeepAliveIdleSeconds = 60;
-inline constexpr unsigned kKeepAliveTimeoutSeconds = 120;
 
 }  // namespace Broker::Limits

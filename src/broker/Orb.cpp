@@ -132,6 +132,7 @@ struct Orb::State {
 
 Orb::Orb(int& argc, char** argv, const OrbSettings& settings) : state_(std::make_unique<State>()) {
   Gate::SetWidth(settings.threads);
+  ConnectionTable::Instance().SetPeerLimits(settings.keepAliveSeconds, settings.peerTimeoutSeconds);
   state_->orb = MakeOrb(argc, argv, settings);
   try {
     state_->tls = sslContext::singleton->get_SSL_CTX();

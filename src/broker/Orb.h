@@ -16,6 +16,11 @@ struct OrbSettings {
   // Connections kept at once, in both directions together; the least recently used idle ones are
   // closed above it, within about a second. 0: no limit.
   unsigned connectionLimit = 0;
+  // A peer that has vanished, on connections in both directions: after so long a silence it is
+  // probed (0: never), and when what was sent to it stays unacknowledged for so long the connection
+  // is broken, and the calls on it fail (0: no limit but the system's). Seconds.
+  unsigned keepAliveSeconds = 60;
+  unsigned peerTimeoutSeconds = 120;
   // False for programs that only call: no endpoint is opened.
   bool server = true;
   // Fills the TLS context of the new ORB. Throws std::runtime_error to give up.

@@ -72,6 +72,8 @@ void RouterCycle::MakeBroker() {
   Broker::OrbSettings settings;
   settings.threads = threads;
   settings.connectionLimit = router_.resourceFactory_->cache_maximum();
+  settings.keepAliveSeconds = GetConfigInt("KeepAliveSecs", settings.keepAliveSeconds);
+  settings.peerTimeoutSeconds = GetConfigInt("PeerTimeoutSecs", settings.peerTimeoutSeconds);
   settings.configureTls = [&certificates](SSL_CTX* context) {
     certificates.ConfigureCycle(context);
   };

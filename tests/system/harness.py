@@ -266,8 +266,11 @@ class PeerException(Exception):
 class Peer:
     """brelix-test-peer: one client, neighbour router or stranger."""
 
-    def __init__(self, test, router, identity=None, ca=None, server=True, timeout=20, **options):
-        self.process = subprocess.Popen([BIN / "brelix-test-peer"], stdin=subprocess.PIPE,
+    def __init__(self, test, router, identity=None, ca=None, server=True, timeout=20, host="localhost",
+                 within=(), **options):
+        """`within`: the command that runs it elsewhere, such as ip netns exec."""
+        self.host = host
+        self.process = subprocess.Popen([*within, BIN / "brelix-test-peer"], stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self._buffer = b""
         self.router = router
@@ -306,7 +309,7 @@ class Peer:
         return answer["result"]
 
     def connect(self):
-        self("connect", host="localhost", port=self.router.ior_port)
+        self("connect", host=self.host, port=self.router.ior_port)
         return self
 
     def retry(self, op, seconds=20, **arguments):

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <system_error>
@@ -29,6 +30,9 @@ constexpr std::uint32_t kLoopbackNet = 127;
 constexpr unsigned kNetShift = 24;
 constexpr int kMillisecondsPerSecond = 1000;
 constexpr unsigned kProbes = 4;
+// What the system takes.
+constexpr unsigned kMaxProbeSeconds = 32767;
+constexpr unsigned kMaxTimeoutSeconds = std::numeric_limits<int>::max() / kMillisecondsPerSecond;
 constexpr std::size_t kLargestAnswer = std::size_t{1024} * 1024;
 
 std::vector<std::uint32_t> SystemAddresses() {
@@ -134,16 +138,18 @@ std::string DottedAddress(std::uint32_t address) {
 }
 
 void KeepAlive(int socket, unsigned idleSeconds, unsigned timeoutSeconds) {
-  SetOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
+  SetOption(socket, SOL_SOCKET, SO_KEEPALIVE, idleSeconds > 0 ? 1 : 0);
   if (idleSeconds > 0) {
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, static_cast<int>(idleSeconds));
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE,
+              static_cast<int>(std::min(idleSeconds, kMaxProbeSeconds)));
   }
   if (timeoutSeconds == 0) return;
   // The limit is looked at when a probe is due, so probes must come more often than that.
   SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL,
-            static_cast<int>(std::max(1U, timeoutSeconds / kProbes)));
-  SetOption(socket, IPPROTO_TCP, TCP_USER_TIMEOUT,
-            static_cast<int>(timeoutSeconds) * kMillisecondsPerSecond);
+            static_cast<int>(std::clamp(timeoutSeconds / kProbes, 1U, kMaxProbeSeconds)));
+  SetOption(
+      socket, IPPROTO_TCP, TCP_USER_TIMEOUT,
+      static_cast<int>(std::min(timeoutSeconds, kMaxTimeoutSeconds)) * kMillisecondsPerSecond);
 }
 
 void SetResolver(const Resolver* resolver) {

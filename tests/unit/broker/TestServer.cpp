@@ -38,6 +38,8 @@ TestServer::TestServer(const Options& options) {
   Broker::OrbSettings settings;
   settings.threads = options.threads;
   settings.connectionLimit = options.connectionLimit;
+  settings.keepAliveSeconds = options.keepAliveSeconds;
+  settings.peerTimeoutSeconds = options.peerTimeoutSeconds;
   settings.tlsInfo = options.tlsInfo;
   settings.configureTls = [withIdentity = options.withIdentity](SSL_CTX* context) {
     TestSupport::ConfigureTls(context, Authority().CaPem(),

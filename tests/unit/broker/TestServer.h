@@ -25,6 +25,8 @@ class TestServer {
   struct Options {
     unsigned threads = 4;
     unsigned connectionLimit = 0;
+    unsigned keepAliveSeconds = Broker::OrbSettings().keepAliveSeconds;
+    unsigned peerTimeoutSeconds = Broker::OrbSettings().peerTimeoutSeconds;
     bool withIdentity = true;
     std::vector<std::string> arguments = {"-ORBendPoint", "giop:ssl:127.0.0.1:"};
     std::function<std::string()> name = [] { return "router"; };

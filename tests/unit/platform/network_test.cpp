@@ -118,6 +118,28 @@ TEST(KeepAlive, ProbesAfterTheIdleTimeAndBreaksAfterTheTimeout) {
   EXPECT_LT(Option(open.Get(), IPPROTO_TCP, TCP_KEEPINTVL), 60);
 }
 
+TEST(KeepAlive, OfIdleTimeZeroSendsNoProbes) {
+  const Descriptor open(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  KeepAlive(open.Get(), 60, 120);
+  KeepAlive(open.Get(), 0, 120);
+  EXPECT_EQ(Option(open.Get(), SOL_SOCKET, SO_KEEPALIVE), 0);
+  EXPECT_EQ(Option(open.Get(), IPPROTO_TCP, TCP_USER_TIMEOUT), 120000);
+}
+
+TEST(KeepAlive, OfValuesBeyondTheSystemsUsesTheSystemsLargest) {
+  const Descriptor open(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  KeepAlive(open.Get(), 0xFFFFFFFF, 0xFFFFFFFF);
+  EXPECT_EQ(Option(open.Get(), IPPROTO_TCP, TCP_KEEPIDLE), 32767);
+  EXPECT_EQ(Option(open.Get(), IPPROTO_TCP, TCP_KEEPINTVL), 32767);
+  EXPECT_EQ(Option(open.Get(), IPPROTO_TCP, TCP_USER_TIMEOUT), 2147483000);
+}
+
+TEST(KeepAlive, ProbesOfAShortTimeoutComeEachSecond) {
+  const Descriptor open(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  KeepAlive(open.Get(), 1, 3);
+  EXPECT_EQ(Option(open.Get(), IPPROTO_TCP, TCP_KEEPINTVL), 1);
+}
+
 TEST(KeepAlive, OfTimeoutZeroLeavesTheSystemsLimit) {
   const Descriptor open(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const int interval = Option(open.Get(), IPPROTO_TCP, TCP_KEEPINTVL);
