@@ -71,6 +71,8 @@ void CertificateContext::Initialise() {
   if (!context) throw std::runtime_error("Cannot make a TLS context");
   store_ = CeldaneStoreClient::CCeldaneStoreClient::GetStore(storeLocation_, privateLocation_);
   if (!store_) throw std::runtime_error("Failed to get the certificate store");
+  ca_ = store_->GetCACertificate();
+  if (!ca_) throw std::runtime_error("No CA certificate in certificate store");
   Fill(context.get());
   checked_ = std::move(context);
 }
@@ -95,6 +97,7 @@ void CertificateContext::ConfigureSslContext() {
 }
 
 void CertificateContext::ConfigureCycle(SSL_CTX* context) {
+  Store();
   Fill(context);
   if (!oldProtocolsStay_) TlsSetup::RestrictProtocols(context);
 }
@@ -246,9 +249,7 @@ void CertificateContext::Tick() {
 }
 
 void CertificateContext::Fill(SSL_CTX* context) const {
-  const auto ca = Store().GetCACertificate();
-  if (!ca) throw std::runtime_error("No CA certificate in certificate store");
-  TlsSetup::Configure(context, ca->GetX509().get());
+  TlsSetup::Configure(context, ca_->GetX509().get());
   SSL_CTX_set_info_callback(context, &TlsInfo);
 }
 

@@ -30,8 +30,9 @@ class CertificateContext {
   void SetPrivateLocation(const std::string& folder);
   void SetStoreLocation(const std::string& section);
 
-  // Opens the store, checks the CA certificate, fills a context of its own for the checks, and
+  // Opens the store, reads the CA certificate, fills a context of its own for the checks, and
   // installs the request interceptor. Throws std::runtime_error: without a CA no router starts.
+  // The CA stays the same for the life of the process, whatever becomes of its file.
   void Initialise();
   // Switches old protocols off where LegacyProtocolSupport says so. Never fails the start.
   void ConfigureSslContext();
@@ -98,6 +99,7 @@ class CertificateContext {
   std::string privateLocation_;
   std::string storeLocation_;
   std::unique_ptr<CeldaneStoreClient::IStore> store_;  // null until Initialise has run
+  std::unique_ptr<Celdane::Certificate> ca_;           // as it was when Initialise ran
   const std::unique_ptr<Orvane::ICertificateRegenerationChecker> regenerationChecker_;
   CertificateInterceptor interceptor_;
   TlsWatch watch_;

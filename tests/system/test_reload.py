@@ -52,6 +52,40 @@ class Reload(SystemTest):
         box.process.send_signal(harness.signal.SIGHUP)
         wait_until(lambda: box.log().count("Waiting for messages...") >= 2, 20, "a second cycle")
 
+    def assert_serves(self, box):
+        self.assertEqual("router", self.peer(box, "agent-1").connect()("root.GetName"))
+
+    def test_the_authority_of_the_start_stays_in_force_without_its_file(self):
+        box = self.router()
+        (box.data / "Private" / "ca.pem").unlink()
+        box.reload()
+        self.assert_serves(box)
+        self.assertEqual(0, box.stop())
+        box.start(wait=False)
+        self.assertEqual(1, box.wait_end())
+        self.assertIn("Router::Start: Caught No CA certificate in certificate store", box.log())
+
+    def test_another_authority_counts_from_the_next_start(self):
+        other = harness.Ca(self.folder / "other")
+        box = self.router()
+        for file in other.issue("router", "router").iterdir():
+            harness.shutil.copy(file, box.data / "Private")
+        box.reload()
+        # The certificate is the new one already, which those of the old authority don't trust.
+        with self.assertRaises(harness.PeerException):
+            self.peer(box, "agent-1").connect()("root.GetName")
+        box.stop()
+        box.start()
+        stranger = harness.Peer(self, box, ca=other.issue("agent-1")).connect()
+        self.assertEqual("router", stranger("root.GetName"))
+
+    def test_without_its_certificate_a_reload_ends_the_router(self):
+        box = self.router()
+        (box.data / "Private" / "certificate.pem").unlink()
+        box.process.send_signal(harness.signal.SIGHUP)
+        self.assertEqual(1, box.wait_end())
+        self.assertIn("Router::Start: Caught No certificate in certificate store", box.log())
+
     def test_the_log_goes_on_in_one_file(self):
         box = self.router()
         box.reload()

@@ -82,6 +82,22 @@ TEST_F(ContextTest, WithACaCertificateAloneItInitialises) {
   EXPECT_EQ(FailureOf([&] { CycleContext(); }), "no failure");
 }
 
+TEST_F(ContextTest, ACycleHasTheCaOfTheStartWhateverBecomesOfItsFile) {
+  InitialiseWith(router_);
+  const auto peer = PeerContext(Ca().Issue("agent-1", {}));
+  const auto connects = [&] {
+    const auto cycle = CycleContext();
+    context_->LoadCredentials(cycle.get());
+    return Handshake(cycle.get(), peer.get()).Succeeded();
+  };
+  std::filesystem::remove(Folder() + "/ca.pem");
+  EXPECT_TRUE(connects());
+  WriteText(Folder() + "/ca.pem", TestSupport::TestCa("Other CA").CaPem());
+  EXPECT_TRUE(connects());
+  WriteText(Folder() + "/ca.pem", "rubbish");
+  EXPECT_TRUE(connects());
+}
+
 TEST_F(ContextTest, CanBeInitialisedAgainAfterAFailure) {
   EXPECT_THROW(context_->Initialise(), std::runtime_error);
   InitialiseWith(router_);
