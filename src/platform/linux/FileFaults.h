@@ -5,8 +5,8 @@
 
 namespace Platform {
 
-// What a test takes away from the file system while PublishFolder uses it, and what it counts
-// there.
+// What a test takes away from the file system while PublishFolder and PlacedFile use it, and what
+// it counts there.
 struct FileFaults {
   std::atomic<bool> noUnnamedFiles{false};     // as on file systems without O_TMPFILE
   std::atomic<bool> noExclusiveRename{false};  // as on file systems without RENAME_NOREPLACE
@@ -19,6 +19,8 @@ struct FileFaults {
       0};  // counts those who sync it or wait for another's sync
   // The next sync of a folder, once it has been counted, waits for it. The caller keeps ownership.
   std::atomic<std::latch*> folderSyncHold{nullptr};
+  // So many writes of placed files work, and none after them; below 0 all do.
+  std::atomic<int> placedWritesLeft{-1};
 };
 FileFaults& Faults();
 
