@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "routing/HashPage.h"
+
+namespace MessageRouter {
+
+// A map of byte strings in two files, in the format of the published sdbm: NAME.pag has the pages,
+// NAME.dir has one bit for each node of the tree of hash bits, set where the node has been split.
+// Files of that library can be used here, and ours there.
+//
+// Whatever is in the files, an operation ends, with a result or a failure: never with a crash or an
+// endless walk. Nothing is synced. A process that is killed within a store, and a disk that is full
+// then, leave what was stored before where it is found.
+//
+// A null handle and an empty key are refused with EINVAL in errno, a change through a handle that
+// only reads with EPERM. Results that are views stay good until the next call.
+// Threads: one at a time.
+inline constexpr std::size_t DBLKSIZ = 4096;  // bytes of a block of the directory
+inline constexpr int SPLTMAX = 10;            // splits for the sake of one pair
+
+struct HashDatabase;
+struct HashDatabaseCloser {
+  void operator()(HashDatabase* database) const;
+};
+using HashDatabasePtr = std::unique_ptr<HashDatabase, HashDatabaseCloser>;
+
+// For sdbm_open; one of the first three, with or without the others.
+enum HashDatabaseFlags : unsigned {
+  kReadOnly = 0,
+  kWriteOnly = 1,  // as kReadWrite: a page must be read before it is changed
+  kReadWrite = 2,
+  kCreate = 4,
+  kTruncate = 8,
+};
+enum HashDatabaseStore : int { kInsert = 0, kReplace = 1 };
+
+// Null, with the system's number in errno, if the files can't be opened.
+HashDatabasePtr sdbm_open(const std::string& name, unsigned flags, unsigned mode);
+void sdbm_close(HashDatabase* database);
+std::optional<std::string_view> sdbm_fetch(HashDatabase* database, std::string_view key);
+// 0; 1 if the key is there and was not to be replaced; -1 for a failure.
+int sdbm_store(HashDatabase* database, std::string_view key, std::string_view value, int flags);
+int sdbm_delete(HashDatabase* database, std::string_view key);  // 0; -1 also if there is none
+// All keys, page by page. A walk during which something is stored or deleted may miss keys or meet
+// them twice.
+std::optional<std::string_view> sdbm_firstkey(HashDatabase* database);
+std::optional<std::string_view> sdbm_nextkey(HashDatabase* database);
+// The number of the first error that the files gave, EIO for damaged pages, EFBIG for keys that no
+// split can part; 0 while there was none.
+int sdbm_error(const HashDatabase* database);
+
+}  // namespace MessageRouter

@@ -1,0 +1,440 @@
+#include "routing/HashDatabase.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+
+#include "platform/linux/FileFaults.h"
+#include "support/ScratchConfiguration.h"
+
+namespace MessageRouter {
+namespace {
+
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+constexpr unsigned kOpen = kReadWrite | kCreate;
+constexpr std::size_t kBlockBits = DBLKSIZ * 8;
+
+class HashDatabaseTest : public testing::Test {
+ protected:
+  HashDatabaseTest() { Open(); }
+  ~HashDatabaseTest() override { Platform::Faults().placedWritesLeft = -1; }
+
+  HashDatabase* Get() const { return database_.get(); }
+  void Open(unsigned flags = kOpen) {
+    database_.reset();
+    database_ = sdbm_open("map", flags, 0600);
+  }
+  std::string Fetch(const std::string& key) const {
+    return std::string(sdbm_fetch(Get(), key).value_or("(absent)"));
+  }
+  int Store(const std::string& key, const std::string& value) const {
+    return sdbm_store(Get(), key, value, kReplace);
+  }
+  std::vector<std::string> Keys() const {
+    std::vector<std::string> keys;
+    for (auto key = sdbm_firstkey(Get()); key; key = sdbm_nextkey(Get())) keys.emplace_back(*key);
+    return keys;
+  }
+  static std::string Read(const std::string& file) {
+    std::ostringstream text;
+    text << std::ifstream(file, std::ios::binary).rdbuf();
+    return text.str();
+  }
+  static void Write(const std::string& file, const std::string& bytes) {
+    std::ofstream(file, std::ios::binary) << bytes;
+  }
+  static void FailWritesAfter(int successes) { Platform::Faults().placedWritesLeft = successes; }
+  static void AllowWrites() { FailWritesAfter(-1); }
+  static std::string RandomKey(std::mt19937& random) {
+    std::string key(8, ' ');
+    for (char& c : key) c = static_cast<char>('a' + random() % 26);
+    return key;
+  }
+  // Four keys with one and the same hash: of two that have it, any two make another.
+  static std::vector<std::string> OfOneHash() {
+    std::mt19937 random(11);
+    std::map<std::uint32_t, std::string> known;
+    while (true) {
+      const std::string a = RandomKey(random);
+      const std::string b = known.try_emplace(HashOfKey(a), a).first->second;
+      if (a != b) return {a + a, a + b, b + a, b + b};
+    }
+  }
+
+  TestSupport::ScratchConfiguration folder_;
+  HashDatabasePtr database_;
+};
+
+// Opening
+
+TEST_F(HashDatabaseTest, OpeningMakesTwoFilesForTheOwnerAlone) {
+  ASSERT_NE(Get(), nullptr);
+  for (const char* file : {"map.dir", "map.pag"}) {
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600)) << file;
+    EXPECT_EQ(std::filesystem::file_size(file), 0u);
+  }
+}
+
+TEST_F(HashDatabaseTest, OpeningWhatIsNotThereFailsWithoutTheFlagToMakeIt) {
+  EXPECT_EQ(sdbm_open("other", kReadWrite, 0600), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_FALSE(std::filesystem::exists("other.pag"));
+}
+
+TEST_F(HashDatabaseTest, OpeningFailsIfEitherFileCannotBeOpened) {
+  for (const char* file : {"broken.dir", "broken.pag"}) {
+    std::filesystem::create_directory(file);
+    EXPECT_EQ(sdbm_open("broken", kOpen, 0600), nullptr) << file;
+    EXPECT_EQ(errno, EISDIR);
+    std::filesystem::remove_all("broken.dir");
+    std::filesystem::remove_all("broken.pag");
+  }
+}
+
+TEST_F(HashDatabaseTest, AWriteOnlyFlagBecomesReadWrite) {
+  Open(kWriteOnly);
+  EXPECT_EQ(Store("a", "1"), 0);
+  EXPECT_EQ(Fetch("a"), "1");
+}
+
+TEST_F(HashDatabaseTest, ATruncatingFlagBeginsAnew) {
+  Store("a", "1");
+  Open(kOpen | kTruncate);
+  EXPECT_EQ(Fetch("a"), "(absent)");
+}
+
+TEST_F(HashDatabaseTest, AHandleThatOnlyReadsRefusesChanges) {
+  Store("a", "1");
+  Open(kReadOnly);
+  EXPECT_EQ(Fetch("a"), "1");
+  EXPECT_EQ(Store("a", "2"), -1);
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(sdbm_delete(Get(), "a"), -1);
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(Fetch("a"), "1");
+  EXPECT_EQ(sdbm_error(Get()), 0);
+}
+
+TEST_F(HashDatabaseTest, ANullHandleAndAnEmptyKeyAreInvalid) {
+  const auto refused = [](bool result) {
+    const bool invalid = errno == EINVAL;
+    errno = 0;
+    return result && invalid;
+  };
+  EXPECT_TRUE(refused(!sdbm_fetch(nullptr, "a")));
+  EXPECT_TRUE(refused(sdbm_store(nullptr, "a", "1", kReplace) == -1));
+  EXPECT_TRUE(refused(sdbm_delete(nullptr, "a") == -1));
+  EXPECT_TRUE(refused(!sdbm_firstkey(nullptr)));
+  EXPECT_TRUE(refused(!sdbm_nextkey(nullptr)));
+  EXPECT_TRUE(refused(!sdbm_fetch(Get(), "")));
+  EXPECT_TRUE(refused(sdbm_store(Get(), "", "1", kReplace) == -1));
+  EXPECT_TRUE(refused(sdbm_delete(Get(), "") == -1));
+  EXPECT_EQ(sdbm_error(Get()), 0);
+  sdbm_close(nullptr);
+}
+
+// Pairs
+
+TEST_F(HashDatabaseTest, GivesBackWhatWasStoredAlsoAfterReopening) {
+  EXPECT_EQ(Store("a", "1"), 0);
+  EXPECT_EQ(Store("empty", ""), 0);
+  EXPECT_EQ(Store(std::string("\0\xff", 2), std::string("\n\0", 2)), 0);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(Fetch("a"), "1");
+    EXPECT_EQ(Fetch("empty"), "");
+    EXPECT_EQ(Fetch(std::string("\0\xff", 2)), std::string("\n\0", 2));
+    EXPECT_EQ(Fetch("A"), "(absent)");
+    Open();
+  }
+}
+
+TEST_F(HashDatabaseTest, StoringReplacesOnlyIfAskedTo) {
+  Store("a", "1");
+  EXPECT_EQ(sdbm_store(Get(), "a", "2", kInsert), 1);
+  EXPECT_EQ(Fetch("a"), "1");
+  EXPECT_EQ(sdbm_store(Get(), "a", "longer", kReplace), 0);
+  EXPECT_EQ(Fetch("a"), "longer");
+  EXPECT_THAT(Keys(), UnorderedElementsAre("a"));
+  EXPECT_EQ(sdbm_store(Get(), "b", "3", kInsert), 0);
+}
+
+TEST_F(HashDatabaseTest, DeletingTellsWhetherTheKeyWasThere) {
+  Store("a", "1");
+  EXPECT_EQ(sdbm_delete(Get(), "a"), 0);
+  EXPECT_EQ(sdbm_delete(Get(), "a"), -1);
+  EXPECT_EQ(Fetch("a"), "(absent)");
+  EXPECT_EQ(sdbm_error(Get()), 0);
+}
+
+TEST_F(HashDatabaseTest, APairOf1008BytesWorksAndOneOf1009FailsAtOnce) {
+  const std::string key(8, 'k');
+  EXPECT_EQ(Store(key, std::string(1000, 'v')), 0);
+  EXPECT_EQ(Fetch(key), std::string(1000, 'v'));
+  EXPECT_EQ(Store("another", std::string(1002, 'v')), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(Store(std::string(1009, 'k'), ""), -1);
+  EXPECT_EQ(sdbm_error(Get()), 0);
+  EXPECT_THAT(Keys(), UnorderedElementsAre(key));
+}
+
+TEST_F(HashDatabaseTest, WithAnEmptyDirectoryAllKeysFallIntoPage0UntilTheFirstSplit) {
+  for (int i = 0; i < 20; ++i) Store("key" + std::to_string(i), "v");
+  EXPECT_EQ(std::filesystem::file_size("map.pag"), PBLKSIZ);
+  EXPECT_EQ(std::filesystem::file_size("map.dir"), 0u);
+  for (int i = 20; i < 200; ++i) Store("key" + std::to_string(i), "v");
+  EXPECT_GT(std::filesystem::file_size("map.pag"), PBLKSIZ);
+  EXPECT_EQ(std::filesystem::file_size("map.dir"), DBLKSIZ);
+  EXPECT_EQ(Read("map.dir")[0] & 1, 1);
+}
+
+TEST_F(HashDatabaseTest, ThousandsOfPairsSurviveSplitsDeletionsAndReopening) {
+  std::map<std::string, std::string> expected;
+  std::mt19937 random(3);
+  for (int i = 0; i < 20000; ++i) {
+    const std::string key = "router" + std::to_string(random() % 5000);
+    if (random() % 4 == 0) {
+      EXPECT_EQ(sdbm_delete(Get(), key), expected.erase(key) == 1 ? 0 : -1);
+    } else {
+      const std::string value(random() % 40, 'v');
+      EXPECT_EQ(Store(key, value), 0);
+      expected[key] = value;
+    }
+  }
+  Open();
+  for (const auto& [key, value] : expected) EXPECT_EQ(Fetch(key), value);
+  const std::vector<std::string> keys = Keys();
+  EXPECT_EQ(keys.size(), expected.size());
+  EXPECT_EQ(std::set<std::string>(keys.begin(), keys.end()).size(), expected.size());
+  EXPECT_EQ(sdbm_error(Get()), 0);
+}
+
+TEST_F(HashDatabaseTest, AWalkOfAnEmptyDatabaseEndsAtOnce) {
+  EXPECT_THAT(Keys(), IsEmpty());
+  EXPECT_EQ(sdbm_nextkey(Get()), std::nullopt);
+}
+
+TEST_F(HashDatabaseTest, AWalkGoesOnAfterAFetchFromAnotherPage) {
+  for (int i = 0; i < 1000; ++i) Store("key" + std::to_string(i), "v");
+  std::set<std::string> keys;
+  for (auto key = sdbm_firstkey(Get()); key; key = sdbm_nextkey(Get())) {
+    EXPECT_TRUE(keys.emplace(*key).second);
+    Fetch("key" + std::to_string(keys.size()));
+  }
+  EXPECT_EQ(keys.size(), 1000u);
+}
+
+TEST_F(HashDatabaseTest, ALookupInThePageInMemoryNeedsNoRead) {
+  Store("a", "1");
+  std::filesystem::resize_file("map.pag", 0);
+  EXPECT_EQ(Fetch("a"), "1");
+}
+
+// The tree
+
+TEST_F(HashDatabaseTest, ALeafDeepDownIsFoundAgainEvenWhereItsBitLiesBlocksBehindTheOthers) {
+  // Ones all the way: each node is the right child of its parent, which is the fastest way up in
+  // the numbers.
+  std::vector<std::string> keys;
+  std::mt19937 random(5);
+  while (keys.size() < 60) {
+    const std::string key = RandomKey(random);
+    if ((HashOfKey(key) & 0x3FFFF) == 0x3FFFF) keys.push_back(key);
+  }
+  const std::string value(900, 'v');
+  for (const std::string& key : keys) Store(key, value);
+  std::vector<std::string> stored;
+  for (const std::string& key : keys) {
+    if (Fetch(key) == value) stored.push_back(key);
+  }
+  EXPECT_GT(stored.size(), 10u);
+  EXPECT_GT(std::filesystem::file_size("map.dir"), 2 * DBLKSIZ);
+  EXPECT_EQ(Keys().size(), stored.size());
+  Open();
+  for (const std::string& key : stored) EXPECT_EQ(Fetch(key), value) << key;
+}
+
+TEST_F(HashDatabaseTest, KeysOfOneHashFailAfterTenSplitsWithWordsOnStandardError) {
+  const std::vector<std::string> keys = OfOneHash();
+  const std::string value(450, 'v');
+  EXPECT_EQ(Store(keys[0], value), 0);
+  EXPECT_EQ(Store(keys[1], value), 0);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Store(keys[2], value), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "sdbm: cannot insert after SPLTMAX attempts.\n");
+  EXPECT_EQ(sdbm_error(Get()), EFBIG);
+  EXPECT_EQ(Fetch(keys[0]), value);
+  EXPECT_EQ(Fetch(keys[1]), value);
+  EXPECT_EQ(Fetch(keys[2]), "(absent)");
+}
+
+TEST_F(HashDatabaseTest, KeysOfOneHashStoredOverAndOverNeitherSplitForEverNorSlowAWalk) {
+  const std::vector<std::string> keys = OfOneHash();
+  const std::string value(450, 'v');
+  Store(keys[0], value);
+  Store(keys[1], value);
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(Store(keys[2], value), -1);
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(Fetch(keys[0]), value);
+  EXPECT_EQ(Fetch(keys[1]), value);
+  // The file reaches over terabytes or to the limit of the file system, with hardly anything in it.
+  EXPECT_THAT(Keys(), UnorderedElementsAre(keys[0], keys[1]));
+}
+
+// Failing disks
+
+TEST_F(HashDatabaseTest, AFailedStoreIntoAPageLosesNothingAndIsNotFound) {
+  FailWritesAfter(0);
+  EXPECT_EQ(Store("a", "1"), -1);
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(sdbm_error(Get()), ENOSPC);
+  AllowWrites();
+  EXPECT_EQ(Fetch("a"), "(absent)");
+  EXPECT_EQ(Store("b", "1"), 0);
+  FailWritesAfter(0);
+  EXPECT_EQ(Store("b", "2"), -1);
+  EXPECT_EQ(sdbm_delete(Get(), "b"), -1);
+  AllowWrites();
+  EXPECT_EQ(Fetch("b"), "1");
+}
+
+TEST_F(HashDatabaseTest, ASplitThatFailsAtAnyOfItsWritesLosesNoPair) {
+  // Page 0 is full: one pair more splits it.
+  std::vector<std::string> keys;
+  for (int i = 0; i < 10; ++i) {
+    keys.push_back("key" + std::to_string(i));
+    ASSERT_EQ(Store(keys.back(), std::string(90, 'v')), 0);
+  }
+  const std::string full = Read("map.pag");
+  ASSERT_EQ(full.size(), PBLKSIZ);
+  // The new pair belongs to the old page, or to the new one.
+  for (const char* key : {"b", "a"}) {
+    bool stored = false;
+    for (int writes = 0; !stored; ++writes) {
+      Write("map.pag", full);
+      Write("map.dir", "");
+      Open();
+      FailWritesAfter(writes);
+      stored = Store(key, std::string(90, 'v')) == 0;
+      AllowWrites();
+      for (int i = 0; i < 2; ++i) {
+        for (const std::string& old : keys) EXPECT_NE(Fetch(old), "(absent)") << old << writes;
+        EXPECT_EQ(Fetch(key) != "(absent)", stored) << key << writes;
+        Open();
+      }
+    }
+    EXPECT_EQ(Read("map.dir")[0], 1);
+  }
+}
+
+// Damaged files
+
+TEST_F(HashDatabaseTest, ADamagedPageIsAFailureForEveryOperation) {
+  Store("a", "1");
+  Write("map.pag", std::string(PBLKSIZ, '\x7f'));
+  Open();
+  EXPECT_EQ(Fetch("a"), "(absent)");
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(Store("a", "2"), -1);
+  EXPECT_EQ(sdbm_delete(Get(), "a"), -1);
+  EXPECT_EQ(sdbm_firstkey(Get()), std::nullopt);
+  EXPECT_EQ(sdbm_nextkey(Get()), std::nullopt);
+  EXPECT_EQ(sdbm_error(Get()), EIO);
+  EXPECT_EQ(Read("map.pag"), std::string(PBLKSIZ, '\x7f'));
+}
+
+TEST_F(HashDatabaseTest, TheOtherPagesOfADamagedFileStayInUse) {
+  for (int i = 0; i < 500; ++i) Store("key" + std::to_string(i), "v");
+  std::string pages = Read("map.pag");
+  pages.replace(0, 2, "\xff\xff");
+  Write("map.pag", pages);
+  Open();
+  unsigned found = 0;
+  for (int i = 0; i < 500; ++i) found += Fetch("key" + std::to_string(i)) == "v" ? 1 : 0;
+  EXPECT_GT(found, 300u);
+  EXPECT_LT(found, 500u);
+}
+
+TEST_F(HashDatabaseTest, AFileThatEndsInThePageIsDamaged) {
+  for (int i = 0; i < 500; ++i) Store("key" + std::to_string(i), "v");
+  std::filesystem::resize_file("map.pag", std::filesystem::file_size("map.pag") - 1);
+  Open();
+  const std::size_t keys = Keys().size();
+  EXPECT_LT(keys, 500u);
+  EXPECT_GT(keys, 400u);
+  EXPECT_EQ(sdbm_error(Get()), EIO);
+}
+
+TEST_F(HashDatabaseTest, AReadPastTheEndLeavesThePageInMemoryAsItIs) {
+  // As after a crash: the root has been split, the page on the right never written. The hash of "b"
+  // is even, that of "a" odd.
+  ASSERT_EQ(Store("b", "1"), 0);
+  Write("map.dir", "\x01" + std::string(DBLKSIZ - 1, '\0'));
+  Open();
+  EXPECT_EQ(Fetch("b"), "1");
+  EXPECT_EQ(Fetch("a"), "(absent)");
+  EXPECT_EQ(Store("a", "2"), 0);
+  EXPECT_EQ(Fetch("a"), "2");
+  EXPECT_EQ(Fetch("b"), "1");
+  EXPECT_EQ(sdbm_error(Get()), 0);
+}
+
+TEST_F(HashDatabaseTest, ADirectoryOfAllOnesEndsEveryDescent) {
+  Store("a", "1");
+  for (const std::size_t size : {std::size_t{1}, std::size_t{100}, DBLKSIZ, 64 * DBLKSIZ}) {
+    Write("map.dir", std::string(size, '\xff'));
+    Open();
+    Fetch("a");
+    Store("b", "2");
+    EXPECT_EQ(Fetch("b"), "2") << size;
+    sdbm_delete(Get(), "a");
+    EXPECT_GE(Keys().size(), 1u);
+  }
+}
+
+TEST_F(HashDatabaseTest, ADirectoryOfAnySizeIsRead) {
+  Store("a", "1");
+  database_.reset();
+  std::filesystem::resize_file("map.dir", std::uintmax_t{1} << 36);
+  Open();
+  ASSERT_NE(Get(), nullptr);
+  EXPECT_EQ(Fetch("a"), "1");
+  EXPECT_EQ(Store("b", "2"), 0);
+}
+
+TEST_F(HashDatabaseTest, ManyKindsOfRubbishEndInResultsOrFailures) {
+  std::mt19937 random(17);
+  for (int round = 0; round < 300; ++round) {
+    std::string pages((random() % 4) * PBLKSIZ + random() % 3, '\0');
+    for (char& c : pages) c = random() % 3 == 0 ? static_cast<char>(random()) : '\0';
+    for (std::size_t page = 0; page + PBLKSIZ <= pages.size(); page += PBLKSIZ) {
+      if (random() % 2 == 0) pages.replace(page, 2, std::string(2, '\0'));
+    }
+    std::string directory(random() % 20, '\0');
+    for (char& c : directory) c = static_cast<char>(random());
+    Write("map.pag", pages);
+    Write("map.dir", directory);
+    Open();
+    ASSERT_NE(Get(), nullptr);
+    for (const char* key : {"a", "b", "cc"}) {
+      Fetch(key);
+      if (Store(key, "v") == 0) {
+        EXPECT_EQ(Fetch(key), "v");
+      }
+      sdbm_delete(Get(), key);
+    }
+    Keys();
+  }
+}
+
+}  // namespace
+}  // namespace MessageRouter
