@@ -49,6 +49,10 @@ std::string FirstComponent(std::string_view text) {
   return std::string(text.substr(start, text.find('.', start) - start));
 }
 
+bool IsThisRouter(std::string_view hop) {
+  return hop == ":" || (!hop.empty() && hop == OwnIdentity::CommonName());
+}
+
 std::string ToDisplayString(const std::string& text) {
   // Without a shift character UTF-7 is either ASCII, which stays as it is, or not valid.
   if (text.find('+') == std::string::npos) return text;

@@ -18,6 +18,9 @@ std::string StripRouterPrefix(const std::string& name);
 // The first component that is not empty, or nothing.
 std::string FirstComponent(std::string_view text);
 
+// Whether a hop means this router: by its name, or as ":", whichever router holds the envelope.
+bool IsThisRouter(std::string_view hop);
+
 // For log texts: UTF-7 to the local code page; unchanged where that fails.
 std::string ToDisplayString(const std::string& text);
 

@@ -9,6 +9,7 @@
 
 #include "config/Configuration.h"
 #include "config/DataLocation.h"
+#include "envelope/Address.h"
 #include "logging/Log.h"
 
 namespace MessageRouter {
@@ -38,10 +39,25 @@ std::string NameFor(std::uint32_t index) {
   return name;
 }
 
+// Whether the router could answer this message, if it is the router's own. One whose payload it
+// can't decode has ended the process, and would do so at every start.
+bool CanBeDispatched(Envelope& envelope) {
+  if (envelope.HopCount() != 1 || !IsThisRouter(envelope.NextHop())) return true;
+  try {
+    CORBA::Any payload;
+    envelope.GetData(payload);
+    return true;
+  } catch (const std::exception& exception) {
+    LogWarning("Failed to read envelope data from \"%s\" for value: \"Data.\" Error: %s \n",
+               envelope.FileName().c_str(), exception.what());
+    return false;
+  }
+}
+
 // False if the envelope is not to be routed.
 bool Load(Envelope& envelope) {
   try {
-    if (envelope.FromPersistent()) return true;
+    if (envelope.FromPersistent() && CanBeDispatched(envelope)) return true;
   } catch (const std::exception& exception) {
     // A file that can't even be opened stays where it is, and the others are loaded all the same.
     LogError("%s\n", exception.what());

@@ -87,6 +87,12 @@ class Mutator {
   std::vector<std::string> seeds_;
 };
 
+// A payload that a router has accepted and written can be read from the file again.
+void RequireReadable(const std::string& stored) {
+  CORBA::Any any;
+  EXPECT_NO_THROW(Encoding::DecodeAny(stored, any)) << stored;
+}
+
 // What a router does with a payload: decode, copy, look at, encode.
 bool Passes(const std::string& bytes) {
   CORBA::Any any;
@@ -95,9 +101,10 @@ bool Passes(const std::string& bytes) {
   } catch (const std::runtime_error&) {
     return false;
   }
+  std::string stored;
   try {
     const CORBA::Any copy(any);
-    Encoding::EncodeAny(copy);
+    stored = Encoding::EncodeAny(copy);
     const CertificationMessages::Message* message = nullptr;
     (void)(copy >>= message);
     const CORBA::TypeCode_var type = copy.type();
@@ -105,6 +112,7 @@ bool Passes(const std::string& bytes) {
   } catch (const CORBA::SystemException&) {
   } catch (const std::runtime_error&) {
   }
+  if (!stored.empty()) RequireReadable(stored);
   return true;
 }
 
