@@ -1,42 +1,106 @@
 #include "routing/Logical.h"
 
+#include <cerrno>
+#include <cstdint>
 #include <ostream>
 #include <utility>
 
-namespace MessageRouter {
+#include "logging/Log.h"
+#include "platform/Files.h"
 
-Logical::Logical(std::string path) : path_(std::move(path)) {}
+namespace MessageRouter {
+namespace {
+
+constexpr unsigned kFileMode = 0600;
+
+bool RemoveIfThere(const std::string& path) {
+  const int error = Platform::RemoveFile(path);
+  return error == 0 || error == ENOENT;
+}
+
+}  // namespace
+
+Logical::Logical(std::string path) : path_(std::move(path)) {
+  const ThreadHelper::WriteGuard guard(mutex_);
+  if (!guard || !Open()) LogError("Failed to open logical routing database\n");
+}
+
+bool Logical::Open() {
+  database_ = sdbm_open(path_, kReadWrite | kCreate, kFileMode);
+  failureLogged_ = false;
+  return database_ != nullptr;
+}
 
 bool Logical::IsClosed() const {
-  return true;
+  const ThreadHelper::ReadGuard guard(mutex_);
+  return !guard || database_ == nullptr;
 }
 
 std::ostream& Logical::write(std::ostream& stream) const {
-  return stream << "Logical(" << path_ << ",0)";
+  const ThreadHelper::ReadGuard guard(mutex_);
+  const auto handle = guard ? reinterpret_cast<std::uintptr_t>(database_.get()) : 0;
+  return stream << "Logical(" << path_ << ',' << std::dec << handle << ')';
 }
 
-std::string Logical::Lookup(const std::string&) const {
-  return {};
+template <class Use, class Result>
+Result Logical::WithDatabase(Result otherwise, Use&& use) const {
+  const ThreadHelper::WriteGuard guard(mutex_);
+  if (!guard || database_ == nullptr) return otherwise;
+  Result result = use(database_.get());
+  const int error = sdbm_error(database_.get());
+  if (error != 0 && !std::exchange(failureLogged_, true)) {
+    LogSystemError(kLogError, ("Failed to use the logical routing database " + path_).c_str(),
+                   error);
+  }
+  return result;
 }
 
-int Logical::Store(const std::string&, const std::string&) {
-  return kClosed;
+std::string Logical::Lookup(const std::string& key) const {
+  return WithDatabase(std::string(), [&](HashDatabase* database) {
+    return std::string(sdbm_fetch(database, key).value_or(std::string_view()));
+  });
 }
 
-int Logical::Remove(const std::string&, const std::string&) {
-  return kClosed;
+int Logical::Store(const std::string& key, const std::string& value) {
+  return WithDatabase(
+      kClosed, [&](HashDatabase* database) { return sdbm_store(database, key, value, kReplace); });
 }
 
-std::size_t Logical::KeysOf(const std::string&, std::vector<std::string>&) const {
-  return 0;
+int Logical::Remove(const std::string& key, const std::string& owner) {
+  return WithDatabase(kClosed, [&](HashDatabase* database) {
+    if (sdbm_fetch(database, key) != std::string_view(owner)) return kOtherOwner;
+    return sdbm_delete(database, key);
+  });
 }
 
-std::size_t Logical::AllKeys(std::vector<std::string>&) const {
-  return 0;
+template <class Wanted>
+std::size_t Logical::Collect(std::vector<std::string>& keys, Wanted&& wanted) const {
+  WithDatabase(0, [&](HashDatabase* database) {
+    for (auto key = sdbm_firstkey(database); key; key = sdbm_nextkey(database)) {
+      keys.emplace_back(*key);
+      if (!wanted(database, keys.back())) keys.pop_back();
+    }
+    return 0;
+  });
+  return keys.size();
+}
+
+std::size_t Logical::KeysOf(const std::string& owner, std::vector<std::string>& keys) const {
+  return Collect(keys, [&](HashDatabase* database, const std::string& key) {
+    return sdbm_fetch(database, key) == std::string_view(owner);
+  });
+}
+
+std::size_t Logical::AllKeys(std::vector<std::string>& keys) const {
+  return Collect(keys, [](HashDatabase*, const std::string&) { return true; });
 }
 
 bool Logical::Reset() {
-  return false;
+  const ThreadHelper::WriteGuard guard(mutex_);
+  if (!guard) return false;
+  database_.reset();
+  const bool removed = RemoveIfThere(path_ + ".dir") && RemoveIfThere(path_ + ".pag");
+  return Open() && removed;
 }
 
 }  // namespace MessageRouter

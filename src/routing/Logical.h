@@ -1,15 +1,22 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
 #include "logging/Streamable.h"
+#include "routing/HashDatabase.h"
+#include "threads/Mutex.h"
 
 namespace MessageRouter {
 
-// The persistent map from the name of every router below this one to the child that leads there.
-// Not available in this version: it is always closed, finds nothing and stores nothing.
-// Threads: any.
+// The persistent map from the name of every router below this one to the child that leads there, in
+// the files PATH.dir and PATH.pag. Names are compared byte by byte.
+//
+// A map whose files can't be opened is closed: it finds nothing and stores nothing. What goes wrong
+// with the files later makes the operation fail; the first failure is logged.
+// Threads: any. Each operation takes the lock to write, since a lookup too changes what the
+// database has in memory; the files are read and written beneath it, and nothing else.
 class Logical : public Streamable {
  public:
   static constexpr int kClosed = -2;
@@ -20,14 +27,28 @@ class Logical : public Streamable {
   std::ostream& write(std::ostream& stream) const override;
 
   std::string Lookup(const std::string& key) const;  // empty if absent or closed
+  // 0, -1 for a failure, kClosed. Replaces.
   int Store(const std::string& key, const std::string& value);
+  // As Store; kOtherOwner if the key's value is not `owner`, or there is none.
   int Remove(const std::string& key, const std::string& owner);
+  // Both append, and return the size of the list.
   std::size_t KeysOf(const std::string& owner, std::vector<std::string>& keys) const;
   std::size_t AllKeys(std::vector<std::string>& keys) const;
+  // Begins anew with empty files. False if that fails; the map is closed then.
   bool Reset();
 
  private:
-  std::string path_;
+  // Runs `use` on the open database, and logs its first error.
+  template <class Use, class Result>
+  Result WithDatabase(Result otherwise, Use&& use) const;
+  template <class Wanted>
+  std::size_t Collect(std::vector<std::string>& keys, Wanted&& wanted) const;
+  bool Open() REQUIRES(mutex_);
+
+  const std::string path_;
+  mutable ThreadHelper::RWMutex mutex_;
+  HashDatabasePtr database_ GUARDED_BY(mutex_);  // null: closed
+  mutable bool failureLogged_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace MessageRouter

@@ -9,7 +9,6 @@
 #include "envelope/Address.h"
 #include "envelope/MessageType.h"
 #include "logging/Log.h"
-#include "security/OwnIdentity.h"
 
 namespace MessageRouter {
 
@@ -17,19 +16,12 @@ namespace {
 
 // Whichever router holds the envelope.
 constexpr char kThisRouter[] = ":";
-// The parent of whichever router makes the envelope: it need not know the parent's name.
-constexpr char kParentAddress[] = ":.:";
 
 bool ContainsIgnoringCase(std::string_view text, std::string_view part) {
   const auto same = [](unsigned char left, unsigned char right) {
     return std::tolower(left) == std::tolower(right);
   };
   return std::search(text.begin(), text.end(), part.begin(), part.end(), same) != text.end();
-}
-
-bool IsThisRouter(const std::string& hop) {
-  if (hop == kThisRouter) return true;
-  return !hop.empty() && hop == OwnIdentity::CommonName();
 }
 
 std::atomic<Routing*> currentCycle{nullptr};
@@ -49,11 +41,6 @@ void ReportDeliveryFailure(const Envelope& envelope, const char* reason) {
   if (IsSystemType(type) && ContainsIgnoringCase(type, "DeliveryFailed")) return;
   LogWarning("Delivery failed(%s) for message type %s, originator %s", reason, type.c_str(),
              envelope.Originator().c_str());
-}
-
-void DispatchLocal(Envelope& envelope, RouterTable&, Logical*) {
-  LogWarning("Messages for this router itself are not handled in this version: %s\n",
-             envelope.Describe().c_str());
 }
 
 Routing::Routing(RoutingHost& host, RouterTable& table) : host_(host), table_(table) {
@@ -98,6 +85,9 @@ RouterTableEntry* Routing::FindRoute(const std::string& name) {
 }
 
 RouterTableEntry* Routing::FindRoute(const std::string& name, std::string& reachedAs) {
+  // No peer takes this name, whatever its certificate or a child's news says: what is for the
+  // parent would go there.
+  if (name == kThisRouter) return nullptr;
   RouterTableEntry* entry = table_.Find(name);
   if (entry != nullptr && entry->IsRoutable()) {
     reachedAs = name;
@@ -121,7 +111,7 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
   if (local) {
     if (envelope.HopCount() < 2) {
       LogInfo("Received message for this router\n");
-      DispatchLocal(envelope, table_, logical_);
+      dispatcher_.DispatchLocal(envelope, table_, logical_);
       envelope.Retire();
       return;
     }

@@ -5,12 +5,16 @@
 #include <memory>
 #include <string>
 
+#include "routing/Dispatcher.h"
 #include "routing/Logical.h"
 #include "routing/RouteQueue.h"
 #include "routing/RouterTable.h"
 #include "routing/UpdateNotifier.h"
 
 namespace MessageRouter {
+
+// The parent of whichever router makes the envelope: it need not know the parent's name.
+inline constexpr char kParentAddress[] = ":.:";
 
 // Where every envelope goes next, and the operations on peers that servants and threads share.
 // Threads: any, RouteNext excepted, which belongs to the route thread.
@@ -70,8 +74,9 @@ class Routing {
   RoutingHost& host_;
   RouterTable& table_;
   RouteQueue queue_;
-  UpdateNotifier routerUpdateNotifier_{true};
-  UpdateNotifier clientUpdateNotifier_{false};
+  UpdateNotifier routerUpdateNotifier_{*this, true};
+  UpdateNotifier clientUpdateNotifier_{*this, false};
+  Dispatcher dispatcher_{*this};
   // Routes anew, at its end, what waits for an entry that is no longer registered.
   class Drain {
    public:
@@ -91,9 +96,6 @@ class Routing {
 
 // Logs that an envelope will not be delivered. No failure message is sent.
 void ReportDeliveryFailure(const Envelope& envelope, const char* reason);
-
-// Handles an envelope whose route ends here. Not available in this version: logs a warning.
-void DispatchLocal(Envelope& envelope, RouterTable& table, Logical* logical);
 
 // The objects of the running cycle, as everything that a peer can wake sees them: null while no
 // cycle runs.

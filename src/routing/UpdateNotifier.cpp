@@ -1,17 +1,70 @@
 #include "routing/UpdateNotifier.h"
 
+#include <exception>
+
+#include "config/Configuration.h"
+#include "envelope/MessageType.h"
+#include "logging/Log.h"
+#include "routing/Routing.h"
+
 namespace MessageRouter {
 
-UpdateNotifier::UpdateNotifier(bool isRouters) : isRouters_(isRouters) {}
+UpdateNotifier::UpdateNotifier(Routing& routing, bool isRouters)
+    : routing_(routing),
+      isRouters_(isRouters),
+      configKey_(isRouters ? "NotifyRouterUpdate" : "NotifyClientUpdate"),
+      ttl_(MessageTimeoutSeconds()) {
+  const std::string destination = GetConfigString(configKey_, "", kMaxDestination);
+  const ThreadHelper::Guard guard(mutex_);
+  if (guard) destination_ = destination;
+}
 
-void UpdateNotifier::SetDestination(const std::string&) {}
+void UpdateNotifier::SetDestination(const std::string& destination) {
+  if (destination.size() > kMaxDestination) {
+    LogError("The address of a subscriber has %zu characters, which is too many\n",
+             destination.size());
+    return;
+  }
+  {
+    const ThreadHelper::Guard guard(mutex_);
+    if (!guard) return;
+    destination_ = destination;
+  }
+  SetConfigString(configKey_, destination);
+  SaveConfiguration();
+}
 
-void UpdateNotifier::Registered(const std::string&) {}
+void UpdateNotifier::Registered(const std::string& name) {
+  Send(isRouters_ ? "RouterRegistered" : "ClientRegistered", name);
+}
 
-void UpdateNotifier::Unregistered(const std::string&) {}
+void UpdateNotifier::Unregistered(const std::string& name) {
+  Send(isRouters_ ? "RouterUnregistered" : "ClientUnregistered", name);
+}
 
-void UpdateNotifier::Logon(const std::string&) {}
+void UpdateNotifier::Logon(const std::string& name) {
+  Send(isRouters_ ? "RouterLogon" : "ClientLogon", name);
+}
 
-void UpdateNotifier::Logoff(const std::string&) {}
+void UpdateNotifier::Logoff(const std::string& name) {
+  Send(isRouters_ ? "RouterLogoff" : "ClientLogoff", name);
+}
+
+std::string UpdateNotifier::Destination() const {
+  const ThreadHelper::Guard guard(mutex_);
+  return guard ? destination_ : std::string();
+}
+
+void UpdateNotifier::Send(const char* event, const std::string& name) {
+  const std::string destination = Destination();
+  if (destination.empty()) return;
+  try {
+    CORBA::Any data;
+    data <<= name.c_str();
+    routing_.SendLocalMessage(destination, ManagementMessageType(event), data, priority_, ttl_);
+  } catch (const std::exception& exception) {
+    LogCaughtException("UpdateNotifier::Send", exception, "");
+  }
+}
 
 }  // namespace MessageRouter

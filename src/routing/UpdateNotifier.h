@@ -1,24 +1,48 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
+
+#include "threads/Mutex.h"
 
 namespace MessageRouter {
 
-// Sends management notices about the peers of one kind to whoever has subscribed. Subscriptions
-// are not available in this version: nobody is ever told.
+class Routing;
+
+// Sends management notices about the peers of one kind, clients or routers, to whoever subscribed
+// last. The subscription stands in the configuration and outlives a restart.
 // Threads: any.
 class UpdateNotifier {
  public:
-  explicit UpdateNotifier(bool isRouters);
+  // What a subscriber's address may have: longer ones could not be read back.
+  static constexpr std::size_t kMaxDestination = 4096;
+
+  // Notices go out through `routing`, which must outlive this.
+  UpdateNotifier(Routing& routing, bool isRouters);
+
+  // The address replaces the one before; empty ends the subscription. One that is too long is
+  // refused with an error line.
   void SetDestination(const std::string& destination);
+
+  // A notice that can't be made is logged: it keeps nobody from registering or logging on.
   void Registered(const std::string& name);
   void Unregistered(const std::string& name);
   void Logon(const std::string& name);
   void Logoff(const std::string& name);
 
  private:
-  // Which pair of notices this one sends.
-  [[maybe_unused]] bool isRouters_;
+  void Send(const char* event, const std::string& name);
+  std::string Destination() const;
+
+  Routing& routing_;
+  const bool isRouters_;
+  // Leaf lock: the route thread replaces what the ORB's threads read.
+  mutable ThreadHelper::Mutex mutex_;
+  std::string destination_ GUARDED_BY(mutex_);
+  const char* const configKey_;
+  const std::uint32_t priority_ = 0;
+  const std::int64_t ttl_;
 };
 
 }  // namespace MessageRouter

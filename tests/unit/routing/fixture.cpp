@@ -2,7 +2,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
+#include <utility>
 
 #include "config/Configuration.h"
 #include "security/OwnIdentity.h"
@@ -89,6 +91,14 @@ std::string RoutingTest::TableText() const {
 
 void RoutingTest::WriteTableText(const std::string& text) const {
   std::ofstream(TablePath(), std::ios::binary) << text;
+}
+
+MessageRouter::Logical& RoutingTest::AMap() {
+  auto map =
+      std::make_unique<MessageRouter::Logical>((configuration_.Folder() / "LogicalTable").string());
+  MessageRouter::Logical& made = *map;
+  routing_.SetLogical(std::move(map));
+  return made;
 }
 
 void RoutingTest::PassAMinute() {

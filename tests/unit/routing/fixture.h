@@ -46,6 +46,8 @@ class RoutingTest : public testing::Test {
   std::string TablePath() const;
   std::string TableText() const;
   void WriteTableText(const std::string& text) const;
+  // The map of routers further down, open and empty, in use from now on.
+  MessageRouter::Logical& AMap();
   // Time enough for another write of the table.
   void PassAMinute();
 

@@ -3,7 +3,6 @@
 #include <sstream>
 
 #include "fixture.h"
-#include "routing/Logical.h"
 
 namespace TestSupport {
 namespace {
@@ -51,19 +50,6 @@ TEST_F(ListClientsTest, HasOneRecordForEachRegisteredEntryAndTheParentOnce) {
 TEST_F(ListClientsTest, AnEmptyListSaysSo) {
   ListClients list;
   EXPECT_EQ(Text(list), "([0])");
-}
-
-TEST_F(ListClientsTest, TheMapOfRoutersIsClosedAndStoresNothing) {
-  MessageRouter::Logical logical("LogicalTable");
-  std::vector<std::string> keys;
-  EXPECT_TRUE(logical.IsClosed());
-  EXPECT_EQ(Text(logical), "Logical(LogicalTable,0)");
-  EXPECT_EQ(logical.Lookup("name"), "");
-  EXPECT_EQ(logical.Store("name", "child"), MessageRouter::Logical::kClosed);
-  EXPECT_EQ(logical.Remove("name", "child"), MessageRouter::Logical::kClosed);
-  EXPECT_EQ(logical.KeysOf("child", keys), 0u);
-  EXPECT_EQ(logical.AllKeys(keys), 0u);
-  EXPECT_FALSE(logical.Reset());
 }
 
 }  // namespace

@@ -8,6 +8,7 @@ using BrelixMessaging::AlreadyRegistered;
 using BrelixMessaging::NotRegistered;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 class PeersTest : public RoutingTest {
  protected:
@@ -24,6 +25,17 @@ class PeersTest : public RoutingTest {
     envelope.GetData(any);
     const char* text = nullptr;
     return (any >>= text) ? text : "no text";
+  }
+  static std::vector<std::string> Names(Envelope& envelope) {
+    CORBA::Any any;
+    envelope.GetData(any);
+    const BrelixMessaging::String_seq* list = nullptr;
+    std::vector<std::string> names;
+    EXPECT_TRUE(any >>= list);
+    for (CORBA::ULong i = 0; list != nullptr && i < list->length(); ++i) {
+      names.emplace_back((*list)[i].in());
+    }
+    return names;
   }
 };
 
@@ -62,16 +74,48 @@ TEST_F(PeersTest, ARoutersRegistrationIsToldToTheParent) {
   EXPECT_EQ(Text(envelope), "child");
 }
 
-TEST_F(PeersTest, ARoutersUnregisteringIsToldToTheParentWithOrWithoutAMap) {
+TEST_F(PeersTest, ARoutersUnregisteringIsToldToTheParentByNameWhereNothingLedThroughIt) {
   table_.AddParent("");
   for (const bool withMap : {false, true}) {
-    if (withMap) routing_.SetLogical(std::make_unique<MessageRouter::Logical>("LogicalTable"));
+    if (withMap) AMap().Store("leaf", "another");
     table_.Register("child", true);
     routing_.UnregisterPeer("child", true);
     Envelope envelope = SentUp();
     EXPECT_EQ(envelope.Type(), "MS-RouterUnregistered");
+    EXPECT_EQ(envelope.Destination(), ":.:");
+    EXPECT_EQ(envelope.Priority(), 0u);
+    EXPECT_EQ(envelope.Ttl(), clock_.WallSeconds() + 43200);
     EXPECT_EQ(Text(envelope), "child");
   }
+}
+
+TEST_F(PeersTest, ARoutersUnregisteringTellsTheParentOfAllThatLedThroughIt) {
+  table_.AddParent("");
+  MessageRouter::Logical& map = AMap();
+  map.Store("leaf1", "child");
+  map.Store("leaf2", "child");
+  map.Store("leaf3", "another");
+  table_.Register("child", true);
+  routing_.UnregisterPeer("child", true);
+  Envelope envelope = SentUp();
+  const std::vector<std::string> names = Names(envelope);
+  ASSERT_EQ(names.size(), 3u);
+  EXPECT_EQ(names[0], "child");
+  EXPECT_THAT(names, UnorderedElementsAre("child", "leaf1", "leaf2"));
+  EXPECT_EQ(map.Lookup("leaf1"), "");
+  EXPECT_EQ(map.Lookup("leaf2"), "");
+  EXPECT_EQ(map.Lookup("leaf3"), "another");
+}
+
+TEST_F(PeersTest, TheRootOfATreeDoesNotCleanItsMap) {
+  MessageRouter::Logical& map = AMap();
+  map.Store("leaf", "child");
+  table_.Register("child", true);
+  EXPECT_NE(routing_.FindRoute("leaf"), nullptr);
+  routing_.UnregisterPeer("child", true);
+  EXPECT_EQ(map.Lookup("leaf"), "child");
+  EXPECT_EQ(routing_.FindRoute("leaf"), nullptr);
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
 }
 
 TEST_F(PeersTest, UnregisteringTakesTheQueueBackIntoRouting) {

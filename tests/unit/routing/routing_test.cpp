@@ -56,9 +56,9 @@ TEST_F(RouteTest, AnEmptyDestinationIsNotThisRouterEvenBeforeItHasAName) {
 TEST_F(RouteTest, ThisRoutersNameAloneIsDispatchedLocally) {
   Route(AStoredEnvelope("1.msg").WithDestination("router1"));
   EXPECT_TRUE(log_.Has(kLogInfo, "Received message for this router\n"));
-  EXPECT_TRUE(log_.Contains("Messages for this router itself are not handled in this version: "));
+  EXPECT_TRUE(log_.Has(kLogInfo, "Unknown Message type (Test.Message) originator Router.sender\n"));
   EXPECT_FALSE(FileExists("1.msg"));
-  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+  EXPECT_EQ(routing_.RouteQueueSize(), 1u);  // the answer
 }
 
 TEST_F(RouteTest, AColonAloneIsDispatchedLocallyEvenIfItHasExpired) {
@@ -278,8 +278,49 @@ TEST_F(RouteTest, EmptyingTheRouteQueueRetiresNothing) {
   EXPECT_TRUE(FileExists("1.msg"));
 }
 
-TEST_F(RouteTest, AClosedMapOfRoutersFindsNothing) {
-  routing_.SetLogical(std::make_unique<MessageRouter::Logical>("LogicalTable"));
+TEST_F(RouteTest, ANameFurtherDownGoesToTheChildThatLeadsThere) {
+  Entry& parent = AParent();
+  Entry& child = ARouter("child");
+  MessageRouter::Logical& map = AMap();
+  map.Store("leaf", "child");
+  EXPECT_EQ(routing_.FindRoute("leaf"), &child);
+  Route(AnEnvelope().WithDestination("leaf.agent"));
+  EXPECT_THAT(HopsLeft(child), ElementsAre("leaf", "agent"));
+  EXPECT_FALSE(parent.HasEnvelopes());
+  EXPECT_TRUE(log_.Contains("Routing to child: "));
+}
+
+TEST_F(RouteTest, NoPeerAndNoNameFurtherDownGetsWhatIsForTheParent) {
+  Entry& parent = AParent();
+  AClient(":");
+  ARouter("child");
+  AMap().Store(":", "child");
+  EXPECT_EQ(routing_.FindRoute(":"), nullptr);
+  Route(AnEnvelope().WithDestination(":.:"));
+  EXPECT_THAT(HopsLeft(parent), ElementsAre(":"));
+}
+
+TEST_F(RouteTest, ANeighbourIsTakenBeforeWhatTheMapSays) {
+  Entry& child = ARouter("child");
+  ARouter("other");
+  AMap().Store("child", "other");
+  EXPECT_EQ(routing_.FindRoute("child"), &child);
+}
+
+TEST_F(RouteTest, ANameThatTheMapLeadsToAnUnregisteredOrUnknownChildIsUnknown) {
+  ARouter("child");
+  table_.Unregister("child");
+  MessageRouter::Logical& map = AMap();
+  map.Store("leaf1", "child");
+  map.Store("leaf2", "never");
+  EXPECT_EQ(routing_.FindRoute("leaf1"), nullptr);
+  EXPECT_EQ(routing_.FindRoute("leaf2"), nullptr);
+  Route(AnEnvelope().WithDestination("leaf1"));
+  EXPECT_TRUE(Unrouteable("leaf1"));
+}
+
+TEST_F(RouteTest, AMapThatCannotBeOpenedFindsNothing) {
+  routing_.SetLogical(std::make_unique<MessageRouter::Logical>("no/such/folder/LogicalTable"));
   Route(AnEnvelope().WithDestination("stranger"));
   EXPECT_TRUE(Unrouteable("stranger"));
 }

@@ -1,0 +1,167 @@
+#include "routing/Dispatcher.h"
+
+#include <exception>
+#include <sstream>
+
+#include "envelope/Envelope.h"
+#include "envelope/MessageType.h"
+#include "logging/Log.h"
+#include "routing/RouterTable.h"
+#include "routing/Routing.h"
+#include "security/Roles.h"
+
+namespace MessageRouter {
+namespace {
+
+// One line, on the thread's own stream.
+void Emit(const std::string& line) {
+  std::ostringstream* const stream = LogStream();
+  if (stream == nullptr) return;
+  *stream << line << '\n';
+  LogStreamFlush(stream, kLogInfo);
+}
+
+CORBA::Any AsPayload(const std::string& text) {
+  CORBA::Any any;
+  any <<= text.c_str();
+  return any;
+}
+
+// What the table knows of a name; empty where that name is not registered.
+CORBA::Any StatusOf(const std::string& name, const RouterTable& table) {
+  CORBA::Any any;
+  const RouterTableEntry* const entry = table.Find(name);
+  if (entry == nullptr || !entry->IsRegistered()) return any;
+  BrelixMessaging::RouterClient status;
+  status.name = name.c_str();
+  status.isRouter = entry->IsRouter();
+  status.isParent = entry->IsParent();
+  status.isLoggedOn = entry->IsLoggedOn();
+  status.isPassiveConsumer = entry->IsPassiveConsumer();
+  any <<= status;
+  return any;
+}
+
+}  // namespace
+
+std::string PayloadAsString(Envelope& envelope) {
+  CORBA::Any any;
+  envelope.GetData(any);
+  const char* text = nullptr;
+  return (any >>= text) ? text : "";
+}
+
+void Dispatcher::DispatchLocal(Envelope& envelope, RouterTable& table, Logical* logical) {
+  const std::string& type = envelope.Type();
+  if (IsManagementType(type)) {
+    HandleManagement(envelope, table);
+  } else if (IsSystemType(type)) {
+    HandleSystem(envelope, table, logical);
+  } else if (IsCertificationType(type)) {
+    HandleCertification(envelope);
+  } else {
+    Emit("Unknown Message type (" + type + ") originator " + envelope.Originator());
+    ReplyUnknown(envelope);
+  }
+}
+
+// What needs no role comes first: a client that watches others has none.
+void Dispatcher::HandleManagement(Envelope& envelope, RouterTable& table) {
+  const std::string& type = envelope.Type();
+  const auto is = [&](const char* name) { return MatchMessageType(type, "EM", name); };
+  std::string line = "EM-";
+  std::string replyType;  // empty: no reply
+  CORBA::Any data;
+  std::int64_t ttl = MessageTimeoutSeconds();
+
+  if (is("GetClientStatus")) {
+    line += "GetClientStatus";
+    const std::string name = PayloadAsString(envelope);
+    if (name.empty()) {
+      line += " - Badly formatted message";
+      replyType = SystemMessageType("BadMessageFormat");
+      data = AsPayload(type);
+    } else {
+      line += " " + name;
+      replyType = ManagementReplyType("GetClientStatus");
+      data = StatusOf(name, table);
+    }
+  } else if (is("NotifyClientUpdates")) {
+    line += "NotifyClientUpdates";
+    routing_.ClientUpdates().SetDestination(envelope.Originator());
+    replyType = ManagementReplyType("NotifyClientUpdates");
+  } else if (!HasManagementRole(envelope.GetOriginatorCert())) {
+    line = "Management message (" + type + ") UNAUTHORISED";
+  } else if (is("Heartbeat")) {
+    line += "Heartbeat";
+    replyType = ManagementReplyType("Heartbeat");
+    ttl = envelope.Ttl();
+  } else if (is("NotifyRouterUpdates")) {
+    line += "NotifyRouterUpdates";
+    routing_.RouterUpdates().SetDestination(envelope.Originator());
+    replyType = ManagementReplyType("NotifyRouterUpdates");
+  } else {
+    line = "Management message (" + type + ") - unknown,";
+    replyType = SystemMessageType("UnknownMessageType");
+    data = AsPayload(type);
+  }
+  Emit(line + " originator " + envelope.Originator());
+  if (!replyType.empty()) Reply(envelope, replyType, data, ttl);
+}
+
+void Dispatcher::HandleSystem(Envelope& envelope, RouterTable& table, Logical* logical) {
+  const std::string& type = envelope.Type();
+  const auto is = [&](const char* name, const char* suffix = "") {
+    return MatchMessageType(type, "MS", name, suffix);
+  };
+  std::string line = "MS-";
+  bool known = true;
+  if (!HasRouterRole(envelope.GetOriginatorCert())) {
+    line = "System message (" + type + ") UNAUTHORISED";
+  } else if (is("DeliveryFailed", "*")) {
+    line += type;
+  } else if (is("UnknownMessageType", "*")) {
+    line += "UnknownMessageType";
+  } else if (is("RouterUnregistered")) {
+    line += "RouterUnregistered";
+    HandleRouterUnregistered(envelope, table, logical, line);
+  } else if (is("RouterRegistered")) {
+    line += "RouterRegistered";
+    HandleRouterRegistered(envelope, table, logical, line);
+  } else {
+    line = "System message (" + type + ") - not implemented";
+    known = false;
+  }
+  Emit(line + " originator " + envelope.Originator());
+  if (!known) ReplyUnknown(envelope);
+}
+
+// What a certification relay has not taken before it got here is no certification that we know.
+void Dispatcher::HandleCertification(const Envelope& envelope) {
+  Emit("Certification message (" + envelope.Type() + ") unknown, originator " +
+       envelope.Originator());
+  ReplyUnknown(envelope);
+}
+
+void Dispatcher::ReplyUnknown(const Envelope& envelope) {
+  Reply(envelope, SystemMessageType("UnknownMessageType"), AsPayload(envelope.Type()),
+        MessageTimeoutSeconds());
+}
+
+void Dispatcher::Reply(const Envelope& envelope, const std::string& type, const CORBA::Any& data,
+                       std::int64_t ttl) {
+  Send(envelope.Originator(), type, data, envelope.Priority(), ttl);
+}
+
+// An address that can't be answered, or a payload that can't be passed on, must not end the thread:
+// the message that it came with would do so again after the restart.
+void Dispatcher::Send(const std::string& destination, const std::string& type,
+                      const CORBA::Any& data, std::uint32_t priority, std::int64_t ttl) {
+  try {
+    routing_.SendLocalMessage(destination, type, data, priority, ttl);
+  } catch (const std::exception& exception) {
+    LogCaughtException("Dispatcher::Send", exception, "");
+  }
+}
+
+}  // namespace MessageRouter

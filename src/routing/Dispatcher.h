@@ -1,0 +1,53 @@
+#pragma once
+
+#include <BrelixMessaging.h>
+
+#include <cstdint>
+#include <string>
+
+namespace MessageRouter {
+
+class Envelope;
+class Logical;
+class RouterTable;
+class Routing;
+
+// Handles the messages whose route ends at this router: decides who may ask, does what is asked,
+// and answers with an envelope of its own. Who asks is told by the certificate that came with the
+// message. Whoever may not is not answered, only logged.
+// A payload that can't be decoded, where it is needed, leaves as std::runtime_error.
+// Threads: the route thread.
+class Dispatcher {
+ public:
+  explicit Dispatcher(Routing& routing) : routing_(routing) {}
+
+  // `logical` may be null.
+  void DispatchLocal(Envelope& envelope, RouterTable& table, Logical* logical);
+
+ private:
+  void HandleManagement(Envelope& envelope, RouterTable& table);
+  void HandleSystem(Envelope& envelope, RouterTable& table, Logical* logical);
+  void HandleCertification(const Envelope& envelope);
+
+  // News of routers further down; both add to the log line, and tell the parent what is news to it.
+  void HandleRouterRegistered(Envelope& envelope, RouterTable& table, Logical* logical,
+                              std::string& line);
+  void HandleRouterUnregistered(Envelope& envelope, RouterTable& table, Logical* logical,
+                                std::string& line);
+  void Forward(const Envelope& envelope, const char* event, const CORBA::Any& data);
+
+  // "MS-UnknownMessageType", with the type.
+  void ReplyUnknown(const Envelope& envelope);
+  // To the originator, with the priority of its message.
+  void Reply(const Envelope& envelope, const std::string& type, const CORBA::Any& data,
+             std::int64_t ttl);
+  void Send(const std::string& destination, const std::string& type, const CORBA::Any& data,
+            std::uint32_t priority, std::int64_t ttl);
+
+  Routing& routing_;
+};
+
+// The payload's text; empty for a payload of any other type.
+std::string PayloadAsString(Envelope& envelope);
+
+}  // namespace MessageRouter

@@ -1,0 +1,109 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "fixture.h"
+#include "support/TestCertificates.h"
+
+namespace TestSupport {
+
+// Certificates with the roles that the dispatcher asks for; made once.
+inline const std::string& CertificateWith(const std::vector<int>& roles) {
+  static auto* const made = new std::vector<std::pair<std::vector<int>, std::string>>;
+  for (const auto& [known, pem] : *made) {
+    if (known == roles) return pem;
+  }
+  static auto* const ca = new TestCa;
+  made->emplace_back(roles, ca->Issue("asker", roles).certificatePem);
+  return made->back().second;
+}
+inline const std::string& NoRole() {
+  return CertificateWith({});
+}
+inline const std::string& RouterRole() {
+  return CertificateWith({1});
+}
+inline const std::string& ManagementRole() {
+  return CertificateWith({2});
+}
+
+inline CORBA::Any TextPayload(const std::string& text) {
+  CORBA::Any any;
+  any <<= text.c_str();
+  return any;
+}
+inline CORBA::Any ListPayload(const std::vector<std::string>& names) {
+  BrelixMessaging::String_seq list;
+  list.length(static_cast<CORBA::ULong>(names.size()));
+  for (CORBA::ULong i = 0; i < list.length(); ++i) list[i] = names[i].c_str();
+  CORBA::Any any;
+  any <<= list;
+  return any;
+}
+// The text of a payload, in brackets and with commas for a list of names.
+inline std::string PayloadOf(MessageRouter::Envelope& envelope) {
+  CORBA::Any any;
+  envelope.GetData(any);
+  const char* text = nullptr;
+  if (any >>= text) return text;
+  const BrelixMessaging::String_seq* list = nullptr;
+  if (any >>= list) {
+    std::string names = "[";
+    for (CORBA::ULong i = 0; i < list->length(); ++i) {
+      names += (i == 0 ? "" : ",") + std::string((*list)[i].in());
+    }
+    return names + "]";
+  }
+  const CORBA::TypeCode_var type = any.type();
+  return type->kind() == CORBA::tk_null ? "(empty)" : "(other)";
+}
+
+// Payloads that are neither text nor a list of names.
+inline std::vector<CORBA::Any> OtherPayloads() {
+  std::vector<CORBA::Any> payloads(5);
+  payloads[1] <<= CORBA::Long(7);
+  BrelixMessaging::Long_seq numbers;
+  numbers.length(3);
+  payloads[2] <<= numbers;
+  BrelixMessaging::RouterClient record;
+  record.name = "child";
+  payloads[3] <<= record;
+  payloads[4] <<= CORBA::Any::from_wstring(const_cast<wchar_t*>(L"wide"), 0);
+  return payloads;
+}
+
+// A client "asker" of this router, what it sends to the router, and what comes back.
+class DispatcherTest : public RoutingTest {
+ protected:
+  DispatcherTest() : asker_(AClient("asker")) {}
+
+  MessageRouter::EnvelopeBuilder AMessage(const std::string& type, const std::string& certificate) {
+    return AnEnvelope()
+        .WithDestination(":")
+        .WithType(type)
+        .WithOriginator("router1.asker")
+        .WithCertificate(certificate)
+        .WithPriority(9);
+  }
+  // The message arrives and is handled; answers and news go their way.
+  void Arrive(const Envelope& message) {
+    routing_.QueueForRouting(message);
+    while (routing_.RouteQueueSize() != 0) routing_.RouteNext(0, 0);
+  }
+  // The one answer to a message; none if there is none.
+  std::optional<Envelope> AnswerTo(const Envelope& message) {
+    Arrive(message);
+    Envelope answer;
+    if (!asker_.PopNext(answer)) return std::nullopt;
+    EXPECT_FALSE(asker_.HasEnvelopes());
+    return answer;
+  }
+  bool Logged(const std::string& line) const { return log_.Has(MessageRouter::kLogInfo, line); }
+
+  Entry& asker_;
+};
+
+}  // namespace TestSupport

@@ -1,0 +1,213 @@
+// What this router makes of the news that routers below it come and go.
+#include "dispatcher_fixture.h"
+
+namespace TestSupport {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class RouterNewsTest : public DispatcherTest {
+ protected:
+  RouterNewsTest() {
+    ARouter("child1");
+    ARouter("child2");
+    table_.AddParent("");
+  }
+
+  MessageRouter::EnvelopeBuilder News(const std::string& type, const std::string& child,
+                                      const CORBA::Any& payload) {
+    return AMessage(type, RouterRole()).WithOriginator(child).WithData(payload);
+  }
+  // A child's news arrives. The result is what goes up: "payload", or nothing.
+  std::vector<std::string> Registered(const std::string& child, const CORBA::Any& payload) {
+    return SentUp("MS-RouterRegistered", News("MS-RouterRegistered", child, payload));
+  }
+  std::vector<std::string> Unregistered(const std::string& child, const CORBA::Any& payload) {
+    return SentUp("MS-RouterUnregistered", News("MS-RouterUnregistered", child, payload));
+  }
+  std::vector<std::string> SentUp(const std::string& type, const Envelope& news) {
+    Arrive(news);
+    std::vector<std::string> payloads;
+    Envelope sent;
+    while (table_.Parent()->PopNext(sent)) {
+      EXPECT_EQ(sent.Type(), type);
+      EXPECT_EQ(sent.Destination(), ":.:");
+      payloads.push_back(PayloadOf(sent));
+    }
+    return payloads;
+  }
+};
+
+// Registered
+
+TEST_F(RouterNewsTest, ANewNameIsMappedToTheChildAndGoesOnUp) {
+  MessageRouter::Logical& map = AMap();
+  EXPECT_THAT(Registered("child1", TextPayload("leaf")), ElementsAre("leaf"));
+  EXPECT_EQ(map.Lookup("leaf"), "child1");
+  EXPECT_TRUE(Logged("MS-RouterRegistered originator child1\n"));
+}
+
+TEST_F(RouterNewsTest, ANameThatIsMappedToTheSameChildAlreadyStopsHere) {
+  AMap().Store("leaf", "child1");
+  EXPECT_THAT(Registered("child1", TextPayload("leaf")), IsEmpty());
+}
+
+TEST_F(RouterNewsTest, ANameMovesToTheChildThatAnnouncesItAndTheOldChildsFarewellStopsHere) {
+  MessageRouter::Logical& map = AMap();
+  Registered("child1", TextPayload("leaf"));
+  EXPECT_THAT(Registered("child2", TextPayload("leaf")), ElementsAre("leaf"));
+  EXPECT_EQ(map.Lookup("leaf"), "child2");
+  EXPECT_THAT(Unregistered("child1", TextPayload("leaf")), IsEmpty());
+  EXPECT_EQ(map.Lookup("leaf"), "child2");
+}
+
+TEST_F(RouterNewsTest, AListOfRegisteredNamesGoesOnWholeEvenIfAllAreKnown) {
+  MessageRouter::Logical& map = AMap();
+  map.Store("a", "child1");
+  EXPECT_THAT(Registered("child1", ListPayload({"a", "b", "a"})), ElementsAre("[a,b,a]"));
+  EXPECT_THAT(Registered("child1", ListPayload({"a", "b"})), ElementsAre("[a,b]"));
+  EXPECT_EQ(map.Lookup("a"), "child1");
+  EXPECT_EQ(map.Lookup("b"), "child1");
+}
+
+TEST_F(RouterNewsTest, ANameThatCannotBeStoredStillGoesUp) {
+  AMap();
+  const std::string huge(5000, 'n');
+  EXPECT_THAT(Registered("child1", TextPayload(huge)), ElementsAre(huge));
+  EXPECT_THAT(Registered("child1", ListPayload({"", huge})), ElementsAre("[," + huge + "]"));
+}
+
+TEST_F(RouterNewsTest, NamesOfAnyBytesAreMapped) {
+  MessageRouter::Logical& map = AMap();
+  for (const char* name : {"a.b", "a,b", "a\nb", "\xc3\xa4", "[x]", ":", "router1"}) {
+    EXPECT_THAT(Registered("child1", TextPayload(name)), ElementsAre(name));
+    EXPECT_EQ(map.Lookup(name), "child1");
+  }
+}
+
+// Unregistered
+
+TEST_F(RouterNewsTest, ANameThatIsGoneIsRemovedAndTheNewsGoesOnUp) {
+  MessageRouter::Logical& map = AMap();
+  map.Store("leaf", "child1");
+  EXPECT_THAT(Unregistered("child1", TextPayload("leaf")), ElementsAre("leaf"));
+  EXPECT_EQ(map.Lookup("leaf"), "");
+  EXPECT_TRUE(Logged("MS-RouterUnregistered originator child1\n"));
+}
+
+TEST_F(RouterNewsTest, AnUnknownNameThatIsGoneStopsHere) {
+  AMap();
+  EXPECT_THAT(Unregistered("child1", TextPayload("leaf")), IsEmpty());
+}
+
+TEST_F(RouterNewsTest, OfAListOfGoneNamesOnlyThoseOfNoOtherOwnerGoOnUp) {
+  MessageRouter::Logical& map = AMap();
+  for (const char* name : {"a", "c", "e"}) map.Store(name, "child1");
+  for (const char* name : {"b", "d"}) map.Store(name, "child2");
+  EXPECT_THAT(Unregistered("child1", ListPayload({"a", "b", "c", "d", "e"})),
+              ElementsAre("[a,c,e]"));
+  std::vector<std::string> left;
+  map.AllKeys(left);
+  EXPECT_THAT(left, testing::UnorderedElementsAre("b", "d"));
+}
+
+TEST_F(RouterNewsTest, AListOfGoneNamesThatAllHaveAnotherOwnerStopsHere) {
+  MessageRouter::Logical& map = AMap();
+  map.Store("a", "child2");
+  EXPECT_THAT(Unregistered("child1", ListPayload({"a", "unknown"})), IsEmpty());
+}
+
+TEST_F(RouterNewsTest, AListOfGoneNamesThatAreAllOursGoesOnWhole) {
+  MessageRouter::Logical& map = AMap();
+  for (const char* name : {"a", "b"}) map.Store(name, "child1");
+  EXPECT_THAT(Unregistered("child1", ListPayload({"a", "b"})), ElementsAre("[a,b]"));
+}
+
+TEST_F(RouterNewsTest, AListWithoutGoneNamesIsNoNews) {
+  AMap();
+  EXPECT_THAT(Unregistered("child1", ListPayload({})), IsEmpty());
+  EXPECT_THAT(Registered("child1", ListPayload({})), ElementsAre("[]"));
+}
+
+TEST_F(RouterNewsTest, ANameThatAClosedMapCannotRemoveGoesOnUp) {
+  routing_.SetLogical(std::make_unique<MessageRouter::Logical>("no/such/folder/LogicalTable"));
+  EXPECT_THAT(Unregistered("child1", TextPayload("leaf")), ElementsAre("leaf"));
+  EXPECT_THAT(Registered("child1", TextPayload("leaf")), ElementsAre("leaf"));
+}
+
+// Both
+
+TEST_F(RouterNewsTest, WithLogicalRoutingOffEveryNewsGoesUpUnchanged) {
+  std::vector<CORBA::Any> payloads = {TextPayload("leaf"), TextPayload(""),
+                                      ListPayload({"a", "b"})};
+  for (const CORBA::Any& payload : payloads) {
+    Envelope same = AnEnvelope().WithData(payload);
+    const std::string text = PayloadOf(same);
+    log_.Clear();
+    EXPECT_THAT(Registered("child1", payload), ElementsAre(text));
+    EXPECT_TRUE(
+        Logged("MS-RouterRegistered - router has no logical routing table originator child1\n"));
+    EXPECT_THAT(Unregistered("stranger", payload), ElementsAre(text));
+    EXPECT_TRUE(Logged(
+        "MS-RouterUnregistered - router has no logical routing table originator stranger\n"));
+  }
+}
+
+TEST_F(RouterNewsTest, NewsFromOneWhoIsNotInTheTableStopsHere) {
+  MessageRouter::Logical& map = AMap();
+  map.Store("known", "stranger");
+  EXPECT_THAT(Registered("stranger", TextPayload("leaf")), IsEmpty());
+  EXPECT_TRUE(
+      Logged("MS-RouterRegistered - not from a child router of ours, originator stranger\n"));
+  EXPECT_THAT(Unregistered("stranger", TextPayload("known")), IsEmpty());
+  EXPECT_TRUE(
+      Logged("MS-RouterUnregistered - not from a child router of ours, originator stranger\n"));
+  EXPECT_EQ(map.Lookup("leaf"), "");
+  EXPECT_EQ(map.Lookup("known"), "stranger");
+}
+
+TEST_F(RouterNewsTest, APayloadThatIsNeitherTextNorAListAndAnEmptyTextAreBadlyFormatted) {
+  AMap();
+  std::vector<CORBA::Any> payloads = OtherPayloads();
+  payloads.push_back(TextPayload(""));
+  for (const CORBA::Any& payload : payloads) {
+    log_.Clear();
+    EXPECT_THAT(Registered("child1", payload), IsEmpty());
+    EXPECT_TRUE(Logged("MS-RouterRegistered - badly formatted originator child1\n"));
+    EXPECT_THAT(Unregistered("child1", payload), IsEmpty());
+    EXPECT_TRUE(Logged("MS-RouterUnregistered - badly formatted originator child1\n"));
+  }
+}
+
+TEST_F(RouterNewsTest, WithoutAParentTheMapIsKeptAndNothingIsSent) {
+  table_.Clear();
+  table_.ReadTable(false);
+  ARouter("child1");
+  MessageRouter::Logical& map = AMap();
+  Arrive(News("MS-RouterRegistered", "child1", ListPayload({"a", "b"})));
+  EXPECT_EQ(map.Lookup("b"), "child1");
+  Arrive(News("MS-RouterUnregistered", "child1", ListPayload({"a", "x"})));
+  EXPECT_EQ(map.Lookup("a"), "");
+  EXPECT_EQ(map.Lookup("b"), "child1");
+  EXPECT_FALSE(log_.Contains("Cannot route"));
+}
+
+TEST_F(RouterNewsTest, NewsGoesUpWithItsPriorityAndItsTimeToLive) {
+  AMap();
+  for (const std::int64_t ttl : {std::int64_t{0}, clock_.WallSeconds() + 99}) {
+    AMap();
+    Arrive(News("MS-RouterRegistered", "child1", TextPayload("leaf" + std::to_string(ttl)))
+               .WithPriority(3)
+               .WithTtl(ttl));
+    clock_.Advance(std::chrono::seconds(10));
+    Envelope sent;
+    ASSERT_TRUE(table_.Parent()->PopNext(sent));
+    EXPECT_EQ(sent.Priority(), 3u);
+    EXPECT_EQ(sent.Ttl(), ttl);
+    EXPECT_EQ(sent.Originator(), "router1");
+  }
+}
+
+}  // namespace
+}  // namespace TestSupport
