@@ -91,10 +91,11 @@ class Router : public RoutingHost {
   void RunSystemChecks();
   // A router with a parent obtains its certificate through it; decides whether there is a parent.
   void GetCertificate();
+  // Before the first request can come in: what it offers waits for the threads.
+  void PrepareRouting();
   void doStartRouting();
   void doStopRouting();
   void ReadConnectRetry();
-  void StartNotificationThresholds();
   void FreeCycleLeftovers();
   void SetOrb(CORBA::ORB_ptr orb);
   CORBA::ORB_var GetOrb() const;

@@ -34,6 +34,7 @@ PortableServer::POA_ptr CreatePOA(PortableServer::POA_ptr parent, const char* na
 }
 
 constexpr unsigned kConnectionCloseSeconds = 5;
+constexpr unsigned kTickMilliseconds = 250;
 
 }  // namespace
 
@@ -155,6 +156,7 @@ void RouterCycle::LoadState() {
 
 void RouterCycle::Run() {
   LogDebug("Activating CORBA objects...\n");
+  router_.PrepareRouting();
   Cycle::Set(&router_.routing_);
   manager_->activate();
 
@@ -170,7 +172,7 @@ void RouterCycle::Run() {
 
   while (router_.GetState() == Router::kRunning) {
     router_.Tick();
-    Platform::SleepMilliseconds(250);
+    router_.surroundings_.sleep(kTickMilliseconds);
   }
 }
 

@@ -30,15 +30,14 @@ void Router::ReadConnectRetry() {
   LogTrace("Pause variation percentage range %d\n", value);
 }
 
-void Router::StartNotificationThresholds() {
+void Router::PrepareRouting() {
+  senderPool_.Open();
+  getterThread_.Open();
   const std::uint32_t workers = GetConfigInt("NumNotificationThresholdThreads", 0);
-  LogDebug("Initialising router with %d notification threshold worker threads\n",
-           static_cast<int>(workers));
   if (workers == 0) return;
   notificationThresholdOwner_ = std::make_unique<NotificationThresholdThread>(routerTable_);
   notificationThresholdOwner_->Configure(
       GetConfigInt("NotificationThresholdThreadIntervalSecs", 600), workers);
-  notificationThresholdOwner_->Start();
   notificationThresholdThread_ = notificationThresholdOwner_.get();
 }
 
@@ -54,7 +53,10 @@ void Router::doStartRouting() {
   monitorEmSender_ = GetConfigBool("MonitorEmSender", false);
   SenderWorkerFactory senders;
   senderPool_.Start(senders, GetConfigInt("NumSenderThreads", 3));
-  StartNotificationThresholds();
+  NotificationThresholdThread* const thresholds = notificationThresholdThread_;
+  LogDebug("Initialising router with %d notification threshold worker threads\n",
+           thresholds == nullptr ? 0 : static_cast<int>(thresholds->Workers()));
+  if (thresholds != nullptr) thresholds->Start();
   routerThread_.Start();
 
   std::uint32_t getterTick = GetConfigInt("GetterTickSecs", 10);

@@ -17,10 +17,19 @@ void RouterTableScanner::operator()(std::string name, RouterTableEntry& entry) {
 ScanThread::ScanThread(const char* name, RouterTable& table, std::uint32_t periodSeconds)
     : name_(name), table_(table), periodSeconds_(periodSeconds) {}
 
+void ScanThread::Open() {
+  manager_.Open();
+}
+
 void ScanThread::Configure(std::uint32_t periodSeconds, std::uint32_t workers) {
   periodSeconds_ = periodSeconds;
   workerCount_ = workers;
-  manager_.Queue().SetStopping(false);
+}
+
+// The thread closes the pool itself; one that was never started has not.
+void ScanThread::Stop() {
+  StoppableThreadHelper::Stop();
+  manager_.Stop();
 }
 
 void ScanThread::Process() {

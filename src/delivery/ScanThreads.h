@@ -20,9 +20,13 @@ class RouterTableScanner : public FunctionClassBase {
 // its pool. It never calls a peer. A period of 0 scans once and then sleeps until the stop.
 class ScanThread : public ThreadHelper::StoppableThreadHelper, public RouterTableScanner {
  public:
-  // Before Start. From here on the pool takes entries, so that none is lost between Start and the
-  // first steps of the thread, which starts the pool.
+  // Opens the pool, which otherwise takes entries only from the first steps of the thread on.
+  void Open();
+  // Before Start.
   void Configure(std::uint32_t periodSeconds, std::uint32_t workers);
+  std::uint32_t Workers() const { return workerCount_; }
+  // Ends the thread, if it was started, and closes the pool.
+  void Stop();
   void Process() override;
 
  protected:

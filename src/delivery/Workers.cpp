@@ -25,11 +25,15 @@ WorkerManagerBase::~WorkerManagerBase() {
   Stop();
 }
 
+void WorkerManagerBase::Open() {
+  queue_.SetStopping(false);
+}
+
 void WorkerManagerBase::Start(WorkerFactoryBase& factory, unsigned count) {
   ThreadHelper::Guard guard(poolMutex_);
   if (!guard) return;
   if (!workers_.empty()) throw std::runtime_error("WorkerManagerBase already started");
-  queue_.SetStopping(false);
+  Open();
   for (unsigned made = 0; made < count; ++made) {
     workers_.push_back(factory.Create(*this));
     workers_.back()->Start();

@@ -40,7 +40,8 @@ class WorkerFactory : public WorkerFactoryBase {
   }
 };
 
-// A pool of workers on one queue of entries. It takes nothing between Stop and the next Start.
+// A pool of workers on one queue of entries. It takes nothing between Stop and the next Open or
+// Start.
 class WorkerManagerBase {
  public:
   WorkerManagerBase();
@@ -48,6 +49,8 @@ class WorkerManagerBase {
   WorkerManagerBase(const WorkerManagerBase&) = delete;
   WorkerManagerBase& operator=(const WorkerManagerBase&) = delete;
 
+  // From here on the pool takes entries; they wait for the workers that Start makes.
+  void Open();
   // Throws std::runtime_error "WorkerManagerBase already started".
   void Start(WorkerFactoryBase& factory, unsigned count);
   void Add(RouterTableEntry& entry);  // any thread

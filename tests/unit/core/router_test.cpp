@@ -16,6 +16,7 @@
 #include "config/Configuration.h"
 #include "core/TearDownWatchdog.h"
 #include "logging/Log.h"
+#include "lone_router.h"
 #include "platform/Network.h"
 #include "servants/NotifyConsumer_i.h"
 #include "status/StatusReporter.h"
@@ -26,47 +27,6 @@
 
 namespace MessageRouter {
 namespace {
-
-// A router in a scratch folder whose store has a CA and nothing else, on a host that the test
-// plays.
-class LoneRouter : public testing::Test {
- protected:
-  LoneRouter() {
-    std::filesystem::create_directories(configuration_.RouterFolder() / "Private");
-    std::ofstream(configuration_.RouterFolder() / "Private" / "ca.pem")
-        << TestSupport::TestCa().CaPem();
-    SetConfigBool("LogConsole", false);
-    SetConfigInt("LogLevel", 2);
-    InitializeRouter(new ACE_XPlatform_Configuration(kLocalMachine, kSharedStorePath),
-                     std::string(kSectionRoot) + "\\Router", "Router", 1, argv_);
-  }
-  ~LoneRouter() override {
-    DestroyRouter();
-    CloseLog();
-    Platform::SetHostAddressSource(nullptr);
-  }
-
-  std::string LogText() const {
-    std::string text;
-    for (const auto& file :
-         std::filesystem::directory_iterator(configuration_.RouterFolder() / "Logs")) {
-      std::ifstream stream(file.path());
-      text.append(std::istreambuf_iterator<char>(stream), {});
-    }
-    return text;
-  }
-  static std::size_t Count(const std::string& text, const std::string& part) {
-    std::size_t count = 0;
-    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-      ++count;
-    }
-    return count;
-  }
-
-  TestSupport::ScratchConfiguration configuration_;
-  char name_[7] = "router";
-  char* argv_[2] = {name_, nullptr};
-};
 
 std::vector<std::uint32_t> OnlyLoopback() {
   return {0x7F000001};

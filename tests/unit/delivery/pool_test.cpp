@@ -140,6 +140,16 @@ TEST_F(PoolTest, TakesNothingBetweenStopAndTheNextStart) {
   EXPECT_EQ(pool.Queue().Size(), 1u);
 }
 
+TEST_F(PoolTest, TakesEntriesFromOpenOnAndKeepsThemForTheWorkers) {
+  pool.Start(*this, 1);
+  pool.Stop();
+  pool.Open();
+  pool.Add(first);
+  EXPECT_EQ(pool.Queue().Size(), 1u);
+  pool.Start(*this, 1);
+  EXPECT_TRUE(Visited());
+}
+
 TEST_F(PoolTest, GetWokenByAStopWithAnEmptyQueueReturnsNull) {
   EntryQueue queue;
   RouterTableEntry* got = &first;

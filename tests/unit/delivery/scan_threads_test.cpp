@@ -25,10 +25,10 @@ using testing::ElementsAre;
 
 // A scan thread that shows its pool.
 template <class Thread>
-class Open : public Thread {
+class Exposed : public Thread {
  public:
   using Thread::Thread;
-  ~Open() override { this->Stop(); }
+  ~Exposed() override { this->Stop(); }
   std::size_t Queued() { return this->manager_.Queue().Size(); }
 };
 
@@ -118,22 +118,36 @@ TEST_F(ScanTest, ThreadCanBeStartedAgain) {
   }
 }
 
-TEST_F(ScanTest, EntryOfferedBetweenConfigureAndThePoolsStartIsKept) {
-  Open<GetterThread> thread(table);
-  thread.Configure(3600, 0);
+TEST_F(ScanTest, EntryOfferedBetweenOpeningAndStartIsVisited) {
+  RouterTableEntry& entry = APolledRouter();
+  Exposed<GetterThread> thread(table);
+  thread.Configure(3600, 1);
   thread.Start();
-  ASSERT_TRUE(Eventually([&] { return log.Contains("checking table"); }));
   thread.Stop();
-  thread.Offer(AClient());
+  thread.Offer(entry);
   EXPECT_EQ(thread.Queued(), 0u);
-  thread.Configure(3600, 0);
-  thread.Offer(*table.Find("agent"));
+  thread.Open();
+  thread.NotifiedPoll(entry);
   EXPECT_EQ(thread.Queued(), 1u);
+  thread.Start();
+  // A visit: the peer leads nowhere, and is logged off for it.
+  EXPECT_TRUE(Eventually([&] { return !entry.IsLoggedOn(); }));
+}
+
+TEST_F(ScanTest, StopClosesThePoolOfAThreadThatWasNeverStarted) {
+  Exposed<GetterThread> thread(table);
+  thread.Open();
+  thread.Offer(AClient());
+  ASSERT_EQ(thread.Queued(), 1u);
+  thread.Stop();
+  EXPECT_EQ(thread.Queued(), 0u);
+  thread.Offer(*table.Find("agent"));
+  EXPECT_EQ(thread.Queued(), 0u);
 }
 
 // What the timeout thread looks at.
 TEST_F(ScanTest, OfflineClientWithEnvelopesIsAddedForTimeout) {
-  Open<TimeoutThread> thread(table);
+  Exposed<TimeoutThread> thread(table);
   RouterTableEntry& entry = AClient();
   thread.CheckEntry(entry);
   EXPECT_EQ(thread.Queued(), 0u);
@@ -158,7 +172,7 @@ TEST_F(ScanTest, OfflineClientsExpiredEnvelopeIsRetiredWithItsWarningAndNoLogoff
 TEST_F(ScanTest, PullingPeersExpiredEnvelopeIsRetired) {
   RouterTableEntry& entry = APullingRouter();
   Enqueue(entry, Expired(1));
-  Open<TimeoutThread> thread(table);
+  Exposed<TimeoutThread> thread(table);
   thread.CheckEntry(entry);
   EXPECT_EQ(thread.Queued(), 1u);
   VisitForTimeout(entry);
@@ -170,7 +184,7 @@ TEST_F(ScanTest, LoggedOnPassiveConsumersExpiredEnvelopesStayUntilASenderMeetsTh
   ClientPeer peer;
   RouterTableEntry& entry = APushedClient(peer);
   Enqueue(entry, Expired(1));
-  Open<TimeoutThread> thread(table);
+  Exposed<TimeoutThread> thread(table);
   thread.CheckEntry(entry);
   EXPECT_EQ(thread.Queued(), 0u);
   VisitForTimeout(entry);
@@ -182,7 +196,7 @@ TEST_F(ScanTest, LoggedOnPassiveConsumersExpiredEnvelopesStayUntilASenderMeetsTh
 
 TEST_F(ScanTest, RouterThatPullsAndStaysSilentFor1801SecondsIsLoggedOff) {
   RouterTableEntry& entry = APullingRouter();
-  Open<TimeoutThread> thread(table);
+  Exposed<TimeoutThread> thread(table);
   clock.Advance(std::chrono::seconds(1800));
   thread.CheckEntry(entry);
   EXPECT_EQ(thread.Queued(), 0u);
@@ -206,7 +220,7 @@ TEST_F(ScanTest, ClientThatPullsAndStaysSilentStaysLoggedOn) {
   RouterTableEntry& entry = AClient();
   entry.LogonClient(entry.Name(), BrelixMessaging::EnvelopeConsumer::_nil(),
                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
-  Open<TimeoutThread> thread(table);
+  Exposed<TimeoutThread> thread(table);
   clock.Advance(std::chrono::seconds(1801));
   thread.CheckEntry(entry);
   EXPECT_EQ(thread.Queued(), 0u);
@@ -253,7 +267,7 @@ TEST_F(ScanTest, ZeroTimeoutIntervalStopsExpiryAndPullTimeoutAfterTheFirstScan) 
 
 // What the getter thread looks at.
 TEST_F(ScanTest, PolledRouterThatIsDueIsAddedOnce) {
-  Open<GetterThread> thread(table);
+  Exposed<GetterThread> thread(table);
   RouterTableEntry& entry = APolledRouter();
   thread.CheckEntry(entry);
   thread.CheckEntry(entry);
@@ -263,7 +277,7 @@ TEST_F(ScanTest, PolledRouterThatIsDueIsAddedOnce) {
 }
 
 TEST_F(ScanTest, NotifiedPollIsAddedAtOnceAndOnce) {
-  Open<GetterThread> thread(table);
+  Exposed<GetterThread> thread(table);
   RouterTableEntry& entry = APolledRouter();
   thread.NotifiedPoll(entry);
   thread.NotifiedPoll(entry);
@@ -272,7 +286,7 @@ TEST_F(ScanTest, NotifiedPollIsAddedAtOnceAndOnce) {
 }
 
 TEST_F(ScanTest, ActiveSupplierIsNeverPolled) {
-  Open<GetterThread> thread(table);
+  Exposed<GetterThread> thread(table);
   RouterTableEntry& entry = APullingRouter();
   thread.CheckEntry(entry);
   thread.NotifiedPoll(entry);
@@ -297,7 +311,7 @@ TEST_F(ScanTest, ScanAndWorkersTogetherPollAPeerThatIsDueAndTellHowItWent) {
 
 // What the notification threshold thread looks at.
 TEST_F(ScanTest, PeerInTheWaitingStateWhoseTimeHasNotComeIsAddedAtEachScanAndNothingChanges) {
-  Open<NotificationThresholdThread> thread(table);
+  Exposed<NotificationThresholdThread> thread(table);
   NotifyPeer peer;
   RouterTableEntry& entry = ANotifiedClient(peer);
   ASSERT_TRUE(entry.NotificationRetryDue().acquired);
@@ -316,7 +330,7 @@ TEST_F(ScanTest, PeerInTheWaitingStateWhoseTimeHasNotComeIsAddedAtEachScanAndNot
 }
 
 TEST_F(ScanTest, PeerThatNobodyNotifiedYetIsIgnoredByTheThresholdScan) {
-  Open<NotificationThresholdThread> thread(table);
+  Exposed<NotificationThresholdThread> thread(table);
   NotifyPeer peer;
   RouterTableEntry& entry = ANotifiedClient(peer);
   ASSERT_EQ(entry.GetConsumerState(), RouterTableEntry::kNothingSent);
@@ -325,7 +339,7 @@ TEST_F(ScanTest, PeerThatNobodyNotifiedYetIsIgnoredByTheThresholdScan) {
 }
 
 TEST_F(ScanTest, PeerWithoutNotifierIsIgnoredByTheThresholdScan) {
-  Open<NotificationThresholdThread> thread(table);
+  Exposed<NotificationThresholdThread> thread(table);
   thread.CheckEntry(APullingRouter());
   EXPECT_EQ(thread.Queued(), 0u);
 }

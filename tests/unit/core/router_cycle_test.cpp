@@ -1,0 +1,352 @@
+// Whole cycles of a router with a certificate, on a host that the test plays.
+#include "core/RouterCycle.h"
+
+#include <pthread.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <semaphore>
+#include <stdexcept>
+
+#include "envelope/EnvelopeStore.h"
+#include "lone_router.h"
+#include "parent/Connector.h"
+#include "routing/Routing.h"
+#include "support/EnvelopeBuilder.h"
+
+namespace MessageRouter {
+namespace {
+
+// Runs at each reading of the host's addresses.
+std::function<void()> onHostAddresses;
+
+std::vector<std::uint32_t> PlayedHost() {
+  if (onHostAddresses) onHostAddresses();
+  return {0x0A000001};
+}
+
+// While it lives no thread can be made: the system has no room for such a stack.
+class NoRoomForThreads {
+ public:
+  NoRoomForThreads() {
+    pthread_getattr_default_np(&before_);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, std::size_t{1} << 46);
+    pthread_setattr_default_np(&attributes);
+    pthread_attr_destroy(&attributes);
+  }
+  ~NoRoomForThreads() {
+    pthread_setattr_default_np(&before_);
+    pthread_attr_destroy(&before_);
+  }
+  NoRoomForThreads(const NoRoomForThreads&) = delete;
+  NoRoomForThreads& operator=(const NoRoomForThreads&) = delete;
+
+ private:
+  pthread_attr_t before_;
+};
+
+class CycleTest : public LoneRouter {
+ protected:
+  CycleTest() : store_((configuration_.Folder() / "Envelopes").string()) {
+    static TestSupport::TestCa ca;
+    const std::filesystem::path folder = configuration_.RouterFolder() / "Private";
+    const TestSupport::Issued own = ca.Issue("router1", {1});
+    std::ofstream(folder / "ca.pem") << ca.CaPem();
+    std::ofstream(folder / "certificate.pem") << own.certificatePem;
+    std::ofstream(folder / "key.pem") << own.keyPem;
+    SetConfigInt("IORSenderPort", 0);
+    SetConfigInt("CheckNetworkIfInterval", 3600);
+    SetConfigBool("SyncEnvelopes", false);
+    EnvelopeStore::Replace(&store_);
+
+    onHostAddresses = [this] {
+      // The first reading of a cycle begins it. At the second, for the log, requests come in and
+      // the router's threads don't run yet.
+      if (++readings_ % 2 == 0 && whileThreadsAreMissing) whileThreadsAreMissing(readings_ / 2);
+    };
+    Platform::SetHostAddressSource(&PlayedHost);
+    Router::Surroundings surroundings;
+    surroundings.sleep = [this](unsigned milliseconds) {
+      EXPECT_EQ(milliseconds, 250u);
+      whileRunning(readings_ / 2);
+    };
+    Router::instance().SetSurroundings(surroundings);
+  }
+  ~CycleTest() override {
+    onHostAddresses = nullptr;
+    EnvelopeStore::Replace(nullptr);
+  }
+
+  // Whether the log has these lines in this order.
+  testing::AssertionResult LoggedInOrder(const std::vector<std::string>& parts) const {
+    const std::string log = LogText();
+    std::size_t at = 0;
+    for (const std::string& part : parts) {
+      at = log.find(part, at);
+      if (at == std::string::npos) return testing::AssertionFailure() << "no " << part << log;
+      at += part.size();
+    }
+    return testing::AssertionSuccess();
+  }
+  // ... after `last`, all of the tear-down and then how the start ended.
+  testing::AssertionResult TakenDownAfter(const std::string& last, const std::string& end) const {
+    return LoggedInOrder({last, "Shutting down...\n", "Router::doStopRouting() called\n",
+                          "Writing router table file\n", "Deactivating CORBA objects...\n",
+                          "Destroying object adapters...\n", "Destroying ORB...\n", end});
+  }
+
+  // With the number of the cycle, from 1, on the main thread.
+  std::function<void(int cycle)> whileThreadsAreMissing;
+  std::function<void(int cycle)> whileRunning = [](int) { Router::instance().Shutdown(); };
+
+ private:
+  EnvelopeStore store_;
+  int readings_ = 0;
+};
+
+TEST_F(CycleTest, AStopTakesTheCycleDownAndEndsWithZero) {
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_TRUE(TakenDownAfter("Waiting for messages...\n", ""));
+  EXPECT_EQ(Cycle::Current(), nullptr);
+}
+
+TEST_F(CycleTest, AThreadThatCannotBeMadeEndsTheStartAfterTheTearDown) {
+  std::unique_ptr<NoRoomForThreads> shortage;
+  whileThreadsAreMissing = [&](int) { shortage = std::make_unique<NoRoomForThreads>(); };
+  const int result = RunRouter();
+  shortage.reset();
+  EXPECT_EQ(result, 1);
+  EXPECT_TRUE(TakenDownAfter("Router::doStartRouting() called\n",
+                             "Router::Start: Caught BasicThreadHelper failed to start thread"));
+  EXPECT_EQ(Count(LogText(), "Waiting for messages...\n"), 0u);
+  EXPECT_EQ(Cycle::Current(), nullptr);
+}
+
+TEST_F(CycleTest, AFailureBetweenActivationAndTheThreadsEndsTheStartAfterTheTearDown) {
+  whileThreadsAreMissing = [](int) { throw "no C++ exception class"; };
+  EXPECT_EQ(RunRouter(), 1);
+  EXPECT_TRUE(TakenDownAfter("Activating CORBA objects...\n",
+                             "Router::Start() caught unknown exception\n"));
+  EXPECT_EQ(Count(LogText(), "Router::doStartRouting() called\n"), 0u);
+  EXPECT_EQ(Cycle::Current(), nullptr);
+}
+
+TEST_F(CycleTest, AFailureInATickEndsTheStartAfterTheTearDown) {
+  whileRunning = [](int) { throw std::runtime_error("the tick failed"); };
+  EXPECT_EQ(RunRouter(), 1);
+  EXPECT_TRUE(TakenDownAfter("Waiting for messages...\n", "Router::Start: Caught the tick failed"));
+  EXPECT_EQ(Cycle::Current(), nullptr);
+}
+
+TEST_F(CycleTest, AFailureAfterAStopWasAskedForStillEndsWithZero) {
+  whileRunning = [](int) {
+    Router::instance().Shutdown();
+    throw std::runtime_error("the tick failed");
+  };
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_TRUE(TakenDownAfter("Waiting for messages...\n", "Router::Start: Caught the tick failed"));
+}
+
+TEST_F(CycleTest, ASystemExceptionOfTheTransportSaysWhatMayBeWrong) {
+  whileRunning = [](int) { throw CORBA::INITIALIZE(0x54410681, CORBA::COMPLETED_NO); };
+  EXPECT_EQ(RunRouter(), 1);
+  EXPECT_TRUE(TakenDownAfter(
+      "Waiting for messages...\n",
+      "This machine may have more IP addresses than are supported or the port may already be in "
+      "use.\n"));
+  EXPECT_TRUE(LoggedInOrder({"Destroying ORB...\n", "Router::Start: Caught CORBA"}));
+}
+
+TEST_F(CycleTest, AnyOtherSystemExceptionDoesNot) {
+  whileRunning = [](int) { throw CORBA::INTERNAL(1, CORBA::COMPLETED_NO); };
+  EXPECT_EQ(RunRouter(), 1);
+  EXPECT_TRUE(TakenDownAfter("Waiting for messages...\n", "Router::Start: Caught CORBA"));
+  EXPECT_EQ(Count(LogText(), "This machine may have more IP addresses"), 0u);
+}
+
+// Peers in this process. Each call of one that a test waits for is counted.
+std::counting_semaphore<> called(0);
+bool Called() {
+  return called.try_acquire_for(std::chrono::seconds(30));
+}
+
+class Consumer : public POA_BrelixMessaging::EnvelopeConsumer {
+ public:
+  void SendEnvelope(const BrelixMessaging::Envelope&) override { called.release(); }
+  void Heartbeat() override {}
+};
+
+class Supplier : public POA_BrelixMessaging::RouterSupplier {
+ public:
+  BrelixMessaging::Envelope* GetEnvelope() override {
+    called.release();
+    throw BrelixMessaging::NoEnvelope();
+  }
+  void AcknowledgeEnvelope(const char*, BrelixMessaging::MessageId) override {}
+  void Heartbeat() override {}
+};
+
+class Notified : public POA_BrelixMessaging::NotifyConsumer {
+ public:
+  void Notify() override {}
+  CORBA::Long NotificationThreshold() override {
+    called.release();
+    return 0;
+  }
+};
+
+// Requests reach the router before its threads run. What they offer is looked at here in the second
+// cycle, after the threads of the first have been stopped.
+class EarlyRequestTest : public CycleTest {
+ protected:
+  EarlyRequestTest() {
+    while (called.try_acquire()) {  // what earlier tests did not wait for
+    }
+    SetConfigInt("NumNotificationThresholdThreads", 1);
+    whileThreadsAreMissing = [this](int cycle) {
+      if (cycle == 2) request(*Cycle::Current());
+    };
+    whileRunning = [this](int cycle) {
+      if (cycle == 1) {
+        Router::instance().Reinitialize();
+        return;
+      }
+      EXPECT_TRUE(Called());
+      Router::instance().Shutdown();
+    };
+  }
+  // A reference to such a peer, which lives as long as the cycle's broker.
+  template <class Servant, class Interface>
+  static typename Interface::_ptr_type APeer() {
+    int argc = 0;
+    const CORBA::ORB_var orb = CORBA::ORB_init(argc, nullptr);
+    const CORBA::Object_var object = orb->resolve_initial_references("RootPOA");
+    const PortableServer::POA_var root = PortableServer::POA::_narrow(object);
+    const PortableServer::POA_var adapter =
+        root->create_POA("Peers", PortableServer::POAManager::_nil(), CORBA::PolicyList());
+    const PortableServer::POAManager_var manager = adapter->the_POAManager();
+    manager->activate();
+    const PortableServer::Servant_var<Servant> servant(new Servant);
+    const PortableServer::ObjectId_var id = adapter->activate_object(servant.in());
+    const CORBA::Object_var reference = adapter->id_to_reference(id);
+    return Interface::_narrow(reference);
+  }
+
+  std::function<void(Routing&)> request;
+};
+
+TEST_F(EarlyRequestTest, ARouterThatLogsOnToBePolledIsPolled) {
+  request = [](Routing& routing) {
+    const BrelixMessaging::RouterSupplier_var supplier =
+        APeer<Supplier, BrelixMessaging::RouterSupplier>();
+    routing.RegisterPeer("child", true);
+    routing.LogonRouterPeer("child", BrelixMessaging::RouterConsumer::_nil(), supplier,
+                            BrelixMessaging::NotifyConsumer::_nil(), 0);
+    EXPECT_EQ(routing.Table().Find("child")->GetSupplierState(), RouterTableEntry::kPollNotified);
+  };
+  EXPECT_EQ(RunRouter(), 0);
+}
+
+TEST_F(EarlyRequestTest, APeerThatLogsOnWithANotifierGetsItsThresholdCallAndNoWarning) {
+  request = [](Routing& routing) {
+    const BrelixMessaging::NotifyConsumer_var notify =
+        APeer<Notified, BrelixMessaging::NotifyConsumer>();
+    routing.RegisterPeer("agent", false);
+    routing.LogonClientPeer("agent", BrelixMessaging::EnvelopeConsumer::_nil(), notify, 0);
+  };
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_EQ(Count(LogText(), "Initialising router with 1 notification threshold worker threads\n"),
+            2u);
+  EXPECT_EQ(Count(LogText(), "Notification threshold calls will not be attempted"), 0u);
+}
+
+TEST_F(EarlyRequestTest, APeerThatLogsOnWithEnvelopesWaitingGetsThem) {
+  request = [](Routing& routing) {
+    const BrelixMessaging::EnvelopeConsumer_var consumer =
+        APeer<Consumer, BrelixMessaging::EnvelopeConsumer>();
+    routing.RegisterPeer("agent", false);
+    // Not by way of the route queue: that would bring a second offer.
+    EXPECT_TRUE(routing.Table().Find("agent")->Enqueue(TestSupport::AnEnvelope(), "agent"));
+    routing.LogonClientPeer("agent", consumer, BrelixMessaging::NotifyConsumer::_nil(), 0);
+  };
+  EXPECT_EQ(RunRouter(), 0);
+}
+
+TEST_F(CycleTest, WithoutThresholdThreadsAnOfferIsAWarning) {
+  whileThreadsAreMissing = [](int) {
+    RouterTable& table = Cycle::Current()->Table();
+    table.Register("agent", false);
+    Router::instance().OfferToThreshold(*table.Find("agent"));
+  };
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_TRUE(LoggedInOrder(
+      {"W Notification threshold calls will not be attempted, because the number of notification "
+       "threshold threads is 0\n",
+       "D Initialising router with 0 notification threshold worker threads\n"}));
+}
+
+// Puts the process's settings back.
+class ConnectRetryTest : public CycleTest {
+ protected:
+  ~ConnectRetryTest() override {
+    const ConnectRetrySettings defaults;
+    ConnectRetry().totalSeconds = defaults.totalSeconds.load();
+    ConnectRetry().retries = defaults.retries.load();
+    ConnectRetry().pauseMilliseconds = defaults.pauseMilliseconds.load();
+    ConnectRetry().pauseRangePercent = defaults.pauseRangePercent.load();
+  }
+};
+
+TEST_F(ConnectRetryTest, SettingsOfTheConfigurationCountAndAreLogged) {
+  SetConfigInt("TotalConnectRetryTimeSecs", 7);
+  SetConfigInt("ConnectRetries", 3);
+  SetConfigInt("ConnectRetriesPause", 20);
+  SetConfigInt("ConnectRetriesPauseRange", 50);
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_EQ(ConnectRetry().totalSeconds, 7u);
+  EXPECT_EQ(ConnectRetry().retries, 3u);
+  EXPECT_EQ(ConnectRetry().pauseMilliseconds, 20u);
+  EXPECT_EQ(ConnectRetry().pauseRangePercent, 50u);
+  EXPECT_TRUE(LoggedInOrder({"T Router::doStartRouting() called\n",
+                             "T Total time for retrying ACE socket connection 7\n",
+                             "T Number of retries when retrying ACE socket connection 3\n",
+                             "T Pause between retries when retrying ACE socket connection 20\n",
+                             "T Pause variation percentage range 50\n"}));
+}
+
+TEST_F(ConnectRetryTest, AZeroKeepsTheSettingAndItsValueIsLogged) {
+  ConnectRetry().totalSeconds = 11;
+  ConnectRetry().pauseMilliseconds = 12;
+  ConnectRetry().pauseRangePercent = 13;
+  ConnectRetry().retries = 14;
+  SetConfigInt("ConnectRetries", 0);
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_TRUE(LoggedInOrder({"T Total time for retrying ACE socket connection 11\n",
+                             "T Number of retries when retrying ACE socket connection 14\n",
+                             "T Pause between retries when retrying ACE socket connection 12\n",
+                             "T Pause variation percentage range 13\n"}));
+}
+
+TEST_F(ConnectRetryTest, WithoutAConfigurationThereAreAHundredRetries) {
+  ConnectRetry().retries = 14;
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_TRUE(LoggedInOrder({"T Number of retries when retrying ACE socket connection 100\n"}));
+}
+
+TEST_F(CycleTest, AGetterTickOfZeroIsReplacedByTenWithAWarning) {
+  SetConfigInt("GetterTickSecs", 0);
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_EQ(Count(LogText(), "W GetterTickSecs is zero, using value of 10 second/s\n"), 1u);
+}
+
+TEST_F(CycleTest, AGetterTickOfOneIsTakenAsItIs) {
+  SetConfigInt("GetterTickSecs", 1);
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_EQ(Count(LogText(), "GetterTickSecs is zero"), 0u);
+}
+
+}  // namespace
+}  // namespace MessageRouter
