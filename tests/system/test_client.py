@@ -51,6 +51,8 @@ class Usage(unittest.TestCase):
             ["--identity", ".", "send", "agent", "--text", "a", "--priority", "high"],
             ["--identity", ".", "send", "agent", "--text", "a", "--ttl", "99999999999"],
             ["--identity", ".", "receive", "--count", "-1"],
+            ["--identity", ".", "receive", "--notify"],  # of no use without --pull
+            ["--identity", ".", "listen", "--notify"],
             ["--identity", ".", "cancel", "agent"],
         ]
         for row in rows:

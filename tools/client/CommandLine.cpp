@@ -55,6 +55,15 @@ void AddSend(CLI::App& app, Options& options, std::string& source) {
   app.add_option("--options", options.deliveryOptions, "delivery options, carried unread");
 }
 
+void AddPull(CLI::App& app, Options& options) {
+  auto* pull =
+      app.add_flag("--pull", options.pull,
+                   "fetch the envelopes instead of having them pushed; looks twice a second");
+  app.add_flag("--notify", options.notify,
+               "have the router tell us when something waits, and look then and at each check")
+      ->needs(pull);
+}
+
 void AddCheckInterval(CLI::App& app, Options& options) {
   app.add_option("--check", options.checkInterval,
                  "seconds between checks that the router still knows us")
@@ -69,7 +78,7 @@ void AddReceive(CLI::App& app, Options& options) {
   app.add_option("--timeout", options.receiveLimit, "end after so many seconds; 0 for no limit")
       ->capture_default_str()
       ->check(CLI::Range(0.0, kMaxSeconds));
-  app.add_flag("--pull", options.pull, "fetch the envelopes instead of having them pushed");
+  AddPull(app, options);
   AddCheckInterval(app, options);
 }
 
@@ -98,7 +107,7 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, int& status) {
   auto* receive = command("receive", "print what arrives", Command::Receive);
   AddReceive(*receive, options);
   auto* listen = command("listen", "print what arrives until SIGINT or SIGTERM", Command::Listen);
-  listen->add_flag("--pull", options.pull, "fetch the envelopes instead of having them pushed");
+  AddPull(*listen, options);
   AddCheckInterval(*listen, options);
   auto* cancel = command("cancel", "withdraw a message that has not left yet", Command::Cancel);
   cancel->add_option("DEST", options.destination, "the address it was sent to")->required();

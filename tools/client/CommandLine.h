@@ -41,6 +41,7 @@ struct Options {
   std::uint64_t count = 1;   // 0: no limit
   double receiveLimit = 60;  // seconds; 0: none
   bool pull = false;
+  bool notify = false;
   double checkInterval = 5;  // seconds
 };
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
+#include <optional>
 
 #include "client_library/EnvelopeText.h"
 #include "client_library/Failure.h"
@@ -18,6 +20,10 @@ using SteadyTime = Platform::Clock::SteadyTime;
 namespace {
 
 constexpr milliseconds kPollPause{500};
+
+SteadyTime Now() {
+  return Platform::Clock::Instance().SteadyNow();
+}
 
 milliseconds FromSeconds(double seconds) {
   return milliseconds(static_cast<std::int64_t>(seconds * 1000));
@@ -59,16 +65,24 @@ class Collector : public ClientLibrary::EnvelopeSink {
     changed_.Broadcast();
   }
 
-  // True if the command is to end.
-  bool WaitFor(milliseconds time) {
-    const SteadyTime end = Platform::Clock::Instance().SteadyNow() + time;
+  // Something waits at the router.
+  void Wake() {
     ThreadHelper::Guard guard(mutex_);
-    while (!ended_) {
-      const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
-          end - Platform::Clock::Instance().SteadyNow());
+    woken_ = true;
+    changed_.Broadcast();
+  }
+
+  // Waits for the time to pass, or for a wake-up. True if the command is to end.
+  bool WaitFor(milliseconds time) {
+    const SteadyTime end = Now() + time;
+    ThreadHelper::Guard guard(mutex_);
+    while (!ended_ && !woken_) {
+      const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - Now());
       if (left.count() <= 0) break;
       changed_.WaitFor(left);
     }
+    // Who was woken fetches now, after whatever the wake-up was about.
+    woken_ = false;
     return ended_;
   }
 
@@ -93,6 +107,7 @@ class Collector : public ClientLibrary::EnvelopeSink {
   ThreadHelper::Condition changed_{mutex_};
   std::uint64_t taken_ GUARDED_BY(mutex_) = 0;
   bool ended_ GUARDED_BY(mutex_) = false;
+  bool woken_ GUARDED_BY(mutex_) = false;
   bool writeFailed_ GUARDED_BY(mutex_) = false;
   bool interrupted_ GUARDED_BY(mutex_) = false;
 };
@@ -115,15 +130,17 @@ class PushLink : public ClientLibrary::LogonKeeper::Link {
 // Checking the logon and fetching what waits are one thing here.
 class PullLink : public ClientLibrary::LogonKeeper::Link {
  public:
-  PullLink(ClientLibrary::RouterConnection& router, Collector& collector)
-      : router_(router), collector_(collector) {}
+  PullLink(ClientLibrary::RouterConnection& router, Collector& collector, bool notify,
+           std::optional<SteadyTime> deadline)
+      : router_(router), collector_(collector), notify_(notify), deadline_(deadline) {}
   void Logon() override {
     router_.Open();
-    router_.LogonPull();
+    router_.LogonPull(notify_ ? [&collector = collector_] { collector.Wake(); }
+                              : std::function<void()>());
     CheckLogon();
   }
   void CheckLogon() override {
-    while (!collector_.WaitFor(milliseconds(0))) {
+    while (!collector_.WaitFor(milliseconds(0)) && (!deadline_ || Now() < *deadline_)) {
       const auto envelope = router_.Get();
       if (envelope == nullptr || !collector_.Take(*envelope)) return;
       router_.Acknowledge(*envelope);
@@ -133,15 +150,16 @@ class PullLink : public ClientLibrary::LogonKeeper::Link {
  private:
   ClientLibrary::RouterConnection& router_;
   Collector& collector_;
+  const bool notify_;
+  const std::optional<SteadyTime> deadline_;  // however much there is to fetch
 };
 
-void Run(ClientLibrary::LogonKeeper& keeper, Collector& collector, milliseconds limit) {
-  const SteadyTime start = Platform::Clock::Instance().SteadyNow();
+void Run(ClientLibrary::LogonKeeper& keeper, Collector& collector,
+         std::optional<SteadyTime> deadline) {
   for (;;) {
     milliseconds pause = keeper.Step();
-    if (limit.count() != 0) {
-      const auto left = std::chrono::duration_cast<milliseconds>(
-          start + limit - Platform::Clock::Instance().SteadyNow());
+    if (deadline) {
+      const auto left = std::chrono::duration_cast<milliseconds>(*deadline - Now());
       if (left.count() <= 0) return;
       pause = std::min(pause, left);
     }
@@ -159,15 +177,17 @@ int Receive(const Options& options, const ClientLibrary::Identity& identity, Out
   settings.host = options.host;
   settings.port = options.port;
   settings.callLimit = FromSeconds(options.timeout);
-  settings.server = !options.pull;
+  settings.server = !options.pull || options.notify;
   ClientLibrary::RouterConnection router(identity, settings);
+  std::optional<SteadyTime> deadline;
+  if (options.receiveLimit > 0) deadline = Now() + FromSeconds(options.receiveLimit);
   PushLink push(router, collector);
-  PullLink pull(router, collector);
+  PullLink pull(router, collector, options.notify, deadline);
   ClientLibrary::LogonKeeper keeper(
       options.pull ? static_cast<ClientLibrary::LogonKeeper::Link&>(pull) : push,
-      options.pull ? kPollPause : FromSeconds(options.checkInterval),
+      settings.server ? FromSeconds(options.checkInterval) : kPollPause,
       [](const std::string& text) { std::fprintf(stderr, "brelix-client: %s\n", text.c_str()); });
-  Run(keeper, collector, FromSeconds(options.receiveLimit));
+  Run(keeper, collector, deadline);
 
   collector.End();
   if (keeper.LoggedOn()) {

@@ -22,6 +22,18 @@ class Consumer : public POA_BrelixMessaging::EnvelopeConsumer {
   EnvelopeSink& sink_;
 };
 
+class Notified : public POA_BrelixMessaging::NotifyConsumer {
+ public:
+  explicit Notified(std::function<void()> notified) : notified_(std::move(notified)) {}
+
+  void Notify() override { notified_(); }
+  // Everything is worth a notification.
+  CORBA::Long NotificationThreshold() override { return 0; }
+
+ private:
+  const std::function<void()> notified_;
+};
+
 std::unique_ptr<Broker::Orb> MakeOrb(const Identity& identity, const ConnectionSettings& settings) {
   Broker::OrbSettings orb;
   orb.server = settings.server;
@@ -71,16 +83,30 @@ struct RouterConnection::State {
     supplier = BrelixMessaging::EnvelopeSupplier::_nil();
   }
 
+  // Our own objects can be called from here on.
+  void OpenDoor() {
+    CORBA::Object_var object = orb->Get()->resolve_initial_references("RootPOA");
+    adapter = PortableServer::POA::_narrow(object);
+    PortableServer::POAManager_var manager = adapter->the_POAManager();
+    manager->activate();
+  }
+
   BrelixMessaging::EnvelopeConsumer_ptr OwnConsumer(EnvelopeSink& sink) {
     if (CORBA::is_nil(consumer)) {
-      CORBA::Object_var object = orb->Get()->resolve_initial_references("RootPOA");
-      adapter = PortableServer::POA::_narrow(object);
+      OpenDoor();
       PortableServer::Servant_var<Consumer> servant = new Consumer(sink);
       consumer = servant->_this();
-      PortableServer::POAManager_var manager = adapter->the_POAManager();
-      manager->activate();
     }
     return consumer;
+  }
+
+  BrelixMessaging::NotifyConsumer_ptr OwnNotify(std::function<void()> notified) {
+    if (CORBA::is_nil(notify) && notified) {
+      OpenDoor();
+      PortableServer::Servant_var<Notified> servant = new Notified(std::move(notified));
+      notify = servant->_this();
+    }
+    return notify;
   }
 
   BrelixMessaging::MessageConsumer_ptr Messages() const {
@@ -96,6 +122,7 @@ struct RouterConnection::State {
   std::unique_ptr<Broker::Orb> orb;
   PortableServer::POA_var adapter;
   BrelixMessaging::EnvelopeConsumer_var consumer;
+  BrelixMessaging::NotifyConsumer_var notify;
   BrelixMessaging::MessageRouter_var root;
   BrelixMessaging::Client_var door;
   BrelixMessaging::MessageConsumer_var messages;
@@ -142,9 +169,9 @@ void RouterConnection::LogonPush(EnvelopeSink& sink) {
   });
 }
 
-void RouterConnection::LogonPull() {
+void RouterConnection::LogonPull(std::function<void()> notified) {
   Calling("cannot log on", [&] {
-    state_->Door()->LogonPushPull(BrelixMessaging::NotifyConsumer::_nil(), state_->messages.out(),
+    state_->Door()->LogonPushPull(state_->OwnNotify(std::move(notified)), state_->messages.out(),
                                   state_->supplier.out());
   });
 }

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -26,7 +27,7 @@ struct ConnectionSettings {
   std::uint16_t port = kDefaultIorPort;
   // For each remote call, and for fetching the router's reference.
   std::chrono::milliseconds callLimit{30000};
-  // Needed for a push logon: opens an endpoint that the router calls.
+  // Needed for a push logon, and to be notified: opens an endpoint that the router calls.
   bool server = false;
 };
 
@@ -51,8 +52,10 @@ class RouterConnection {
 
   // The router calls back while the logon is in progress. The sink must outlive the connection.
   void LogonPush(EnvelopeSink& sink);
-  // With no call back and no notification: the envelopes wait until they are fetched.
-  void LogonPull();
+  // The envelopes wait until they are fetched. `notified`, unless it is empty, is called on the
+  // ORB's threads when the router says that something waits; it counts from the first logon on, and
+  // must not call this object. A notification can get lost, and then no other comes.
+  void LogonPull(std::function<void()> notified = nullptr);
   void Logoff();
 
   // The rest needs a logon.

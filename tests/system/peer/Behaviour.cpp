@@ -1,5 +1,7 @@
 #include "Behaviour.h"
 
+#include <algorithm>
+
 #include "client_library/EnvelopeText.h"
 
 namespace Peer {
@@ -96,6 +98,31 @@ bool Behaviour::WaitForReceived(std::uint64_t count, std::chrono::milliseconds t
     changed_.WaitFor(left);
   }
   return true;
+}
+
+void Behaviour::Supply(const BrelixMessaging::Envelope& envelope) {
+  ThreadHelper::Guard guard(mutex_);
+  toSupply_.push_back(envelope);
+}
+
+BrelixMessaging::Envelope* Behaviour::NextToSupply() const {
+  ThreadHelper::Guard guard(mutex_);
+  if (toSupply_.empty()) throw BrelixMessaging::NoEnvelope();
+  return new BrelixMessaging::Envelope(toSupply_.front());
+}
+
+void Behaviour::Acknowledge(const std::string& originator, BrelixMessaging::MessageId id) {
+  ThreadHelper::Guard guard(mutex_);
+  const auto found = std::find_if(toSupply_.begin(), toSupply_.end(), [&](const auto& one) {
+    return one.message_id == id && originator == one.originator.in();
+  });
+  if (found == toSupply_.end()) throw BrelixMessaging::NoEnvelope();
+  toSupply_.erase(found);
+}
+
+std::size_t Behaviour::ToSupply() const {
+  ThreadHelper::Guard guard(mutex_);
+  return toSupply_.size();
 }
 
 }  // namespace Peer

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <deque>
 #include <fstream>
 #include <map>
 #include <string>
@@ -40,6 +41,16 @@ class Behaviour {
   // False if the time runs out first.
   bool WaitForReceived(std::uint64_t count, std::chrono::milliseconds time);
 
+  // What a router that polls us is given.
+  void Supply(const BrelixMessaging::Envelope& envelope);
+  // A copy, which the caller owns. Throws NoEnvelope.
+  BrelixMessaging::Envelope* NextToSupply() const;
+  void Acknowledge(const std::string& originator, BrelixMessaging::MessageId id);
+  std::size_t ToSupply() const;
+  // From which priority on we want to be notified.
+  void SetThreshold(CORBA::Long threshold) { threshold_ = threshold; }
+  CORBA::Long Threshold() const { return threshold_; }
+
   static constexpr std::size_t kKept = 100;
 
  private:
@@ -51,6 +62,8 @@ class Behaviour {
   std::ofstream record_ GUARDED_BY(mutex_);
   std::uint64_t received_ GUARDED_BY(mutex_) = 0;
   std::vector<Json> last_ GUARDED_BY(mutex_);
+  std::deque<BrelixMessaging::Envelope> toSupply_ GUARDED_BY(mutex_);
+  std::atomic<CORBA::Long> threshold_{0};
 };
 
 }  // namespace Peer

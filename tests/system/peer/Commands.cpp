@@ -89,6 +89,16 @@ void Commands::AddControl() {
     return Json(
         behaviour_.WaitForReceived(arguments.at("count"), Seconds(arguments, "timeout", 30)));
   };
+  // An envelope for a router that polls us.
+  actions_["supply"] = [this](const Json& arguments) {
+    behaviour_.Supply(EnvelopeFrom(arguments));
+    return Json();
+  };
+  actions_["to_supply"] = [this](const Json&) { return Json(behaviour_.ToSupply()); };
+  actions_["threshold"] = [this](const Json& arguments) {
+    behaviour_.SetThreshold(arguments.at("priority").get<CORBA::Long>());
+    return Json();
+  };
   actions_["bulk"] = [this](const Json& arguments) {
     bulk_.Start(arguments);
     return Json();
@@ -270,6 +280,13 @@ void Commands::AddRouterCalls() {
   actions_["router_supplier.GetEnvelope"] = [this](const Json&) {
     BrelixMessaging::Envelope_var envelope = Have(links_.Get().routerSupplier)->GetEnvelope();
     return ClientLibrary::ToJson(envelope);
+  };
+  actions_["router_supplier.AcknowledgeEnvelope"] = [this](const Json& arguments) {
+    BrelixMessaging::MessageId id = 0;
+    ClientLibrary::ParseId(arguments.at("id"), id);
+    Have(links_.Get().routerSupplier)
+        ->AcknowledgeEnvelope(arguments.value("originator", std::string()).c_str(), id);
+    return Json();
   };
   actions_["router_notify.Notify"] = [this](const Json&) {
     Have(links_.Get().routerNotify)->Notify();

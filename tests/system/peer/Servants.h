@@ -31,17 +31,17 @@ class RouterConsumerServant : public POA_BrelixMessaging::RouterConsumer {
   Behaviour& behaviour_;
 };
 
-// A supplier that has nothing to supply.
+// Supplies what the Behaviour holds, the same envelope until it is acknowledged.
 class RouterSupplierServant : public POA_BrelixMessaging::RouterSupplier {
  public:
   explicit RouterSupplierServant(Behaviour& behaviour) : behaviour_(behaviour) {}
   BrelixMessaging::Envelope* GetEnvelope() override {
     behaviour_.OnCall("RouterSupplier.GetEnvelope");
-    throw BrelixMessaging::NoEnvelope();
+    return behaviour_.NextToSupply();
   }
-  void AcknowledgeEnvelope(const char*, BrelixMessaging::MessageId) override {
+  void AcknowledgeEnvelope(const char* originator, BrelixMessaging::MessageId id) override {
     behaviour_.OnCall("RouterSupplier.AcknowledgeEnvelope");
-    throw BrelixMessaging::NoEnvelope();
+    behaviour_.Acknowledge(originator, id);
   }
   void Heartbeat() override { behaviour_.OnCall("RouterSupplier.Heartbeat"); }
 
@@ -55,7 +55,7 @@ class NotifyConsumerServant : public POA_BrelixMessaging::NotifyConsumer {
   void Notify() override { behaviour_.OnCall("NotifyConsumer.Notify"); }
   CORBA::Long NotificationThreshold() override {
     behaviour_.OnCall("NotifyConsumer.NotificationThreshold");
-    return 0;
+    return behaviour_.Threshold();
   }
 
  private:
