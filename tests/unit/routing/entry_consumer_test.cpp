@@ -118,8 +118,26 @@ TEST_F(EntryNotificationTest, AFinishedOneLeavesThePeerNotifiedAndItCanBeNotifie
 }
 
 TEST_F(EntryNotificationTest, APullOutsideOfANotificationChangesNoState) {
+  const auto expectToStay = [this](Entry::ConsumerState state) {
+    ASSERT_EQ(peer_.GetConsumerState(), state);
+    peer_.EnvelopePulledWithNothingThere();
+    EXPECT_EQ(peer_.GetConsumerState(), state);
+  };
+  expectToStay(Entry::kNothingSent);
+  const auto generation = Begin();
   peer_.EnvelopePulledWithNothingThere();
-  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNothingSent);
+  expectToStay(Entry::kNotifyingPulledEmpty);
+  peer_.NotificationWanted();
+  expectToStay(Entry::kNotifyAgain);
+  peer_.NotificationFinished(generation);
+  expectToStay(Entry::kNotified);
+  peer_.NotificationFailed(Begin());
+  expectToStay(Entry::kNoNotification);
+}
+
+TEST_F(EntryNotificationTest, WithAThresholdOf0EveryEnvelopeIsWorthANotification) {
+  Enqueue(peer_, AnEnvelope().WithPriority(0));
+  EXPECT_TRUE(peer_.NotificationWanted().acquired);
 }
 
 TEST_F(EntryNotificationTest, AFailedOneWaitsTheInitialTime) {
