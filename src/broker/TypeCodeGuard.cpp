@@ -38,22 +38,6 @@ Function Original(const char* symbol) {
   throw CORBA::MARSHAL(0, static_cast<CORBA::CompletionStatus>(stream.completion()));
 }
 
-bool IsComplex(CORBA::ULong kind) {
-  switch (kind) {
-    case CORBA::tk_objref:
-    case CORBA::tk_struct:
-    case CORBA::tk_union:
-    case CORBA::tk_enum:
-    case CORBA::tk_sequence:
-    case CORBA::tk_array:
-    case CORBA::tk_alias:
-    case CORBA::tk_except:
-      return true;
-    default:
-      return false;
-  }
-}
-
 // The ORB's one object for a kind without parameters; null for other kinds.
 CORBA::TypeCode_ptr Primitive(CORBA::ULong kind) {
   switch (kind) {
@@ -183,7 +167,7 @@ CORBA::TypeCode_ptr ReadComplex(CORBA::ULong kind, cdrStream& stream, UnmarshalF
 CORBA::TypeCode_ptr Read(cdrStream& stream, UnmarshalFunction original) {
   CORBA::ULong kind;
   kind <<= stream;
-  if (IsComplex(kind)) return ReadComplex(kind, stream, original);
+  if (TypeCodeWalker::IsComplex(kind)) return ReadComplex(kind, stream, original);
   Charge(stream, 0);
   if (kind == CORBA::tk_string || kind == CORBA::tk_wstring) {
     CORBA::ULong bound;
@@ -214,7 +198,7 @@ std::string Encapsulation(CORBA::TypeCode_ptr typeCode, MarshalFunction original
 }
 
 void Write(CORBA::TypeCode_ptr typeCode, cdrStream& stream, MarshalFunction original) {
-  if (CORBA::is_nil(typeCode) || !IsComplex(typeCode->kind())) {
+  if (CORBA::is_nil(typeCode) || !TypeCodeWalker::IsComplex(typeCode->kind())) {
     original(typeCode, stream);
     return;
   }

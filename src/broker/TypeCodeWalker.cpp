@@ -59,6 +59,22 @@ std::optional<std::size_t> LabelSize(std::uint32_t kind) {
 TypeCodeWalker::TypeCodeWalker(const unsigned char* bytes, std::size_t size)
     : bytes_(bytes), size_(size) {}
 
+bool TypeCodeWalker::IsComplex(std::uint32_t kind) {
+  switch (kind) {
+    case CORBA::tk_objref:
+    case CORBA::tk_struct:
+    case CORBA::tk_union:
+    case CORBA::tk_enum:
+    case CORBA::tk_sequence:
+    case CORBA::tk_array:
+    case CORBA::tk_alias:
+    case CORBA::tk_except:
+      return true;
+    default:
+      return false;
+  }
+}
+
 void TypeCodeWalker::Check() {
   Cursor cursor{0, size_, 0, false};
   ReadTypeCode(cursor, 0);
@@ -109,18 +125,10 @@ TypeCodeWalker::Shape TypeCodeWalker::ReadTypeCode(Cursor& cursor, unsigned dept
       ReadULong(cursor);  // the bound
       shape.simple = false;
       break;
-    case CORBA::tk_objref:
-    case CORBA::tk_struct:
-    case CORBA::tk_union:
-    case CORBA::tk_enum:
-    case CORBA::tk_sequence:
-    case CORBA::tk_array:
-    case CORBA::tk_alias:
-    case CORBA::tk_except:
+    default:
+      // Not so: fixed, value types, native, abstract and local interfaces, principal, unknown.
+      if (!IsComplex(kind)) Refuse();
       shape = ReadComplex(kind, cursor, depth);
-      break;
-    default:  // fixed, value types, native, abstract and local interfaces, principal, unknown
-      Refuse();
   }
   leavesInAll_ += shape.leaves;
   if (shape.leaves > kMaxLeaves || leavesInAll_ > kMaxLeavesInAll) Refuse();

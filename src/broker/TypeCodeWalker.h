@@ -14,6 +14,9 @@ class TypeCodeWalker {
   // What is wrong with a type code is of no use to its sender's peer: there is one refusal.
   struct Refused {};
 
+  // Whether what follows the kind is an encapsulation. True of no kind that Check refuses.
+  static bool IsComplex(std::uint32_t kind);
+
   // The bytes begin with the kind, in the byte order of this machine; they stay the caller's.
   TypeCodeWalker(const unsigned char* bytes, std::size_t size);
 
