@@ -456,5 +456,14 @@ class SystemTest(unittest.TestCase):
         self.assertEqual(name, caught.exception.name, caught.exception.answer)
         return caught.exception.answer
 
+    def wait_expired(self, call, *arguments):
+        """Calls until the caller's certificate has run out."""
+        def refused():
+            try:
+                call(*arguments)
+            except PeerException as exception:
+                return exception.name
+        self.assertEqual("CertificateExpired", wait_until(refused, 10, "the certificate to expire"))
+
     def wait_no_envelopes(self, router, seconds=20):
         wait_until(lambda: not router.envelopes(), seconds, "the envelope files to go")

@@ -121,12 +121,7 @@ class Expired(SystemTest):
         brief = Peer(self, box, identity=folder).log_on()
         brief("messages.Heartbeat")
 
-        def refused():
-            try:
-                brief("messages.Heartbeat")
-            except harness.PeerException as exception:
-                return exception.name
-        self.assertEqual("CertificateExpired", wait_until(refused, 10, "the certificate to expire"))
+        self.wait_expired(brief, "messages.Heartbeat")
         self.assertGreaterEqual(time.time(), end - 1)
         box.wait_log("Heartbeat() called with expired certificate, logging caller off...")
 

@@ -304,12 +304,7 @@ class Certificates(SystemTest):
         brief("client.Logoff")
         brief("client.LogonPushPush")
 
-        def refused():
-            try:
-                brief("messages.Heartbeat")
-            except harness.PeerException as exception:
-                return exception.name
-        self.assertEqual("CertificateExpired", wait_until(refused, 10, "the certificate to expire"))
+        self.wait_expired(brief, "messages.Heartbeat")
         box.wait_log("Heartbeat() called with expired certificate, logging caller off...")
         # No other call is open to it either.
         for operation in ("client.Logoff", "client.LogonPushPush", "root.GetClient"):
