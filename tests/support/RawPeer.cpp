@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "security/OpenSsl.h"
+
 namespace TestSupport {
 namespace {
 
@@ -16,17 +18,11 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t kHeaderBytes = 12;
 constexpr std::size_t kReadBytes = 16384;
 
-struct FreeBio {
-  void operator()(BIO* bio) const { BIO_free_all(bio); }
-};
-using BioPtr = std::unique_ptr<BIO, FreeBio>;
+using OpenSsl::BioPtr;
+using OpenSsl::ReadFrom;
 
-BioPtr TextBio(const std::string& text) {
-  return BioPtr(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-}
-
-std::unique_ptr<X509, decltype(&X509_free)> ReadCertificate(const std::string& pem) {
-  return {PEM_read_bio_X509(TextBio(pem).get(), nullptr, nullptr, nullptr), &X509_free};
+OpenSsl::X509Ptr ReadCertificate(const std::string& pem) {
+  return OpenSsl::X509Ptr(PEM_read_bio_X509(ReadFrom(pem).get(), nullptr, nullptr, nullptr));
 }
 
 bool WaitReadable(int socket, Clock::time_point deadline) {
@@ -39,8 +35,8 @@ bool WaitReadable(int socket, Clock::time_point deadline) {
 
 struct RawPeer::Handles {
   BioPtr tcp;
-  std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context{nullptr, &SSL_CTX_free};
-  std::unique_ptr<SSL, decltype(&SSL_free)> tls{nullptr, &SSL_free};
+  OpenSsl::SslContextPtr context;
+  std::unique_ptr<SSL, OpenSsl::Deleter<&SSL_free>> tls;
   int socket = -1;
 };
 
@@ -50,9 +46,8 @@ void ConfigureTls(SSL_CTX* context, const std::string& caPem, const Issued* iden
   SSL_CTX_add_client_CA(context, ca.get());
   if (identity == nullptr) return;
   const auto certificate = ReadCertificate(identity->certificatePem);
-  const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-      PEM_read_bio_PrivateKey(TextBio(identity->keyPem).get(), nullptr, nullptr, nullptr),
-      &EVP_PKEY_free);
+  const OpenSsl::KeyPtr key(
+      PEM_read_bio_PrivateKey(ReadFrom(identity->keyPem).get(), nullptr, nullptr, nullptr));
   if (SSL_CTX_use_certificate(context, certificate.get()) != 1 ||
       SSL_CTX_use_PrivateKey(context, key.get()) != 1) {
     throw std::runtime_error("test identity can't be used");

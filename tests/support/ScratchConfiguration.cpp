@@ -1,8 +1,6 @@
 #include "support/ScratchConfiguration.h"
 
-#include <cstdlib>
 #include <fstream>
-#include <stdexcept>
 
 #include "config/ACE_XPlatform_Configuration.h"
 #include "config/Configuration.h"
@@ -11,10 +9,7 @@
 namespace TestSupport {
 
 ScratchConfiguration::ScratchConfiguration() : previous_(std::filesystem::current_path()) {
-  std::string pattern = (std::filesystem::temp_directory_path() / "brelix-test-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no scratch folder");
-  folder_ = pattern;
-  std::filesystem::current_path(folder_);
+  std::filesystem::current_path(Folder());
   std::ofstream("router.config")
       << "[SOFTWARE\\Brelix\\Messaging System]\n\"UseRelativeDataLocation\"=dword:1\n";
   MessageRouter::SetConfiguration(
@@ -26,8 +21,6 @@ ScratchConfiguration::ScratchConfiguration() : previous_(std::filesystem::curren
 
 ScratchConfiguration::~ScratchConfiguration() {
   std::filesystem::current_path(previous_);
-  std::error_code ignored;
-  std::filesystem::remove_all(folder_, ignored);
 }
 
 }  // namespace TestSupport

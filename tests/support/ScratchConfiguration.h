@@ -1,7 +1,8 @@
 #pragma once
 
 #include <filesystem>
-#include <string>
+
+#include "support/ScratchFolder.h"
 
 namespace TestSupport {
 
@@ -14,11 +15,11 @@ class ScratchConfiguration {
   ScratchConfiguration(const ScratchConfiguration&) = delete;
   ScratchConfiguration& operator=(const ScratchConfiguration&) = delete;
 
-  const std::filesystem::path& Folder() const { return folder_; }
-  std::filesystem::path RouterFolder() const { return folder_ / "Router"; }
+  const std::filesystem::path& Folder() const { return folder_.Folder(); }
+  std::filesystem::path RouterFolder() const { return Folder() / "Router"; }
 
  private:
-  std::filesystem::path folder_;
+  ScratchFolder folder_;
   std::filesystem::path previous_;
 };
 

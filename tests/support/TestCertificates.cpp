@@ -10,23 +10,19 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "security/OpenSsl.h"
+
 namespace TestSupport {
 namespace {
 
 constexpr long kDay = 24L * 60 * 60;
 constexpr int kCaBits = 2048;
 
-template <auto Free>
-struct Deleter {
-  template <class T>
-  void operator()(T* object) const {
-    Free(object);
-  }
-};
-using X509Ptr = std::unique_ptr<X509, Deleter<&X509_free>>;
-using BioPtr = std::unique_ptr<BIO, Deleter<&BIO_free_all>>;
+using OpenSsl::BioPtr;
+using OpenSsl::Deleter;
+using OpenSsl::ObjectPtr;
+using OpenSsl::X509Ptr;
 using ExtensionPtr = std::unique_ptr<X509_EXTENSION, Deleter<&X509_EXTENSION_free>>;
-using ObjectPtr = std::unique_ptr<ASN1_OBJECT, Deleter<&ASN1_OBJECT_free>>;
 using OctetsPtr = std::unique_ptr<ASN1_OCTET_STRING, Deleter<&ASN1_OCTET_STRING_free>>;
 
 void Require(bool condition, const char* what) {

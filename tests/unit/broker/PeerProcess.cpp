@@ -10,15 +10,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <thread>
 
 #include "TestServer.h"
 #include "broker/CorbaExceptions.h"
 #include "broker/CurrentCall.h"
+#include "support/ScratchFolder.h"
 
 namespace BrokerTest {
 namespace {
@@ -26,38 +24,15 @@ namespace {
 constexpr char kPeerArgument[] = "--peer";
 
 // The identities of this process, for the other one, which would need long to make its own.
-class IdentityFolder {
- public:
-  IdentityFolder()
-      : path_((std::filesystem::temp_directory_path() / "brelix-peer-XXXXXX").string()) {
-    if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no folder for identities");
-    Write("ca.pem", Authority().CaPem());
-    Write("certificate.pem", PeerIdentity().certificatePem);
-    Write("key.pem", PeerIdentity().keyPem);
-  }
-  ~IdentityFolder() {
-    std::error_code ignored;  // it is the temporary folder's business then
-    std::filesystem::remove_all(path_, ignored);
-  }
-  IdentityFolder(const IdentityFolder&) = delete;
-  IdentityFolder& operator=(const IdentityFolder&) = delete;
-
-  static const std::string& Path() {
-    static const IdentityFolder folder;
-    return folder.path_;
-  }
-
- private:
-  void Write(const char* file, const std::string& text) const {
-    std::ofstream(path_ + "/" + file, std::ios::binary) << text;
-  }
-
-  std::string path_;
-};
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), {}};
+const std::string& IdentityFolder() {
+  static const TestSupport::ScratchFolder folder;
+  static const std::string path = [] {
+    folder.Write("ca.pem", Authority().CaPem());
+    folder.Write("certificate.pem", PeerIdentity().certificatePem);
+    folder.Write("key.pem", PeerIdentity().keyPem);
+    return folder.Folder().string();
+  }();
+  return path;
 }
 
 std::string CallerName() {
@@ -76,9 +51,9 @@ class OtherOrb {
     settings.threads = 1;
     settings.server = server;
     settings.configureTls = [&folder](SSL_CTX* context) {
-      const TestSupport::Issued identity{ReadAll(folder + "/certificate.pem"),
-                                         ReadAll(folder + "/key.pem")};
-      TestSupport::ConfigureTls(context, ReadAll(folder + "/ca.pem"), &identity);
+      const TestSupport::Issued identity{TestSupport::TextOf(folder + "/certificate.pem"),
+                                         TestSupport::TextOf(folder + "/key.pem")};
+      TestSupport::ConfigureTls(context, TestSupport::TextOf(folder + "/ca.pem"), &identity);
     };
     char argument[] = "-ORBendPoint";
     char endpoint[] = "giop:ssl:127.0.0.1:";
@@ -164,7 +139,7 @@ PeerProcess PeerProcess::Call(unsigned short port, unsigned threads, unsigned ca
 }
 
 PeerProcess::PeerProcess(const std::vector<std::string>& arguments) {
-  std::vector<std::string> all = {"peer", kPeerArgument, IdentityFolder::Path()};
+  std::vector<std::string> all = {"peer", kPeerArgument, IdentityFolder()};
   all.insert(all.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;
   for (std::string& argument : all) pointers.push_back(argument.data());

@@ -7,13 +7,13 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <thread>
 
 #include "platform/Files.h"
 #include "support/FakeClock.h"
 #include "support/LogCapture.h"
+#include "support/ScratchFolder.h"
 
 namespace MessageRouter {
 namespace {
@@ -23,16 +23,8 @@ using ::testing::ElementsAre;
 
 constexpr unsigned kWarning = 32;
 
-class Store : public ::testing::Test {
+class Store : public ::testing::Test, protected TestSupport::ScratchFolder {
  protected:
-  Store() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "brelix-store-XXXXXX").string();
-    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-    folder_ = pattern;
-    path_ = (folder_ / "store.config").string();
-  }
-  ~Store() override { std::filesystem::remove_all(folder_); }
-
   std::unique_ptr<ACE_XPlatform_Configuration> Open(const std::string& section = "a\\b",
                                                     bool create = true) {
     auto store = std::make_unique<ACE_XPlatform_Configuration>(kLocalMachine, path_);
@@ -40,10 +32,7 @@ class Store : public ::testing::Test {
     return store;
   }
 
-  std::string Text() const {
-    std::ifstream stream(path_);
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
+  std::string Text() const { return TestSupport::TextOf(path_); }
 
   void Write(const std::string& text) const { std::ofstream(path_) << text; }
 
@@ -54,11 +43,9 @@ class Store : public ::testing::Test {
   }
 
   std::vector<std::string> Beside() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
-      const std::string name = entry.path().filename().string();
-      if (name != "store.config" && name != "store.config.lock") names.push_back(name);
-    }
+    std::vector<std::string> names = Names();
+    std::erase(names, "store.config");
+    std::erase(names, "store.config.lock");
     return names;
   }
 
@@ -76,8 +63,7 @@ class Store : public ::testing::Test {
 
   TestSupport::LogCapture log_;
   TestSupport::FakeClock clock_;
-  std::filesystem::path folder_;
-  std::string path_;
+  const std::string path_ = Path("store.config");
 };
 
 TEST_F(Store, OpeningAMissingSectionWithoutCreateFailsAndMakesNothing) {
@@ -202,7 +188,7 @@ TEST_F(Store, EnumeratesValuesWithTheirTypesAndSections) {
 TEST_F(Store, ExportsAllSections) {
   Write("; comment\n[b]\n\"n\"=dword:1\n[a]\n\"t\"=\"x\"\n");
   const auto store = Open("b", false);
-  const std::string exported = (folder_ / "exported").string();
+  const std::string exported = Path("exported");
   EXPECT_TRUE(store->Export(exported));
   std::ifstream stream(exported);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stream), {}),
@@ -258,7 +244,7 @@ TEST_F(Store, ManyObjectsWritingAtOnceLoseNothing) {
 
 TEST_F(Store, ObjectsOnAFileAndOnALinkToItWritingAtOnceLoseNothing) {
   std::filesystem::create_directory(folder_ / "links");
-  const std::string link = (folder_ / "links" / "link.config").string();
+  const std::string link = Path("links/link.config");
   Write("[s]\n");
   std::filesystem::create_symlink(path_, link);
   constexpr unsigned kEach = 20;

@@ -4,8 +4,8 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
+#include <vector>
 
 #include "config/ACE_XPlatform_Configuration.h"
 #include "config/Configuration.h"
@@ -13,6 +13,7 @@
 #include "logging/Log.h"
 #include "platform/Network.h"
 #include "support/ScratchConfiguration.h"
+#include "support/ScratchFolder.h"
 #include "support/TestCertificates.h"
 
 namespace MessageRouter {
@@ -40,8 +41,7 @@ class LoneRouter : public testing::Test {
     std::string text;
     for (const auto& file :
          std::filesystem::directory_iterator(configuration_.RouterFolder() / "Logs")) {
-      std::ifstream stream(file.path());
-      text.append(std::istreambuf_iterator<char>(stream), {});
+      text += TestSupport::TextOf(file.path());
     }
     return text;
   }
@@ -57,6 +57,26 @@ class LoneRouter : public testing::Test {
   // The same for all routers of a process: the ORB keeps the address of its first endpoint.
   std::string arguments_[3] = {"router", "-ORBendPoint", "giop:ssl:127.0.0.1:"};
   char* argv_[4] = {arguments_[0].data(), arguments_[1].data(), arguments_[2].data(), nullptr};
+};
+
+// The same with a certificate, so that it starts.
+class CertifiedRouter : public LoneRouter {
+ protected:
+  CertifiedRouter() {
+    const std::filesystem::path folder = configuration_.RouterFolder() / "Private";
+    const TestSupport::Issued own = Ca().Issue("router1", {1});
+    std::ofstream(folder / "ca.pem") << Ca().CaPem();
+    std::ofstream(folder / "certificate.pem") << own.certificatePem;
+    std::ofstream(folder / "key.pem") << own.keyPem;
+    SetConfigInt("IORSenderPort", 0);
+    SetConfigInt("CheckNetworkIfInterval", 3600);
+    Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0x0A000001}; });
+  }
+
+  static TestSupport::TestCa& Ca() {
+    static TestSupport::TestCa ca;
+    return ca;
+  }
 };
 
 }  // namespace MessageRouter

@@ -48,17 +48,9 @@ class NoRoomForThreads {
   pthread_attr_t before_;
 };
 
-class CycleTest : public LoneRouter {
+class CycleTest : public CertifiedRouter {
  protected:
   CycleTest() : store_((configuration_.Folder() / "Envelopes").string()) {
-    static TestSupport::TestCa ca;
-    const std::filesystem::path folder = configuration_.RouterFolder() / "Private";
-    const TestSupport::Issued own = ca.Issue("router1", {1});
-    std::ofstream(folder / "ca.pem") << ca.CaPem();
-    std::ofstream(folder / "certificate.pem") << own.certificatePem;
-    std::ofstream(folder / "key.pem") << own.keyPem;
-    SetConfigInt("IORSenderPort", 0);
-    SetConfigInt("CheckNetworkIfInterval", 3600);
     SetConfigBool("SyncEnvelopes", false);
     EnvelopeStore::Replace(&store_);
 

@@ -96,9 +96,7 @@ TEST_F(LoneRouter, ThatFailsToStartLeavesTheTableFileAsItIs) {
   std::ofstream(table) << "agent-1.0..\n";
   Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0x0A000001}; });
   EXPECT_EQ(RunRouter(), 1);
-  std::ifstream stream(table);
-  const std::string text((std::istreambuf_iterator<char>(stream)), {});
-  EXPECT_EQ(text, "agent-1.0..\n");
+  EXPECT_EQ(TestSupport::TextOf(table), "agent-1.0..\n");
 }
 
 TEST_F(LoneRouter, KeepsAsManyLogFilesOfThatSizeAsIsConfigured) {

@@ -2,6 +2,8 @@
 #include <CertificationMessages.h>
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "broker/Encoding.h"
 
 // Values at the edges of what is legal, there and back over the wire format.
@@ -19,70 +21,68 @@ class WireValues : public testing::Test {
     Encoding::DecodeAny(Encoding::EncodeAny(any), received);
     return received;
   }
+
+  // The value as its receiver has it.
+  template <class T>
+  static T Received(const T& value) {
+    const CORBA::Any any = ThereAndBack(value);
+    const T* received = nullptr;
+    if (!(any >>= received)) throw std::runtime_error("a value of another type came back");
+    return *received;
+  }
+
+  static CertificationMessages::Message AMessage() {
+    CertificationMessages::Message message;
+    message.majorVersion = 0;
+    message.minorVersion = 0;
+    return message;
+  }
 };
 
 TEST_F(WireValues, EmptyTimestampSequenceAndEmptyPhysicalAddressAreLegal) {
   BrelixMessaging::Envelope envelope;
-  const CORBA::Any any = ThereAndBack(envelope);
-  const BrelixMessaging::Envelope* received = nullptr;
-  ASSERT_TRUE(any >>= received);
-  EXPECT_EQ(received->timestamps.length(), 0u);
-  EXPECT_EQ(received->physical_destination.length(), 0u);
+  const BrelixMessaging::Envelope received = Received(envelope);
+  EXPECT_EQ(received.timestamps.length(), 0u);
+  EXPECT_EQ(received.physical_destination.length(), 0u);
 }
 
 TEST_F(WireValues, MessageWithoutCorrelationIsLegal) {
-  CertificationMessages::Message message;
-  message.majorVersion = 0;
-  message.minorVersion = 0;
+  CertificationMessages::Message message = AMessage();
   message.correlationIdentity._default();
-  const CORBA::Any any = ThereAndBack(message);
-  const CertificationMessages::Message* received = nullptr;
-  ASSERT_TRUE(any >>= received);
-  EXPECT_FALSE(received->correlationIdentity._d());
+  const CertificationMessages::Message received = Received(message);
+  EXPECT_FALSE(received.correlationIdentity._d());
 }
 
 TEST_F(WireValues, CorrelationOfThirtyTwoBitsComesBack) {
-  CertificationMessages::Message message;
-  message.majorVersion = 0;
-  message.minorVersion = 0;
+  CertificationMessages::Message message = AMessage();
   message.correlationIdentity.correlation(0xfedcba98);
-  const CORBA::Any any = ThereAndBack(message);
-  const CertificationMessages::Message* received = nullptr;
-  ASSERT_TRUE(any >>= received);
-  ASSERT_TRUE(received->correlationIdentity._d());
-  EXPECT_EQ(received->correlationIdentity.correlation(), 0xfedcba98);
+  const CertificationMessages::Message received = Received(message);
+  ASSERT_TRUE(received.correlationIdentity._d());
+  EXPECT_EQ(received.correlationIdentity.correlation(), 0xfedcba98);
 }
 
 TEST_F(WireValues, RefusalForAnUndefinedFailureIsLegal) {
   CertificationMessages::CertRespMsgCtnt response;
   response.result.failureReason(CertificationMessages::Undefined);
-  const CORBA::Any any = ThereAndBack(response);
-  const CertificationMessages::CertRespMsgCtnt* received = nullptr;
-  ASSERT_TRUE(any >>= received);
-  EXPECT_FALSE(received->result._d());
-  EXPECT_EQ(received->result.failureReason(), CertificationMessages::Undefined);
+  const CertificationMessages::CertRespMsgCtnt received = Received(response);
+  EXPECT_FALSE(received.result._d());
+  EXPECT_EQ(received.result.failureReason(), CertificationMessages::Undefined);
 }
 
 TEST_F(WireValues, TokenRequestWithoutContentComesBackWithTheNullTypeCode) {
-  CertificationMessages::Message message;
-  message.majorVersion = 0;
-  message.minorVersion = 0;
+  CertificationMessages::Message message = AMessage();
   message.correlationIdentity.correlation(1);
-  const CORBA::Any any = ThereAndBack(message);
-  const CertificationMessages::Message* received = nullptr;
-  ASSERT_TRUE(any >>= received);
-  const CORBA::TypeCode_var type = received->messageContent.type();
+  const CertificationMessages::Message received = Received(message);
+  const CORBA::TypeCode_var type = received.messageContent.type();
   EXPECT_EQ(type->kind(), CORBA::tk_null);
 }
 
 TEST_F(WireValues, CertificateOfNoBytesIsLegal) {
   CertificationMessages::CertRespMsgCtnt response;
   response.result.x509Certificate(CertificationMessages::DER_ASN1());
-  const CORBA::Any any = ThereAndBack(response);
-  const CertificationMessages::CertRespMsgCtnt* received = nullptr;
-  ASSERT_TRUE(any >>= received);
-  ASSERT_TRUE(received->result._d());
-  EXPECT_EQ(received->result.x509Certificate().length(), 0u);
+  const CertificationMessages::CertRespMsgCtnt received = Received(response);
+  ASSERT_TRUE(received.result._d());
+  EXPECT_EQ(received.result.x509Certificate().length(), 0u);
 }
 
 TEST_F(WireValues, ContentIsToldApartByItsTypeCode) {

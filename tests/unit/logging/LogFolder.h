@@ -1,57 +1,33 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "logging/Log.h"
+#include "support/ScratchFolder.h"
 
 namespace MessageRouter {
 
 // A folder of its own for log files; the log is closed and the mask open when a test ends.
-class LogFolder : public ::testing::Test {
+class LogFolder : public ::testing::Test, protected TestSupport::ScratchFolder {
  protected:
   static constexpr unsigned kAllLevels = 0x7FE;
   static constexpr std::uint32_t kLarge = 1 << 20;
 
-  LogFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "brelix-log-XXXXXX").string();
-    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-    folder_ = pattern;
-    SetLogMask(kAllLevels);
-  }
+  LogFolder() { SetLogMask(kAllLevels); }
   ~LogFolder() override {
     CloseLog();
     SetLogMask(kAllLevels);
-    std::filesystem::remove_all(folder_);
   }
 
   bool Open(std::uint32_t count = 8, std::uint32_t size = kLarge, bool console = false) const {
     return OpenLog("router", folder_.string(), count, size, console);
   }
 
-  void Touch(const std::string& name) const { std::ofstream(folder_ / name) << "old\n"; }
-
-  std::vector<std::string> Names() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
-      names.push_back(entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
-  std::string Text(const std::string& name) const {
-    std::ifstream stream(folder_ / name);
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
+  void Touch(const std::string& name) const { Write(name, "old\n"); }
 
   // The lines of a file without their time and thread, "I text" each; of the only file if no name
   // is given.
@@ -65,10 +41,6 @@ class LogFolder : public ::testing::Test {
     }
     return lines;
   }
-
-  std::string Path(const std::string& name) const { return (folder_ / name).string(); }
-
-  std::filesystem::path folder_;
 };
 
 }  // namespace MessageRouter

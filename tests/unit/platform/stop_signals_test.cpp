@@ -35,6 +35,35 @@ int InAChild(Body&& body) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
 }
 
+// Tells this process that a child has run its last words.
+class LastWords {
+ public:
+  LastWords() {
+    int ends[2];
+    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    readEnd_ = Descriptor(ends[0]);
+    writeEnd_ = Descriptor(ends[1]);
+    writeNumber_ = ends[1];
+  }
+  // In the child.
+  void Install() const {
+    SetLastWords([] {
+      if (write(writeNumber_, "x", 1) != 1) _exit(9);
+    });
+  }
+  // When the child has ended.
+  bool WereSaid() {
+    writeEnd_ = Descriptor();
+    char byte = 0;
+    return read(readEnd_.Get(), &byte, 1) == 1;
+  }
+
+ private:
+  static inline int writeNumber_ = -1;
+  Descriptor readEnd_;
+  Descriptor writeEnd_;
+};
+
 class StopSignal : public ::testing::TestWithParam<int> {};
 
 TEST_P(StopSignal, AsksForAStop) {
@@ -104,24 +133,16 @@ TEST_P(ThrowingFunction, EndsTheProcessWithStatus255AfterTheLastWords) {
     if (signal == SIGTERM) throw std::runtime_error("broken");
     throw 1;
   };
-  int pipeEnds[2];
-  ASSERT_EQ(pipe2(pipeEnds, O_CLOEXEC), 0);
-  const Descriptor readEnd(pipeEnds[0]);
-  static int writeEnd = -1;
-  writeEnd = pipeEnds[1];
+  LastWords words;
   EXPECT_EQ(InAChild([&] {
-              SetLastWords([] {
-                if (write(writeEnd, "x", 1) != 1) _exit(9);
-              });
+              words.Install();
               const StopSignals signals(fail, fail);
               kill(getpid(), signal);
               while (true) pause();
               return 5;
             }),
             255);
-  close(writeEnd);
-  char byte = 0;
-  EXPECT_EQ(read(readEnd.Get(), &byte, 1), 1);
+  EXPECT_TRUE(words.WereSaid());
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, ThrowingFunction, ::testing::Values(SIGTERM, SIGHUP));
@@ -178,23 +199,16 @@ TEST(Watchdog, IsNotArmedByAReload) {
 }
 
 TEST(Watchdog, RunsTheLastWords) {
-  int pipeEnds[2];
-  ASSERT_EQ(pipe2(pipeEnds, O_CLOEXEC), 0);
-  const Descriptor readEnd(pipeEnds[0]);
-  static int writeEnd = pipeEnds[1];
-  EXPECT_EQ(InAChild([] {
-              SetLastWords([] {
-                if (write(writeEnd, "x", 1) != 1) _exit(9);
-              });
+  LastWords words;
+  EXPECT_EQ(InAChild([&words] {
+              words.Install();
               const StopSignals signals([] {}, [] {}, milliseconds(1));
               kill(getpid(), SIGTERM);
               while (true) pause();
               return 5;
             }),
             0);
-  close(writeEnd);
-  char byte = 0;
-  EXPECT_EQ(read(readEnd.Get(), &byte, 1), 1);
+  EXPECT_TRUE(words.WereSaid());
 }
 
 TEST(StopSignals, AfterTheirDestructionASecondStopDoesNotCutTheEndShort) {

@@ -8,24 +8,17 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <memory>
-#include <sstream>
-#include <stdexcept>
+
+#include "security/OpenSsl.h"
+#include "support/ScratchFolder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-template <auto Free>
-struct Deleter {
-  template <class T>
-  void operator()(T* object) const {
-    Free(object);
-  }
-};
-using X509Ptr = std::unique_ptr<X509, Deleter<&X509_free>>;
-using KeyPtr = std::unique_ptr<EVP_PKEY, Deleter<&EVP_PKEY_free>>;
-using BioPtr = std::unique_ptr<BIO, Deleter<&BIO_free_all>>;
+using OpenSsl::BioPtr;
+using OpenSsl::KeyPtr;
+using OpenSsl::X509Ptr;
 
 struct Result {
   int status = -1;
@@ -33,31 +26,14 @@ struct Result {
   std::string err;
 };
 
-std::string ReadText(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
 // Runs the built program in a folder of the test's own.
-class Certmgr : public testing::Test {
+class Certmgr : public testing::Test, protected TestSupport::ScratchFolder {
  protected:
-  Certmgr() {
-    std::string pattern = (fs::temp_directory_path() / "brelix-certmgr-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no scratch folder");
-    folder_ = pattern;
-  }
-  ~Certmgr() override {
-    std::error_code ignored;
-    fs::remove_all(folder_, ignored);
-  }
-
   Result Run(const std::string& arguments) const {
     const std::string command = "cd '" + folder_.string() + "' && '" BRELIX_CERTMGR "' " +
                                 arguments + " >out.txt 2>err.txt";
     const int status = std::system(command.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadText(folder_ / "out.txt"),
-            ReadText(folder_ / "err.txt")};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Text("out.txt"), Text("err.txt")};
   }
   // An authority with a small key, to be quick.
   void MakeAuthority(const std::string& name = "ca") const {
@@ -77,7 +53,6 @@ class Certmgr : public testing::Test {
   }
 
   static constexpr fs::perms kOwnerOnly = fs::perms::owner_read | fs::perms::owner_write;
-  fs::path folder_;
 };
 
 std::string CommonName(X509* certificate) {
@@ -136,7 +111,7 @@ TEST_F(Certmgr, InitNeverReplacesAnAuthority) {
     const Result result = Run("init --dir ca");
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "brelix-certmgr: " + std::string(remaining) + " exists already\n");
-    EXPECT_EQ(ReadText(folder_ / remaining), "precious");
+    EXPECT_EQ(Text(remaining), "precious");
   }
 }
 
@@ -147,7 +122,7 @@ TEST_F(Certmgr, IssueWritesAnIdentityInTheFormOfAStore) {
   EXPECT_EQ(result.out + result.err, "");
   const X509Ptr ca = Certificate("ca/ca.pem");
   const X509Ptr certificate = Certificate("a/b/agent/certificate.pem");
-  EXPECT_EQ(ReadText(folder_ / "a/b/agent/ca.pem"), ReadText(folder_ / "ca/ca.pem"));
+  EXPECT_EQ(Text("a/b/agent/ca.pem"), Text("ca/ca.pem"));
   EXPECT_EQ(X509_verify(certificate.get(), X509_get0_pubkey(ca.get())), 1);
   EXPECT_EQ(X509_check_issued(ca.get(), certificate.get()), X509_V_OK);
   EXPECT_EQ(X509_check_private_key(certificate.get(), Key("a/b/agent/key.pem").get()), 1);
