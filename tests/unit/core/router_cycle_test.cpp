@@ -201,7 +201,7 @@ class EarlyRequestTest : public CycleTest {
     whileThreadsAreMissing = [this](int cycle) {
       if (cycle == 2) request(*Cycle::Current());
     };
-    whileRunning = [this](int cycle) {
+    whileRunning = [](int cycle) {
       if (cycle == 1) {
         Router::instance().Reinitialize();
         return;
