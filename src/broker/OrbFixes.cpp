@@ -66,11 +66,17 @@ const void* ImageOf(const void* function) {
   return function != nullptr && ::dladdr(function, &info) != 0 ? info.dli_fbase : nullptr;
 }
 
-ReleaseFunction Original() {
-  void* const address = ::dlsym(RTLD_NEXT, kReleaseServer);
+// The library's own.
+template <class Function>
+Function Original(const char* symbol) {
+  void* const address = ::dlsym(RTLD_NEXT, symbol);
   if (address == nullptr) std::abort();
-  return reinterpret_cast<ReleaseFunction>(address);
+  return reinterpret_cast<Function>(address);
 }
+
+constexpr char kCreateReference[] = "_ZN4omni12createObjRefEPKcP7omniIORbP12omniIdentity";
+
+using CreateFunction = omniObjRef* (*)(const char*, omniIOR*, CORBA::Boolean, omniIdentity*);
 
 constexpr char kSend[] = "_ZN4omni13sslConnection4SendEPvmRK11omni_time_t";
 constexpr char kReceive[] = "_ZN4omni13sslConnection4RecvEPvmRK11omni_time_t";
@@ -83,10 +89,24 @@ constexpr char kShutdown[] = "_ZN4omni13sslConnection8ShutdownEv";
 // is how a request to cancel leaves it, and a request whose sender goes away while the rest of it
 // is skipped. Peers could bring about both at will, some hundred bytes each time.
 void omni::giopStrand::releaseServer(omni::IOP_S* record) {
-  static const ReleaseFunction original = Original();
+  static const auto original = Original<ReleaseFunction>(kReleaseServer);
   auto* const request = static_cast<omni::GIOP_S*>(record);
   if (request->state() == IOP_S::WaitingForReply) request->state(IOP_S::ReplyCompleted);
   original(this, record);
+}
+
+// The making of a reference from what a peer or a text says of an object. The library never frees
+// that where it turns out to be damaged, however long it is.
+omniObjRef* omni::createObjRef(const char* target, omniIOR* ior, CORBA::Boolean locked,
+                               omniIdentity* identity) {
+  static const auto original = Original<CreateFunction>(kCreateReference);
+  try {
+    return original(target, ior, locked, identity);
+  } catch (const CORBA::Exception&) {
+    // Only the search for an identity throws, and it has not taken over what it was given.
+    if (identity == nullptr) ior->release();
+    throw;
+  }
 }
 
 // The ORB reads and writes one TLS object on different threads at once, which OpenSSL forbids: a
@@ -154,7 +174,7 @@ namespace Broker {
 
 void RequireOrbFixes() {
   const void* const ours = ImageOf(reinterpret_cast<const void*>(&RequireOrbFixes));
-  for (const char* const symbol : {kReleaseServer, kSend, kReceive, kShutdown}) {
+  for (const char* const symbol : {kReleaseServer, kCreateReference, kSend, kReceive, kShutdown}) {
     if (ours == nullptr || ImageOf(::dlsym(RTLD_DEFAULT, symbol)) != ours) {
       throw std::runtime_error(std::string("A replaced function of the ORB is not in force: ") +
                                symbol);
