@@ -57,7 +57,8 @@ Router::Router(std::string name, int argc, char** argv)
       routing_(*this, routerTable_),
       getterThread_(routerTable_),
       timeoutThread_(routerTable_),
-      routerThread_(routing_) {}
+      routerThread_(routing_),
+      parentLogon_(routing_, *this) {}
 
 // What the start has handed out leads here.
 Router::~Router() {
@@ -251,6 +252,10 @@ std::string Router::ParentAddresses() const {
 void Router::SetParentAddresses(const std::string& ior) {
   ThreadHelper::Guard guard(textMutex_);
   if (guard) parentAddresses_ = ior;
+}
+
+void Router::EndProcess(int status) {
+  Platform::ExitProcess(status);
 }
 
 void InitializeRouter(ACE_XPlatform_Configuration* configuration, const std::string& sectionPath,

@@ -28,7 +28,7 @@ class ACE_XPlatform_Configuration;
 //
 // Threads: Start makes and destroys everything on the main thread. Shutdown, Reinitialize,
 // RequestReload, IsStopping and the operations of RoutingHost may be called from any.
-class Router : public RoutingHost {
+class Router : public RoutingHost, public ParentLogonHost {
  public:
   enum State : std::int32_t { kStarting = 0, kRunning = 1, kStopping = 3 };
 
@@ -48,7 +48,7 @@ class Router : public RoutingHost {
   // Stops for good.
   void Shutdown();
   // Takes the cycle down and builds the next one.
-  void Reinitialize();
+  void Reinitialize() override;
   // The operator's wish for a reinitialisation: kept until the router runs, unlike Reinitialize.
   void RequestReload();
   // Leaves the state alone once it is kStopping.
@@ -67,7 +67,6 @@ class Router : public RoutingHost {
   void SetSurroundings(Surroundings surroundings) { surroundings_ = std::move(surroundings); }
   bool HasParent() const { return hasParent_; }
   std::string ParentAddresses() const;
-  void SetParentAddresses(const std::string& ior);
 
   // RoutingHost
   LocalObjects& Objects() override;
@@ -79,6 +78,11 @@ class Router : public RoutingHost {
   void ParentLinkLost() override;
   CORBA::Object_ptr StringToObject(const std::string& ior) override;
   std::string ObjectToString(CORBA::Object_ptr object) override;
+
+  // ParentLogonHost
+  StatusReporting::StatusReporter& Status() override { return *statusReporter_; }
+  void SetParentAddresses(const std::string& ior) override;
+  void EndProcess(int status) override;
 
  private:
   friend class RouterCycle;

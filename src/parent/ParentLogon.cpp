@@ -1,81 +1,60 @@
 #include "parent/ParentLogon.h"
 
-#include <atomic>
+#include <cerrno>
+#include <utility>
 
+#include "broker/CorbaExceptions.h"
+#include "broker/ConnectionTest.h"
 #include "config/Configuration.h"
+#include "delivery/HeartbeatThread.h"
+#include "envelope/Address.h"
 #include "logging/Log.h"
-#include "parent/Connector.h"
-#include "parent/ParentSearch.h"
-#include "security/CertificateContext.h"
+#include "parent/Ior.h"
+#include "platform/Clock.h"
+#include "security/OwnIdentity.h"
 
 namespace MessageRouter {
 
+using Broker::RepeatOnce;
+using ThreadHelper::Guard;
+
 namespace {
 
-// Tells the health report, where there is one, and the certificate context.
-class SearchReport : public ParentSearchObserver {
- public:
-  explicit SearchReport(StatusReporting::StatusReporter* reporter) : reporter_(reporter) {}
-
-  void NameNotResolved(const std::string& host) override {
-    if (reporter_) reporter_->Dns().addFailedAddress(host);
-  }
-  void ListUsedUp() override {
-    if (reporter_) reporter_->Dns().Update();
-  }
-  void Unreachable(const std::string& host) override {
-    if (!reporter_) return;
-    reporter_->SetActualParent("");
-    reporter_->Outgoing().Raise(StatusReporting::OutgoingSection::kParentUnreachable, host);
-  }
-  void Found(const std::string& host, std::uint32_t address) override {
-    if (reporter_) {
-      reporter_->SetActualParent(host);
-      reporter_->Outgoing().Clear(StatusReporting::OutgoingSection::kParentUnreachable);
-      reporter_->Dns().Reset();
-    }
-    CertificateContext::instance().SetParentAddress(address);
-  }
-
- private:
-  StatusReporting::StatusReporter* const reporter_;
-};
+constexpr unsigned kAttempts = 10;
+constexpr unsigned kLargestRandom = 32767;
 
 }  // namespace
+
+ParentLogon::ParentLogon(Routing& routing, ParentLogonHost& host, std::chrono::milliseconds second)
+    : routing_(routing), host_(host), second_(second) {}
 
 ParentLogon::~ParentLogon() {
   Stop();
 }
 
-std::string ParentLogon::GetParentIOR(const Surroundings& surroundings) {
-  const std::string hosts = GetConfigString("ParentAddress", "", 4096);
-  const auto port = static_cast<std::uint16_t>(GetConfigInt("ParentPort", 8192));
-  SearchReport report(surroundings.reporter);
-  ParentSearch search(
-      report, ResolveHost,
-      [&surroundings](ACE_SOCK_Stream& stream, const ACE_INET_Addr& address) {
-        return ConnectWithRetry(stream, address, surroundings.stopping);
-      },
-      surroundings.stopping);
-  return search.Run(hosts, port, GetConfigInt("GetIORTimeoutSec", 10));
+ParentLogon::Escalation& ParentLogon::TheEscalation() {
+  static Escalation escalation;
+  return escalation;
 }
 
 void ParentLogon::Enable() {
-  ThreadHelper::Guard guard(mutex_);
+  const Guard guard(mutex_);
   if (!guard) return;
   enabled_ = true;
+  woken_ = true;
   condition_.Broadcast();
 }
 
 void ParentLogon::LinkLost() {
-  ThreadHelper::Guard guard(mutex_);
+  const Guard guard(mutex_);
   if (!guard) return;
   loggedOn_ = false;
+  woken_ = true;
   condition_.Broadcast();
 }
 
 void ParentLogon::RequestStopLogon(bool logoff) {
-  ThreadHelper::Guard guard(mutex_);
+  const Guard guard(mutex_);
   if (!guard) return;
   if (!logoff) loggedOn_ = false;
   UnlockedRequestStop();
@@ -87,24 +66,297 @@ void ParentLogon::StopLogon(bool logoff) {
 }
 
 void ParentLogon::Process() {
-  // A router that is reinitialised runs this again.
-  static std::atomic<bool> said{false};
-  if (WaitUntilEnabled() && !said.exchange(true)) {
-    LogWarning(
-        "Logging on to a parent is not available in this version: this router stays on its own\n");
+  // Routers that are started together are to draw different periods.
+  random_.seed(static_cast<std::minstd_rand::result_type>(
+      std::hash<std::string>()(OwnIdentity::CommonName()) +
+      static_cast<std::size_t>(Platform::Clock::Instance().WallSeconds())));
+  while (!IsTerminated()) {
+    try {
+      if (!WaitForWork() || !IsEnabled()) continue;
+      if (Attach() == Outcome::kEnd) {
+        ForgetParent();
+        return;
+      }
+      continue;
+    } catch (const CORBA::Exception& exception) {
+      LogCaughtCorbaException("ParentLogon::Process", exception, "");
+    } catch (const std::exception& exception) {
+      LogCaughtException("ParentLogon::Process", exception, "");
+    }
+    // What fails at once must not fail without a pause.
+    PauseBetweenAttempts();
   }
-  while (!IsTerminated()) Wait(0, 0);
-  ThreadHelper::Guard guard(mutex_);
-  if (!guard) return;
-  registered_ = false;
+  TakeLeave();
+  ForgetParent();
+  const Guard guard(mutex_);
   loggedOn_ = false;
 }
 
-bool ParentLogon::WaitUntilEnabled() {
-  ThreadHelper::Guard guard(mutex_);
+ParentLogon::Outcome ParentLogon::Attach() {
+  if (Register() == Outcome::kEnd) return Outcome::kEnd;
+  return Logon();
+}
+
+ParentLogon::Outcome ParentLogon::Register() {
+  Escalation& escalation = TheEscalation();
+  for (unsigned attempts = 0;;) {
+    EnsureRegistered();
+    if (IsTerminated() || IsRegistered()) break;
+    if (AfterFailure(++attempts, "Register parent retry failed after %d attempts. Resetting router...",
+                     escalation.registerResetTried, false) == Outcome::kEnd) {
+      return Outcome::kEnd;
+    }
+  }
+  escalation.registerResetTried = !IsRegistered();
+  return Outcome::kGoOn;
+}
+
+ParentLogon::Outcome ParentLogon::Logon() {
+  Escalation& escalation = TheEscalation();
+  for (unsigned attempts = 0; !IsTerminated() && !IsLoggedOn();) {
+    RouterTableEntry* const parent = routing_.Table().Parent();
+    if (parent != nullptr && parent->LogonToParentRouter(parentRouter_)) {
+      {
+        const Guard guard(mutex_);
+        // The session may have ended since: whoever ended it has told us before, and will not again.
+        loggedOn_ = guard && parent->IsLoggedOn();
+        if (loggedOn_) attempts = 0;
+      }
+      if (IsLoggedOn()) {
+        LoggedOn(*parent);
+        continue;
+      }
+    }
+    if (AfterFailure(++attempts, "Parent logon failed after %d attempts. Resetting router...",
+                     escalation.logonResetTried, true) == Outcome::kEnd) {
+      return Outcome::kEnd;
+    }
+  }
+  escalation.logonResetTried = !IsLoggedOn();
+  return Outcome::kGoOn;
+}
+
+void ParentLogon::LoggedOn(RouterTableEntry& parent) {
+  routing_.OfferForDelivery(parent);
+  routing_.NotifiedPoll(parent);
+  LogInfo("Logged on to parent router as %s\n", ToDisplayString(OwnIdentity::CommonName()).c_str());
+  host_.Status().WriteReport();
+}
+
+ParentLogon::Outcome ParentLogon::AfterFailure(unsigned attempts, const char* warning,
+                                               std::atomic<bool>& resetTried, bool forgetParent) {
+  if (attempts <= kAttempts) {
+    PauseBetweenAttempts();
+    return Outcome::kGoOn;
+  }
+  if (resetTried) {
+    LogWarning(
+        "Registering with parent failed after resetting router. Forcing router shutdown. Router "
+        "should restart automatically.");
+    host_.EndProcess(0);
+    return Outcome::kEnd;
+  }
+  if (forgetParent) ForgetParent();
+  LogWarning(warning, static_cast<int>(kAttempts));
+  ResetRouter(resetTried);
+  return Outcome::kEnd;
+}
+
+void ParentLogon::ResetRouter(std::atomic<bool>& resetTried) {
+  resetTried = true;
+  const std::uint32_t patience = GetConfigInt("ResetTimeout", 120);
+  host_.Reinitialize();
+  if (IsTerminated()) return;
+  for (std::uint32_t second = 0; second < patience; ++second) {
+    WaitFor(std::chrono::seconds(1));
+    if (IsTerminated()) return;
+  }
+  LogWarning(
+      "Resetting router failed to terminate parent logon thread after %d seconds. Forcing router "
+      "shutdown. Router should restart automatically.",
+      static_cast<int>(patience));
+  host_.EndProcess(0);
+}
+
+void ParentLogon::TakeLeave() {
+  if (!IsLoggedOn() || CORBA::is_nil(parentRouter_)) return;
+  try {
+    RepeatOnce([this] { parentRouter_->Logoff(); });
+    LogInfo("Logged off from parent router\n");
+  } catch (const CORBA::Exception& exception) {
+    LogCaughtCorbaException("ParentLogon::Process", exception, "Logoff");
+  }
+}
+
+bool ParentLogon::WaitForWork() {
+  for (;;) {
+    {
+      const Guard guard(mutex_);
+      if (!guard) return false;
+      while (!enabled_ && !m_terminate) UnlockedWait(0, 0);
+      if (!enabled_ || !loggedOn_ || m_terminate) return enabled_ || !loggedOn_;
+    }
+    if (!AwaitHeartbeat()) {
+      PauseBetweenAttempts();
+      break;
+    }
+    if (!SendHeartbeat()) break;
+  }
+  const Guard guard(mutex_);
+  return guard && (enabled_ || !loggedOn_);
+}
+
+std::chrono::seconds ParentLogon::HeartbeatPeriod() {
+  std::uniform_int_distribution<unsigned> draw(0, kLargestRandom);
+  const unsigned r = draw(random_) % 100;
+  return std::chrono::seconds(static_cast<std::int64_t>(
+      GetConfigInt("HeartbeatInterval", 120) * 60.0 * (1.0 + r / 100.0)));
+}
+
+bool ParentLogon::AwaitHeartbeat() {
+  const std::chrono::seconds period = HeartbeatPeriod();
+  const auto deadline = std::chrono::steady_clock::now() + period.count() * second_;
+  const Guard guard(mutex_);
   if (!guard) return false;
-  while (!enabled_ && !m_terminate) UnlockedWait(0, 0);
-  return enabled_;
+  // The link may have been lost since it was looked at; what woke the thread earlier is done with.
+  woken_ = !loggedOn_;
+  while (!woken_ && !m_terminate) {
+    if (period.count() == 0) {
+      condition_.Wait();
+      continue;
+    }
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return true;
+    condition_.WaitFor(left);
+  }
+  return false;
+}
+
+bool ParentLogon::SendHeartbeat() {
+  bool succeeded = false;
+  {
+    HeartbeatThread heartbeat(routing_.Table());
+    LogInfo("Calling parent with heartbeat...");
+    heartbeat.Start();
+    const auto limit = static_cast<std::int32_t>(GetConfigInt("HeartbeatTimeout", 1800));
+    if (limit < 1) {
+      heartbeat.Join();
+    } else if (!heartbeat.WaitForEnd(std::chrono::seconds(limit))) {
+      LogError("Heartbeat to parent timed out, restarting router...");
+      // There is no other way to take the call back.
+      host_.EndProcess(0);
+    }
+    succeeded = heartbeat.Succeeded();
+  }
+  if (succeeded) {
+    LogInfo("Heartbeat to parent succeeded.");
+    return true;
+  }
+  LogError("Heartbeat to parent failed.");
+  ForgetParent();
+  const Guard guard(mutex_);
+  loggedOn_ = false;
+  return false;
+}
+
+void ParentLogon::EnsureRegistered() {
+  if (!CORBA::is_nil(parentRouter_)) {
+    bool valid = false;
+    try {
+      valid = RepeatOnce([this] { return Broker::HasValidConnection(parentRouter_); });
+    } catch (const CORBA::Exception&) {
+      // As good as no.
+    }
+    if (!valid) {
+      LogDebug("Failed to validate connection to parent router\n");
+      ForgetParent();
+    }
+  }
+  if (CORBA::is_nil(parentRouter_)) RegisterParent();
+}
+
+void ParentLogon::RegisterParent() {
+  StatusReporting::StatusReporter& status = host_.Status();
+  const std::string ior = GetParentIOR({&status, [this] { return IsTerminated(); }});
+  if (ior.empty()) return;
+  LogInfo("Received parent router's IOR:\n%s\n", ior.c_str());
+  using StatusReporting::OutgoingSection;
+  if (!validateIOR(ior)) {
+    LogError("Cannot log on to the parent router, because its IOR is invalid\n");
+    status.SetActualParent("");
+    status.Outgoing().Raise(OutgoingSection::kParentIorInvalid, "");
+    return;
+  }
+  status.Outgoing().Clear(OutgoingSection::kParentIorInvalid);
+  LogInfo("Successfully validated parent router's IOR\n");
+  host_.SetParentAddresses(ior);
+  try {
+    Introduce(ior);
+  } catch (const CORBA::Exception& exception) {
+    ForgetParent();
+    LogCaughtCorbaException("ParentLogon::RegisterParent", exception, "");
+  }
+}
+
+void ParentLogon::Introduce(const std::string& ior) {
+  const CORBA::Object_var object = routing_.Host().StringToObject(ior);
+  const BrelixMessaging::MessageRouter_var root =
+      RepeatOnce([&] { return BrelixMessaging::MessageRouter::_narrow(object); });
+  if (CORBA::is_nil(root)) return;
+  LogInfo("Accessing parent\n");
+  const CORBA::String_var name = RepeatOnce([&] { return root->GetName(); });
+  LogInfo("Parent is %s\n", ToDisplayString(name.in()).c_str());
+  routing_.Table().SetParentName(name.in());
+
+  const BrelixMessaging::Router_var door = RepeatOnce([&] { return root->GetRouter(); });
+  parentRouter_ = BrelixMessaging::Router::_duplicate(door);
+  if (CORBA::is_nil(parentRouter_)) return;
+  try {
+    RepeatOnce([this] { parentRouter_->Register(); });
+    LogInfo("Registered with parent router\n");
+  } catch (const BrelixMessaging::AlreadyRegistered&) {
+    // A router that restarts is still known.
+    LogDebug("Already registered with parent router\n");
+  }
+  SetRegistered(true);
+}
+
+void ParentLogon::ForgetParent() {
+  parentRouter_ = BrelixMessaging::Router::_nil();
+  SetRegistered(false);
+}
+
+void ParentLogon::PauseBetweenAttempts() {
+  const std::uint32_t seconds = GetConfigInt("LogonRetryInterval", 30);
+  // No time at all would mean to wait for ever.
+  WaitFor(std::chrono::seconds(seconds == 0 ? 1 : seconds));
+}
+
+bool ParentLogon::WaitFor(std::chrono::seconds time) {
+  const std::chrono::milliseconds length = time.count() * second_;
+  return Wait(static_cast<unsigned>(length.count() / 1000),
+              static_cast<unsigned>(length.count() % 1000));
+}
+
+bool ParentLogon::IsEnabled() {
+  const Guard guard(mutex_);
+  return guard && enabled_;
+}
+
+bool ParentLogon::IsRegistered() {
+  const Guard guard(mutex_);
+  return guard && registered_;
+}
+
+bool ParentLogon::IsLoggedOn() {
+  const Guard guard(mutex_);
+  return guard && loggedOn_;
+}
+
+void ParentLogon::SetRegistered(bool registered) {
+  const Guard guard(mutex_);
+  if (guard) registered_ = registered;
 }
 
 }  // namespace MessageRouter

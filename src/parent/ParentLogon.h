@@ -1,18 +1,44 @@
 #pragma once
 
+#include <BrelixMessaging.h>
+
+#include <chrono>
+#include <cstdint>
 #include <functional>
+#include <random>
 #include <string>
 
+#include "routing/Routing.h"
 #include "status/StatusReporter.h"
 #include "threads/ThreadHelper.h"
 
 namespace MessageRouter {
 
-// Keeps this router attached to its parent. Logging on is not available in this version: a router
-// with a parent says so once, and its thread waits for the stop.
+// What the link to the parent asks of the router beside routing. Implemented by Router.
+// Threads: the parent logon's.
+class ParentLogonHost {
+ public:
+  virtual ~ParentLogonHost() = default;
+  virtual StatusReporting::StatusReporter& Status() = 0;
+  // The text of the IOR under which the parent was reached.
+  virtual void SetParentAddresses(const std::string& ior) = 0;
+  virtual void Reinitialize() = 0;
+  // Ends the process at once. Where it returns, as in a test, the thread ends.
+  virtual void EndProcess(int status) = 0;
+};
+
+// The thread that keeps this router attached to its parent: it registers, logs on, sends the
+// heartbeat, and begins again whenever the link breaks. Where that keeps failing it escalates:
+// eleven failures of a step in a row reinitialise the router, and eleven more of the same step end
+// the process for the service manager to start it anew.
+//
+// Threads: Enable, LinkLost and the requests to stop come from any and touch flags alone; every
+// remote call is made by the thread itself, and without the lock, which is a leaf.
 class ParentLogon : public ThreadHelper::StoppableThreadHelper {
  public:
-  ParentLogon() = default;
+  // `second` is how long a second takes; a test may be in a hurry.
+  ParentLogon(Routing& routing, ParentLogonHost& host,
+              std::chrono::milliseconds second = std::chrono::seconds(1));
   ~ParentLogon() override;
 
   // What the fetch of the parent's IOR needs from the router.
@@ -24,20 +50,70 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   // Nothing in it is shared: several threads may run it at once.
   static std::string GetParentIOR(const Surroundings& surroundings);
 
+  // Logging on may begin: the router has its certificate.
   void Enable();
+  // The session with the parent is over, whatever the cause.
   void LinkLost();
   // From a callback this only asks for the stop.
   void RequestStopLogon(bool logoff);
+  // With `logoff` the thread takes leave of the parent first.
   void StopLogon(bool logoff);
   void Process() override;
 
+  // The memory of the escalation, which outlives reinitialisations and this object: whether a step
+  // has led to a reinitialisation that no success has followed yet.
+  struct Escalation {
+    std::atomic<bool> registerResetTried{false};
+    std::atomic<bool> logonResetTried{false};
+  };
+  static Escalation& TheEscalation();
+
  private:
-  // False if the stop came first.
-  bool WaitUntilEnabled();
+  enum class Outcome { kGoOn, kEnd };  // kEnd: the thread is to return at once
+
+  // True if registration and logon must be looked at.
+  bool WaitForWork();
+  // The wait until a heartbeat is due. True once it is; false if something else is to be done.
+  bool AwaitHeartbeat();
+  // False if the link must be made anew, or the process ends.
+  bool SendHeartbeat();
+  std::chrono::seconds HeartbeatPeriod();
+
+  Outcome Attach();
+  Outcome Register();
+  Outcome Logon();
+  void EnsureRegistered();
+  void RegisterParent();
+  void Introduce(const std::string& ior);
+  void LoggedOn(RouterTableEntry& parent);
+  void TakeLeave();
+
+  // The step has failed `attempts` times. kEnd where the escalation has taken over.
+  Outcome AfterFailure(unsigned attempts, const char* warning, std::atomic<bool>& resetTried,
+                       bool forgetParent);
+  void ResetRouter(std::atomic<bool>& resetTried);
+  void ForgetParent();
+  void PauseBetweenAttempts();
+  // As Wait.
+  bool WaitFor(std::chrono::seconds time);
+
+  bool IsEnabled();
+  bool IsRegistered();
+  bool IsLoggedOn();
+  void SetRegistered(bool registered);
+
+  Routing& routing_;
+  ParentLogonHost& host_;
+  const std::chrono::milliseconds second_;
+  std::minstd_rand random_;  // the thread's own
+
+  BrelixMessaging::Router_var parentRouter_;  // the thread's own
 
   bool enabled_ GUARDED_BY(mutex_) = false;
   bool registered_ GUARDED_BY(mutex_) = false;
   bool loggedOn_ GUARDED_BY(mutex_) = false;
+  // Something has happened since the wait for the heartbeat began.
+  bool woken_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace MessageRouter

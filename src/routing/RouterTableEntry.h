@@ -157,7 +157,7 @@ class RouterTableEntry {
   bool LogoffSession(LogonGeneration generation);
   void LogoffCertification();  // throws NotLoggedOn
   // This router's logon to its parent: one remote call, made without the lock. Returns whether
-  // logonState is 1 at the end. Not available in this version: throws std::runtime_error.
+  // logonState is 1 at the end. Throws std::runtime_error where no object can be activated.
   bool LogonToParentRouter(BrelixMessaging::Router_ptr parent);
   // For a free entry: takes the new name and is reserved for a certification logon. Envelopes that
   // waited under the old name are in `leftovers`.
@@ -212,6 +212,19 @@ class RouterTableEntry {
     bool isRouter = false;
     std::string name;
   };
+  // What a logon has to tell in the log.
+  struct SessionReport {
+    std::string name;
+    bool isRouter = false;
+    std::string description;
+    std::optional<std::uint32_t> pollInterval;
+  };
+  // Which objects this router has activated for its session with the parent.
+  struct ActiveObjects {
+    bool consumer = false;
+    bool notify = false;
+    bool supplier = false;
+  };
   // Activated objects that no session owns yet.
   class PendingObjects;
 
@@ -241,8 +254,12 @@ class RouterTableEntry {
   void ActivateObjects(bool isRouter, const PeerReferences& references, LocalPeerObjects& objects);
   // After a failed activation: the old session is gone, as if it had been reset first.
   void AbandonLogon(const std::string& name, LogonGeneration before);
-  std::string ApplyReferencesLocked(std::int32_t threshold, const Thresholds& thresholds)
+  SessionReport ApplyReferencesLocked(std::int32_t threshold, const Thresholds& thresholds)
       REQUIRES(lock_);
+  void Announce(const SessionReport& report, bool loggingOn);
+  // The second half of LogonToParentRouter: false if that session is over.
+  bool BeginParentSession(LogonGeneration session, PeerReferences& references,
+                          const ActiveObjects& active);
   void LogoffLocked(Dismissed& dismissed, LogoffNotice& notice) REQUIRES(lock_);
   void AnnounceLogoff(const LogoffNotice& notice);
 

@@ -1,8 +1,9 @@
 // Sessions of an entry: how they begin and end. Everything that calls the host stands outside of
 // the entry's lock: before it what a logon will need, after it what a reset took out.
-#include <stdexcept>
 #include <utility>
 
+#include "broker/CorbaExceptions.h"
+#include "config/Configuration.h"
 #include "logging/Log.h"
 #include "routing/RouterTable.h"
 #include "routing/RouterTableEntry.h"
@@ -46,6 +47,13 @@ class RouterTableEntry::PendingObjects {
     Move(objects.consumer, owner.consumer);
     Move(objects.notify, owner.notify);
     Move(objects.supplier, owner.supplier);
+  }
+
+  // As MoveTo, but keeps what is there where nothing takes its place.
+  void AddTo(LocalPeerObjects& owner) {
+    if (!CORBA::is_nil(objects.consumer)) Move(objects.consumer, owner.consumer);
+    if (!CORBA::is_nil(objects.notify)) Move(objects.notify, owner.notify);
+    if (!CORBA::is_nil(objects.supplier)) Move(objects.supplier, owner.supplier);
   }
 
   LocalPeerObjects objects;
@@ -117,10 +125,7 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(const std::string
   const Thresholds thresholds = host_.GetThresholds();
   LocalPeerObjects activated;
   Dismissed dismissed;
-  std::string shownName;
-  std::string description;
-  std::uint32_t pollInterval = 0;
-  bool polled = false;
+  SessionReport report;
   {
     WriteGuard guard(lock_);
     if (!guard) return activated;
@@ -133,24 +138,25 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(const std::string
     Move(references.routerSupplier, references_.routerSupplier);
     pending.MoveTo(local_);
     activated = local_;
-    description = ApplyReferencesLocked(threshold, thresholds);
+    report = ApplyReferencesLocked(threshold, thresholds);
     logonState_ = kLoggedOn;
     if (isRouter) TouchLastPullLocked();
-    shownName = name_;
-    polled = supplierState_ == kPollWaiting;
-    pollInterval = pollInterval_;
   }
   Finish(dismissed);
-  if (polled) {
+  Announce(report, loggingOn);
+  return activated;
+}
+
+void RouterTableEntry::Announce(const SessionReport& report, bool loggingOn) {
+  if (report.pollInterval) {
     LogDebug(
         "RouterTableEntry::unsafe_enablePolling(): set polling interval to %u seconds for %s\n",
-        pollInterval, shownName.c_str());
+        *report.pollInterval, report.name.c_str());
   }
-  if (isRouter) {
-    LogInfo("RouterTableEntry state (%srouter, %s): %s is %s\n", "",
-            loggingOn ? "logging on" : "restoring", shownName.c_str(), description.c_str());
-  }
-  return activated;
+  // A client's state is told by its logon alone.
+  if (!report.isRouter) return;
+  LogInfo("RouterTableEntry state (%srouter, %s): %s is %s\n", "",
+          loggingOn ? "logging on" : "restoring", report.name.c_str(), report.description.c_str());
 }
 
 void RouterTableEntry::ActivateObjects(bool isRouter, const PeerReferences& references,
@@ -182,29 +188,34 @@ void RouterTableEntry::AbandonLogon(const std::string& name, LogonGeneration bef
   Finish(dismissed);
 }
 
-std::string RouterTableEntry::ApplyReferencesLocked(std::int32_t threshold,
-                                                    const Thresholds& thresholds) {
-  std::string description;
+RouterTableEntry::SessionReport RouterTableEntry::ApplyReferencesLocked(
+    std::int32_t threshold, const Thresholds& thresholds) {
+  SessionReport report;
+  report.name = name_;
+  report.isRouter = isRouter_;
   hasNotifyConsumer_ = !CORBA::is_nil(references_.notifyConsumer);
   if (!CORBA::is_nil(references_.routerConsumer) || !CORBA::is_nil(references_.messageConsumer)) {
     consumerState_ = kPushIdle;
-    description = "passive consumer, ";
+    report.description = "passive consumer, ";
   } else if (hasNotifyConsumer_) {
     notificationThreshold_ = threshold;
     consumerState_ = kNothingSent;
     nextNotification_.reset();
     notificationRetry_ = 0;
-    description = "active consumer (will try to notify), ";
+    report.description = "active consumer (will try to notify), ";
   } else {
     consumerState_ = kNoNotification;
-    description = "active consumer (no notification), ";
+    report.description = "active consumer (no notification), ";
   }
-  if (!CORBA::is_nil(references_.routerSupplier)) {
-    unsafe_enablePolling(thresholds);
-    return description + "passive supplier";
+  if (CORBA::is_nil(references_.routerSupplier)) {
+    supplierState_ = kActiveSupplier;
+    report.description += "active supplier";
+    return report;
   }
-  supplierState_ = kActiveSupplier;
-  return description + "active supplier";
+  unsafe_enablePolling(thresholds);
+  report.pollInterval = pollInterval_;
+  report.description += "passive supplier";
+  return report;
 }
 
 RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonCertification(const std::string& name) {
@@ -294,9 +305,88 @@ void RouterTableEntry::LogoffCertification() {
   Finish(dismissed);
 }
 
-bool RouterTableEntry::LogonToParentRouter(BrelixMessaging::Router_ptr) {
+// The objects are activated before the lock is taken, and the call is made without it: the parent
+// may call back while it runs. What came of it counts only if the session still stands.
+bool RouterTableEntry::LogonToParentRouter(BrelixMessaging::Router_ptr parent) {
   LogTrace("RouterTableEntry::LogonToParentRouter\n");
-  throw std::runtime_error("Logging on to a parent router is not available in this version");
+  LocalObjects& factory = host_.Objects();
+  PendingObjects own(host_);
+  BrelixMessaging::RouterConsumer_var consumer;
+  BrelixMessaging::RouterSupplier_var supplier;
+  BrelixMessaging::NotifyConsumer_var notify;
+  if (GetConfigBool("ActiveConsumer", true)) {
+    notify = factory.CreateNotifyConsumer();
+    own.objects.notify = notify;
+    LogInfo("RouterTableEntry::LogonToParentRouter() - logging on as active consumer\n");
+  } else {
+    consumer = factory.CreateRouterConsumer();
+    own.objects.consumer = CORBA::Object::_duplicate(consumer);
+    LogInfo("RouterTableEntry::LogonToParentRouter() - logging on as passive consumer\n");
+  }
+  if (GetConfigBool("ActiveSupplier", true)) {
+    supplier = factory.CreateRouterSupplier();
+    own.objects.supplier = BrelixMessaging::RouterSupplier::_duplicate(supplier);
+  }
+
+  Dismissed dismissed;
+  LogonGeneration session = 0;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return IsLoggedOn();
+    ResetLocked(dismissed);
+    own.MoveTo(local_);
+    session = generation_;
+    logonState_ = kLoggedOn;
+  }
+  Finish(dismissed);
+
+  PeerReferences references;
+  try {
+    Broker::RepeatOnce([&] {
+      parent->Logon(consumer, supplier, notify, references.routerSupplier.out(),
+                    references.routerConsumer.out(), references.notifyConsumer.out());
+    });
+  } catch (const CORBA::Exception& exception) {
+    {
+      WriteGuard guard(lock_);
+      if (guard && generation_ == session) logonState_ = kLoggedOff;
+    }
+    LogCaughtCorbaException("RouterTableEntry", exception, "LogonToParentRouter");
+    return false;
+  }
+  return BeginParentSession(session, references,
+                            {.consumer = !CORBA::is_nil(consumer),
+                             .notify = !CORBA::is_nil(notify),
+                             .supplier = !CORBA::is_nil(supplier)});
+}
+
+bool RouterTableEntry::BeginParentSession(LogonGeneration session, PeerReferences& references,
+                                          const ActiveObjects& active) {
+  // What the parent's answer calls for beside what it was given.
+  LocalObjects& factory = host_.Objects();
+  PendingObjects more(host_);
+  if (CORBA::is_nil(references.routerConsumer) && !active.supplier) {
+    more.objects.supplier = factory.CreateRouterSupplier();
+  }
+  if (!CORBA::is_nil(references.routerSupplier)) {
+    if (!active.notify) more.objects.notify = factory.CreateNotifyConsumer();
+  } else if (!active.consumer) {
+    more.objects.consumer = factory.CreateRouterConsumer();
+  }
+
+  const Thresholds thresholds = host_.GetThresholds();
+  SessionReport report;
+  {
+    WriteGuard guard(lock_);
+    if (!guard || generation_ != session) return false;
+    Move(references.routerConsumer, references_.routerConsumer);
+    Move(references.routerSupplier, references_.routerSupplier);
+    Move(references.notifyConsumer, references_.notifyConsumer);
+    more.AddTo(local_);
+    report = ApplyReferencesLocked(0, thresholds);
+  }
+  Announce(report, true);
+  return true;
 }
 
 }  // namespace MessageRouter

@@ -428,10 +428,6 @@ TEST_F(EntryLogonTest, OnlyTheParentMayBeRenamed) {
   }
 }
 
-TEST_F(EntryLogonTest, ALogonToTheParentIsNotAvailableYet) {
-  EXPECT_THROW(router_.LogonToParentRouter(BrelixMessaging::Router::_nil()), std::runtime_error);
-}
-
 TEST_F(EntryLogonTest, ALogonWhoseLockFailsChangesNothingAndLeavesNothingActive) {
   ThreadHelper::FailNextLocks(1);
   const auto local = client_.LogonClient("agent", pushed_, notify_, 0, true);
