@@ -239,7 +239,8 @@ int sdbm_store(HashDatabase* database, std::string_view key, std::string_view va
   const std::uint32_t hash = HashOfKey(key);
   if (!database->Select(hash)) return -1;
   HashPage& page = database->page;
-  if (const auto pair = page.Find(key)) {
+  // A damaged page may have the key twice.
+  while (const auto pair = page.Find(key)) {
     if (flags != kReplace) return 1;
     page.Remove(*pair);
   }
