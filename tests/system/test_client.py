@@ -30,7 +30,8 @@ class Usage(unittest.TestCase):
             self.assertIn(line, text)
 
     def test_every_command_has_help(self):
-        for command in ("register", "unregister", "send", "receive", "listen", "cancel", "ping"):
+        for command in ("register", "unregister", "send", "receive", "listen", "cancel", "ping",
+                        "status", "heartbeat", "subscribe"):
             done = self.client(command, "--help")
             self.assertEqual(0, done.returncode, command)
             self.assertIn("Usage", done.stdout.decode())
@@ -54,6 +55,9 @@ class Usage(unittest.TestCase):
             ["--identity", ".", "receive", "--notify"],  # of no use without --pull
             ["--identity", ".", "listen", "--notify"],
             ["--identity", ".", "cancel", "agent"],
+            ["--identity", ".", "status"],
+            ["--identity", ".", "subscribe"],
+            ["--identity", ".", "subscribe", "everybody"],
         ]
         for row in rows:
             done = self.client(*row)

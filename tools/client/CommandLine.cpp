@@ -88,6 +88,7 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, int& status) {
   Options options;
   bool text = false;
   std::string source;
+  std::string kind;
   CLI::App app("Sends and receives messages through a Brelix Message Router.", "brelix-client");
   app.set_version_flag("--version", "brelix-client " BRELIX_VERSION);
   app.footer(kFooter);
@@ -113,10 +114,21 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, int& status) {
   cancel->add_option("DEST", options.destination, "the address it was sent to")->required();
   cancel->add_option("ID", options.id, "the id that send printed")->required();
   command("ping", "print the router's name and the time of a round trip", Command::Ping);
+  auto* query = command("status", "ask the router about one client or router", Command::Status);
+  query->add_option("NAME", options.name, "the name to ask about")->required();
+  command("heartbeat", "have the router answer; needs the management role", Command::Heartbeat);
+  auto* subscribe = command("subscribe",
+                            "have the router tell us, and nobody else any more, who registers and "
+                            "logs on; routers needs the management role",
+                            Command::Subscribe);
+  subscribe->add_option("KIND", kind, "clients or routers")
+      ->required()
+      ->check(CLI::IsMember({"clients", "routers"}));
 
   try {
     app.parse(argc, argv);
     options.standardInput = source == "-";
+    options.routers = kind == "routers";
     const bool payload = options.text || options.file || options.standardInput;
     if (options.command == Command::Send && !payload) {
       throw CLI::RequiredError("send: one of --text, --file and -");

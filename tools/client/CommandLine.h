@@ -13,6 +13,9 @@ enum class Command : unsigned char {
   Listen,
   Cancel,
   Ping,
+  Status,
+  Heartbeat,
+  Subscribe,
 };
 
 struct Options {
@@ -36,6 +39,9 @@ struct Options {
   std::string deliveryOptions;
 
   std::string id;  // cancel
+
+  std::string name;      // status
+  bool routers = false;  // subscribe: to news of routers, not of clients
 
   // receive
   std::uint64_t count = 1;   // 0: no limit

@@ -11,6 +11,7 @@
 #include "client/Receive.h"
 #include "client_library/EnvelopeText.h"
 #include "client_library/Failure.h"
+#include "client_library/Query.h"
 #include "client_library/RouterConnection.h"
 #include "logging/Log.h"
 #include "platform/Clock.h"
@@ -24,6 +25,10 @@ namespace {
 
 // A router takes no message of more than 100 MiB.
 constexpr std::size_t kMaxPayload = 96 * 1024 * 1024;
+
+std::chrono::milliseconds FromSeconds(double seconds) {
+  return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+}
 
 std::string ReadPayload(const Options& options) {
   if (options.text) return *options.text;
@@ -47,25 +52,33 @@ std::string ReadPayload(const Options& options) {
 // The name's one logon may be taken over by another program between our logon and the call behind
 // it; that is no reason to give up at once.
 template <class Function>
-auto LoggedOn(RouterConnection& router, Function&& call) {
-  const auto once = [&] {
-    router.LogonPull();
-    auto result = call();
-    try {
-      router.Logoff();
-    } catch (const Failure&) {
-      // Another program's logon has ended ours; what was asked for is done.
-    }
-    return result;
-  };
+auto UnlessDisplaced(Function&& call) {
   try {
-    return once();
+    return call();
   } catch (const Failure& failure) {
     const bool displaced =
         failure.Exception() == "OBJECT_NOT_EXIST" || failure.Exception() == "NotLoggedOn";
     if (!displaced) throw;
   }
-  return once();
+  return call();
+}
+
+void LogOffIfLoggedOn(RouterConnection& router) {
+  try {
+    router.Logoff();
+  } catch (const Failure&) {
+    // Another program's logon has ended ours; what was asked for is done.
+  }
+}
+
+template <class Function>
+auto LoggedOn(RouterConnection& router, Function&& call) {
+  return UnlessDisplaced([&] {
+    router.LogonPull();
+    auto result = call();
+    LogOffIfLoggedOn(router);
+    return result;
+  });
 }
 
 std::string Send(const Options& options, RouterConnection& router) {
@@ -102,6 +115,31 @@ std::string Ping(const Options& options, RouterConnection& router) {
                       : name + " " + std::to_string(time) + " us";
 }
 
+ClientLibrary::Query QueryFor(const Options& options) {
+  if (options.command == Command::Status) return ClientLibrary::Query::ClientStatus(options.name);
+  if (options.command == Command::Heartbeat) return ClientLibrary::Query::Heartbeat();
+  return options.routers ? ClientLibrary::Query::RouterUpdates()
+                         : ClientLibrary::Query::ClientUpdates();
+}
+
+std::string Ask(const Options& options, RouterConnection& router) {
+  const ClientLibrary::Query query = QueryFor(options);
+  const auto answer = UnlessDisplaced([&] {
+    auto result = ClientLibrary::Ask(router, query, FromSeconds(options.timeout));
+    LogOffIfLoggedOn(router);
+    return result;
+  });
+  if (ClientLibrary::IsRefusal(*answer)) {
+    throw Failure(
+        Outcome::Refused,
+        "refused by the router: " + std::string(answer->client_info.type) + " to " + query.type);
+  }
+  std::string text =
+      options.json ? ClientLibrary::AsJsonLine(*answer) : ClientLibrary::AsText(*answer);
+  text.pop_back();  // the line end
+  return text;
+}
+
 std::string Done(const Options& options, const char* what, const std::string& name) {
   return options.json ? nlohmann::json{{what, name}}.dump() : what + (" " + name);
 }
@@ -115,7 +153,7 @@ std::string RunOnce(const Options& options, const ClientLibrary::Identity& ident
   ClientLibrary::ConnectionSettings settings;
   settings.host = options.host;
   settings.port = options.port;
-  settings.callLimit = std::chrono::milliseconds(static_cast<std::int64_t>(options.timeout * 1000));
+  settings.callLimit = FromSeconds(options.timeout);
   RouterConnection router(identity, settings);
   router.Open();
   switch (options.command) {
@@ -129,6 +167,10 @@ std::string RunOnce(const Options& options, const ClientLibrary::Identity& ident
       return Send(options, router);
     case Command::Cancel:
       return Cancel(options, id, router);
+    case Command::Status:
+    case Command::Heartbeat:
+    case Command::Subscribe:
+      return Ask(options, router);
     default:
       return Ping(options, router);
   }

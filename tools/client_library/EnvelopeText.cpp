@@ -87,6 +87,26 @@ nlohmann::json Safe(const char* text) {
   return nlohmann::json::parse(Printable(text));
 }
 
+// The records that a router answers with, as what they say.
+bool AddRecord(const CORBA::Any& payload, nlohmann::json& out) {
+  const BrelixMessaging::RouterClient* client = nullptr;
+  if (payload >>= client) {
+    out["payload"] = {{"name", Safe(client->name)},
+                      {"isRouter", bool(client->isRouter)},
+                      {"isParent", bool(client->isParent)},
+                      {"isLoggedOn", bool(client->isLoggedOn)},
+                      {"isPassiveConsumer", bool(client->isPassiveConsumer)}};
+    return true;
+  }
+  const BrelixMessaging::String_seq* names = nullptr;
+  if (!(payload >>= names)) return false;
+  out["payload"] = nlohmann::json::array();
+  for (CORBA::ULong i = 0; i < names->length(); ++i) {
+    out["payload"].push_back(Safe((*names)[i]));
+  }
+  return true;
+}
+
 void AddPayload(const CORBA::Any& payload, nlohmann::json& out) {
   const char* text = nullptr;
   if (payload >>= text) {
@@ -95,6 +115,7 @@ void AddPayload(const CORBA::Any& payload, nlohmann::json& out) {
       return;
     }
   }
+  if (AddRecord(payload, out)) return;
   CORBA::TypeCode_var type = payload.type();
   out["payload_type"] = TypeName(type);
   out["payload_hex"] = Encoding::EncodeAny(payload);

@@ -12,8 +12,9 @@ std::string FormatId(BrelixMessaging::MessageId id);
 // One to eight hexadecimal digits of either case. False for anything else.
 bool ParseId(const std::string& text, BrelixMessaging::MessageId& id);
 
-// A payload as programs see it: a string where it is one that is valid UTF-8, and otherwise the
-// name of its type and the bytes of the encoded any in hexadecimal.
+// A payload as programs see it: a string where it is one that is valid UTF-8, a list of strings and
+// a RouterClient as such, and otherwise the name of its type and the bytes of the encoded any in
+// hexadecimal.
 // {"payload": "text"} or {"payload_type": "Status", "payload_hex": "0f00..."} are merged into the
 // object by ToJson. Needs an ORB in the process.
 nlohmann::json ToJson(const BrelixMessaging::Envelope& envelope);

@@ -22,7 +22,19 @@ BrelixMessaging::Message MessageFrom(const Json& json) {
   message.ttl = json.value("ttl", 0);
   message.type = json.value("type", std::string("Test")).c_str();
   message.delivery_options = Text(json, "options").c_str();
-  message.custom_data = ClientLibrary::MakePayload(Text(json, "text"));
+  if (json.contains("strings")) {
+    const Json& texts = json["strings"];
+    BrelixMessaging::String_seq strings;
+    strings.length(static_cast<CORBA::ULong>(texts.size()));
+    for (CORBA::ULong i = 0; i < texts.size(); ++i) {
+      strings[i] = texts[i].get<std::string>().c_str();
+    }
+    message.custom_data <<= strings;
+  } else if (json.contains("number")) {
+    message.custom_data <<= json["number"].get<CORBA::Long>();
+  } else {
+    message.custom_data = ClientLibrary::MakePayload(Text(json, "text"));
+  }
   return message;
 }
 

@@ -9,7 +9,8 @@ namespace Peer {
 
 using Json = nlohmann::json;
 
-// {"destination", "type", "prio", "ttl", "options", "text"}; what is missing is empty or 0.
+// {"destination", "type", "prio", "ttl", "options", "text"}; what is missing is empty or 0. In
+// place of a text the payload may be a list of "strings" or a "number".
 BrelixMessaging::Message MessageFrom(const Json& json);
 // {"originator", "certificate", "id", "route": [...], "stamps": [[name, time]...], "message"}
 BrelixMessaging::Envelope EnvelopeFrom(const Json& json);

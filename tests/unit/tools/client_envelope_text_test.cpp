@@ -91,6 +91,34 @@ TEST_F(ClientEnvelopeText, APayloadOfAnotherKindIsTypeAndBytes) {
   EXPECT_EQ(json["payload_hex"], "00000000");
 }
 
+TEST_F(ClientEnvelopeText, AListOfNamesIsAList) {
+  BrelixMessaging::Envelope envelope = AnEnvelope();
+  BrelixMessaging::String_seq names;
+  names.length(2);
+  names[0] = "leaf";
+  names[1] = "\xff";
+  envelope.client_info.custom_data <<= names;
+  EXPECT_EQ(ToJson(envelope)["payload"], nlohmann::json({"leaf", "\xEF\xBF\xBD"}));
+  EXPECT_NE(AsText(envelope).find("payload: [\"leaf\","), std::string::npos);
+}
+
+TEST_F(ClientEnvelopeText, AStatusIsWhatItSays) {
+  BrelixMessaging::Envelope envelope = AnEnvelope();
+  BrelixMessaging::RouterClient client;
+  client.name = "agent-1";
+  client.isRouter = false;
+  client.isParent = false;
+  client.isLoggedOn = true;
+  client.isPassiveConsumer = true;
+  envelope.client_info.custom_data <<= client;
+  const nlohmann::json expected{{"name", "agent-1"},
+                                {"isRouter", false},
+                                {"isParent", false},
+                                {"isLoggedOn", true},
+                                {"isPassiveConsumer", true}};
+  EXPECT_EQ(ToJson(envelope)["payload"], expected);
+}
+
 TEST_F(ClientEnvelopeText, AStringThatIsNotUtf8IsNotShownAsText) {
   BrelixMessaging::Envelope envelope = AnEnvelope();
   envelope.client_info.custom_data = MakePayload("\xff\xfe");

@@ -1,0 +1,233 @@
+"""What a router answers itself: questions of clients, news of other routers, and rubbish."""
+
+import json
+import unittest
+
+from harness import SystemTest, run
+
+MANAGER = ("agent-1", "management")
+
+
+class Management(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.box = self.router()
+        self.client_ok(self.box, "agent-1", "register")
+
+    def manager(self, *arguments):
+        """brelix-client as agent-1 with the management role."""
+        command = self.client_command(self.box, "agent-1", *arguments)
+        command[command.index("--identity") + 1] = self.ca.issue(*MANAGER)
+        return command
+
+    def manager_ok(self, *arguments):
+        done = run(*self.manager(*arguments))
+        self.assertEqual(0, done.returncode, done.stderr.decode())
+        return done.stdout.decode()
+
+    # Questions
+
+    def test_status_tells_of_a_client_in_json_and_in_text(self):
+        self.peer(self.box, "agent-2").log_on()
+        answer = json.loads(self.client_ok(self.box, "agent-1", "--json", "status", "agent-2"))
+        self.assertEqual({"name": "agent-2", "isRouter": False, "isParent": False,
+                          "isLoggedOn": True, "isPassiveConsumer": True}, answer["payload"])
+        self.assertEqual("EM-GetClientStatus-Reply", answer["type"])
+        self.assertEqual("router", answer["originator"])
+        text = self.client_ok(self.box, "agent-1", "status", "agent-2")
+        self.assertIn('type: "EM-GetClientStatus-Reply"', text)
+        self.assertIn('"isLoggedOn":true', text)
+        self.box.wait_log("EM-GetClientStatus agent-2 originator router.agent-1")
+
+    def test_status_of_a_stranger_is_an_empty_answer_and_of_no_name_a_refusal(self):
+        answer = json.loads(self.client_ok(self.box, "agent-1", "--json", "status", "nobody"))
+        self.assertEqual("empty", answer["payload_type"])
+        done = self.client(self.box, "agent-1", "status", "")
+        self.assertEqual(4, done.returncode)
+        self.assertIn("MS-BadMessageFormat", done.stderr.decode())
+
+    def test_a_question_takes_nothing_else_that_waits(self):
+        self.client_ok(self.box, "agent-2", "register")
+        self.client_ok(self.box, "agent-2", "send", "agent-1", "--text", "kept")
+        self.client_ok(self.box, "agent-1", "status", "agent-2")
+        line = self.client_ok(self.box, "agent-1", "--json", "receive")
+        self.assertEqual("kept", json.loads(line)["payload"])
+        self.wait_no_envelopes(self.box)
+
+    def test_heartbeat_is_answered_to_who_has_the_role_alone(self):
+        answer = json.loads(self.manager_ok("--json", "heartbeat"))
+        self.assertEqual("EM-Heartbeat-Reply", answer["type"])
+        done = self.client(self.box, "agent-1", "--timeout", "1", "heartbeat")
+        self.assertEqual(3, done.returncode)
+        self.assertIn("management role", done.stderr.decode())
+        self.box.wait_log(
+            "Management message (EM-Heartbeat) UNAUTHORISED originator router.agent-1")
+
+    def test_an_unregistered_client_cannot_ask(self):
+        done = self.client(self.box, "agent-2", "status", "agent-1")
+        self.assertEqual(4, done.returncode)
+        self.assertIn("NotRegistered", done.stderr.decode())
+
+    # Subscriptions
+
+    def subscriber(self):
+        """agent-1's notices of others, as (type, name)."""
+        process = self.start_client(self.box, "agent-1", "--json", "listen")
+        self.box.wait_log("Logged on agent-1 as a client")
+
+        def notice():
+            while True:
+                envelope = json.loads(self.wait_line(process.stdout))
+                if envelope["payload"] != "agent-1":
+                    return envelope["type"], envelope["payload"]
+        return notice
+
+    def test_a_subscriber_hears_of_clients_also_after_a_restart(self):
+        self.client_ok(self.box, "agent-1", "subscribe", "clients")
+        self.assertEqual(0, self.box.stop())
+        self.box.start()
+        notice = self.subscriber()
+        self.client_ok(self.box, "agent-2", "register")
+        self.assertEqual(("EM-ClientRegistered", "agent-2"), notice())
+        self.client_ok(self.box, "agent-2", "unregister")
+        self.assertEqual(("EM-ClientUnregistered", "agent-2"), notice())
+
+    def test_a_subscriber_hears_of_routers(self):
+        self.manager_ok("subscribe", "routers")
+        notice = self.subscriber()
+        child = self.peer(self.box, "child", "router").connect()
+        child("root.GetRouter")
+        for operation, event in (("Register", "Registered"), ("Logon", "Logon"),
+                                 ("Logoff", "Logoff"), ("Unregister", "Unregistered")):
+            child("router." + operation)
+            self.assertEqual(("EM-Router" + event, "child"), notice())
+
+    def test_only_who_has_the_role_subscribes_to_routers(self):
+        done = self.client(self.box, "agent-1", "--timeout", "1", "subscribe", "routers")
+        self.assertEqual(3, done.returncode)
+        self.assertNotIn("NotifyRouterUpdate", (self.box.folder / "brelix.config").read_text())
+
+    # Rubbish
+
+    def test_odd_names_and_payloads_are_answered_or_logged_and_the_router_goes_on(self):
+        sender = self.peer(self.box, "agent-2", "router", "management").log_on()
+        names = ["", ".", "a.b", "a,b", "a\nb", "\u00e4\u20ac", "x" * 100000, "[x]", ":", "router"]
+        types = ["EM-GetClientStatus", "EM-NotifyClientUpdates", "EM-Heartbeat",
+                 "EM-NotifyRouterUpdates", "EM-Nothing", "EM-GetClientStatus-Reply", "em", "Foo",
+                 "", "a\nb", "Certification.Foo"]
+        for kind in types:
+            for name in names:
+                sender("messages.SendMessage", destination=":", type=kind, text=name)
+            sender("messages.SendMessage", destination=":", type=kind, strings=["a", ""])
+            sender("messages.SendMessage", destination=":", type=kind, number=7)
+        count = len(types) * (len(names) + 2)
+        sender.wait_received(count)
+        self.assertTrue(self.box.running())
+        self.wait_no_envelopes(self.box)
+
+    def test_a_stored_question_that_cannot_be_decoded_does_not_end_the_router_twice(self):
+        self.client_ok(self.box, "agent-1", "status", "agent-1")
+        self.client_ok(self.box, "agent-2", "register")
+        self.client_ok(self.box, "agent-1", "send", "agent-2", "--text", "good")
+        self.assertEqual(0, self.box.stop())
+        good, = self.box.envelopes()
+        bad = good.with_name("00000077.msg")
+        lines = {"PhysicalDestination": "router", "Type": "EM-GetClientStatus",
+                 "Data": "12000000ffffffff"}
+        bad.write_text("\n".join(
+            f"[{key}] {lines[key]}" if (key := line[1:line.index("]")]) in lines else line
+            for line in good.read_text().splitlines()) + "\n")
+        self.box.start()
+        self.assertTrue(bad.with_name("00000077.msg.bad").exists())
+        line = self.client_ok(self.box, "agent-2", "--json", "receive")
+        self.assertEqual("good", json.loads(line)["payload"])
+
+
+class LogicalRouting(SystemTest):
+    """A router with the map, between a child that the test plays and its own clients."""
+
+    def setUp(self):
+        super().setUp()
+        self.box = self.router(settings={"LogicalRouting": 1})
+        self.child = self.log_on_child("child-1")
+
+    def log_on_child(self, name):
+        child = self.peer(self.box, name, "router").connect()
+        child("root.GetRouter")
+        child("router.Register")
+        child("router.Logon")
+        return child
+
+    def news(self, child, name, event, **payload):
+        certificate = (self.ca.issue(name, "router") / "certificate.pem").read_text()
+        mark = len(self.box.log())
+        child("router_consumer.SendEnvelope", originator=name, certificate=certificate,
+              route=[":"], stamps=[[name, 1]],
+              message=dict(destination=":.:", type="MS-Router" + event, **payload))
+        self.box.wait_log(f"MS-Router{event}", since=mark)
+
+    def send(self, leaf):
+        self.client_ok(self.box, "agent-1", "send", leaf + ".agent-9", "--text", "down")
+
+    def test_a_message_finds_its_way_down_and_the_map_survives_kill_9(self):
+        self.client_ok(self.box, "agent-1", "register")
+        self.news(self.child, "child-1", "Registered", text="leaf")
+        self.send("leaf")
+        self.child.wait_received(1)
+        self.assertEqual("leaf.agent-9", self.child.received()[0]["destination"])
+        self.box.reload()  # puts the table on disk
+        self.box.kill()
+        self.box.start()
+        self.child("reconnect")
+        self.send("leaf")
+        self.child.wait_received(2)
+
+    def test_names_move_and_go_with_the_news(self):
+        other = self.log_on_child("child-2")
+        self.client_ok(self.box, "agent-1", "register")
+        self.news(self.child, "child-1", "Registered", strings=["leaf-1", "leaf-2"])
+        self.news(other, "child-2", "Registered", text="leaf-1")
+        self.news(self.child, "child-1", "Unregistered", strings=["leaf-1", "leaf-2"])
+        self.send("leaf-1")
+        other.wait_received(1)
+        self.send("leaf-2")
+        self.box.wait_log("Cannot route message to leaf-2")
+
+    def test_news_without_the_role_or_of_other_kinds_changes_nothing(self):
+        self.client_ok(self.box, "agent-1", "register")
+        self.child("router_consumer.SendEnvelope", originator="child-1", certificate="none",
+                   route=[":"], stamps=[],
+                   message=dict(destination=":", type="MS-RouterRegistered", text="leaf"))
+        self.box.wait_log("System message (MS-RouterRegistered) UNAUTHORISED originator child-1")
+        self.news(self.child, "child-1", "Registered", number=7)
+        self.box.wait_log("MS-RouterRegistered - badly formatted originator child-1")
+        for name in ("x" * 5000, "a\nb", ":", "router", "agent-1", "."):
+            self.news(self.child, "child-1", "Registered", text=name)
+        self.send("leaf")
+        self.box.wait_log("Cannot route message to leaf")
+        self.client_ok(self.box, "agent-1", "status", "agent-1")
+
+    def test_damaged_files_of_the_map_are_one_line_and_the_router_goes_on(self):
+        self.assertEqual(0, self.box.stop())
+        for content in (b"\xff" * 4096, b"\x7f" * 1000, b"\x02\x00\xff\xff" * 512):
+            (self.box.data / "LogicalTable.pag").write_bytes(content)
+            (self.box.data / "LogicalTable.dir").write_bytes(b"\xff" * 5000)
+            self.box.start()
+            self.client(self.box, "agent-1", "register")
+            self.send("leaf")
+            self.box.wait_log("Cannot route message to leaf")
+            self.assertEqual(0, self.box.stop())
+
+    def test_a_map_that_cannot_be_opened_is_an_error_and_the_router_starts(self):
+        self.assertEqual(0, self.box.stop())
+        pages = self.box.data / "LogicalTable.pag"
+        pages.unlink()
+        pages.mkdir()
+        self.box.start()
+        self.assertIn("Failed to open logical routing database", self.box.log())
+        self.assertIn("Failed to open logical routing table", self.box.log())
+        self.assertIn("router", self.client_ok(self.box, "agent-1", "ping"))
+
+
+if __name__ == "__main__":
+    unittest.main()
