@@ -1,7 +1,9 @@
 #include "routing/Dispatcher.h"
 
+#include <cstddef>
 #include <exception>
 #include <sstream>
+#include <string_view>
 
 #include "envelope/Envelope.h"
 #include "envelope/MessageType.h"
@@ -13,11 +15,24 @@
 namespace MessageRouter {
 namespace {
 
+// Enough to recognise a name or type by.
+constexpr std::size_t kShownLength = 1024;
+
+// Anybody may ask, with any text: it makes no lines of its own in the log, and doesn't fill it.
+std::string Shown(std::string_view text) {
+  std::string shown(text.substr(0, kShownLength));
+  for (char& c : shown) {
+    if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = '?';
+  }
+  if (text.size() > kShownLength) shown += "...";
+  return shown;
+}
+
 // One line, on the thread's own stream.
-void Emit(const std::string& line) {
+void Emit(const std::string& line, const Envelope& envelope) {
   std::ostringstream* const stream = LogStream();
   if (stream == nullptr) return;
-  *stream << line << '\n';
+  *stream << line << " originator " << Shown(envelope.Originator()) << '\n';
   LogStreamFlush(stream, kLogInfo);
 }
 
@@ -60,7 +75,7 @@ void Dispatcher::DispatchLocal(Envelope& envelope, RouterTable& table, Logical* 
   } else if (IsCertificationType(type)) {
     HandleCertification(envelope);
   } else {
-    Emit("Unknown Message type (" + type + ") originator " + envelope.Originator());
+    Emit("Unknown Message type (" + Shown(type) + ")", envelope);
     ReplyUnknown(envelope);
   }
 }
@@ -82,7 +97,7 @@ void Dispatcher::HandleManagement(Envelope& envelope, RouterTable& table) {
       replyType = SystemMessageType("BadMessageFormat");
       data = AsPayload(type);
     } else {
-      line += " " + name;
+      line += " " + Shown(name);
       replyType = ManagementReplyType("GetClientStatus");
       data = StatusOf(name, table);
     }
@@ -91,7 +106,7 @@ void Dispatcher::HandleManagement(Envelope& envelope, RouterTable& table) {
     routing_.ClientUpdates().SetDestination(envelope.Originator());
     replyType = ManagementReplyType("NotifyClientUpdates");
   } else if (!HasManagementRole(envelope.GetOriginatorCert())) {
-    line = "Management message (" + type + ") UNAUTHORISED";
+    line = "Management message (" + Shown(type) + ") UNAUTHORISED";
   } else if (is("Heartbeat")) {
     line += "Heartbeat";
     replyType = ManagementReplyType("Heartbeat");
@@ -101,11 +116,11 @@ void Dispatcher::HandleManagement(Envelope& envelope, RouterTable& table) {
     routing_.RouterUpdates().SetDestination(envelope.Originator());
     replyType = ManagementReplyType("NotifyRouterUpdates");
   } else {
-    line = "Management message (" + type + ") - unknown,";
+    line = "Management message (" + Shown(type) + ") - unknown,";
     replyType = SystemMessageType("UnknownMessageType");
     data = AsPayload(type);
   }
-  Emit(line + " originator " + envelope.Originator());
+  Emit(line, envelope);
   if (!replyType.empty()) Reply(envelope, replyType, data, ttl);
 }
 
@@ -117,9 +132,9 @@ void Dispatcher::HandleSystem(Envelope& envelope, RouterTable& table, Logical* l
   std::string line = "MS-";
   bool known = true;
   if (!HasRouterRole(envelope.GetOriginatorCert())) {
-    line = "System message (" + type + ") UNAUTHORISED";
+    line = "System message (" + Shown(type) + ") UNAUTHORISED";
   } else if (is("DeliveryFailed", "*")) {
-    line += type;
+    line += Shown(type);
   } else if (is("UnknownMessageType", "*")) {
     line += "UnknownMessageType";
   } else if (is("RouterUnregistered")) {
@@ -129,17 +144,16 @@ void Dispatcher::HandleSystem(Envelope& envelope, RouterTable& table, Logical* l
     line += "RouterRegistered";
     HandleRouterRegistered(envelope, table, logical, line);
   } else {
-    line = "System message (" + type + ") - not implemented";
+    line = "System message (" + Shown(type) + ") - not implemented";
     known = false;
   }
-  Emit(line + " originator " + envelope.Originator());
+  Emit(line, envelope);
   if (!known) ReplyUnknown(envelope);
 }
 
 // What a certification relay has not taken before it got here is no certification that we know.
 void Dispatcher::HandleCertification(const Envelope& envelope) {
-  Emit("Certification message (" + envelope.Type() + ") unknown, originator " +
-       envelope.Originator());
+  Emit("Certification message (" + Shown(envelope.Type()) + ") unknown,", envelope);
   ReplyUnknown(envelope);
 }
 

@@ -284,6 +284,22 @@ TEST_F(ManagementTest, OtherSystemMessagesAreNotImplemented) {
   }
 }
 
+// The log
+
+TEST_F(ManagementTest, NoTextOfAnOriginatorsMakesALineOfItsOwn) {
+  Arrive(AMessage("EM-GetClientStatus", NoRole()).WithData(TextPayload("a\nb\r\x1b\x7f")));
+  EXPECT_TRUE(Logged("EM-GetClientStatus a?b??? originator router1.asker\n"));
+  Arrive(AMessage("a\nb", NoRole()).WithOriginator("c\nd"));
+  EXPECT_TRUE(Logged("Unknown Message type (a?b) originator c?d\n"));
+}
+
+TEST_F(ManagementTest, AHugeTextIsCutInTheLineAndAnsweredWhole) {
+  const std::string type = "EM-" + std::string(5000, 'x');
+  ExpectUnknown(AMessage(type, ManagementRole()));
+  EXPECT_TRUE(Logged("Management message (" + type.substr(0, 1024) +
+                     "...) - unknown, originator router1.asker\n"));
+}
+
 // Damage
 
 TEST_F(ManagementTest, APayloadThatCannotBeDecodedLeavesTheDispatcherAsAnError) {
