@@ -155,7 +155,6 @@ TEST(HashPageTest, TheMostOffsetsThatAPageHoldsAre510) {
   words[0] = 510;
   EXPECT_TRUE(WithWords(words).IsValid());
   words.push_back(1022);
-  words.push_back(1022);
   words[0] = 512;
   EXPECT_FALSE(WithWords(words).IsValid());
 }
