@@ -229,5 +229,36 @@ class LogicalRouting(SystemTest):
         self.assertIn("router", self.client_ok(self.box, "agent-1", "ping"))
 
 
+class Tree(SystemTest):
+    """Three routers, one below the other."""
+
+    def setUp(self):
+        super().setUp()
+        self.root = self.router("root", settings={"LogicalRouting": 1})
+        self.middle = self.below(self.root, "middle")
+        self.middle.wait_log("Logged on")
+        self.client_ok(self.root, "agent-1", "register")
+
+    def below(self, parent, name):
+        return self.router(name, settings={
+            "LogicalRouting": 1, "ParentAddress": "localhost", "ParentPort": parent.ior_port,
+            "LogonRetryInterval": 1, "GetterTickSecs": 1, "GetterInterval": 1,
+            "GetterShortInterval": 1})
+
+    def test_a_router_two_levels_down_is_found_by_its_name_and_answers(self):
+        mark = len(self.root.log())
+        leaf = self.below(self.middle, "leaf")
+        self.root.wait_log("MS-RouterRegistered originator middle", 30, since=mark)
+        self.client_ok(leaf, "agent-9", "register")
+        self.client_ok(self.root, "agent-1", "send", "leaf.agent-9", "--text", "down")
+        line = self.client_ok(leaf, "agent-9", "--json", "receive")
+        self.assertEqual("down", json.loads(line)["payload"])
+        # A question to a router far away is answered along the same way.
+        self.client_ok(self.root, "agent-1", "send", "leaf", "--type", "EM-GetClientStatus",
+                       "--text", "agent-9")
+        line = self.client_ok(self.root, "agent-1", "--json", "receive")
+        self.assertEqual("agent-9", json.loads(line)["payload"]["name"])
+
+
 if __name__ == "__main__":
     unittest.main()
