@@ -302,10 +302,15 @@ TEST_F(ManagementTest, AHugeTextIsCutInTheLineAndAnsweredWhole) {
 
 // Damage
 
-TEST_F(ManagementTest, APayloadThatCannotBeDecodedLeavesTheDispatcherAsAnError) {
-  for (const char* type : {"EM-GetClientStatus", "MS-RouterRegistered"}) {
-    EXPECT_THROW(Arrive(AMessage(type, RouterRole()).WithDataText("12000000ffffffff")),
-                 std::runtime_error);
+TEST_F(ManagementTest, APayloadThatCannotBeDecodedLeavesTheRouteThreadAndItsFileStays) {
+  for (const char* type : {"EM-GetClientStatus", "MS-RouterRegistered", "MS-RouterUnregistered"}) {
+    const Envelope message = AStoredEnvelope("1.msg")
+                                 .WithDestination(":")
+                                 .WithType(type)
+                                 .WithCertificate(RouterRole())
+                                 .WithDataText("12000000ffffffff");
+    EXPECT_THROW(Route(message), std::runtime_error) << type;
+    EXPECT_TRUE(FileExists("1.msg"));
   }
 }
 

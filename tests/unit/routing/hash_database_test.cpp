@@ -1,17 +1,9 @@
 #include "routing/HashDatabase.h"
 
-#include <gmock/gmock.h>
-
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <random>
 #include <set>
-#include <sstream>
 
-#include "platform/linux/FileFaults.h"
-#include "support/ScratchConfiguration.h"
+#include "hash_database_fixture.h"
 
 namespace MessageRouter {
 namespace {
@@ -20,58 +12,6 @@ using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
 constexpr unsigned kOpen = kReadWrite | kCreate;
-constexpr std::size_t kBlockBits = DBLKSIZ * 8;
-
-class HashDatabaseTest : public testing::Test {
- protected:
-  HashDatabaseTest() { Open(); }
-  ~HashDatabaseTest() override { Platform::Faults().placedWritesLeft = -1; }
-
-  HashDatabase* Get() const { return database_.get(); }
-  void Open(unsigned flags = kOpen) {
-    database_.reset();
-    database_ = sdbm_open("map", flags, 0600);
-  }
-  std::string Fetch(const std::string& key) const {
-    return std::string(sdbm_fetch(Get(), key).value_or("(absent)"));
-  }
-  int Store(const std::string& key, const std::string& value) const {
-    return sdbm_store(Get(), key, value, kReplace);
-  }
-  std::vector<std::string> Keys() const {
-    std::vector<std::string> keys;
-    for (auto key = sdbm_firstkey(Get()); key; key = sdbm_nextkey(Get())) keys.emplace_back(*key);
-    return keys;
-  }
-  static std::string Read(const std::string& file) {
-    std::ostringstream text;
-    text << std::ifstream(file, std::ios::binary).rdbuf();
-    return text.str();
-  }
-  static void Write(const std::string& file, const std::string& bytes) {
-    std::ofstream(file, std::ios::binary) << bytes;
-  }
-  static void FailWritesAfter(int successes) { Platform::Faults().placedWritesLeft = successes; }
-  static void AllowWrites() { FailWritesAfter(-1); }
-  static std::string RandomKey(std::mt19937& random) {
-    std::string key(8, ' ');
-    for (char& c : key) c = static_cast<char>('a' + random() % 26);
-    return key;
-  }
-  // Four keys with one and the same hash: of two that have it, any two make another.
-  static std::vector<std::string> OfOneHash() {
-    std::mt19937 random(11);
-    std::map<std::uint32_t, std::string> known;
-    while (true) {
-      const std::string a = RandomKey(random);
-      const std::string b = known.try_emplace(HashOfKey(a), a).first->second;
-      if (a != b) return {a + a, a + b, b + a, b + b};
-    }
-  }
-
-  TestSupport::ScratchConfiguration folder_;
-  HashDatabasePtr database_;
-};
 
 // Opening
 
@@ -244,9 +184,9 @@ TEST_F(HashDatabaseTest, ALeafDeepDownIsFoundAgainEvenWhereItsBitLiesBlocksBehin
   // the numbers.
   std::vector<std::string> keys;
   std::mt19937 random(5);
-  while (keys.size() < 60) {
+  while (keys.size() < 40) {
     const std::string key = RandomKey(random);
-    if ((HashOfKey(key) & 0x3FFFF) == 0x3FFFF) keys.push_back(key);
+    if ((HashOfKey(key) & 0xFFFF) == 0xFFFF) keys.push_back(key);
   }
   const std::string value(900, 'v');
   for (const std::string& key : keys) Store(key, value);
@@ -288,152 +228,6 @@ TEST_F(HashDatabaseTest, KeysOfOneHashStoredOverAndOverNeitherSplitForEverNorSlo
   EXPECT_EQ(Fetch(keys[1]), value);
   // The file reaches over terabytes or to the limit of the file system, with hardly anything in it.
   EXPECT_THAT(Keys(), UnorderedElementsAre(keys[0], keys[1]));
-}
-
-// Failing disks
-
-TEST_F(HashDatabaseTest, AFailedStoreIntoAPageLosesNothingAndIsNotFound) {
-  FailWritesAfter(0);
-  EXPECT_EQ(Store("a", "1"), -1);
-  EXPECT_EQ(errno, ENOSPC);
-  EXPECT_EQ(sdbm_error(Get()), ENOSPC);
-  AllowWrites();
-  EXPECT_EQ(Fetch("a"), "(absent)");
-  EXPECT_EQ(Store("b", "1"), 0);
-  FailWritesAfter(0);
-  EXPECT_EQ(Store("b", "2"), -1);
-  EXPECT_EQ(sdbm_delete(Get(), "b"), -1);
-  AllowWrites();
-  EXPECT_EQ(Fetch("b"), "1");
-}
-
-TEST_F(HashDatabaseTest, ASplitThatFailsAtAnyOfItsWritesLosesNoPair) {
-  // Page 0 is full: one pair more splits it.
-  std::vector<std::string> keys;
-  for (int i = 0; i < 10; ++i) {
-    keys.push_back("key" + std::to_string(i));
-    ASSERT_EQ(Store(keys.back(), std::string(90, 'v')), 0);
-  }
-  const std::string full = Read("map.pag");
-  ASSERT_EQ(full.size(), PBLKSIZ);
-  // The new pair belongs to the old page, or to the new one.
-  for (const char* key : {"b", "a"}) {
-    bool stored = false;
-    for (int writes = 0; !stored; ++writes) {
-      Write("map.pag", full);
-      Write("map.dir", "");
-      Open();
-      FailWritesAfter(writes);
-      stored = Store(key, std::string(90, 'v')) == 0;
-      AllowWrites();
-      for (int i = 0; i < 2; ++i) {
-        for (const std::string& old : keys) EXPECT_NE(Fetch(old), "(absent)") << old << writes;
-        EXPECT_EQ(Fetch(key) != "(absent)", stored) << key << writes;
-        Open();
-      }
-    }
-    EXPECT_EQ(Read("map.dir")[0], 1);
-  }
-}
-
-// Damaged files
-
-TEST_F(HashDatabaseTest, ADamagedPageIsAFailureForEveryOperation) {
-  Store("a", "1");
-  Write("map.pag", std::string(PBLKSIZ, '\x7f'));
-  Open();
-  EXPECT_EQ(Fetch("a"), "(absent)");
-  EXPECT_EQ(errno, EIO);
-  EXPECT_EQ(Store("a", "2"), -1);
-  EXPECT_EQ(sdbm_delete(Get(), "a"), -1);
-  EXPECT_EQ(sdbm_firstkey(Get()), std::nullopt);
-  EXPECT_EQ(sdbm_nextkey(Get()), std::nullopt);
-  EXPECT_EQ(sdbm_error(Get()), EIO);
-  EXPECT_EQ(Read("map.pag"), std::string(PBLKSIZ, '\x7f'));
-}
-
-TEST_F(HashDatabaseTest, TheOtherPagesOfADamagedFileStayInUse) {
-  for (int i = 0; i < 500; ++i) Store("key" + std::to_string(i), "v");
-  std::string pages = Read("map.pag");
-  pages.replace(0, 2, "\xff\xff");
-  Write("map.pag", pages);
-  Open();
-  unsigned found = 0;
-  for (int i = 0; i < 500; ++i) found += Fetch("key" + std::to_string(i)) == "v" ? 1 : 0;
-  EXPECT_GT(found, 300u);
-  EXPECT_LT(found, 500u);
-}
-
-TEST_F(HashDatabaseTest, AFileThatEndsInThePageIsDamaged) {
-  for (int i = 0; i < 500; ++i) Store("key" + std::to_string(i), "v");
-  std::filesystem::resize_file("map.pag", std::filesystem::file_size("map.pag") - 1);
-  Open();
-  const std::size_t keys = Keys().size();
-  EXPECT_LT(keys, 500u);
-  EXPECT_GT(keys, 400u);
-  EXPECT_EQ(sdbm_error(Get()), EIO);
-}
-
-TEST_F(HashDatabaseTest, AReadPastTheEndLeavesThePageInMemoryAsItIs) {
-  // As after a crash: the root has been split, the page on the right never written. The hash of "b"
-  // is even, that of "a" odd.
-  ASSERT_EQ(Store("b", "1"), 0);
-  Write("map.dir", "\x01" + std::string(DBLKSIZ - 1, '\0'));
-  Open();
-  EXPECT_EQ(Fetch("b"), "1");
-  EXPECT_EQ(Fetch("a"), "(absent)");
-  EXPECT_EQ(Store("a", "2"), 0);
-  EXPECT_EQ(Fetch("a"), "2");
-  EXPECT_EQ(Fetch("b"), "1");
-  EXPECT_EQ(sdbm_error(Get()), 0);
-}
-
-TEST_F(HashDatabaseTest, ADirectoryOfAllOnesEndsEveryDescent) {
-  Store("a", "1");
-  for (const std::size_t size : {std::size_t{1}, std::size_t{100}, DBLKSIZ, 64 * DBLKSIZ}) {
-    Write("map.dir", std::string(size, '\xff'));
-    Open();
-    Fetch("a");
-    Store("b", "2");
-    EXPECT_EQ(Fetch("b"), "2") << size;
-    sdbm_delete(Get(), "a");
-    EXPECT_GE(Keys().size(), 1u);
-  }
-}
-
-TEST_F(HashDatabaseTest, ADirectoryOfAnySizeIsRead) {
-  Store("a", "1");
-  database_.reset();
-  std::filesystem::resize_file("map.dir", std::uintmax_t{1} << 36);
-  Open();
-  ASSERT_NE(Get(), nullptr);
-  EXPECT_EQ(Fetch("a"), "1");
-  EXPECT_EQ(Store("b", "2"), 0);
-}
-
-TEST_F(HashDatabaseTest, ManyKindsOfRubbishEndInResultsOrFailures) {
-  std::mt19937 random(17);
-  for (int round = 0; round < 300; ++round) {
-    std::string pages((random() % 4) * PBLKSIZ + random() % 3, '\0');
-    for (char& c : pages) c = random() % 3 == 0 ? static_cast<char>(random()) : '\0';
-    for (std::size_t page = 0; page + PBLKSIZ <= pages.size(); page += PBLKSIZ) {
-      if (random() % 2 == 0) pages.replace(page, 2, std::string(2, '\0'));
-    }
-    std::string directory(random() % 20, '\0');
-    for (char& c : directory) c = static_cast<char>(random());
-    Write("map.pag", pages);
-    Write("map.dir", directory);
-    Open();
-    ASSERT_NE(Get(), nullptr);
-    for (const char* key : {"a", "b", "cc"}) {
-      Fetch(key);
-      if (Store(key, "v") == 0) {
-        EXPECT_EQ(Fetch(key), "v");
-      }
-      sdbm_delete(Get(), key);
-    }
-    Keys();
-  }
 }
 
 }  // namespace

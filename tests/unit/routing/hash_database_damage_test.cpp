@@ -1,0 +1,158 @@
+// A hash database on a disk that fails, and one whose files are damaged.
+#include <cerrno>
+
+#include "hash_database_fixture.h"
+
+namespace MessageRouter {
+namespace {
+
+class DamagedHashDatabase : public HashDatabaseTest {};
+
+// Failing disks
+
+TEST_F(DamagedHashDatabase, AFailedStoreIntoAPageLosesNothingAndIsNotFound) {
+  FailWritesAfter(0);
+  EXPECT_EQ(Store("a", "1"), -1);
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(sdbm_error(Get()), ENOSPC);
+  AllowWrites();
+  EXPECT_EQ(Fetch("a"), "(absent)");
+  EXPECT_EQ(Store("b", "1"), 0);
+  FailWritesAfter(0);
+  EXPECT_EQ(Store("b", "2"), -1);
+  EXPECT_EQ(sdbm_delete(Get(), "b"), -1);
+  AllowWrites();
+  EXPECT_EQ(Fetch("b"), "1");
+}
+
+TEST_F(DamagedHashDatabase, ASplitThatFailsAtAnyOfItsWritesLosesNoPair) {
+  // Page 0 is full: one pair more splits it.
+  std::vector<std::string> keys;
+  for (int i = 0; i < 10; ++i) {
+    keys.push_back("key" + std::to_string(i));
+    ASSERT_EQ(Store(keys.back(), std::string(90, 'v')), 0);
+  }
+  const std::string full = Read("map.pag");
+  ASSERT_EQ(full.size(), PBLKSIZ);
+  // The new pair belongs to the old page, or to the new one.
+  for (const char* key : {"b", "a"}) {
+    bool stored = false;
+    for (int writes = 0; !stored; ++writes) {
+      Write("map.pag", full);
+      Write("map.dir", "");
+      Open();
+      FailWritesAfter(writes);
+      stored = Store(key, std::string(90, 'v')) == 0;
+      AllowWrites();
+      for (int i = 0; i < 2; ++i) {
+        for (const std::string& old : keys) EXPECT_NE(Fetch(old), "(absent)") << old << writes;
+        EXPECT_EQ(Fetch(key) != "(absent)", stored) << key << writes;
+        Open();
+      }
+    }
+    EXPECT_EQ(Read("map.dir")[0], 1);
+  }
+}
+
+// Damaged files
+
+TEST_F(DamagedHashDatabase, ADamagedPageIsAFailureForEveryOperation) {
+  Store("a", "1");
+  Write("map.pag", std::string(PBLKSIZ, '\x7f'));
+  Open();
+  EXPECT_EQ(Fetch("a"), "(absent)");
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(Store("a", "2"), -1);
+  EXPECT_EQ(sdbm_delete(Get(), "a"), -1);
+  EXPECT_EQ(sdbm_firstkey(Get()), std::nullopt);
+  EXPECT_EQ(sdbm_nextkey(Get()), std::nullopt);
+  EXPECT_EQ(sdbm_error(Get()), EIO);
+  EXPECT_EQ(Read("map.pag"), std::string(PBLKSIZ, '\x7f'));
+}
+
+TEST_F(DamagedHashDatabase, TheOtherPagesOfADamagedFileStayInUse) {
+  for (int i = 0; i < 500; ++i) Store("key" + std::to_string(i), "v");
+  std::string pages = Read("map.pag");
+  pages.replace(0, 2, "\xff\xff");
+  Write("map.pag", pages);
+  Open();
+  unsigned found = 0;
+  for (int i = 0; i < 500; ++i) found += Fetch("key" + std::to_string(i)) == "v" ? 1 : 0;
+  EXPECT_GT(found, 300u);
+  EXPECT_LT(found, 500u);
+}
+
+TEST_F(DamagedHashDatabase, AFileThatEndsInThePageIsDamaged) {
+  for (int i = 0; i < 500; ++i) Store("key" + std::to_string(i), "v");
+  std::filesystem::resize_file("map.pag", std::filesystem::file_size("map.pag") - 1);
+  Open();
+  const std::size_t keys = Keys().size();
+  EXPECT_LT(keys, 500u);
+  EXPECT_GT(keys, 400u);
+  EXPECT_EQ(sdbm_error(Get()), EIO);
+}
+
+TEST_F(DamagedHashDatabase, AReadPastTheEndLeavesThePageInMemoryAsItIs) {
+  // As after a crash: the root has been split, the page on the right never written. The hash of "b"
+  // is even, that of "a" odd.
+  ASSERT_EQ(Store("b", "1"), 0);
+  Write("map.dir", "\x01" + std::string(DBLKSIZ - 1, '\0'));
+  Open();
+  EXPECT_EQ(Fetch("b"), "1");
+  EXPECT_EQ(Fetch("a"), "(absent)");
+  EXPECT_EQ(Store("a", "2"), 0);
+  EXPECT_EQ(Fetch("a"), "2");
+  EXPECT_EQ(Fetch("b"), "1");
+  EXPECT_EQ(sdbm_error(Get()), 0);
+}
+
+TEST_F(DamagedHashDatabase, ADirectoryOfAllOnesEndsEveryDescent) {
+  Store("a", "1");
+  for (const std::size_t size : {std::size_t{1}, std::size_t{100}, DBLKSIZ, 64 * DBLKSIZ}) {
+    Write("map.dir", std::string(size, '\xff'));
+    Open();
+    Fetch("a");
+    Store("b", "2");
+    EXPECT_EQ(Fetch("b"), "2") << size;
+    sdbm_delete(Get(), "a");
+    EXPECT_GE(Keys().size(), 1u);
+  }
+}
+
+TEST_F(DamagedHashDatabase, ADirectoryOfAnySizeIsRead) {
+  Store("a", "1");
+  database_.reset();
+  std::filesystem::resize_file("map.dir", std::uintmax_t{1} << 36);
+  Open();
+  ASSERT_NE(Get(), nullptr);
+  EXPECT_EQ(Fetch("a"), "1");
+  EXPECT_EQ(Store("b", "2"), 0);
+}
+
+TEST_F(DamagedHashDatabase, ManyKindsOfRubbishEndInResultsOrFailures) {
+  std::mt19937 random(17);
+  for (int round = 0; round < 300; ++round) {
+    std::string pages((random() % 4) * PBLKSIZ + random() % 3, '\0');
+    for (char& c : pages) c = random() % 3 == 0 ? static_cast<char>(random()) : '\0';
+    for (std::size_t page = 0; page + PBLKSIZ <= pages.size(); page += PBLKSIZ) {
+      if (random() % 2 == 0) pages.replace(page, 2, std::string(2, '\0'));
+    }
+    std::string directory(random() % 20, '\0');
+    for (char& c : directory) c = static_cast<char>(random());
+    Write("map.pag", pages);
+    Write("map.dir", directory);
+    Open();
+    ASSERT_NE(Get(), nullptr);
+    for (const char* key : {"a", "b", "cc"}) {
+      Fetch(key);
+      if (Store(key, "v") == 0) {
+        EXPECT_EQ(Fetch(key), "v");
+      }
+      sdbm_delete(Get(), key);
+    }
+    Keys();
+  }
+}
+
+}  // namespace
+}  // namespace MessageRouter
