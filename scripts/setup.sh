@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-  g++ clang cmake ninja-build ccache git python3 openssl perl iproute2
+  g++ clang cmake ninja-build ccache git python3 openssl perl iproute2 nftables
   libace-dev libomniorb4-dev omniidl omniorb-idl omniorb libssl-dev
   libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
   libclang-rt-14-dev

@@ -108,9 +108,14 @@ def config_text(sections):
 class Router:
     """One router in a folder of its own, with a fixed TLS port, so that it is found again."""
 
-    def __init__(self, test, ca, name="router", settings=None, endpoint=None, identity=None):
+    def __init__(self, test, ca, name="router", settings=None, endpoint=None, identity=None,
+                 host=None):
+        """`host`: where it runs, one of hosts.Hosts; this host if there is none."""
         self.test = test
         self.name = name
+        self.host = host
+        self.within = host.within if host else ()
+        self.address = host.address if host else "localhost"
         self.folder = test.folder / f"router-{name}"
         self.data = self.folder / "Router"
         self.ior_port = free_port()
@@ -149,7 +154,7 @@ class Router:
         mark = len(self.log())
         with open(self.folder / "stderr.txt", "ab") as stderr:
             self.process = subprocess.Popen(
-                [BIN / "brelix-message-router", "-config", "./brelix.config",
+                [*self.within, BIN / "brelix-message-router", "-config", "./brelix.config",
                  "-ORBendPoint", self.endpoint],
                 cwd=self.folder, stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr)
         if wait:
@@ -177,15 +182,27 @@ class Router:
         self.process.wait()
         self.process = None
 
+    def freeze(self):
+        """It does nothing any more, and its connections stay open."""
+        self.process.send_signal(signal.SIGSTOP)
+
+    def thaw(self):
+        self.process.send_signal(signal.SIGCONT)
+
     def reload(self, seconds=30):
         """SIGHUP, and the wait until the router is up again."""
         mark = len(self.log())
         self.process.send_signal(signal.SIGHUP)
         self.wait_log("Waiting for messages...", seconds, since=mark)
 
-    def clean_up(self):
+    def ask_to_end(self):
         if self.process is not None:
             self.process.send_signal(signal.SIGTERM)
+            self.process.send_signal(signal.SIGCONT)
+
+    def clean_up(self):
+        self.ask_to_end()
+        if self.process is not None:
             try:
                 self.process.wait(20)
             except subprocess.TimeoutExpired:
@@ -266,10 +283,11 @@ class PeerException(Exception):
 class Peer:
     """brelix-test-peer: one client, neighbour router or stranger."""
 
-    def __init__(self, test, router, identity=None, ca=None, server=True, timeout=20, host="localhost",
-                 within=(), **options):
-        """`within`: the command that runs it elsewhere, such as ip netns exec."""
-        self.host = host
+    def __init__(self, test, router, identity=None, ca=None, server=True, timeout=20, host=None,
+                 **options):
+        """`host`: where it runs, one of hosts.Hosts; beside the router if there is none."""
+        self.host = router.address if host else "localhost"
+        within = (host or router).within
         self.process = subprocess.Popen([*within, BIN / "brelix-test-peer"], stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self._buffer = b""
@@ -381,6 +399,8 @@ class SystemTest(unittest.TestCase):
     def _clean_up_routers(self):
         reports = []
         for router in self._routers:
+            router.ask_to_end()
+        for router in self._routers:
             router.clean_up()
             self._tails.append((router, router.stderr()[-12000:]))
             found = SANITIZER_REPORT.search(router.stderr())
@@ -412,7 +432,7 @@ class SystemTest(unittest.TestCase):
         return run(*self.client_command(router, name, *arguments), **keywords)
 
     def client_command(self, router, name, *arguments):
-        return [BIN / "brelix-client", "--port", str(router.ior_port), "--identity",
+        return [*router.within, BIN / "brelix-client", "--port", str(router.ior_port), "--identity",
                 self.ca.issue(name), *[str(word) for word in arguments]]
 
     def client_ok(self, router, name, *arguments, **keywords):
