@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "envelope/CopiedPointer.h"
+#include "envelope/TimeToLive.h"
 #include "envelope/Timestamps.h"
 
 namespace MessageRouter {
@@ -34,7 +35,7 @@ class Envelope {
                         const std::string& originatorCertificate);
   void CreateFromRouter(const BrelixMessaging::Envelope& wire, bool fromParent);
   // The router's own messages. A failed write is logged, and the envelope lives on in memory.
-  void CreateLocal(const std::string& destination, std::uint32_t priority, std::int64_t ttl,
+  void CreateLocal(const std::string& destination, std::uint32_t priority, TimeToLive ttl,
                    const std::string& type, const CORBA::Any& data, const std::string& options);
 
   // What leaves the router; the caller owns it. Reads the file if the envelope is shrunk; throws
@@ -86,7 +87,6 @@ class Envelope {
   };
 
   void FillFromMessage(const BrelixMessaging::Message& message);
-  void SetTtl(std::int64_t ttl);
   // Both throw std::runtime_error for a text that would not read back.
   void SetPhysicalDestination(const std::vector<std::string>& hops);
   void RequireTextsReadBack() const;

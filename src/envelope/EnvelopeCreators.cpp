@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <stdexcept>
 
 #include "broker/Encoding.h"
@@ -8,7 +7,6 @@
 #include "envelope/MessageIdGenerator.h"
 #include "envelope/MessageType.h"
 #include "logging/Log.h"
-#include "platform/Clock.h"
 #include "security/OwnIdentity.h"
 
 namespace MessageRouter {
@@ -16,9 +14,6 @@ namespace {
 
 constexpr char kManager[] = "EM";
 constexpr char kCreationFailed[] = "Failed to create persistent envelope";
-// The router passes on the absolute time to live of an envelope that it answers. Such a time stays
-// what it is even when it has passed; no relative time is as long as this one (the year 2004).
-constexpr std::int64_t kEarliestAbsolute = std::int64_t{1} << 30;
 
 // What only the management itself may send.
 bool IsManagementCommand(const char* type) {
@@ -79,17 +74,13 @@ void Envelope::CreateFromRouter(const BrelixMessaging::Envelope& wire, bool from
   FillFromMessage(wire.client_info);
 }
 
-void Envelope::CreateLocal(const std::string& destination, std::uint32_t priority, std::int64_t ttl,
+void Envelope::CreateLocal(const std::string& destination, std::uint32_t priority, TimeToLive ttl,
                            const std::string& type, const CORBA::Any& data,
                            const std::string& options) {
   destination_ = destination;
   priority_ = priority;
   type_ = type;
-  if (ttl >= kEarliestAbsolute) {
-    ttl_ = ttl;
-  } else {
-    SetTtl(ttl);
-  }
+  ttl_ = ttl.End();
   heavy_.Use().data = Encoding::EncodeAny(data);
   messageId_ = MessageIdGenerator::Instance().NextMessageId();
   options_ = options;
@@ -112,17 +103,10 @@ void Envelope::FillFromMessage(const BrelixMessaging::Message& message) {
   options_ = message.delivery_options.in();
   heavy_.Use().data = Encoding::EncodeAny(message.custom_data);
   if (!options_.empty()) LogTrace("Incoming message delivery options: %s\n", options_.c_str());
-  SetTtl(message.ttl);
+  ttl_ = TimeToLive::Stated(message.ttl).End();
   RequireTextsReadBack();
   // A peer's message is the router's only once it is on disk.
   if (!WritePersistent()) throw std::runtime_error(kCreationFailed);
-}
-
-void Envelope::SetTtl(std::int64_t ttl) {
-  const std::int64_t now = Platform::Clock::Instance().WallSeconds();
-  ttl_ = ttl != 0 && ttl < now ? ttl + now : ttl;
-  // A negative one has expired, however far back it lies: neither "never" nor a time before 1970.
-  if (ttl < 0) ttl_ = std::max<std::int64_t>(ttl_, 1);
 }
 
 void Envelope::SetPhysicalDestination(const std::vector<std::string>& hops) {

@@ -87,7 +87,7 @@ void Dispatcher::HandleManagement(Envelope& envelope, RouterTable& table) {
   std::string line = "EM-";
   std::string replyType;  // empty: no reply
   CORBA::Any data;
-  std::int64_t ttl = MessageTimeoutSeconds();
+  TimeToLive ttl = TimeToLive::Stated(MessageTimeoutSeconds());
 
   if (is("GetClientStatus")) {
     line += "GetClientStatus";
@@ -110,7 +110,7 @@ void Dispatcher::HandleManagement(Envelope& envelope, RouterTable& table) {
   } else if (is("Heartbeat")) {
     line += "Heartbeat";
     replyType = ManagementReplyType("Heartbeat");
-    ttl = envelope.Ttl();
+    ttl = TimeToLive::Until(envelope.Ttl());
   } else if (is("NotifyRouterUpdates")) {
     line += "NotifyRouterUpdates";
     routing_.RouterUpdates().SetDestination(envelope.Originator());
@@ -159,18 +159,18 @@ void Dispatcher::HandleCertification(const Envelope& envelope) {
 
 void Dispatcher::ReplyUnknown(const Envelope& envelope) {
   Reply(envelope, SystemMessageType("UnknownMessageType"), AsPayload(envelope.Type()),
-        MessageTimeoutSeconds());
+        TimeToLive::Stated(MessageTimeoutSeconds()));
 }
 
 void Dispatcher::Reply(const Envelope& envelope, const std::string& type, const CORBA::Any& data,
-                       std::int64_t ttl) {
+                       TimeToLive ttl) {
   Send(envelope.Originator(), type, data, envelope.Priority(), ttl);
 }
 
 // An address that can't be answered, or a payload that can't be passed on, must not end the thread:
 // the message that it came with would do so again after the restart.
 void Dispatcher::Send(const std::string& destination, const std::string& type,
-                      const CORBA::Any& data, std::uint32_t priority, std::int64_t ttl) {
+                      const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl) {
   try {
     routing_.SendLocalMessage(destination, type, data, priority, ttl);
   } catch (const std::exception& exception) {

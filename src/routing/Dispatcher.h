@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "envelope/TimeToLive.h"
+
 namespace MessageRouter {
 
 class Envelope;
@@ -40,9 +42,9 @@ class Dispatcher {
   void ReplyUnknown(const Envelope& envelope);
   // To the originator, with the priority of its message.
   void Reply(const Envelope& envelope, const std::string& type, const CORBA::Any& data,
-             std::int64_t ttl);
+             TimeToLive ttl);
   void Send(const std::string& destination, const std::string& type, const CORBA::Any& data,
-            std::uint32_t priority, std::int64_t ttl);
+            std::uint32_t priority, TimeToLive ttl);
 
   Routing& routing_;
 };

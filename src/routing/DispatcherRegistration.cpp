@@ -92,7 +92,8 @@ void Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
 }
 
 void Dispatcher::Forward(const Envelope& envelope, const char* event, const CORBA::Any& data) {
-  Send(kParentAddress, SystemMessageType(event), data, envelope.Priority(), envelope.Ttl());
+  Send(kParentAddress, SystemMessageType(event), data, envelope.Priority(),
+       TimeToLive::Until(envelope.Ttl()));
 }
 
 }  // namespace MessageRouter

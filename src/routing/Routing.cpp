@@ -151,14 +151,15 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
 }
 
 void Routing::SendLocalMessage(const std::string& destination, const std::string& type,
-                               const CORBA::Any& data, std::uint32_t priority, std::int64_t ttl) {
+                               const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl) {
   Envelope envelope;
   envelope.CreateLocal(destination, priority, ttl, type, data, "");
   QueueForRouting(std::move(envelope));
 }
 
 void Routing::TellParent(const std::string& event, const CORBA::Any& data) {
-  SendLocalMessage(kParentAddress, SystemMessageType(event), data, 0, MessageTimeoutSeconds());
+  SendLocalMessage(kParentAddress, SystemMessageType(event), data, 0,
+                   TimeToLive::Stated(MessageTimeoutSeconds()));
 }
 
 void Routing::RegisterPeer(const std::string& name, bool isRouter) {

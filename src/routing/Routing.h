@@ -65,7 +65,7 @@ class Routing {
 
   // The one way for the router itself to speak.
   void SendLocalMessage(const std::string& destination, const std::string& type,
-                        const CORBA::Any& data, std::uint32_t priority, std::int64_t ttl);
+                        const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl);
 
  private:
   // `reachedAs` is the name under which the entry was found.

@@ -61,7 +61,8 @@ void UpdateNotifier::Send(const char* event, const std::string& name) {
   try {
     CORBA::Any data;
     data <<= name.c_str();
-    routing_.SendLocalMessage(destination, ManagementMessageType(event), data, priority_, ttl_);
+    routing_.SendLocalMessage(destination, ManagementMessageType(event), data, priority_,
+                              TimeToLive::Stated(ttl_));
   } catch (const std::exception& exception) {
     LogCaughtException("UpdateNotifier::Send", exception, "");
   }

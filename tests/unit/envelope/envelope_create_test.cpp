@@ -81,7 +81,8 @@ TEST_F(EnvelopeCreate, AStampsTimeAndAPriorityFromTheWireAreWidenedAsTheyShould)
 
 TEST_F(EnvelopeCreate, TheRoutersOwnMessageHasTwoStampsOfItsNameAndItsCertificate) {
   Envelope envelope;
-  envelope.CreateLocal(":.:", 7, kMinute, "MS-RouterRegistered", TextAny("child"), "");
+  envelope.CreateLocal(":.:", 7, TimeToLive::Stated(kMinute), "MS-RouterRegistered",
+                       TextAny("child"), "");
   EXPECT_EQ(envelope.Originator(), "router1");
   EXPECT_THAT(envelope.PhysicalDestination(), ElementsAre(":", ":"));
   EXPECT_EQ(envelope.Priority(), 7u);
@@ -153,9 +154,32 @@ TEST_F(EnvelopeCreate, AnEnvelopeExpiresBehindItsLastSecond) {
   EXPECT_TRUE(envelope.IsExpired());
 }
 
+TEST_F(EnvelopeCreate, AStatedTtlBelowThePresentTimeCountsFromNowOnAndAnyOtherIsATime) {
+  const struct {
+    std::int64_t stated;
+    std::int64_t end;
+  } cases[] = {
+      {0, 0},
+      {1, Now() + 1},
+      {std::int64_t{1} << 30, Now() + (std::int64_t{1} << 30)},
+      {Now() - 1, 2 * Now() - 1},
+      {Now(), Now()},
+      {Now() + 1, Now() + 1},
+      {-1, Now() - 1},
+      {-Now(), 1},
+      {-Now() - 1, 1},
+  };
+  for (const auto& c : cases) {
+    Envelope envelope;
+    envelope.CreateLocal("agent-1", 0, TimeToLive::Stated(c.stated), "EM-NoOp", CORBA::Any(), "");
+    EXPECT_EQ(envelope.Ttl(), c.end) << c.stated;
+  }
+}
+
 TEST_F(EnvelopeCreate, AnAbsoluteTtlThatTheRouterPassesOnStaysAbsoluteWhenItHasPassed) {
   Envelope envelope;
-  envelope.CreateLocal("agent-1", 0, Now() - 10, "EM-Heartbeat-Reply", CORBA::Any(), "");
+  envelope.CreateLocal("agent-1", 0, TimeToLive::Until(Now() - 10), "EM-Heartbeat-Reply",
+                       CORBA::Any(), "");
   EXPECT_EQ(envelope.Ttl(), Now() - 10);
   EXPECT_TRUE(envelope.IsExpired());
 }
@@ -227,7 +251,7 @@ TEST_F(EnvelopeCreate, TheRouterAcceptsAgainOnceThereIsRoom) {
 TEST_F(EnvelopeCreate, ALocalMessageThatCannotBeWrittenStaysExpandedInMemory) {
   store_.failWith = ENOSPC;
   Envelope envelope;
-  envelope.CreateLocal("agent-1", 0, 0, "EM-NoOp", TextAny("kept"), "");
+  envelope.CreateLocal("agent-1", 0, TimeToLive::Until(0), "EM-NoOp", TextAny("kept"), "");
   EXPECT_THAT(log_.Lines().back().text,
               MatchesRegex("WritePersistent\\( Envelope, id=[0-9A-F]+\\), bad stream\n"));
   EXPECT_EQ(envelope.State(), Envelope::ShrinkState::Expanded);

@@ -47,7 +47,8 @@ TEST_F(EnvelopeSync, IsOnWithoutASetting) {
 TEST_F(EnvelopeSync, IsOnForEachCreator) {
   Envelope().CreateFromClient(AMessage(), "agent-1", "");
   EXPECT_EQ(Faults().folderSyncs, 1u);
-  Envelope().CreateLocal("agent-1", 0, 0, "EM-NoOp", TextAny(""), "");
+  Envelope().CreateLocal("agent-1", 0, MessageRouter::TimeToLive::Until(0), "EM-NoOp", TextAny(""),
+                         "");
   EXPECT_EQ(Faults().folderSyncs, 2u);
   EXPECT_EQ(Faults().fileSyncs, 2u);
 }

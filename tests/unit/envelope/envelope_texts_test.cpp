@@ -139,7 +139,8 @@ TEST_F(EnvelopeTexts, AClientsTextsAreHeldToTheSameRule) {
 }
 
 TEST_F(EnvelopeTexts, TheRoutersOwnTextsAreHeldToTheSameRule) {
-  EXPECT_THROW(Envelope().CreateLocal("x\n[", 0, 0, "EM-NoOp", CORBA::Any(), ""),
+  EXPECT_THROW(Envelope().CreateLocal("x\n[", 0, MessageRouter::TimeToLive::Until(0), "EM-NoOp",
+                                      CORBA::Any(), ""),
                std::runtime_error);
   EXPECT_THAT(Leaves(), IsEmpty());
 }
