@@ -132,12 +132,15 @@ void EnvelopeStore::LoadAll(std::vector<Envelope>& envelopes) {
 void LoadPersistentEnvelopes(std::vector<Envelope>& envelopes) {
   EnvelopeStore& store = EnvelopeStore::Instance();
   store.LoadAll(envelopes);
-  std::erase_if(envelopes, [&store](Envelope& envelope) {
-    if (!Load(envelope)) return true;
+  auto end = envelopes.begin();
+  for (Envelope& envelope : envelopes) {
+    if (!Load(envelope)) continue;
     envelope.Shrink();
     store.NoteIndex(envelope.PersistentIndex());
-    return false;
-  });
+    if (&*end != &envelope) *end = std::move(envelope);
+    ++end;
+  }
+  envelopes.erase(end, envelopes.end());
 }
 
 }  // namespace MessageRouter
