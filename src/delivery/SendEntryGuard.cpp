@@ -22,12 +22,11 @@ SendEntryGuard::~SendEntryGuard() {
 }
 
 void SendEntryGuard::Fail() {
-  if (!SameSession()) {
+  if (!entry_.SendFailed(claim_.generation)) {
     // What this visit put back may have missed the senders of the new session.
     manager_.Add(entry_);
     return;
   }
-  entry_.SendFailed(claim_.generation);
   LogError("Failed to send messages, logging %s off\n", entry_.Name().c_str());
   entry_.LogoffSession(claim_.generation);
 }

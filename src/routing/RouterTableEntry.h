@@ -177,7 +177,8 @@ class RouterTableEntry {
   Claim ClaimForSending();
   // Wakes the sender pool for this entry if more waits.
   void SendFinished(LogonGeneration generation);
-  void SendFailed(LogonGeneration generation);
+  // False if that session is over.
+  bool SendFailed(LogonGeneration generation);
 
   // Notification.
   // Nothing is claimed unless that session stands.

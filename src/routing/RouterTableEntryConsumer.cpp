@@ -39,10 +39,11 @@ void RouterTableEntry::SendFinished(LogonGeneration generation) {
   host_.OfferToSenders(*this);
 }
 
-void RouterTableEntry::SendFailed(LogonGeneration generation) {
+bool RouterTableEntry::SendFailed(LogonGeneration generation) {
   WriteGuard guard(lock_);
-  if (!guard || generation != generation_) return;
+  if (!guard || generation != generation_) return false;
   consumerState_ = kPushFailed;
+  return true;
 }
 
 RouterTableEntry::Claim RouterTableEntry::NotificationWanted() {

@@ -36,6 +36,18 @@ TEST_F(StaleSenderTest, FailureDoesNotLogTheNewSessionOff) {
   EXPECT_FALSE(log.Contains("logging agent off"));
 }
 
+TEST_F(StaleSenderTest, FailureAfterThePeersOwnLogoffLogsNobodyOff) {
+  oldPeer->onCall = [this](int call) {
+    if (call == 1) entry.Logoff();
+    throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+  };
+  Visit(entry);
+  EXPECT_EQ(entry.GetLogonState(), RouterTableEntry::kLoggedOff);
+  EXPECT_FALSE(log.Contains("logging agent off"));
+  EXPECT_FALSE(log.Contains("during logoff"));
+  EXPECT_THAT(Waiting(entry), ElementsAre(1u, 2u));
+}
+
 TEST_F(StaleSenderTest, EnvelopePutBackIsOfferedToTheNewSession) {
   oldPeer->onCall = [this](int call) {
     if (call == 1) PeerLogsOnAgain();

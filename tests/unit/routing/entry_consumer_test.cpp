@@ -37,7 +37,7 @@ TEST_F(EntryPushTest, TheEndOfASendWakesTheSendersIfMoreWaits) {
 
 TEST_F(EntryPushTest, AFailedSendIsRemembered) {
   LogonPushed(client_);
-  client_.SendFailed(client_.ClaimForSending().generation);
+  EXPECT_TRUE(client_.SendFailed(client_.ClaimForSending().generation));
   EXPECT_EQ(client_.GetConsumerState(), Entry::kPushFailed);
   EXPECT_FALSE(client_.IsPassiveConsumer());
   EXPECT_FALSE(client_.ClaimForSending().acquired);
@@ -50,7 +50,7 @@ TEST_F(EntryPushTest, TheEndOfAStaleSendChangesNothing) {
   Enqueue(client_, AnEnvelope());
   ASSERT_TRUE(client_.ClaimForSending().acquired);
   client_.SendFinished(stale.generation);
-  client_.SendFailed(stale.generation);
+  EXPECT_FALSE(client_.SendFailed(stale.generation));
   EXPECT_EQ(client_.GetConsumerState(), Entry::kPushBusy);
   EXPECT_THAT(host_.Senders(), IsEmpty());
 }
