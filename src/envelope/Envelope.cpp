@@ -158,6 +158,7 @@ std::size_t Envelope::HopCount() const {
 
 void Envelope::PopHop() {
   const std::size_t dot = physicalDestination_.find('.');
+  hopPopped_ = hopPopped_ || !physicalDestination_.empty();
   physicalDestination_.erase(0, dot == std::string::npos ? dot : dot + 1);
 }
 

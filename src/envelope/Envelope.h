@@ -58,6 +58,7 @@ class Envelope {
   std::string NextHop() const;  // empty if none is left
   std::size_t HopCount() const;
   void PopHop();
+  bool HopPopped() const { return hopPopped_; }  // the address is no longer as it came
   bool IsExpired() const;
 
   std::string DescribeShort() const;  // "id=0A0B0C0D"
@@ -108,6 +109,7 @@ class Envelope {
   std::uint32_t messageId_ = 0;
   std::uint32_t priority_ = 0;
   bool fromParent_ = false;
+  bool hopPopped_ = false;
   bool inStoreFolder_ = false;
   ShrinkState shrinkState_;
   std::int64_t ttl_ = 0;

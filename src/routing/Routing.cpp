@@ -106,16 +106,17 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
   if (!queue_.Take(seconds, milliseconds, envelope)) return;
 
   std::string hop = envelope.NextHop();
-  const bool local = IsThisRouter(hop);
-  Envelope asItCame;
-  if (local) {
+  // Of an envelope whose peer is gone, and which is decided anew, the hop that named this router
+  // has been taken already.
+  bool local = envelope.HopPopped();
+  if (!local && IsThisRouter(hop)) {
     if (envelope.HopCount() < 2) {
       LogInfo("Received message for this router\n");
       dispatcher_.DispatchLocal(envelope, table_, logical_);
       envelope.Retire();
       return;
     }
-    asItCame = envelope;
+    local = true;
     envelope.PopHop();
     hop = envelope.NextHop();
   }
@@ -143,8 +144,8 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
   }
   bool senderAtWork = false;
   if (!entry->TryEnqueue(envelope, reachedAs, senderAtWork)) {
-    // Gone since it was found. The decision is made anew, from the address as it came.
-    queue_.Append(local ? std::move(asItCame) : std::move(envelope));
+    // Gone since it was found.
+    queue_.Append(std::move(envelope));
     return;
   }
   if (!senderAtWork || host_.CountsBusyOffers()) host_.OfferToSenders(*entry);

@@ -260,7 +260,9 @@ TEST_F(EnvelopeQueries, HopsLeaveAtTheFront) {
   Envelope envelope = AnEnvelope().WithDestination("a.b");
   EXPECT_EQ(envelope.NextHop(), "a");
   EXPECT_EQ(envelope.HopCount(), 2u);
+  EXPECT_FALSE(envelope.HopPopped());
   envelope.PopHop();
+  EXPECT_TRUE(envelope.HopPopped());
   EXPECT_EQ(envelope.NextHop(), "b");
   EXPECT_EQ(envelope.HopCount(), 1u);
   envelope.PopHop();
@@ -269,6 +271,12 @@ TEST_F(EnvelopeQueries, HopsLeaveAtTheFront) {
   envelope.PopHop();
   EXPECT_EQ(envelope.HopCount(), 0u);
   EXPECT_EQ(envelope.Destination(), "a.b");
+}
+
+TEST_F(EnvelopeQueries, NothingIsPoppedWhereNoHopIsLeft) {
+  Envelope envelope = AnEnvelope().WithDestination("");
+  envelope.PopHop();
+  EXPECT_FALSE(envelope.HopPopped());
 }
 
 TEST_F(EnvelopeQueries, DescriptionsShowTheIdInUpperCaseAndNamesDecoded) {
