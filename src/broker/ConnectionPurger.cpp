@@ -42,6 +42,12 @@ struct Activity {
   bool holdsPoolThread = false;
 };
 
+// Whether a thread of the pool is at it. A record that no thread has claimed still names the worker
+// that had it last, and that one may be gone: not to be asked of those.
+bool IsHeldByPool(omni::GIOP_S& claimed) {
+  return claimed.worker() != nullptr && claimed.worker()->singleshot();
+}
+
 // What the requests of an incoming connection are at. A connection with a thread of its own waits
 // for the next request in the same state as for the rest of one, so there the bytes tell.
 Activity ActivityOf(giopStrand& strand, const Connection* connection) {
@@ -51,29 +57,30 @@ Activity ActivityOf(giopStrand& strand, const Connection* connection) {
   for (omni::giopStreamList* link = strand.servers.next; link != &strand.servers;
        link = link->next) {
     auto* const request = static_cast<omni::GIOP_S*>(link);
-    const bool ofPool = request->worker() != nullptr && request->worker()->singleshot();
+    bool ofPool = false;
     switch (request->state()) {
       case IOP_S::Idle:
       case IOP_S::WaitForRequestHeader:
+        ofPool = IsHeldByPool(*request);
         if (!ofPool && !hasUnusedBytes) break;
         activity.doing = Doing::kReceiving;
-        activity.holdsPoolThread |= ofPool;
         break;
       case IOP_S::RequestHeaderIsBeingProcessed:
       case IOP_S::RequestIsBeingProcessed:
+        ofPool = IsHeldByPool(*request);
         activity.doing = Doing::kReceiving;
-        activity.holdsPoolThread |= ofPool;
         break;
       case IOP_S::InputPartiallyBuffered:
         activity.doing = Doing::kReceiving;
         break;
       case IOP_S::ReplyIsBeingComposed:
+        ofPool = IsHeldByPool(*request);
         if (activity.doing == Doing::kNothing) activity.doing = Doing::kSending;
-        activity.holdsPoolThread |= ofPool;
         break;
       default:
         break;
     }
+    activity.holdsPoolThread |= ofPool;
   }
   return activity;
 }

@@ -3,6 +3,7 @@
 #include <openssl/bn.h>
 #include <openssl/objects.h>
 #include <openssl/rsa.h>
+#include <openssl/x509v3.h>
 
 #include <stdexcept>
 
@@ -115,6 +116,13 @@ int CertRequest::GetDERCertRequest(MemBuff& buffer) const {
   return 0;
 }
 
+// OpenSSL works out what a certificate's extensions say when it first needs that. Done at once, no
+// two threads that verify with the same one meet in it.
+void Certificate::PrepareForSharing() const {
+  const OpenSsl::ErrorScope errors;
+  X509_check_purpose(certificate_.get(), -1, 0);
+}
+
 Certificate::Certificate(const MemBuff& der) {
   const OpenSsl::ErrorScope errors;
   const unsigned char* next = der.BuffPtr();
@@ -122,10 +130,12 @@ Certificate::Certificate(const MemBuff& der) {
       next == nullptr ? nullptr : d2i_X509(nullptr, &next, static_cast<long>(der.BuffSize())),
       &X509_free);
   if (!certificate_) OpenSsl::Fail("Cannot decode the certificate");
+  PrepareForSharing();
 }
 
 Certificate::Certificate(X509* certificate) : certificate_(certificate, &X509_free) {
   if (certificate == nullptr) throw std::runtime_error("There is no certificate");
+  PrepareForSharing();
 }
 
 std::shared_ptr<X509> Certificate::GetX509() const {

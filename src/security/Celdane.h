@@ -79,6 +79,8 @@ class Certificate {
   std::string GetHashingAlgorithm() const;
 
  private:
+  void PrepareForSharing() const;
+
   std::shared_ptr<X509> certificate_;
 };
 

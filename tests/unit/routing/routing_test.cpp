@@ -3,6 +3,7 @@
 #include <ace/Log_Record.h>
 
 #include <functional>
+#include <thread>
 #include <utility>
 
 #include "fixture.h"
@@ -189,13 +190,14 @@ TEST_F(RouteTest, AnUnregisteredParentStillTakesWhatGoesUp) {
   EXPECT_EQ(Drain(parent).size(), 2u);
 }
 
-// Runs something between the decision, which is logged, and the envelope's way into the entry.
+// Runs something between the decision, which is logged, and the envelope's way into the entry; on
+// another thread, as in life, which doesn't hold the log's lock.
 class AfterDecision : public LogCapture {
  public:
   explicit AfterDecision(std::function<void()> action) : action_(std::move(action)) {}
   ssize_t log(ACE_Log_Record& record) override {
     const ssize_t result = LogCapture::log(record);
-    if (Contains("Routing to ") && action_) std::exchange(action_, nullptr)();
+    if (Contains("Routing to ") && action_) std::thread(std::exchange(action_, nullptr)).join();
     return result;
   }
 
