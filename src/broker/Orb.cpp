@@ -101,6 +101,7 @@ void LogRemark(const char* text) {
 
 CORBA::ORB_ptr MakeOrb(int& argc, char** argv, const OrbSettings& settings) {
   DestroyCodecOrb();
+  ForgetHostAddresses();
   omniORB::setLogFunction(&LogRemark);
   const TlsContext* const tls = TlsContext::Register(settings.configureTls, settings.tlsInfo);
   CORBA::ORB_var orb;
@@ -169,6 +170,14 @@ unsigned short Orb::ListeningPort() const {
   if (endpoints.length() == 0) return 0;
   const char* const port = std::strrchr(endpoints[0], ':');
   return port == nullptr ? 0 : static_cast<unsigned short>(std::strtoul(port + 1, nullptr, 10));
+}
+
+CORBA::Policy_ptr Orb::PublishPolicy() const {
+  const auto& endpoints = omni::omniObjAdapter::listMyEndpoints();
+  omniPolicy::EndPointPublishPolicyValue value;
+  value.length(endpoints.length());
+  for (CORBA::ULong i = 0; i < endpoints.length(); ++i) value[i] = endpoints[i];
+  return omniPolicy::create_endpoint_publish_policy(value);
 }
 
 void Orb::CloseOutgoingConnections(unsigned seconds) {

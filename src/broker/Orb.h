@@ -46,6 +46,10 @@ class Orb {
   SSL_CTX* TlsContext() const;
   // The bound port, 0 before RootPOA is resolved.
   unsigned short ListeningPort() const;
+  // For each adapter whose references leave the process: that they name this ORB's endpoints. By
+  // itself the ORB names those of all ORBs that the process has had. After RootPOA is resolved; the
+  // caller owns it.
+  CORBA::Policy_ptr PublishPolicy() const;
   // Closes all idle outgoing connections, so that later calls use the present credentials; waits
   // until they are closed, at most `seconds`.
   void CloseOutgoingConnections(unsigned seconds);

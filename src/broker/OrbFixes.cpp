@@ -172,6 +172,14 @@ void omni::sslConnection::Shutdown() {
 
 namespace Broker {
 
+void ForgetHostAddresses() {
+  auto* const addresses = const_cast<omnivector<const char*>*>(
+      omni::giopTransportImpl::getInterfaceAddress("giop:tcp"));
+  if (addresses == nullptr) return;
+  for (const char* const address : *addresses) CORBA::string_free(const_cast<char*>(address));
+  addresses->clear();
+}
+
 void RequireOrbFixes() {
   const void* const ours = ImageOf(reinterpret_cast<const void*>(&RequireOrbFixes));
   for (const char* const symbol : {kReleaseServer, kCreateReference, kSend, kReceive, kShutdown}) {

@@ -20,16 +20,17 @@ namespace {
 
 PortableServer::POA_ptr CreatePOA(PortableServer::POA_ptr parent, const char* name,
                                   bool shareManager, PortableServer::IdAssignmentPolicyValue ids,
-                                  PortableServer::LifespanPolicyValue lifespan) {
-  CORBA::PolicyList policies(2);
-  policies.length(2);
+                                  PortableServer::LifespanPolicyValue lifespan,
+                                  const Broker::Orb& orb) {
+  CORBA::PolicyList policies(3);
+  policies.length(3);
   policies[0] = parent->create_id_assignment_policy(ids);
   policies[1] = parent->create_lifespan_policy(lifespan);
+  policies[2] = orb.PublishPolicy();
   const PortableServer::POAManager_var manager =
       shareManager ? parent->the_POAManager() : PortableServer::POAManager::_nil();
   PortableServer::POA_var adapter = parent->create_POA(name, manager, policies);
-  policies[0]->destroy();
-  policies[1]->destroy();
+  for (CORBA::ULong i = 0; i < policies.length(); ++i) policies[i]->destroy();
   return adapter._retn();
 }
 
@@ -99,11 +100,11 @@ void RouterCycle::MakeBroker() {
 void RouterCycle::MakeAdapters() {
   LogDebug("Creating object adapters...\n");
   persistentPoa_ = CreatePOA(rootPoa_, "RouterPersistent", false, PortableServer::USER_ID,
-                             PortableServer::PERSISTENT);
+                             PortableServer::PERSISTENT, *orb_);
   transientPoa_ = CreatePOA(persistentPoa_, "RouterTransient", true, PortableServer::SYSTEM_ID,
-                            PortableServer::TRANSIENT);
+                            PortableServer::TRANSIENT, *orb_);
   certifyPoa_ = CreatePOA(persistentPoa_, "RouterCertify", true, PortableServer::SYSTEM_ID,
-                          PortableServer::TRANSIENT);
+                          PortableServer::TRANSIENT, *orb_);
   manager_ = persistentPoa_->the_POAManager();
 
   const CORBA::OctetSeq_var id = certifyPoa_->id();

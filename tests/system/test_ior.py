@@ -25,6 +25,13 @@ class IorPort(SystemTest):
         self.assertIn("TAG_SSL_SEC_TRANS", text)
         self.assertIn(str(box.tls_port), text)
 
+    def test_a_reload_leaves_the_way_to_the_router_as_it_is(self):
+        box = self.router()
+        before = run("catior", giop.fetch_ior(box.ior_port)).stdout
+        box.reload()
+        box.reload()
+        self.assertEqual(before, run("catior", giop.fetch_ior(box.ior_port)).stdout)
+
     def test_the_object_key_is_that_of_the_persistent_root_object_and_stays(self):
         box = self.router()
         first = giop.Ior(giop.fetch_ior(box.ior_port))
