@@ -21,6 +21,13 @@ std::string NameIn(const CORBA::Any& data) {
   return (data >>= text) ? text : "";
 }
 
+// Nothing that came down goes up again: two routers that name each other as their parent would pass
+// it to and fro for as long as it lives. Who else sends is looked at only for the map's sake.
+bool MayBeAChilds(const Envelope& news, const RouterTable& table, const Logical* logical) {
+  if (news.FromParent()) return false;
+  return logical == nullptr || table.Find(news.Originator()) != nullptr;
+}
+
 // False if the map led there already.
 bool Update(Logical& logical, const std::string& name, const std::string& child) {
   if (logical.Lookup(name) == child) return false;
@@ -37,11 +44,11 @@ void Dispatcher::HandleRouterRegistered(Envelope& envelope, RouterTable& table, 
   CORBA::Any data;
   envelope.GetData(data);
   const String_seq* names = nullptr;
-  if (logical == nullptr) {
-    line += kNoMap;
-  } else if (table.Find(originator) == nullptr) {
+  if (!MayBeAChilds(envelope, table, logical)) {
     line += kNotOurChild;
     forward = false;
+  } else if (logical == nullptr) {
+    line += kNoMap;
   } else if (const std::string name = NameIn(data); !name.empty()) {
     // What is known here is known above.
     if (!Update(*logical, name, originator)) forward = false;
@@ -63,11 +70,11 @@ void Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
   CORBA::Any data;
   envelope.GetData(data);
   const String_seq* names = nullptr;
-  if (logical == nullptr) {
-    line += kNoMap;
-  } else if (table.Find(originator) == nullptr) {
+  if (!MayBeAChilds(envelope, table, logical)) {
     line += kNotOurChild;
     forward = false;
+  } else if (logical == nullptr) {
+    line += kNoMap;
   } else if (const std::string name = NameIn(data); !name.empty()) {
     if (logical->Remove(name, originator) == Logical::kOtherOwner) forward = false;
   } else if (data >>= names) {

@@ -242,6 +242,11 @@ class Router:
             return False
         wait_until(seen, seconds, f"the log line {text!r}")
 
+    def logged_at(self, text):
+        """The time of the first line with the text, in whole seconds."""
+        line = next(line for line in self.log().splitlines() if text in line)
+        return time.mktime(time.strptime(line[:19], "%d.%m.%Y %H:%M:%S"))
+
     def stderr(self):
         path = self.folder / "stderr.txt"
         return path.read_text(errors="replace") if path.exists() else ""
@@ -392,6 +397,14 @@ class SystemTest(unittest.TestCase):
         self._tails = []
         # Added first, so it runs last: peers have left by then.
         self.addCleanup(self._clean_up_routers)
+
+    @classmethod
+    def stage(cls):
+        """An instance that is no test: what is started with it lasts as long as the class."""
+        stage = cls()
+        cls.addClassCleanup(stage.doCleanups)
+        stage.setUp()
+        return stage
 
     def add_router(self, router):
         self._routers.append(router)

@@ -105,6 +105,7 @@ class Host(Place):
         self.name = name
         self.address = NETWORK + str(number)
         self._relay = None
+        self._deaf_to = set()
 
     def connections(self, other):
         """The established TCP connections with another host, as rows of the system's table."""
@@ -114,9 +115,13 @@ class Host(Place):
 
     def deafen(self, other):
         """Nothing from there arrives here any more; what is sent from here still arrives there."""
+        self._deaf_to.add(other.address)
         self.run("nft", "add", "element", "inet", "brelix", "deaf", f"{{ {other.address} }}")
 
     def hear(self, other):
+        if other.address not in self._deaf_to:
+            return
+        self._deaf_to.remove(other.address)
         self.run("nft", "delete", "element", "inet", "brelix", "deaf", f"{{ {other.address} }}")
 
     def raise_firewall(self, answer=REFUSE):

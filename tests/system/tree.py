@@ -11,7 +11,8 @@ Each router's words are its settings, apart from "parent", the name of the route
 one, and there is no firewall.
 """
 
-from harness import Router
+from harness import Router, SystemTest
+from hosts import Hosts
 
 # What an administrator may leave as it is, but a test can't wait for.
 QUICK = {
@@ -42,12 +43,12 @@ class Tree:
         for name, words in routers.items():
             self.add(name, {**settings, **words})
 
-    def add(self, name, words):
+    def add(self, name, words, **options):
         words = {**QUICK, **words}
         parent = words.pop("parent", None)
         firewall = words.pop("firewall", None)
         host = self.hosts.add(name, firewall) if self.hosts else None
-        router = Router(self.test, self.test.ca, name, words, host=host)
+        router = Router(self.test, self.test.ca, name, words, host=host, **options)
         self.routers[name] = router
         if parent:
             self.set_parent(name, parent)
@@ -112,3 +113,20 @@ class Tree:
 
     def slow_down(self, one, other, milliseconds):
         self.hosts.slow_down(self[one].host, self[other].host, milliseconds)
+
+
+class TreeTest(SystemTest):
+    """A test with hosts of its own; skipped where this system makes none."""
+
+    def setUp(self):
+        self.hosts = Hosts()
+        self.addCleanup(self.hosts.close)
+        super().setUp()
+
+    def tree(self, routers, **settings):
+        return Tree(self, routers, self.hosts, **settings)
+
+
+def texts(peer):
+    """What a peer has received, oldest first."""
+    return [one["payload"] for one in peer.received()]

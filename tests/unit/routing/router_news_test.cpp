@@ -167,6 +167,29 @@ TEST_F(RouterNewsTest, NewsFromOneWhoIsNotInTheTableStopsHere) {
   EXPECT_EQ(map.Lookup("known"), "stranger");
 }
 
+TEST_F(RouterNewsTest, NewsThatCameDownIsNotSentUpAgain) {
+  const auto fromParent = [this](const std::string& type) {
+    return SentUp(type, News(type, "child1", TextPayload("leaf")).FromParent());
+  };
+  for (const bool withMap : {false, true}) {
+    if (withMap) AMap();
+    for (const std::string type : {"MS-RouterRegistered", "MS-RouterUnregistered"}) {
+      log_.Clear();
+      EXPECT_THAT(fromParent(type), IsEmpty());
+      EXPECT_TRUE(Logged(type + " - not from a child router of ours, originator child1\n"));
+    }
+  }
+}
+
+TEST_F(RouterNewsTest, NewsThatCameDownChangesNothingInTheMap) {
+  MessageRouter::Logical& map = AMap();
+  map.Store("known", "child1");
+  Arrive(News("MS-RouterRegistered", "child1", TextPayload("leaf")).FromParent());
+  Arrive(News("MS-RouterUnregistered", "child1", TextPayload("known")).FromParent());
+  EXPECT_EQ(map.Lookup("leaf"), "");
+  EXPECT_EQ(map.Lookup("known"), "child1");
+}
+
 TEST_F(RouterNewsTest, APayloadThatIsNeitherTextNorAListAndAnEmptyTextAreBadlyFormatted) {
   AMap();
   std::vector<CORBA::Any> payloads = OtherPayloads();
