@@ -134,12 +134,15 @@ class Fetching(SystemTest):
         self.wait_no_envelopes(self.box)
 
     def test_below_the_threshold_that_it_asked_for_it_is_left_alone(self):
-        self.start(NumNotificationThresholdThreads=1)
+        self.start(NumNotificationThresholdThreads=1, NumSenderThreads=1)
         self.child("threshold", priority=5)
         self.log_on(notify=True)
         self.box.wait_log("Successful NotificationThreshold call to child")
         self.send("low", prio=4)
-        self.box.wait_log("Routing to child")
+        # The only sender has been there when it comes to the next peer.
+        self.sender("messages.SendMessage", destination="agent-1", text="to myself")
+        self.sender.wait_received(1)
+        self.assertEqual(0, self.child.calls("NotifyConsumer.Notify"))
         self.send("high", prio=5)
         wait_until(lambda: self.child.calls("NotifyConsumer.Notify") == 1, 10, "the notification")
         self.assertEqual(["high", "low"], [self.fetch(), self.fetch()])
