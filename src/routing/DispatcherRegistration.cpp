@@ -21,11 +21,18 @@ std::string NameIn(const CORBA::Any& data) {
   return (data >>= text) ? text : "";
 }
 
+// A name may lead neither to a client nor up again.
+bool IsChildRouter(const std::string& name, const RouterTable& table) {
+  const RouterTableEntry* const entry = table.Find(name);
+  return entry != nullptr && entry->IsRegistered() && entry->IsRouter() && !entry->IsParent() &&
+         entry->Name() == name;
+}
+
 // Nothing that came down goes up again: two routers that name each other as their parent would pass
 // it to and fro for as long as it lives. Who else sends is looked at only for the map's sake.
 bool MayBeAChilds(const Envelope& news, const RouterTable& table, const Logical* logical) {
   if (news.FromParent()) return false;
-  return logical == nullptr || table.Find(news.Originator()) != nullptr;
+  return logical == nullptr || IsChildRouter(news.Originator(), table);
 }
 
 // False if the map led there already.

@@ -123,8 +123,10 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
 
   std::string reachedAs;
   RouterTableEntry* entry = FindRoute(hop, reachedAs);
-  // Nothing that came down is sent back up, and an address that named this router and then an
-  // unknown name is not guessed at.
+  // Nothing that came down is sent back up, whatever the map says, and an address that named this
+  // router and then an unknown name is not guessed at.
+  const bool byItsName = reachedAs == hop && !hop.empty();
+  if (entry != nullptr && entry->IsParent() && envelope.FromParent() && !byItsName) entry = nullptr;
   if (entry == nullptr && !envelope.FromParent() && (!local || hop == kThisRouter)) {
     entry = table_.Parent();
   }

@@ -167,6 +167,46 @@ TEST_F(RouterNewsTest, NewsFromOneWhoIsNotInTheTableStopsHere) {
   EXPECT_EQ(map.Lookup("known"), "stranger");
 }
 
+TEST_F(RouterNewsTest, NewsFromOneWhoIsNoRegisteredChildRouterStopsHereAndChangesNothing) {
+  MessageRouter::Logical& map = AMap();
+  table_.SetParentName("boss");
+  ARouter("left");
+  table_.Unregister("left");
+  for (const std::string originator : {"left", "asker", "boss", ""}) {
+    log_.Clear();
+    map.Store("known", originator);
+    const std::string said = " - not from a child router of ours, originator " + originator + "\n";
+    EXPECT_THAT(Registered(originator, TextPayload("leaf")), IsEmpty()) << originator;
+    EXPECT_TRUE(Logged("MS-RouterRegistered" + said)) << originator;
+    EXPECT_THAT(Unregistered(originator, TextPayload("known")), IsEmpty()) << originator;
+    EXPECT_TRUE(Logged("MS-RouterUnregistered" + said)) << originator;
+    EXPECT_EQ(map.Lookup("leaf"), "");
+    EXPECT_EQ(map.Lookup("known"), originator);
+  }
+}
+
+TEST_F(RouterNewsTest, TheTypesOfNewsAreKnownInAnyCase) {
+  MessageRouter::Logical& map = AMap();
+  Arrive(News("ms-routerREGISTERED", "child1", TextPayload("leaf")));
+  EXPECT_EQ(map.Lookup("leaf"), "child1");
+  EXPECT_TRUE(Logged("MS-RouterRegistered originator child1\n"));
+  Arrive(News("Ms-ROUTERunregistered", "child1", TextPayload("leaf")));
+  EXPECT_EQ(map.Lookup("leaf"), "");
+  EXPECT_TRUE(Logged("MS-RouterUnregistered originator child1\n"));
+}
+
+TEST_F(RouterNewsTest, WithNeitherMapNorParentNewsIsOnlyLogged) {
+  table_.Clear();
+  table_.ReadTable(false);
+  ARouter("child1");
+  for (const std::string event : {"RouterRegistered", "RouterUnregistered"}) {
+    Arrive(News("MS-" + event, "child1", TextPayload("leaf")));
+    EXPECT_TRUE(
+        Logged("MS-" + event + " - router has no logical routing table originator child1\n"));
+  }
+  EXPECT_FALSE(log_.Contains("Cannot route"));
+}
+
 TEST_F(RouterNewsTest, NewsThatCameDownIsNotSentUpAgain) {
   const auto fromParent = [this](const std::string& type) {
     return SentUp(type, News(type, "child1", TextPayload("leaf")).FromParent());
@@ -217,18 +257,20 @@ TEST_F(RouterNewsTest, WithoutAParentTheMapIsKeptAndNothingIsSent) {
 }
 
 TEST_F(RouterNewsTest, NewsGoesUpWithItsPriorityAndItsTimeToLive) {
-  AMap();
-  for (const std::int64_t ttl : {std::int64_t{0}, clock_.WallSeconds() + 99}) {
-    AMap();
-    Arrive(News("MS-RouterRegistered", "child1", TextPayload("leaf" + std::to_string(ttl)))
-               .WithPriority(3)
-               .WithTtl(ttl));
-    clock_.Advance(std::chrono::seconds(10));
-    Envelope sent;
-    ASSERT_TRUE(table_.Parent()->PopNext(sent));
-    EXPECT_EQ(sent.Priority(), 3u);
-    EXPECT_EQ(sent.Ttl(), ttl);
-    EXPECT_EQ(sent.Originator(), "router1");
+  for (const std::string type : {"MS-RouterRegistered", "MS-RouterUnregistered"}) {
+    for (const std::int64_t ttl : {std::int64_t{0}, clock_.WallSeconds() + 99}) {
+      const std::string name = "leaf" + std::to_string(ttl);
+      MessageRouter::Logical& map = AMap();
+      if (type == "MS-RouterUnregistered") map.Store(name, "child1");
+      clock_.Advance(std::chrono::seconds(10));
+      Arrive(News(type, "child1", TextPayload(name)).WithPriority(3).WithTtl(ttl));
+      Envelope sent;
+      ASSERT_TRUE(table_.Parent()->PopNext(sent));
+      EXPECT_EQ(sent.Type(), type);
+      EXPECT_EQ(sent.Priority(), 3u);
+      EXPECT_EQ(sent.Ttl(), ttl);
+      EXPECT_EQ(sent.Originator(), "router1");
+    }
   }
 }
 

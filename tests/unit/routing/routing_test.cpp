@@ -364,6 +364,34 @@ TEST_F(RouteTest, ANameThatTheMapLeadsToAnUnregisteredOrUnknownChildIsUnknown) {
   EXPECT_TRUE(Unrouteable("leaf1"));
 }
 
+TEST_F(RouteTest, WhatCameDownDoesNotGoUpAgainByTheMapOrForWantOfAHop) {
+  Entry& parent = AParent();
+  table_.SetParentName("boss");
+  AMap().Store("leaf", "boss");
+  for (const char* destination : {"leaf", "leaf.agent", "router1.leaf", ""}) {
+    log_.Clear();
+    Route(AStoredEnvelope("1.msg").WithDestination(destination).FromParent());
+    EXPECT_FALSE(parent.HasEnvelopes()) << destination;
+    EXPECT_TRUE(Unrouteable(*destination == '\0' ? "nowhere" : "leaf")) << destination;
+    EXPECT_FALSE(FileExists("1.msg")) << destination;
+  }
+}
+
+TEST_F(RouteTest, WhatComesFromBelowGoesUpByTheMapToo) {
+  Entry& parent = AParent();
+  table_.SetParentName("boss");
+  AMap().Store("leaf", "boss");
+  Route(AnEnvelope().WithDestination("leaf"));
+  EXPECT_TRUE(parent.HasEnvelopes());
+}
+
+TEST_F(RouteTest, TheParentsNameInTheTableIsTakenWhereverTheEnvelopeCameFrom) {
+  Entry& parent = AParent();
+  table_.SetParentName("boss");
+  Route(AnEnvelope().WithDestination("boss").FromParent());
+  EXPECT_TRUE(parent.HasEnvelopes());
+}
+
 TEST_F(RouteTest, AMapThatCannotBeOpenedFindsNothing) {
   routing_.SetLogical(std::make_unique<MessageRouter::Logical>("no/such/folder/LogicalTable"));
   Route(AnEnvelope().WithDestination("stranger"));
