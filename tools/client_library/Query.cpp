@@ -1,5 +1,7 @@
 #include "client_library/Query.h"
 
+#include <random>
+#include <string_view>
 #include <thread>
 
 #include "client_library/Failure.h"
@@ -11,8 +13,8 @@ namespace {
 constexpr char kThisRouter[] = ":";
 constexpr char kUnknownType[] = "MS-UnknownMessageType";
 constexpr char kBadFormat[] = "MS-BadMessageFormat";
-// Priorities are compared as unsigned numbers.
-constexpr CORBA::Long kHighest = -1;
+constexpr std::string_view kManagement = "EM-";
+constexpr std::string_view kReply = "-Reply";
 constexpr std::chrono::milliseconds kPause{50};
 
 // Whether the payload is of that name; one that is of nobody may be.
@@ -21,28 +23,45 @@ bool IsAbout(const CORBA::Any& payload, const std::string& name) {
   return !(payload >>= status) || name == status->name.in();
 }
 
+std::uint32_t PriorityOf(const BrelixMessaging::Envelope& envelope) {
+  return static_cast<std::uint32_t>(envelope.client_info.prio);
+}
+
+std::uint32_t DrawPriority() {
+  std::random_device random;
+  return Query::kLowestPriority | random();
+}
+
+void LogOffQuietly(FetchingClient& router) {
+  try {
+    router.Logoff();
+  } catch (const Failure&) {
+    // What the caller is told is that no answer came.
+  }
+}
+
 }  // namespace
 
 Query Query::ClientStatus(const std::string& name) {
-  return {"EM-GetClientStatus", name};
+  return {"EM-GetClientStatus", name, DrawPriority()};
 }
 
 Query Query::Heartbeat() {
-  return {"EM-Heartbeat", ""};
+  return {"EM-Heartbeat", "", DrawPriority()};
 }
 
 Query Query::ClientUpdates() {
-  return {"EM-NotifyClientUpdates", ""};
+  return {"EM-NotifyClientUpdates", "", DrawPriority()};
 }
 
 Query Query::RouterUpdates() {
-  return {"EM-NotifyRouterUpdates", ""};
+  return {"EM-NotifyRouterUpdates", "", DrawPriority()};
 }
 
 BrelixMessaging::Message AsMessage(const Query& query, std::chrono::milliseconds limit) {
   BrelixMessaging::Message message;
   message.destination = kThisRouter;
-  message.prio = kHighest;
+  message.prio = static_cast<CORBA::Long>(query.priority);
   message.ttl = 1 + static_cast<CORBA::Long>(limit.count() / 1000);
   message.type = query.type.c_str();
   message.custom_data <<= query.name.c_str();
@@ -56,7 +75,7 @@ bool IsRefusal(const BrelixMessaging::Envelope& answer) {
 
 bool IsAnswer(const BrelixMessaging::Envelope& envelope, const Query& query,
               const std::string& router) {
-  if (router != envelope.originator.in()) return false;
+  if (router != envelope.originator.in() || PriorityOf(envelope) != query.priority) return false;
   const CORBA::Any& payload = envelope.client_info.custom_data;
   if (IsRefusal(envelope)) {
     const char* type = nullptr;
@@ -65,27 +84,30 @@ bool IsAnswer(const BrelixMessaging::Envelope& envelope, const Query& query,
   return envelope.client_info.type.in() == query.type + "-Reply" && IsAbout(payload, query.name);
 }
 
-std::unique_ptr<BrelixMessaging::Envelope> Ask(RouterConnection& router, const Query& query,
+bool IsAnyAnswer(const BrelixMessaging::Envelope& envelope, const std::string& router) {
+  if (router != envelope.originator.in()) return false;
+  if (PriorityOf(envelope) < Query::kLowestPriority) return false;
+  const std::string_view type = envelope.client_info.type.in();
+  return IsRefusal(envelope) || (type.starts_with(kManagement) && type.ends_with(kReply));
+}
+
+std::unique_ptr<BrelixMessaging::Envelope> Ask(FetchingClient& router, const Query& query,
                                                std::chrono::milliseconds limit) {
   const auto& clock = Platform::Clock::Instance();
   const auto end = clock.SteadyNow() + limit;
   const std::string name = router.RouterName();
-  const auto fetch = [&] {
-    std::unique_ptr<BrelixMessaging::Envelope> envelope = router.Get();
-    if (envelope != nullptr && !IsAnswer(*envelope, query, name)) envelope = nullptr;
-    if (envelope != nullptr) router.Acknowledge(*envelope);
-    return envelope;
-  };
-  router.LogonPull();
-  while (fetch() != nullptr) {
-  }
+  router.LogonPull(nullptr);
   router.Send(AsMessage(query, limit));
   while (true) {
-    if (auto answer = fetch()) return answer;
+    auto envelope = router.Get();
+    // Only the first envelope can be seen: a late answer that stayed there would hide all others.
+    const bool taken = envelope != nullptr && IsAnyAnswer(*envelope, name);
+    if (taken) router.Acknowledge(*envelope);
+    if (taken && IsAnswer(*envelope, query, name)) return envelope;
     if (clock.SteadyNow() >= end) break;
-    std::this_thread::sleep_for(kPause);
+    if (!taken) std::this_thread::sleep_for(kPause);
   }
-  router.Logoff();
+  LogOffQuietly(router);
   throw Failure(Outcome::TimedOut, "no answer to " + query.type +
                                        " in time; the router answers some questions only to who "
                                        "has the management role");

@@ -31,14 +31,33 @@ struct ConnectionSettings {
   bool server = false;
 };
 
+// What a client does that fetches what waits for it. Every failure is a Failure.
+class FetchingClient {
+ public:
+  virtual ~FetchingClient() = default;
+
+  virtual std::string RouterName() = 0;
+  // The envelopes wait until they are fetched. `notified`, unless it is empty, is called on the
+  // ORB's threads when the router says that something waits; it counts from the first logon on, and
+  // must not call this object. A notification can get lost, and then no other comes.
+  virtual void LogonPull(std::function<void()> notified) = 0;
+  virtual void Logoff() = 0;
+
+  // The rest needs a logon.
+  virtual BrelixMessaging::MessageId Send(const BrelixMessaging::Message& message) = 0;
+  // Null if nothing waits. What is not acknowledged comes again.
+  virtual std::unique_ptr<BrelixMessaging::Envelope> Get() = 0;
+  virtual void Acknowledge(const BrelixMessaging::Envelope& envelope) = 0;
+};
+
 // A program's connection to one router, as one client. It has the process's ORB, so there is one
 // at a time.
 // Every failure is a Failure. Threads: one at a time; the sink is called on the ORB's.
-class RouterConnection {
+class RouterConnection : public FetchingClient {
  public:
   RouterConnection(const Identity& identity, ConnectionSettings settings);
   // Ends the ORB; a sink is no longer called after it.
-  ~RouterConnection();
+  ~RouterConnection() override;
   RouterConnection(const RouterConnection&) = delete;
   RouterConnection& operator=(const RouterConnection&) = delete;
 
@@ -46,27 +65,23 @@ class RouterConnection {
   // operations below do so by themselves the first time.
   void Open();
 
-  std::string RouterName();
+  std::string RouterName() override;
   void Register();
   void Unregister();
 
   // The router calls back while the logon is in progress. The sink must outlive the connection.
   void LogonPush(EnvelopeSink& sink);
-  // The envelopes wait until they are fetched. `notified`, unless it is empty, is called on the
-  // ORB's threads when the router says that something waits; it counts from the first logon on, and
-  // must not call this object. A notification can get lost, and then no other comes.
-  void LogonPull(std::function<void()> notified = nullptr);
-  void Logoff();
+  void LogonPull(std::function<void()> notified = nullptr) override;
+  void Logoff() override;
 
   // The rest needs a logon.
-  BrelixMessaging::MessageId Send(const BrelixMessaging::Message& message);
+  BrelixMessaging::MessageId Send(const BrelixMessaging::Message& message) override;
   // Whether the message was still there to be withdrawn.
   bool Cancel(const std::string& destination, BrelixMessaging::MessageId id);
   // Fails if the router no longer knows this logon.
   void Heartbeat();
-  // Null if nothing waits. What is not acknowledged comes again.
-  std::unique_ptr<BrelixMessaging::Envelope> Get();
-  void Acknowledge(const BrelixMessaging::Envelope& envelope);
+  std::unique_ptr<BrelixMessaging::Envelope> Get() override;
+  void Acknowledge(const BrelixMessaging::Envelope& envelope) override;
 
   // Takes no further envelopes, and returns when the router has its answer for the ones under way.
   void CloseDoor();
