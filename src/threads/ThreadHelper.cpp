@@ -3,6 +3,7 @@
 #include <ace/Thread_Manager.h>
 #include <cxxabi.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
@@ -28,6 +29,14 @@ std::string ClassName(const std::type_info& type) {
   const std::unique_ptr<char, decltype(&std::free)> name(
       abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), &std::free);
   return name != nullptr ? name.get() : type.name();
+}
+
+// What tools that list threads show.
+std::string ShortClassName(const std::type_info& type) {
+  std::string name = ClassName(type);
+  name.erase(std::min(name.find('<'), name.size()));
+  const std::size_t scope = name.rfind("::");
+  return scope == std::string::npos ? name : name.substr(scope + 2);
 }
 
 template <class T>
@@ -95,6 +104,7 @@ void BasicThreadHelper::Run() {
   std::string prefix;
   try {
     prefix = Prefix(*this);
+    Platform::SetThreadName(ShortClassName(typeid(*this)).c_str());
     MessageRouter::LogTrace("+++ %sBasicThreadHelper: starting.\n", prefix.c_str());
     Process();
     return;

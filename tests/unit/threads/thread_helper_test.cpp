@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <functional>
 #include <semaphore>
 #include <sstream>
@@ -54,6 +55,17 @@ TEST(Thread, RunsProcessOnAThreadOfItsOwn) {
   EXPECT_EQ(thread.Join(), 0);
   EXPECT_NE(id, 0u);
   EXPECT_NE(id, Platform::ThreadId());
+}
+
+TEST(Thread, BearsTheNameOfItsClass) {
+  std::string name;
+  TestThread thread([&](TestThread&) {
+    std::ifstream stream("/proc/thread-self/comm");
+    std::getline(stream, name);
+  });
+  thread.Start();
+  thread.Join();
+  EXPECT_EQ(name, "TestThread");
 }
 
 TEST(Thread, LogsItsStartWithItsClass) {
