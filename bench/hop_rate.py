@@ -128,7 +128,8 @@ def measure_hop(work, identities, count, store, sync):
         rate = min(sent["per_second"], received["per_second"])
         return {"sent_per_second": sent["per_second"],
                 "received_per_second": received["per_second"], "per_second": rate,
-                "cpu_us": used / (count + warmup) * 1e6, "wall": wall}
+                "cpu_us": used / (count + warmup) * 1e6, "wall": wall,
+                "ends_cpu_us": sent["processor_us"] + received["processor_us"]}
     finally:
         if receiver:
             receiver.wait(20)

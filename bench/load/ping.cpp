@@ -1,12 +1,9 @@
 // One active client: how long its calls take.
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <nlohmann/json.hpp>
 #include <string>
-#include <vector>
 
+#include "Latencies.h"
 #include "client_library/RouterConnection.h"
 
 int main(int argc, char** argv) {
@@ -23,19 +20,13 @@ int main(int argc, char** argv) {
     ClientLibrary::RouterConnection connection(ClientLibrary::Identity::FromFolder(identity),
                                                settings);
     for (int i = 0; i < 100; ++i) connection.RouterName();
-    std::vector<double> microseconds;
+    Bench::Latencies latencies;
     for (unsigned i = 0; i < count; ++i) {
-      const auto begin = std::chrono::steady_clock::now();
+      const auto begin = Bench::SteadyClock::now();
       connection.RouterName();
-      microseconds.push_back(
-          std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - begin)
-              .count());
+      latencies.Add(Bench::MicrosecondsSince(begin));
     }
-    std::sort(microseconds.begin(), microseconds.end());
-    const nlohmann::json result = {{"count", count},
-                                   {"median_us", microseconds[count / 2]},
-                                   {"p99_us", microseconds[count * 99 / 100]}};
-    std::printf("%s\n", result.dump().c_str());
+    std::printf("%s\n", latencies.Report().dump().c_str());
     return 0;
   } catch (const std::exception& exception) {
     std::fprintf(stderr, "bench_ping: %s\n", exception.what());

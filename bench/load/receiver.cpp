@@ -1,26 +1,30 @@
-// A client that takes pushed envelopes and counts them.
+// A client that takes pushed envelopes and counts them, and tells how old the stamped ones were.
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <string>
 
+#include "Latencies.h"
 #include "client_library/Failure.h"
 #include "client_library/RouterConnection.h"
 
 namespace {
 
-using SteadyClock = std::chrono::steady_clock;
+using Bench::SteadyClock;
 
 class CountingSink : public ClientLibrary::EnvelopeSink {
  public:
   explicit CountingSink(unsigned wanted) : wanted_(wanted) {}
 
-  bool Take(const BrelixMessaging::Envelope&) override {
+  bool Take(const BrelixMessaging::Envelope& envelope) override {
+    const char* text = "";
+    envelope.client_info.custom_data >>= text;
+    const auto age = Bench::AgeOfStamp(text);
     const std::lock_guard<std::mutex> guard(mutex_);
+    if (age) latencies_.Add(*age);
     if (count_ == 0) first_ = SteadyClock::now();
     if (++count_ == wanted_) {
       last_ = SteadyClock::now();
@@ -40,6 +44,10 @@ class CountingSink : public ClientLibrary::EnvelopeSink {
     const std::lock_guard<std::mutex> guard(mutex_);
     return std::chrono::duration<double>(last_ - first_).count();
   }
+  nlohmann::json Report() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return latencies_.Report();
+  }
 
  private:
   const unsigned wanted_;
@@ -48,6 +56,7 @@ class CountingSink : public ClientLibrary::EnvelopeSink {
   unsigned count_ = 0;
   SteadyClock::time_point first_;
   SteadyClock::time_point last_;
+  Bench::Latencies latencies_;
 };
 
 }  // namespace
@@ -84,7 +93,9 @@ int main(int argc, char** argv) {
     const nlohmann::json result = {{"count", sink.Count()},
                                    {"complete", all},
                                    {"seconds", all ? sink.Seconds() : 0.0},
-                                   {"per_second", all ? (count - 1) / sink.Seconds() : 0.0}};
+                                   {"per_second", all ? (count - 1) / sink.Seconds() : 0.0},
+                                   {"processor_us", Bench::ProcessorMicroseconds() / count},
+                                   {"stamped", sink.Report()}};
     std::printf("%s\n", result.dump().c_str());
     std::fflush(stdout);
     connection.CloseDoor();

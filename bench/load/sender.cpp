@@ -1,15 +1,17 @@
-// Pushes envelopes over one link, one after the other, as a neighbour router does.
+// Sends messages one after the other: as a neighbour router pushes them over one link, or as a
+// client.
 #include <BrelixMessaging.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <nlohmann/json.hpp>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "Latencies.h"
 #include "broker/Orb.h"
 #include "client_library/Failure.h"
 #include "client_library/Identity.h"
@@ -17,15 +19,21 @@
 
 namespace {
 
-using SteadyClock = std::chrono::steady_clock;
+using Bench::SteadyClock;
+using BrelixMessaging::Envelope;
 
-BrelixMessaging::Envelope MakeEnvelope(const std::string& router, const std::string& destination,
-                                       const std::string& certificate, std::size_t payload) {
-  BrelixMessaging::Envelope envelope;
+Envelope MakeEnvelope(const std::string& router, const std::string& destination,
+                      const std::string& certificate, const std::string& text) {
+  Envelope envelope;
   envelope.originator = (router + ".sender").c_str();
   envelope.originator_certificate = certificate.c_str();
-  envelope.physical_destination.length(1);
-  envelope.physical_destination[0] = destination.c_str();
+  CORBA::ULong hops = 0;
+  for (std::size_t begin = 0; begin <= destination.size();) {
+    const std::size_t end = std::min(destination.find('.', begin), destination.size());
+    envelope.physical_destination.length(hops + 1);
+    envelope.physical_destination[hops++] = destination.substr(begin, end - begin).c_str();
+    begin = end + 1;
+  }
   envelope.timestamps.length(2);
   envelope.timestamps[0].name = "sender";
   envelope.timestamps[0].utc_time = 0;
@@ -37,16 +45,19 @@ BrelixMessaging::Envelope MakeEnvelope(const std::string& router, const std::str
   envelope.client_info.ttl = 0;
   envelope.client_info.type = "Bench.Load";
   envelope.client_info.delivery_options = "";
-  envelope.client_info.custom_data <<= std::string(payload, 'x').c_str();
+  envelope.client_info.custom_data <<= text.c_str();
   return envelope;
 }
 
-BrelixMessaging::RouterConsumer_var ConsumerOfRouter(CORBA::ORB_ptr orb, const std::string& host,
-                                                     std::uint16_t port) {
+BrelixMessaging::MessageRouter_var RootOfRouter(CORBA::ORB_ptr orb, const std::string& host,
+                                                std::uint16_t port) {
   const std::string ior = ClientLibrary::FetchIor(host, port, std::chrono::seconds(10));
   const CORBA::Object_var object = orb->string_to_object(ior.c_str());
-  const auto root =
-      BrelixMessaging::MessageRouter_var(BrelixMessaging::MessageRouter::_unchecked_narrow(object));
+  return BrelixMessaging::MessageRouter::_unchecked_narrow(object);
+}
+
+BrelixMessaging::RouterConsumer_var ConsumerOfRouter(
+    const BrelixMessaging::MessageRouter_var& root) {
   const BrelixMessaging::Router_var router = root->GetRouter();
   try {
     router->Register();
@@ -61,28 +72,83 @@ BrelixMessaging::RouterConsumer_var ConsumerOfRouter(CORBA::ORB_ptr orb, const s
   return consumer;
 }
 
-}  // namespace
+BrelixMessaging::MessageConsumer_var ConsumerOfMessages(
+    const BrelixMessaging::MessageRouter_var& root) {
+  const BrelixMessaging::Client_var client = root->GetClient();
+  try {
+    client->Register();
+  } catch (const BrelixMessaging::AlreadyRegistered&) {
+  }
+  BrelixMessaging::MessageConsumer_var consumer;
+  BrelixMessaging::EnvelopeSupplier_var supplier;
+  client->LogonPushPull(BrelixMessaging::NotifyConsumer::_nil(), consumer.out(), supplier.out());
+  return consumer;
+}
 
-int main(int argc, char** argv) {
-  CLI::App app("Pushes envelopes and prints how fast, as one line of JSON.");
-  std::string identity;
-  std::string iorFile;
-  std::string host = "localhost";
-  std::string destination = "receiver";
-  std::string certificateFile;
-  std::uint16_t port = 0;
+struct Load {
+  std::vector<std::string> destinations;  // in turn
   unsigned count = 10000;
   unsigned warmup = 200;
   std::size_t payload = 1024;
+  double rate = 0;
+  bool stamp = false;
+};
+
+// Calls `send` with each envelope; prints how long that took.
+void Run(const Load& load, std::vector<Envelope>& envelopes,
+         const std::function<void(const Envelope&)>& send) {
+  CORBA::Long id = 1;
+  const auto next = [&]() -> const Envelope& {
+    Envelope& envelope = envelopes[static_cast<std::size_t>(id) % envelopes.size()];
+    envelope.message_id = id++;
+    if (load.stamp) {
+      envelope.client_info.custom_data <<= Bench::StampedText(load.payload).c_str();
+    }
+    return envelope;
+  };
+  for (unsigned i = 0; i < load.warmup; ++i) send(next());
+  Bench::Latencies latencies;
+  const auto begin = SteadyClock::now();
+  for (unsigned i = 0; i < load.count; ++i) {
+    if (load.rate > 0) {
+      std::this_thread::sleep_until(
+          begin + std::chrono::microseconds(static_cast<std::int64_t>(i * 1e6 / load.rate)));
+    }
+    const auto start = SteadyClock::now();
+    send(next());
+    latencies.Add(Bench::MicrosecondsSince(start));
+  }
+  const double seconds = Bench::MicrosecondsSince(begin) / 1e6;
+  nlohmann::json result = latencies.Report();
+  result["seconds"] = seconds;
+  result["per_second"] = load.count / seconds;
+  result["processor_us"] = Bench::ProcessorMicroseconds() / (load.warmup + load.count);
+  std::printf("%s\n", result.dump().c_str());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Sends messages and prints how fast, as one line of JSON.");
+  std::string identity;
+  std::string iorFile;
+  std::string host = "localhost";
+  std::uint16_t port = 0;
+  bool asClient = false;
+  Load load;
   app.add_option("--identity", identity)->required();
   app.add_option("--ior-file", iorFile, "the bare server's reference");
   app.add_option("--host", host);
   app.add_option("--port", port, "the router's IOR port");
-  app.add_option("--destination", destination);
-  app.add_option("--count", count);
-  app.add_option("--warmup", warmup);
-  app.add_option("--payload", payload, "bytes");
+  app.add_flag("--as-client", asClient, "else as a router, with ids of its own");
+  app.add_option("--destination", load.destinations, "several take turns; default: receiver");
+  app.add_option("--count", load.count);
+  app.add_option("--warmup", load.warmup);
+  app.add_option("--payload", load.payload, "bytes");
+  app.add_option("--rate", load.rate, "a second; default: as fast as possible");
+  app.add_flag("--stamp", load.stamp, "each payload tells when it was sent");
   CLI11_PARSE(app, argc, argv);
+  if (load.destinations.empty()) load.destinations = {"receiver"};
 
   const auto who = ClientLibrary::Identity::FromFolder(identity);
   std::ifstream pem(identity + "/certificate.pem");
@@ -92,9 +158,20 @@ int main(int argc, char** argv) {
   settings.configureTls = [&who](SSL_CTX* context) { who.Apply(context); };
   Broker::Orb orb(argc, argv, settings);
   try {
+    std::vector<Envelope> envelopes;
+    for (const std::string& destination : load.destinations) {
+      envelopes.push_back(
+          MakeEnvelope(who.CommonName(), destination, certificate, std::string(load.payload, 'x')));
+    }
+    if (asClient) {
+      const auto consumer = ConsumerOfMessages(RootOfRouter(orb.Get(), host, port));
+      Run(load, envelopes,
+          [&](const Envelope& envelope) { consumer->SendMessage(envelope.client_info); });
+      return 0;
+    }
     BrelixMessaging::RouterConsumer_var consumer;
     if (iorFile.empty()) {
-      consumer = ConsumerOfRouter(orb.Get(), host, port);
+      consumer = ConsumerOfRouter(RootOfRouter(orb.Get(), host, port));
     } else {
       std::ifstream stream(iorFile);
       std::string ior;
@@ -102,31 +179,7 @@ int main(int argc, char** argv) {
       const CORBA::Object_var object = orb.Get()->string_to_object(ior.c_str());
       consumer = BrelixMessaging::RouterConsumer::_unchecked_narrow(object);
     }
-    auto envelope = MakeEnvelope(who.CommonName(), destination, certificate, payload);
-    CORBA::Long id = 1;
-    for (unsigned i = 0; i < warmup; ++i) {
-      envelope.message_id = id++;
-      consumer->SendEnvelope(envelope);
-    }
-    std::vector<double> microseconds;
-    microseconds.reserve(count);
-    const auto begin = SteadyClock::now();
-    auto last = begin;
-    for (unsigned i = 0; i < count; ++i) {
-      envelope.message_id = id++;
-      consumer->SendEnvelope(envelope);
-      const auto now = SteadyClock::now();
-      microseconds.push_back(std::chrono::duration<double, std::micro>(now - last).count());
-      last = now;
-    }
-    const double seconds = std::chrono::duration<double>(last - begin).count();
-    std::sort(microseconds.begin(), microseconds.end());
-    const nlohmann::json result = {{"count", count},
-                                   {"seconds", seconds},
-                                   {"per_second", count / seconds},
-                                   {"median_us", microseconds[count / 2]},
-                                   {"p99_us", microseconds[count * 99 / 100]}};
-    std::printf("%s\n", result.dump().c_str());
+    Run(load, envelopes, [&](const Envelope& envelope) { consumer->SendEnvelope(envelope); });
     return 0;
   } catch (const CORBA::Exception& exception) {
     std::fprintf(stderr, "bench_sender: %s\n", ClientLibrary::ShortName(exception).c_str());

@@ -1,0 +1,104 @@
+#!/usr/bin/env python3
+"""Sick children among many: one that is slow, one that is frozen and one that is cut off, and how
+long messages to the others take against a tree where all are well.
+
+A neighbour router pushes messages to the parent, in turn for each child, which the parent pushes on.
+Each kind of sick child is a process of its own, the cut one on a host of its own.
+
+Usage: bench/fifty_children.py [--children N] [--rate N] [--seconds N] [--rounds N] [--senders N]...
+Needs root, for network namespaces.
+"""
+
+import argparse
+import json
+import math
+import statistics
+import subprocess
+import sys
+
+from hop_rate import BIN
+from stage import Stage
+
+SICK = ("slow", "frozen", "cut")
+SLOW_MILLISECONDS = 500
+
+
+class Tree:
+    """The parent and its children, all well."""
+
+    def __init__(self, stage, hosts, children, senders):
+        self.stage = stage
+        self.hosts = {name: hosts.add(name) for name in ("parent", "cut")}
+        here = self.hosts["parent"]
+        self.others = stage.children(here)
+        for name in ("parent", "neighbour", *SICK):
+            self.others("identity", name)
+        self.parent = stage.router("parent", host=here, NumSenderThreads=senders).start()
+        self.sick = {name: stage.children(self.hosts.get(name, here)) for name in SICK}
+        for family in (self.others, *self.sick.values()):
+            family("router", here.address, self.parent.ior_port)
+        self.others("children", children - len(SICK), 0)
+        for name, family in self.sick.items():
+            family("child", name)
+        self.names = [f"child-{1 + i}" for i in range(children - len(SICK))] + list(SICK)
+
+    def measure(self, rate, seconds):
+        """The others' latencies."""
+        self.others("report")
+        destinations = [word for name in self.names for word in ("--destination", name + ".agent")]
+        done = subprocess.run(
+            [*self.parent.within, BIN / "bench_sender", "--identity",
+             self.stage.identities / "neighbour", "--host", self.parent.address, "--port",
+             str(self.parent.ior_port), *destinations, "--stamp", "--rate", str(rate), "--count",
+             str(int(rate * seconds)), "--warmup", "0"],
+            check=True, capture_output=True, text=True)
+        sent = json.loads(done.stdout)
+        report = self.others("report")
+        report["expected"] = sent["count"] * (len(self.names) - len(SICK)) // len(self.names)
+        return report
+
+    def fall_ill(self):
+        self.sick["slow"]("delay", SLOW_MILLISECONDS)
+        self.sick["frozen"].freeze()
+        self.hosts["parent"].deafen(self.hosts["cut"])
+        self.hosts["cut"].deafen(self.hosts["parent"])
+
+
+def p99(report):
+    """Of all that were sent; what has not arrived has taken for ever."""
+    return report["p99_us"] if report["count"] >= 0.99 * report["expected"] else math.inf
+
+
+def text(report):
+    return (f"{report['count']} of {report['expected']} arrived, median "
+            f"{report.get('median_us', 0) / 1e3:.2f} ms, 99th percentile "
+            f"{p99(report) / 1e3:.2f} ms")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--children", type=int, default=50)
+    parser.add_argument("--rate", type=float, default=250, help="messages a second, to all together")
+    parser.add_argument("--seconds", type=float, default=20)
+    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--senders", type=int, action="append", help="NumSenderThreads; default: 8")
+    options = parser.parse_args()
+    for senders in options.senders or [8]:
+        ratios = []
+        for _ in range(options.rounds):
+            with Stage() as stage:
+                tree = Tree(stage, stage.hosts(), options.children, senders)
+                tree.measure(options.rate, 2)  # so that all connections are there
+                well = tree.measure(options.rate, options.seconds)
+                tree.fall_ill()
+                ill = tree.measure(options.rate, options.seconds)
+                ratios.append(p99(ill) / p99(well))
+                print(f"{senders} senders, all well: {text(well)}\n"
+                      f"{senders} senders, three sick: {text(ill)}, ratio {ratios[-1]:.2f}",
+                      flush=True)
+        print(f"{senders} senders: median ratio {statistics.median(ratios):.2f}", flush=True)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
