@@ -46,7 +46,8 @@ CORBA::Any AsPayload(const std::string& text) {
 CORBA::Any StatusOf(const std::string& name, const RouterTable& table) {
   CORBA::Any any;
   const RouterTableEntry* const entry = table.Find(name);
-  if (entry == nullptr || !entry->IsRegistered()) return any;
+  // Under another name by now it is another peer.
+  if (entry == nullptr || !entry->IsRegistered() || entry->Name() != name) return any;
   BrelixMessaging::RouterClient status;
   status.name = name.c_str();
   status.isRouter = entry->IsRouter();
@@ -88,23 +89,29 @@ void Dispatcher::HandleManagement(Envelope& envelope, RouterTable& table) {
   std::string replyType;  // empty: no reply
   CORBA::Any data;
   TimeToLive ttl = TimeToLive::Stated(MessageTimeoutSeconds());
+  const auto refuse = [&] {
+    line += " - Badly formatted message";
+    replyType = SystemMessageType("BadMessageFormat");
+    data = AsPayload(type);
+  };
+  const auto subscribe = [&](UpdateNotifier& notifier, const char* name) {
+    line += name;
+    replyType = ManagementReplyType(name);
+    if (!notifier.SetDestination(envelope.Originator())) refuse();
+  };
 
   if (is("GetClientStatus")) {
     line += "GetClientStatus";
     const std::string name = PayloadAsString(envelope);
     if (name.empty()) {
-      line += " - Badly formatted message";
-      replyType = SystemMessageType("BadMessageFormat");
-      data = AsPayload(type);
+      refuse();
     } else {
       line += " " + Shown(name);
       replyType = ManagementReplyType("GetClientStatus");
       data = StatusOf(name, table);
     }
   } else if (is("NotifyClientUpdates")) {
-    line += "NotifyClientUpdates";
-    routing_.ClientUpdates().SetDestination(envelope.Originator());
-    replyType = ManagementReplyType("NotifyClientUpdates");
+    subscribe(routing_.ClientUpdates(), "NotifyClientUpdates");
   } else if (!HasManagementRole(envelope.GetOriginatorCert())) {
     line = "Management message (" + Shown(type) + ") UNAUTHORISED";
   } else if (is("Heartbeat")) {
@@ -112,9 +119,7 @@ void Dispatcher::HandleManagement(Envelope& envelope, RouterTable& table) {
     replyType = ManagementReplyType("Heartbeat");
     ttl = TimeToLive::Until(envelope.Ttl());
   } else if (is("NotifyRouterUpdates")) {
-    line += "NotifyRouterUpdates";
-    routing_.RouterUpdates().SetDestination(envelope.Originator());
-    replyType = ManagementReplyType("NotifyRouterUpdates");
+    subscribe(routing_.RouterUpdates(), "NotifyRouterUpdates");
   } else {
     line = "Management message (" + Shown(type) + ") - unknown,";
     replyType = SystemMessageType("UnknownMessageType");

@@ -16,7 +16,7 @@ struct HashDatabase {
   bool Select(std::uint32_t hash);
   bool LoadPage(std::uint64_t number);
   bool WritePage(std::uint64_t number, const HashPage& content);
-  bool MakeRoom(std::uint32_t hash, std::size_t size);
+  bool MakeRoom(std::string_view key, std::uint32_t hash, std::size_t size);
   bool Split(std::uint32_t hash);
   bool LoadDirectoryBlock(std::uint64_t number);
   bool ReadBit(std::uint64_t node, bool& set);
@@ -57,6 +57,13 @@ constexpr char kCannotInsert[] = "sdbm: cannot insert after SPLTMAX attempts.\n"
 
 std::uint64_t ChildOf(std::uint64_t node, bool right) {
   return 2 * node + (right ? 2 : 1);
+}
+
+// A damaged page may have the key twice.
+HashPage Without(const HashPage& page, std::string_view key) {
+  HashPage rest = page;
+  while (const auto pair = rest.Find(key)) rest.Remove(*pair);
+  return rest;
 }
 
 bool IsUsable(const HashDatabase* database) {
@@ -169,10 +176,12 @@ bool HashDatabase::Split(std::uint32_t hash) {
   return true;
 }
 
-bool HashDatabase::MakeRoom(std::uint32_t hash, std::size_t size) {
+// A pair that is to be replaced is divided with the others, and goes with the last page that is
+// written: its successor's.
+bool HashDatabase::MakeRoom(std::string_view key, std::uint32_t hash, std::size_t size) {
   for (int attempt = 0; attempt < SPLTMAX && mask != kAllBits; ++attempt) {
     if (!Split(hash)) return false;
-    if (page.HasRoomFor(size)) return true;
+    if (Without(page, key).HasRoomFor(size)) return true;
   }
   std::fputs(kCannotInsert, stderr);
   return Fail(EFBIG);
@@ -219,7 +228,7 @@ HashDatabasePtr sdbm_open(const std::string& name, unsigned flags, unsigned mode
 }
 
 void sdbm_close(HashDatabase* database) {
-  HashDatabaseCloser()(database);
+  if (IsUsable(database)) HashDatabaseCloser()(database);
 }
 
 std::optional<std::string_view> sdbm_fetch(HashDatabase* database, std::string_view key) {
@@ -239,12 +248,9 @@ int sdbm_store(HashDatabase* database, std::string_view key, std::string_view va
   const std::uint32_t hash = HashOfKey(key);
   if (!database->Select(hash)) return -1;
   HashPage& page = database->page;
-  // A damaged page may have the key twice.
-  while (const auto pair = page.Find(key)) {
-    if (flags != kReplace) return 1;
-    page.Remove(*pair);
-  }
-  if (!page.HasRoomFor(size) && !database->MakeRoom(hash, size)) return -1;
+  if (flags != kReplace && page.Find(key)) return 1;
+  if (!Without(page, key).HasRoomFor(size) && !database->MakeRoom(key, hash, size)) return -1;
+  page = Without(page, key);
   page.Add(key, value);
   return database->WritePage(*database->pageNumber, page) ? 0 : -1;
 }
@@ -270,7 +276,7 @@ std::optional<std::string_view> sdbm_nextkey(HashDatabase* database) {
 }
 
 int sdbm_error(const HashDatabase* database) {
-  return database == nullptr ? EINVAL : database->error;
+  return IsUsable(database) ? database->error : EINVAL;
 }
 
 }  // namespace MessageRouter

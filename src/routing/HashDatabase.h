@@ -16,7 +16,7 @@ namespace MessageRouter {
 //
 // Whatever is in the files, an operation ends, with a result or a failure: never with a crash or an
 // endless walk. Nothing is synced. A process that is killed within a store, and a disk that is full
-// then, leave what was stored before where it is found.
+// then, leave what was stored before where it is found, what was to be replaced too.
 //
 // A null handle and an empty key are refused with EINVAL in errno, a change through a handle that
 // only reads with EPERM. Results that are views stay good until the next call.

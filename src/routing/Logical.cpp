@@ -22,11 +22,11 @@ bool RemoveIfThere(const std::string& path) {
 
 Logical::Logical(std::string path) : path_(std::move(path)) {
   const ThreadHelper::WriteGuard guard(mutex_);
-  if (!guard || !Open()) LogError("Failed to open logical routing database\n");
+  if (!guard || !Open(kReadWrite | kCreate)) LogError("Failed to open logical routing database\n");
 }
 
-bool Logical::Open() {
-  database_ = sdbm_open(path_, kReadWrite | kCreate, kFileMode);
+bool Logical::Open(unsigned flags) {
+  database_ = sdbm_open(path_, flags, kFileMode);
   failureLogged_ = false;
   return database_ != nullptr;
 }
@@ -99,8 +99,10 @@ bool Logical::Reset() {
   const ThreadHelper::WriteGuard guard(mutex_);
   if (!guard) return false;
   database_.reset();
-  const bool removed = RemoveIfThere(path_ + ".dir") && RemoveIfThere(path_ + ".pag");
-  return Open() && removed;
+  const bool directory = RemoveIfThere(path_ + ".dir");
+  const bool pages = RemoveIfThere(path_ + ".pag");
+  // Half of the old files would be no map.
+  return Open(kReadWrite | kCreate | kTruncate) && directory && pages;
 }
 
 }  // namespace MessageRouter

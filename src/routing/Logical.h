@@ -1,10 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <iosfwd>
 #include <string>
 #include <vector>
 
-#include "logging/Streamable.h"
 #include "routing/HashDatabase.h"
 #include "threads/Mutex.h"
 
@@ -17,14 +17,14 @@ namespace MessageRouter {
 // with the files later makes the operation fail; the first failure is logged.
 // Threads: any. Each operation takes the lock to write, since a lookup too changes what the
 // database has in memory; the files are read and written beneath it, and nothing else.
-class Logical : public Streamable {
+class Logical final {
  public:
   static constexpr int kClosed = -2;
   static constexpr int kOtherOwner = -3;
 
   explicit Logical(std::string path);
   virtual bool IsClosed() const;
-  std::ostream& write(std::ostream& stream) const override;
+  virtual std::ostream& write(std::ostream& stream) const;
 
   std::string Lookup(const std::string& key) const;  // empty if absent or closed
   // 0, -1 for a failure, kClosed. Replaces.
@@ -34,7 +34,8 @@ class Logical : public Streamable {
   // Both append, and return the size of the list.
   std::size_t KeysOf(const std::string& owner, std::vector<std::string>& keys) const;
   std::size_t AllKeys(std::vector<std::string>& keys) const;
-  // Begins anew with empty files. False if that fails; the map is closed then.
+  // Begins anew with new files. False if any step of it fails: the map is closed then, or empty in
+  // the files that could not be deleted.
   bool Reset();
 
  private:
@@ -43,11 +44,11 @@ class Logical : public Streamable {
   Result WithDatabase(Result otherwise, Use&& use) const;
   template <class Wanted>
   std::size_t Collect(std::vector<std::string>& keys, Wanted&& wanted) const;
-  bool Open() REQUIRES(mutex_);
+  bool Open(unsigned flags) REQUIRES(mutex_);
 
   const std::string path_;
-  mutable ThreadHelper::RWMutex mutex_;
   HashDatabasePtr database_ GUARDED_BY(mutex_);  // null: closed
+  mutable ThreadHelper::RWMutex mutex_;
   mutable bool failureLogged_ GUARDED_BY(mutex_) = false;
 };
 

@@ -10,28 +10,31 @@
 namespace MessageRouter {
 
 UpdateNotifier::UpdateNotifier(Routing& routing, bool isRouters)
-    : routing_(routing),
-      isRouters_(isRouters),
+    : isRouters_(isRouters),
       configKey_(isRouters ? "NotifyRouterUpdate" : "NotifyClientUpdate"),
-      ttl_(MessageTimeoutSeconds()) {
-  const std::string destination = GetConfigString(configKey_, "", kMaxDestination);
+      ttl_(MessageTimeoutSeconds()),
+      routing_(routing) {
+  const std::string destination = GetConfigString(configKey_.c_str(), "", kMaxDestination);
   const ThreadHelper::Guard guard(mutex_);
   if (guard) destination_ = destination;
 }
 
-void UpdateNotifier::SetDestination(const std::string& destination) {
+bool UpdateNotifier::SetDestination(const std::string& destination) {
   if (destination.size() > kMaxDestination) {
     LogError("The address of a subscriber has %zu characters, which is too many\n",
              destination.size());
-    return;
+    return false;
   }
   {
     const ThreadHelper::Guard guard(mutex_);
-    if (!guard) return;
+    if (!guard) return true;
     destination_ = destination;
   }
-  SetConfigString(configKey_, destination);
+  // Anybody may ask for this as often as he likes, and each write goes onto stable storage.
+  if (GetConfigString(configKey_.c_str(), "", kMaxDestination) == destination) return true;
+  SetConfigString(configKey_.c_str(), destination);
   SaveConfiguration();
+  return true;
 }
 
 void UpdateNotifier::Registered(const std::string& name) {

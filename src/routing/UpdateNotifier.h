@@ -22,8 +22,9 @@ class UpdateNotifier {
   UpdateNotifier(Routing& routing, bool isRouters);
 
   // The address replaces the one before; empty ends the subscription. One that is too long is
-  // refused with an error line.
-  void SetDestination(const std::string& destination);
+  // refused with an error line, and the result is false. Writes the configuration, unless that is
+  // the subscriber already.
+  bool SetDestination(const std::string& destination);
 
   // A notice that can't be made is logged: it keeps nobody from registering or logging on.
   void Registered(const std::string& name);
@@ -35,14 +36,14 @@ class UpdateNotifier {
   void Send(const char* event, const std::string& name);
   std::string Destination() const;
 
-  Routing& routing_;
   const bool isRouters_;
-  // Leaf lock: the route thread replaces what the ORB's threads read.
-  mutable ThreadHelper::Mutex mutex_;
   std::string destination_ GUARDED_BY(mutex_);
-  const char* const configKey_;
+  const std::string configKey_;
   const std::uint32_t priority_ = 0;
   const std::int64_t ttl_;
+  Routing& routing_;
+  // Leaf lock: the route thread replaces what the ORB's threads read.
+  mutable ThreadHelper::Mutex mutex_;
 };
 
 }  // namespace MessageRouter

@@ -21,6 +21,7 @@ struct FileFaults {
   std::atomic<std::latch*> folderSyncHold{nullptr};
   // So many writes of placed files work, and none after them; below 0 all do.
   std::atomic<int> placedWritesLeft{-1};
+  std::atomic<bool> placedWritesTakeNothing{false};  // as some file systems do when full
 };
 FileFaults& Faults();
 

@@ -75,10 +75,12 @@ int PlacedFile::Write(std::uint64_t offset, const void* data, std::size_t size) 
   if (const int planned = PlannedError()) return planned;
   std::size_t written = 0;
   while (written < size) {
-    const ssize_t count = pwrite(state_->file.Get(), static_cast<const char*>(data) + written,
-                                 size - written, static_cast<off_t>(offset + written));
+    const std::size_t left = Faults().placedWritesTakeNothing ? 0 : size - written;
+    const ssize_t count = pwrite(state_->file.Get(), static_cast<const char*>(data) + written, left,
+                                 static_cast<off_t>(offset + written));
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return errno;
+    if (count == 0) return ENOSPC;
     written += static_cast<std::size_t>(count);
   }
   return 0;

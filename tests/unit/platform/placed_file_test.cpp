@@ -15,7 +15,10 @@ namespace {
 
 class PlacedFileTest : public Folder {
  protected:
-  ~PlacedFileTest() override { Faults().placedWritesLeft = -1; }
+  ~PlacedFileTest() override {
+    Faults().placedWritesLeft = -1;
+    Faults().placedWritesTakeNothing = false;
+  }
 
   static PlacedFile::Mode Made() { return {.write = true, .create = true, .permissions = 0600}; }
   static std::string Read(const PlacedFile& file, std::uint64_t offset, std::size_t size) {
@@ -107,6 +110,14 @@ TEST_F(PlacedFileTest, WritesFailAsATestPlannedIt) {
   EXPECT_EQ(file.Write(1, "b", 1), ENOSPC);
   EXPECT_EQ(file.Write(1, "b", 1), ENOSPC);
   EXPECT_EQ(Text("a"), "a");
+}
+
+TEST_F(PlacedFileTest, AWriteOfWhichNothingIsTakenFails) {
+  PlacedFile file;
+  ASSERT_EQ(file.Open(Path("a"), Made()), 0);
+  Faults().placedWritesTakeNothing = true;
+  EXPECT_EQ(file.Write(0, "a", 1), ENOSPC);
+  EXPECT_EQ(file.Write(0, "", 0), 0);
 }
 
 TEST_F(PlacedFileTest, WithNothingOpenEveryOperationFails) {

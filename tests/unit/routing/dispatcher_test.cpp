@@ -176,6 +176,52 @@ TEST_F(ManagementTest, NotifyRouterUpdatesNeedsTheManagementRole) {
   EXPECT_EQ(GetConfigString("NotifyRouterUpdate", ""), "router1.asker");
 }
 
+TEST_F(ManagementTest, ASubscriberWhoseAddressIsTooLongIsToldThatItIsRefused) {
+  // Such an address still leads to the asker.
+  const std::string longest = "router1.asker" + std::string(4096 - 13, '.');
+  for (const char* type : {"EM-NotifyClientUpdates", "EM-NotifyRouterUpdates"}) {
+    log_.Clear();
+    auto refused = AnswerTo(AMessage(type, ManagementRole()).WithOriginator(longest + "."));
+    ASSERT_TRUE(refused) << type;
+    EXPECT_EQ(refused->Type(), "MS-BadMessageFormat");
+    EXPECT_EQ(PayloadOf(*refused), type);
+    EXPECT_TRUE(log_.Contains(std::string(type) + " - Badly formatted message originator "));
+    auto accepted = AnswerTo(AMessage(type, ManagementRole()).WithOriginator(longest));
+    ASSERT_TRUE(accepted) << type;
+    EXPECT_EQ(accepted->Type(), std::string(type) + "-Reply");
+  }
+}
+
+TEST_F(ManagementTest, TypesAreKnownInAnyCase) {
+  struct Case {
+    const char* type;
+    const char* reply;
+  };
+  const Case cases[] = {
+      {"em-getclientstatus", "EM-GetClientStatus-Reply"},
+      {"EM-GETCLIENTSTATUS", "EM-GetClientStatus-Reply"},
+      {"eM-notifyClientupdates", "EM-NotifyClientUpdates-Reply"},
+      {"Em-NOTIFYROUTERUPDATES", "EM-NotifyRouterUpdates-Reply"},
+      {"CERTIFICATION.foo", "MS-UnknownMessageType"},
+  };
+  for (const Case& c : cases) {
+    auto answer = AnswerTo(AMessage(c.type, ManagementRole()).WithData(TextPayload("asker")));
+    ASSERT_TRUE(answer) << c.type;
+    EXPECT_EQ(answer->Type(), c.reply) << c.type;
+  }
+  EXPECT_EQ(log_.Count("Certification message (CERTIFICATION.foo) unknown, originator"), 1u);
+}
+
+TEST_F(ManagementTest, AStatusIsOfTheEntryThatBearsTheName) {
+  table_.AddParent("");
+  table_.SetParentName("boss");
+  table_.SetParentName("chief");
+  EXPECT_TRUE(StatusOf("chief").isParent);
+  auto former = AnswerTo(AMessage("EM-GetClientStatus", NoRole()).WithData(TextPayload("boss")));
+  ASSERT_TRUE(former);
+  EXPECT_EQ(PayloadOf(*former), "(empty)");
+}
+
 // Roles
 
 TEST_F(ManagementTest, ManagementMessagesWithoutTheRoleGetNoAnswer) {

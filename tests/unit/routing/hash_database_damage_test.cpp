@@ -54,6 +54,48 @@ TEST_F(DamagedHashDatabase, ASplitThatFailsAtAnyOfItsWritesLosesNoPair) {
   }
 }
 
+TEST_F(DamagedHashDatabase, AReplacementThatSplitsAndFailsAtAnyOfItsWritesLosesNoPair) {
+  std::vector<std::string> keys;
+  for (int i = 0; i < 10; ++i) {
+    keys.push_back("key" + std::to_string(i));
+    ASSERT_EQ(Store(keys.back(), std::string(90, 'v')), 0);
+  }
+  const std::string full = Read("map.pag");
+  ASSERT_EQ(full.size(), PBLKSIZ);
+  // One that stays in the old page, and one that goes to the new one.
+  for (const char* key : {"key0", "key1"}) {
+    bool stored = false;
+    for (int writes = 0; !stored; ++writes) {
+      Write("map.pag", full);
+      Write("map.dir", "");
+      Open();
+      FailWritesAfter(writes);
+      stored = Store(key, std::string(300, 'w')) == 0;
+      AllowWrites();
+      for (int i = 0; i < 2; ++i) {
+        for (const std::string& old : keys) {
+          const bool replaced = stored && old == key;
+          EXPECT_EQ(Fetch(old), replaced ? std::string(300, 'w') : std::string(90, 'v'))
+              << old << writes;
+        }
+        Open();
+      }
+    }
+    EXPECT_EQ(Read("map.dir")[0], 1);
+    EXPECT_EQ(Keys().size(), keys.size());
+  }
+}
+
+TEST_F(DamagedHashDatabase, AReplacementThatNoSplitHasRoomForLeavesTheOldPair) {
+  const std::vector<std::string> keys = OfOneHash();
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(Store(keys[i], std::string(400, 'v')), 0);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Store(keys[0], std::string(700, 'w')), -1);
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(errno, EFBIG);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(Fetch(keys[i]), std::string(400, 'v'));
+}
+
 // Damaged files
 
 TEST_F(DamagedHashDatabase, ADamagedPageIsAFailureForEveryOperation) {

@@ -78,10 +78,27 @@ TEST_F(HashDatabaseTest, ANullHandleAndAnEmptyKeyAreInvalid) {
   EXPECT_TRUE(refused(sdbm_store(Get(), "", "1", kReplace) == -1));
   EXPECT_TRUE(refused(sdbm_delete(Get(), "") == -1));
   EXPECT_EQ(sdbm_error(Get()), 0);
+  EXPECT_TRUE(refused(sdbm_error(nullptr) == EINVAL));
   sdbm_close(nullptr);
+  EXPECT_TRUE(refused(true));
 }
 
 // Pairs
+
+TEST_F(HashDatabaseTest, AWalkGoesPageByPageAndWithinAPagePairByPair) {
+  for (const char* key : {"d", "b", "c", "a"}) Store(key, "v");
+  EXPECT_THAT(Keys(), testing::ElementsAre("d", "b", "c", "a"));
+  // Two more than page 0 holds: it splits by the lowest bit of the hash.
+  std::vector<std::string> even = {"d", "b"};
+  std::vector<std::string> odd = {"c", "a"};
+  for (const char* key : {"g", "f", "e", "h"}) {
+    (HashOfKey(key) % 2 == 0 ? even : odd).emplace_back(key);
+    ASSERT_EQ(Store(key, std::string(300, 'v')), 0);
+  }
+  ASSERT_EQ(std::filesystem::file_size("map.pag"), 2 * PBLKSIZ);
+  even.insert(even.end(), odd.begin(), odd.end());
+  EXPECT_EQ(Keys(), even);
+}
 
 TEST_F(HashDatabaseTest, GivesBackWhatWasStoredAlsoAfterReopening) {
   EXPECT_EQ(Store("a", "1"), 0);

@@ -31,6 +31,18 @@ class LogicalTest : public RoutingTest {
   void MakeUnusable() const { std::filesystem::create_directory(Pages()); }
 };
 
+TEST_F(LogicalTest, ItsFilesAreForTheOwnerAlone) {
+  Logical logical(Path());
+  for (int i = 0; i < 2; ++i) {
+    for (const char* ending : {".dir", ".pag"}) {
+      EXPECT_EQ(std::filesystem::status(Path() + ending).permissions(),
+                std::filesystem::perms(0600))
+          << ending;
+    }
+    EXPECT_TRUE(logical.Reset());
+  }
+}
+
 TEST_F(LogicalTest, IsOpenOnceItHasItsTwoFiles) {
   const Logical logical(Path());
   EXPECT_FALSE(logical.IsClosed());
@@ -107,7 +119,7 @@ TEST_F(LogicalTest, AnEmptyNameAndOneThatIsTooLongFail) {
 TEST_F(LogicalTest, WritesItsPathAndItsHandle) {
   std::ostringstream text;
   const Logical logical(Path());
-  text << std::hex << logical;
+  logical.write(text << std::hex);
   const std::string start = "Logical(" + Path() + ",";
   ASSERT_EQ(text.str().substr(0, start.size()), start);
   const std::string handle = text.str().substr(start.size());
@@ -122,7 +134,7 @@ TEST_F(LogicalTest, AMapWhoseFilesCannotBeOpenedSaysSoAndIsClosed) {
   EXPECT_TRUE(log_.Has(kLogError, "Failed to open logical routing database\n"));
   EXPECT_TRUE(logical.IsClosed());
   std::ostringstream text;
-  text << logical;
+  logical.write(text);
   EXPECT_EQ(text.str(), "Logical(" + Path() + ",0)");
   std::vector<std::string> keys;
   EXPECT_EQ(logical.Lookup("name"), "");
@@ -141,6 +153,22 @@ TEST_F(LogicalTest, ResetBeginsAnewWithEmptyFiles) {
   EXPECT_EQ(std::filesystem::file_size(Path() + ".dir"), 0u);
   EXPECT_EQ(logical.Lookup("leaf1"), "");
   EXPECT_EQ(logical.Store("leaf1", "child"), 0);
+}
+
+TEST_F(LogicalTest, AResetThatCannotDeleteOneFileStillDeletesTheOther) {
+  Logical logical(Path());
+  logical.Store("leaf", "child");
+  const auto block = [](const std::string& file) {
+    std::filesystem::remove(file);
+    std::filesystem::create_directory(file);
+    std::ofstream(file + "/inside") << "x";
+  };
+  block(Path() + ".dir");
+  EXPECT_FALSE(logical.Reset());
+  EXPECT_TRUE(logical.IsClosed());
+  std::filesystem::remove_all(Path() + ".dir");
+  const Logical next(Path());
+  EXPECT_EQ(next.Lookup("leaf"), "");
 }
 
 TEST_F(LogicalTest, ResetOpensAMapThatWasClosed) {

@@ -101,6 +101,38 @@ TEST_F(UpdateNotifierTest, AnEmptyAddressEndsTheSubscription) {
   EXPECT_EQ(GetConfigString("NotifyClientUpdate", "unset"), "");
 }
 
+TEST_F(UpdateNotifierTest, TheSameSubscriberOnceMoreWritesNothing) {
+  routing_.ClientUpdates().SetDestination("router1.watcher");
+  std::filesystem::remove("brelix.config");
+  EXPECT_TRUE(routing_.ClientUpdates().SetDestination("router1.watcher"));
+  EXPECT_FALSE(std::filesystem::exists("brelix.config"));
+  EXPECT_TRUE(routing_.ClientUpdates().SetDestination("router1.other"));
+  EXPECT_TRUE(std::filesystem::exists("brelix.config"));
+}
+
+TEST_F(UpdateNotifierTest, EachNotifierBeginsWithTheSubscriberOfItsKind) {
+  MessageRouter::SetConfigString("NotifyRouterUpdate", "router1.watcher");
+  UpdateNotifier routers(routing_, true);
+  UpdateNotifier clients(routing_, false);
+  clients.Logon("agent");
+  routers.Logon("child");
+  EXPECT_THAT(Notices(), ElementsAre("EM-RouterLogon of child"));
+}
+
+TEST_F(UpdateNotifierTest, AnAddressInTheConfigurationIsCutAfter4096Characters) {
+  // Cut, it is the watcher's.
+  const std::string cut = "router1.watcher" + std::string(4096 - 15, '.');
+  for (const bool isRouters : {false, true}) {
+    log_.Clear();
+    MessageRouter::SetConfigString(isRouters ? "NotifyRouterUpdate" : "NotifyClientUpdate",
+                                   cut + "x");
+    UpdateNotifier notifier(routing_, isRouters);
+    EXPECT_TRUE(log_.Contains("exceeds the maximum size 4096"));
+    notifier.Logon("peer");
+    EXPECT_EQ(Notices().size(), 1u);
+  }
+}
+
 TEST_F(UpdateNotifierTest, AddressesOfAnyBytesSurviveTheConfiguration) {
   for (const std::string address :
        {"a,b", "a\nb", "\"quoted\"", "\xff\xfe", "a\\b", "[a]", "%41"}) {
