@@ -1,7 +1,5 @@
 // Sessions of an entry: how they begin and end. Everything that calls the host stands outside of
 // the entry's lock: before it what a logon will need, after it what a reset took out.
-#include <utility>
-
 #include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
 #include "logging/Log.h"
@@ -75,6 +73,7 @@ void RouterTableEntry::ResetLocked(Dismissed& dismissed) {
   logonState_ = kLoggedOff;
   supplierState_ = kNoSupplier;
   consumerState_ = kNothingSent;
+  lastPull_.reset();
   dismissed.parentLinkLost = isParent_;
 }
 
@@ -111,7 +110,8 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(const std::string
                                                                PeerReferences& references,
                                                                std::int32_t threshold,
                                                                bool loggingOn) {
-  if (!registered_) throw BrelixMessaging::NotRegistered();
+  // There is no client of the parent's name, and its entry is no client's.
+  if (!registered_ || (isParent_ && !isRouter)) throw BrelixMessaging::NotRegistered();
   const LogonGeneration before = generation_;
   PendingObjects pending(host_);
   if (loggingOn) {
@@ -220,6 +220,8 @@ RouterTableEntry::SessionReport RouterTableEntry::ApplyReferencesLocked(
 
 RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonCertification(const std::string& name) {
   if (logonState_ == kLoggedOn) throw BrelixMessaging::AlreadyLoggedOn();
+  // Whoever asks for a certificate is not the parent, and what waits for that is not for others.
+  if (isParent_) throw BrelixMessaging::Rejected();
   const LogonGeneration before = generation_;
   PendingObjects pending(host_);
   try {
@@ -251,8 +253,9 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonCertification(const st
 }
 
 void RouterTableEntry::LogoffLocked(Dismissed& dismissed, LogoffNotice& notice) {
-  if (!registered_) throw BrelixMessaging::NotRegistered();
   const std::uint32_t state = logonState_;
+  // The session with the parent is this router's own, whatever has become of the name.
+  if (!registered_ && !(isParent_ && state == kLoggedOn)) throw BrelixMessaging::NotRegistered();
   if (state != kLoggedOn && state != kCertification) throw BrelixMessaging::NotLoggedOn();
   notice.due = state == kLoggedOn && !isParent_;
   notice.isRouter = isRouter_;
@@ -336,6 +339,9 @@ bool RouterTableEntry::LogonToParentRouter(BrelixMessaging::Router_ptr parent) {
     ResetLocked(dismissed);
     own.MoveTo(local_);
     session = generation_;
+    // Others that bear the parent's name may have changed these.
+    registered_ = !detached_;
+    isRouter_ = true;
     logonState_ = kLoggedOn;
   }
   Finish(dismissed);
@@ -353,11 +359,19 @@ bool RouterTableEntry::LogonToParentRouter(BrelixMessaging::Router_ptr parent) {
     }
     LogCaughtCorbaException("RouterTableEntry", exception, "LogonToParentRouter");
     return false;
+  } catch (...) {
+    AbandonLogon(Name(), session);
+    throw;
   }
-  return BeginParentSession(session, references,
-                            {.consumer = !CORBA::is_nil(consumer),
-                             .notify = !CORBA::is_nil(notify),
-                             .supplier = !CORBA::is_nil(supplier)});
+  try {
+    return BeginParentSession(session, references,
+                              {.consumer = !CORBA::is_nil(consumer),
+                               .notify = !CORBA::is_nil(notify),
+                               .supplier = !CORBA::is_nil(supplier)});
+  } catch (...) {
+    AbandonLogon(Name(), session);
+    throw;
+  }
 }
 
 bool RouterTableEntry::BeginParentSession(LogonGeneration session, PeerReferences& references,

@@ -165,7 +165,13 @@ void Routing::TellParent(const std::string& event, const CORBA::Any& data) {
                    TimeToLive::Stated(MessageTimeoutSeconds()));
 }
 
+bool Routing::IsParentsName(const std::string& name) const {
+  const RouterTableEntry* const entry = table_.Find(name);
+  return entry != nullptr && entry->IsParent();
+}
+
 void Routing::RegisterPeer(const std::string& name, bool isRouter) {
+  if (!isRouter && IsParentsName(name)) throw BrelixMessaging::AlreadyRegistered();
   table_.Register(name, isRouter);
   table_.WriteTable(false);
   if (!isRouter) {
@@ -186,6 +192,7 @@ Routing::Drain::~Drain() {
 }
 
 void Routing::UnregisterPeer(const std::string& name, bool isRouter) {
+  if (!isRouter && IsParentsName(name)) throw BrelixMessaging::NotRegistered();
   table_.Unregister(name);
   // Whatever goes wrong with the news, what waited for the peer is routed anew.
   const Drain drain(*this, table_.Find(name));

@@ -71,6 +71,8 @@ class Routing {
   // `reachedAs` is the name under which the entry was found.
   RouterTableEntry* FindRoute(const std::string& name, std::string& reachedAs);
   RouterTableEntry& FindForLogon(const std::string& name);
+  // Under which no client can be known.
+  bool IsParentsName(const std::string& name) const;
   void TellParent(const std::string& event, const CORBA::Any& data);
 
   RoutingHost& host_;

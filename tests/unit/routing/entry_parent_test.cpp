@@ -42,8 +42,9 @@ TEST_F(EntryParentTest, ByDefaultBothSidesPull) {
   EXPECT_EQ(entry_->GetSupplierState(), Entry::kPollWaiting);
   EXPECT_TRUE(SameReference(entry_->References().routerSupplier, parent_.supplier));
   EXPECT_TRUE(SameReference(entry_->References().notifyConsumer, parent_.notify));
-  EXPECT_TRUE(log_.Has(MessageRouter::kLogInfo,
-                       "RouterTableEntry::LogonToParentRouter() - logging on as active consumer\n"));
+  EXPECT_TRUE(
+      log_.Has(MessageRouter::kLogInfo,
+               "RouterTableEntry::LogonToParentRouter() - logging on as active consumer\n"));
   EXPECT_TRUE(log_.Has(MessageRouter::kLogInfo,
                        "RouterTableEntry state (router, logging on):  is active consumer (will try "
                        "to notify), passive supplier\n"));
@@ -65,16 +66,15 @@ TEST_F(EntryParentTest, WithoutActiveConsumerThePeerPushesToUs) {
 TEST_F(EntryParentTest, NoObjectIsActivatedTwice) {
   AnswerAsPolledAndNotified();
   entry_->LogonToParentRouter(parent_.Door());
-  EXPECT_THAT(host_.objects.Active(),
-              UnorderedElementsAre("notify-1", "router-supplier-2"));
+  EXPECT_THAT(host_.objects.Active(), UnorderedElementsAre("notify-1", "router-supplier-2"));
 }
 
 TEST_F(EntryParentTest, WhatTheAnswerCallsForIsActivatedBeside) {
   MessageRouter::SetConfigBool("ActiveSupplier", false);
   // A parent that takes nothing by push, and is not polled.
   EXPECT_TRUE(entry_->LogonToParentRouter(parent_.Door()));
-  EXPECT_THAT(host_.objects.Active(), UnorderedElementsAre("notify-1", "router-supplier-2",
-                                                           "router-consumer-3"));
+  EXPECT_THAT(host_.objects.Active(),
+              UnorderedElementsAre("notify-1", "router-supplier-2", "router-consumer-3"));
   EXPECT_EQ(entry_->GetConsumerState(), Entry::kNoNotification);
 }
 
@@ -144,6 +144,106 @@ TEST_F(EntryParentTest, ARefusalOfAnOldSessionLeavesTheNewOneAlone) {
   });
   EXPECT_FALSE(entry_->LogonToParentRouter(parent_.Door()));
   EXPECT_EQ(entry_->GetLogonState(), Entry::kLoggedOn);
+}
+
+TEST_F(EntryParentTest, ALogonMakesItARegisteredRouterAgain) {
+  AnswerAsPolledAndNotified();
+  entry_->MarkUnregistered();
+  entry_->MarkRegistered(false);
+  entry_->MarkUnregistered();
+  entry_->LogonToParentRouter(parent_.Door());
+  EXPECT_TRUE(entry_->IsRegistered());
+  EXPECT_TRUE(entry_->IsRouter());
+}
+
+TEST_F(EntryParentTest, ASessionCanEndWithoutARegistration) {
+  AnswerAsPolledAndNotified();
+  table_.Clear();
+  entry_->LogonToParentRouter(parent_.Door());
+  ASSERT_FALSE(entry_->IsRegistered());
+  ASSERT_TRUE(entry_->IsLoggedOn());
+  const auto lost = host_.LinksLost();
+  EXPECT_TRUE(entry_->LogoffSession(entry_->Generation()));
+  EXPECT_FALSE(entry_->IsLoggedOn());
+  EXPECT_EQ(host_.LinksLost(), lost + 1);
+}
+
+TEST_F(EntryParentTest, AnUnregisteredParentThatIsNotLoggedOnIsNotRegistered) {
+  entry_->MarkUnregistered();
+  EXPECT_THROW(entry_->Logoff(), BrelixMessaging::NotRegistered);
+}
+
+TEST_F(EntryParentTest, AClientOfTheParentsNameIsNotRegistered) {
+  AnswerAsPolledAndNotified();
+  table_.SetParentName("boss");
+  entry_->LogonToParentRouter(parent_.Door());
+  const auto session = entry_->Generation();
+  for (const char* name : {"boss", ""}) {
+    EXPECT_THROW(routing_.LogonClientPeer(name, BrelixMessaging::EnvelopeConsumer::_nil(),
+                                          NotifyConsumer::_nil(), 0),
+                 BrelixMessaging::NotRegistered);
+    EXPECT_THROW(routing_.RegisterPeer(name, false), BrelixMessaging::AlreadyRegistered);
+    EXPECT_THROW(routing_.UnregisterPeer(name, false), BrelixMessaging::NotRegistered);
+  }
+  EXPECT_EQ(entry_->Generation(), session);
+  EXPECT_TRUE(entry_->IsRouter());
+  EXPECT_TRUE(entry_->IsRegistered());
+}
+
+TEST_F(EntryParentTest, WhoeverAsksForACertificateIsNotTheParent) {
+  for (const char* name : {"", "boss"}) {
+    EXPECT_THROW(entry_->LogonCertification(name), BrelixMessaging::Rejected) << name;
+    table_.SetParentName("boss");
+  }
+  EXPECT_FALSE(entry_->IsLoggedOn());
+  EXPECT_EQ(host_.objects.Created(), 0u);
+  AnswerAsPolledAndNotified();
+  entry_->LogonToParentRouter(parent_.Door());
+  EXPECT_THROW(entry_->LogonCertification("boss"), BrelixMessaging::AlreadyLoggedOn);
+}
+
+TEST_F(EntryParentTest, AnOldSessionsPullsDoNotTimeTheNewOneOut) {
+  AnswerAsPolledAndNotified();
+  entry_->LogonToParentRouter(parent_.Door());
+  entry_->TouchLastPull();
+  const std::chrono::seconds limit(host_.GetThresholds().activeConsumerConnectionTimeout);
+  clock_.Advance(limit + std::chrono::seconds(1));
+  ASSERT_TRUE(entry_->PullTimedOut());
+  entry_->LogonToParentRouter(parent_.Door());
+  EXPECT_FALSE(entry_->PullTimedOut());
+}
+
+TEST_F(EntryParentTest, AnAnswerThatCannotBeServedLeavesTheEntryLoggedOff) {
+  MessageRouter::SetConfigBool("ActiveSupplier", false);
+  // Its notifier is made before the call, its supplier and consumer would come after the answer.
+  for (const std::size_t successes : {1u, 2u}) {
+    host_.objects.FailCreationAfter(successes);
+    EXPECT_THROW(entry_->LogonToParentRouter(parent_.Door()), std::runtime_error) << successes;
+    EXPECT_EQ(entry_->GetLogonState(), Entry::kLoggedOff) << successes;
+    EXPECT_THAT(host_.objects.Active(), IsEmpty()) << successes;
+  }
+  EXPECT_EQ(parent_.Calls("Logon"), 2u);
+  EXPECT_TRUE(entry_->LogonToParentRouter(parent_.Door()));
+}
+
+TEST_F(EntryParentTest, AnAnswerOfAnOldSessionThatCannotBeServedLeavesTheNewOneAlone) {
+  MessageRouter::SetConfigBool("ActiveSupplier", false);
+  parent_.SetOnCall([&](const std::string&) {
+    parent_.SetOnCall(nullptr);
+    entry_->LogonToParentRouter(parent_.Door());
+    host_.objects.FailCreationAfter(0);
+  });
+  EXPECT_THROW(entry_->LogonToParentRouter(parent_.Door()), std::runtime_error);
+  EXPECT_EQ(entry_->GetLogonState(), Entry::kLoggedOn);
+  EXPECT_EQ(host_.objects.Active().size(), 3u);
+}
+
+TEST_F(EntryParentTest, WhereTheSecondObjectFailsTheFirstGoesToo) {
+  host_.objects.FailCreationAfter(1);
+  EXPECT_THROW(entry_->LogonToParentRouter(parent_.Door()), std::runtime_error);
+  EXPECT_THAT(host_.objects.Active(), IsEmpty());
+  EXPECT_THAT(parent_.AllCalls(), IsEmpty());
+  EXPECT_FALSE(entry_->IsLoggedOn());
 }
 
 TEST_F(EntryParentTest, WhereNoObjectCanBeActivatedNothingIsAsked) {
