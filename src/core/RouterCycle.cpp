@@ -48,7 +48,8 @@ RouterCycle::RouterCycle(Router& router, const ACEHelpers::IPAddressSet& hostAdd
 RouterCycle::~RouterCycle() {
   // A peer that hangs in a call would hold a reinitialisation up for ever. A stop has its own
   // limit.
-  TearDownWatchdog watchdog(GetConfigInt("ResetTimeout", 120));
+  const auto limit = static_cast<std::int32_t>(GetConfigInt("ResetTimeout", 120));
+  TearDownWatchdog watchdog(limit < 1 ? 0 : static_cast<std::uint32_t>(limit));
   if (!router_.IsStopping()) Step("starting the watchdog", [&] { watchdog.Start(); });
   TearDown();
 }

@@ -1,10 +1,10 @@
 #include "parent/ParentLogon.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <utility>
 
-#include "broker/CorbaExceptions.h"
 #include "broker/ConnectionTest.h"
+#include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
 #include "delivery/HeartbeatThread.h"
 #include "envelope/Address.h"
@@ -22,6 +22,15 @@ namespace {
 
 constexpr unsigned kAttempts = 10;
 constexpr unsigned kLargestRandom = 32767;
+// Longer than any router runs, and far from where the clock's numbers end.
+constexpr double kLongestPeriod = 3.0e9;  // seconds
+
+// The text comes from whoever answers at the port: it must not make lines of its own in the log.
+std::string OnOneLine(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
+  return text;
+}
 
 }  // namespace
 
@@ -56,7 +65,10 @@ void ParentLogon::LinkLost() {
 void ParentLogon::RequestStopLogon(bool logoff) {
   const Guard guard(mutex_);
   if (!guard) return;
-  if (!logoff) loggedOn_ = false;
+  if (!logoff) {
+    takesLeave_ = false;
+    loggedOn_ = false;
+  }
   UnlockedRequestStop();
 }
 
@@ -66,6 +78,7 @@ void ParentLogon::StopLogon(bool logoff) {
 }
 
 void ParentLogon::Process() {
+  TakeLeaveByDefault();
   // Routers that are started together are to draw different periods.
   random_.seed(static_cast<std::minstd_rand::result_type>(
       std::hash<std::string>()(OwnIdentity::CommonName()) +
@@ -74,7 +87,7 @@ void ParentLogon::Process() {
     try {
       if (!WaitForWork() || !IsEnabled()) continue;
       if (Attach() == Outcome::kEnd) {
-        ForgetParent();
+        ForgetLink();
         return;
       }
       continue;
@@ -87,9 +100,7 @@ void ParentLogon::Process() {
     PauseBetweenAttempts();
   }
   TakeLeave();
-  ForgetParent();
-  const Guard guard(mutex_);
-  loggedOn_ = false;
+  ForgetLink();
 }
 
 ParentLogon::Outcome ParentLogon::Attach() {
@@ -102,7 +113,8 @@ ParentLogon::Outcome ParentLogon::Register() {
   for (unsigned attempts = 0;;) {
     EnsureRegistered();
     if (IsTerminated() || IsRegistered()) break;
-    if (AfterFailure(++attempts, "Register parent retry failed after %d attempts. Resetting router...",
+    if (AfterFailure(++attempts,
+                     "Register parent retry failed after %d attempts. Resetting router...",
                      escalation.registerResetTried, false) == Outcome::kEnd) {
       return Outcome::kEnd;
     }
@@ -116,16 +128,14 @@ ParentLogon::Outcome ParentLogon::Logon() {
   for (unsigned attempts = 0; !IsTerminated() && !IsLoggedOn();) {
     RouterTableEntry* const parent = routing_.Table().Parent();
     if (parent != nullptr && parent->LogonToParentRouter(parentRouter_)) {
-      {
-        const Guard guard(mutex_);
-        // The session may have ended since: whoever ended it has told us before, and will not again.
-        loggedOn_ = guard && parent->IsLoggedOn();
-        if (loggedOn_) attempts = 0;
-      }
-      if (IsLoggedOn()) {
+      if (NoteLogon(*parent)) {
+        attempts = 0;
+        linkWasUp_ = true;
         LoggedOn(*parent);
+        if (!IsLoggedOn()) PauseAfterLink();
         continue;
       }
+      if (IsTerminated()) continue;
     }
     if (AfterFailure(++attempts, "Parent logon failed after %d attempts. Resetting router...",
                      escalation.logonResetTried, true) == Outcome::kEnd) {
@@ -134,6 +144,13 @@ ParentLogon::Outcome ParentLogon::Logon() {
   }
   escalation.logonResetTried = !IsLoggedOn();
   return Outcome::kGoOn;
+}
+
+bool ParentLogon::NoteLogon(const RouterTableEntry& parent) {
+  const Guard guard(mutex_);
+  // The session may have ended since: whoever ended it has told us before, and will not again.
+  loggedOn_ = guard && takesLeave_ && parent.IsLoggedOn();
+  return loggedOn_;
 }
 
 void ParentLogon::LoggedOn(RouterTableEntry& parent) {
@@ -164,17 +181,17 @@ ParentLogon::Outcome ParentLogon::AfterFailure(unsigned attempts, const char* wa
 
 void ParentLogon::ResetRouter(std::atomic<bool>& resetTried) {
   resetTried = true;
-  const std::uint32_t patience = GetConfigInt("ResetTimeout", 120);
+  const auto patience = std::max(static_cast<std::int32_t>(GetConfigInt("ResetTimeout", 120)), 0);
   host_.Reinitialize();
   if (IsTerminated()) return;
-  for (std::uint32_t second = 0; second < patience; ++second) {
+  for (std::int32_t second = 0; second < patience; ++second) {
     WaitFor(std::chrono::seconds(1));
     if (IsTerminated()) return;
   }
   LogWarning(
       "Resetting router failed to terminate parent logon thread after %d seconds. Forcing router "
       "shutdown. Router should restart automatically.",
-      static_cast<int>(patience));
+      patience);
   host_.EndProcess(0);
 }
 
@@ -189,28 +206,31 @@ void ParentLogon::TakeLeave() {
 }
 
 bool ParentLogon::WaitForWork() {
-  for (;;) {
-    {
-      const Guard guard(mutex_);
-      if (!guard) return false;
-      while (!enabled_ && !m_terminate) UnlockedWait(0, 0);
-      if (!enabled_ || !loggedOn_ || m_terminate) return enabled_ || !loggedOn_;
-    }
-    if (!AwaitHeartbeat()) {
-      PauseBetweenAttempts();
+  while (AwaitLink()) {
+    linkWasUp_ = true;
+    if (!AwaitHeartbeat()) break;
+    if (!SendHeartbeat()) {
+      linkWasUp_ = false;
       break;
     }
-    if (!SendHeartbeat()) break;
   }
+  PauseAfterLink();
   const Guard guard(mutex_);
   return guard && (enabled_ || !loggedOn_);
+}
+
+bool ParentLogon::AwaitLink() {
+  const Guard guard(mutex_);
+  if (!guard) return false;
+  while (!enabled_ && !m_terminate) UnlockedWait(0, 0);
+  return enabled_ && loggedOn_ && !m_terminate;
 }
 
 std::chrono::seconds ParentLogon::HeartbeatPeriod() {
   std::uniform_int_distribution<unsigned> draw(0, kLargestRandom);
   const unsigned r = draw(random_) % 100;
-  return std::chrono::seconds(static_cast<std::int64_t>(
-      GetConfigInt("HeartbeatInterval", 120) * 60.0 * (1.0 + r / 100.0)));
+  const double period = GetConfigInt("HeartbeatInterval", 120) * 60.0 * (1.0 + r / 100.0);
+  return std::chrono::seconds(static_cast<std::int64_t>(std::min(period, kLongestPeriod)));
 }
 
 bool ParentLogon::AwaitHeartbeat() {
@@ -254,9 +274,7 @@ bool ParentLogon::SendHeartbeat() {
     return true;
   }
   LogError("Heartbeat to parent failed.");
-  ForgetParent();
-  const Guard guard(mutex_);
-  loggedOn_ = false;
+  ForgetLink();
   return false;
 }
 
@@ -280,7 +298,7 @@ void ParentLogon::RegisterParent() {
   StatusReporting::StatusReporter& status = host_.Status();
   const std::string ior = GetParentIOR({&status, [this] { return IsTerminated(); }});
   if (ior.empty()) return;
-  LogInfo("Received parent router's IOR:\n%s\n", ior.c_str());
+  LogInfo("Received parent router's IOR:\n%s\n", OnOneLine(ior).c_str());
   using StatusReporting::OutgoingSection;
   if (!validateIOR(ior)) {
     LogError("Cannot log on to the parent router, because its IOR is invalid\n");
@@ -327,16 +345,38 @@ void ParentLogon::ForgetParent() {
   SetRegistered(false);
 }
 
-void ParentLogon::PauseBetweenAttempts() {
-  const std::uint32_t seconds = GetConfigInt("LogonRetryInterval", 30);
-  // No time at all would mean to wait for ever.
-  WaitFor(std::chrono::seconds(seconds == 0 ? 1 : seconds));
+void ParentLogon::ForgetLink() {
+  parentRouter_ = BrelixMessaging::Router::_nil();
+  const Guard guard(mutex_);
+  if (!guard) return;
+  registered_ = false;
+  loggedOn_ = false;
 }
 
-bool ParentLogon::WaitFor(std::chrono::seconds time) {
-  const std::chrono::milliseconds length = time.count() * second_;
-  return Wait(static_cast<unsigned>(length.count() / 1000),
-              static_cast<unsigned>(length.count() % 1000));
+void ParentLogon::PauseBetweenAttempts() {
+  const auto seconds = static_cast<std::int32_t>(GetConfigInt("LogonRetryInterval", 30));
+  WaitFor(std::chrono::seconds(std::max(seconds, 1)));
+}
+
+void ParentLogon::PauseAfterLink() {
+  if (std::exchange(linkWasUp_, false)) PauseBetweenAttempts();
+}
+
+void ParentLogon::WaitFor(std::chrono::seconds time) {
+  const auto deadline = std::chrono::steady_clock::now() + time.count() * second_;
+  const Guard guard(mutex_);
+  if (!guard) return;
+  while (!m_terminate) {
+    const auto left =
+        std::chrono::ceil<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return;
+    condition_.WaitFor(left);
+  }
+}
+
+void ParentLogon::TakeLeaveByDefault() {
+  const Guard guard(mutex_);
+  if (guard) takesLeave_ = true;
 }
 
 bool ParentLogon::IsEnabled() {

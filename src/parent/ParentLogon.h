@@ -2,6 +2,7 @@
 
 #include <BrelixMessaging.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -73,6 +74,8 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
 
   // True if registration and logon must be looked at.
   bool WaitForWork();
+  // Waits until logging on may begin. True if the link is up.
+  bool AwaitLink();
   // The wait until a heartbeat is due. True once it is; false if something else is to be done.
   bool AwaitHeartbeat();
   // False if the link must be made anew, or the process ends.
@@ -85,17 +88,23 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   void EnsureRegistered();
   void RegisterParent();
   void Introduce(const std::string& ior);
+  // False where the session is over already, or a stop without leave has come.
+  bool NoteLogon(const RouterTableEntry& parent);
   void LoggedOn(RouterTableEntry& parent);
+  void TakeLeaveByDefault();
   void TakeLeave();
 
   // The step has failed `attempts` times. kEnd where the escalation has taken over.
   Outcome AfterFailure(unsigned attempts, const char* warning, std::atomic<bool>& resetTried,
                        bool forgetParent);
   void ResetRouter(std::atomic<bool>& resetTried);
-  void ForgetParent();
+  void ForgetParent();  // and that it knows this router
+  void ForgetLink();    // as ForgetParent, and the logon
   void PauseBetweenAttempts();
-  // As Wait.
-  bool WaitFor(std::chrono::seconds time);
+  // The pause between a session and the next, however early the first one ended.
+  void PauseAfterLink();
+  // Only a stop cuts it short.
+  void WaitFor(std::chrono::seconds time);
 
   bool IsEnabled();
   bool IsRegistered();
@@ -108,10 +117,14 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   std::minstd_rand random_;  // the thread's own
 
   BrelixMessaging::Router_var parentRouter_;  // the thread's own
+  // The thread's own: it has logged on, and no pause has followed.
+  bool linkWasUp_ = false;
 
   bool enabled_ GUARDED_BY(mutex_) = false;
   bool registered_ GUARDED_BY(mutex_) = false;
   bool loggedOn_ GUARDED_BY(mutex_) = false;
+  // No stop without leave has come.
+  bool takesLeave_ GUARDED_BY(mutex_) = true;
   // Something has happened since the wait for the heartbeat began.
   bool woken_ GUARDED_BY(mutex_) = false;
 };

@@ -98,6 +98,10 @@ void FakeParent::CloseDoor() {
   Deactivate(doorId_);
 }
 
+void FakeParent::HideDoor() {
+  door_ = BrelixMessaging::Router::_nil();
+}
+
 void FakeParent::Called(const std::string& operation) {
   OnCall onCall;
   {

@@ -5,8 +5,10 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "config/Configuration.h"
 #include "ior_text.h"
@@ -21,8 +23,10 @@
 namespace MessageRouter {
 namespace {
 
-using TestSupport::AReferenceTo;
 using testing::ElementsAre;
+using TestSupport::AReferenceTo;
+using Clock = std::chrono::steady_clock;
+using std::chrono_literals::operator""ms;
 
 constexpr std::chrono::seconds kPatience{60};
 
@@ -36,10 +40,50 @@ bool Eventually(Condition&& condition) {
   return true;
 }
 
+// Takes the place of the health report: notes what it is told, in words.
+class ListeningReporter : public StatusReporting::StatusReporter {
+ public:
+  ListeningReporter() : StatusReporter(""), outgoing_(*this) {}
+  void WriteReport() override {
+    Told("report");
+    if (onReport) onReport();
+  }
+  void SetActualParent(const std::string& address) override { Told("parent " + address); }
+  StatusReporting::OutgoingSection& Outgoing() override { return outgoing_; }
+
+  void Told(const std::string& what) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    told_.push_back(what);
+  }
+  std::vector<std::string> All() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return told_;
+  }
+  // Runs in WriteReport: the last step of a logon.
+  std::function<void()> onReport;
+
+ private:
+  class Section : public StatusReporting::OutgoingSection {
+   public:
+    explicit Section(ListeningReporter& reporter) : reporter_(reporter) {}
+    void Raise(int record, const std::string& text) override {
+      reporter_.Told("raise " + std::to_string(record) + " " + text);
+    }
+    void Clear(int record) override { reporter_.Told("clear " + std::to_string(record)); }
+
+   private:
+    ListeningReporter& reporter_;
+  };
+
+  mutable std::mutex mutex_;
+  std::vector<std::string> told_;
+  Section outgoing_;
+};
+
 // The rest of the router, as the parent logon sees it.
 class FakeLogonHost : public ParentLogonHost {
  public:
-  StatusReporting::StatusReporter& Status() override { return status_; }
+  StatusReporting::StatusReporter& Status() override { return status; }
   void SetParentAddresses(const std::string& ior) override { parentAddresses = ior; }
   void Reinitialize() override { ++reinitialised; }
   void EndProcess(int status) override {
@@ -47,13 +91,11 @@ class FakeLogonHost : public ParentLogonHost {
     ++ended;
   }
 
+  ListeningReporter status;
   std::string parentAddresses;
   std::atomic<int> reinitialised{0};
   std::atomic<int> ended{0};
   std::atomic<int> exitStatus{-1};
-
- private:
-  StatusReporting::StatusReporter status_{""};
 };
 
 // A routing host whose references all lead to the parent.
@@ -61,6 +103,7 @@ class FakeHost : public TestSupport::FakeRoutingHost {
  public:
   explicit FakeHost(TestSupport::FakeParent& parent) : parent_(parent) {}
   CORBA::Object_ptr StringToObject(const std::string&) override {
+    if (nothingThere) return CORBA::Object::_nil();
     return CORBA::Object::_duplicate(parent_.Root());
   }
   void ParentLinkLost() override {
@@ -68,6 +111,7 @@ class FakeHost : public TestSupport::FakeRoutingHost {
     if (logon != nullptr) logon->LinkLost();
   }
   ParentLogon* logon = nullptr;
+  std::atomic<bool> nothingThere{false};
 
  private:
   TestSupport::FakeParent& parent_;
@@ -162,8 +206,8 @@ TEST_F(ParentLogonTest, RegistersAndLogsOn) {
         "Registered with parent router\n", "Logged on to parent router as router1\n"}) {
     EXPECT_TRUE(log_.Has(kLogInfo, line)) << line;
   }
-  EXPECT_TRUE(log_.Has(kLogInfo, "Received parent router's IOR:\n" +
-                                     ParentTests::IorOf("192.0.2.1") + "\n"));
+  EXPECT_TRUE(log_.Has(kLogInfo,
+                       "Received parent router's IOR:\n" + ParentTests::IorOf("192.0.2.1") + "\n"));
   EXPECT_EQ(router_.parentAddresses, ParentTests::IorOf("192.0.2.1"));
   EXPECT_EQ(table_.Find("boss"), table_.Parent());
   logon.StopLogon(false);
@@ -200,11 +244,10 @@ TEST_F(ParentLogonTest, AnInvalidIorElevenTimesResetsTheRouterAndElevenMoreEndTh
     ASSERT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
     logon.StopLogon(false);
   }
-  const std::string complaint =
-      "Cannot log on to the parent router, because its IOR is invalid\n";
+  const std::string complaint = "Cannot log on to the parent router, because its IOR is invalid\n";
   EXPECT_EQ(log_.Count(complaint), 11u);
-  EXPECT_TRUE(log_.Has(kLogWarning,
-                       "Register parent retry failed after 10 attempts. Resetting router..."));
+  EXPECT_TRUE(
+      log_.Has(kLogWarning, "Register parent retry failed after 10 attempts. Resetting router..."));
   EXPECT_EQ(router_.ended, 0);
 
   ParentLogon logon(routing_, router_, kShortSecond);
@@ -385,6 +428,263 @@ TEST_F(ParentLogonTest, ARetryIntervalOfZeroIsOneSecond) {
   logon.StopLogon(false);
 }
 
+TEST_F(ParentLogonTest, ANegativeRetryIntervalIsOneSecond) {
+  SetConfigInt("LogonRetryInterval", static_cast<std::uint32_t>(-5));
+  RefuseRegistration();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, ANegativeResetTimeoutIsNoTime) {
+  SetConfigInt("ResetTimeout", static_cast<std::uint32_t>(-5));
+  RefuseRegistration();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
+  logon.StopLogon(false);
+  EXPECT_TRUE(log_.Contains("failed to terminate parent logon thread after 0 seconds."));
+}
+
+TEST_F(ParentLogonTest, BetweenAttemptsToRegisterTheIntervalPasses) {
+  SetConfigInt("LogonRetryInterval", 20);
+  RefuseRegistration();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 1; }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 6; }));
+  // The first of the five may have begun before the look at the clock.
+  EXPECT_GE(Clock::now() - begin, 80ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, BetweenAttemptsToLogOnTheIntervalPasses) {
+  SetConfigInt("LogonRetryInterval", 20);
+  RefuseLogon();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 1; }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 6; }));
+  EXPECT_GE(Clock::now() - begin, 80ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, NoNewsCutsAPauseShort) {
+  SetConfigInt("LogonRetryInterval", 100);
+  RefuseRegistration();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 1; }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(Eventually([&] {
+    logon.LinkLost();
+    logon.Enable();
+    return parent_.Calls("Register") >= 4;
+  }));
+  EXPECT_GE(Clock::now() - begin, 200ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, ASessionThatEndsAtOnceIsNotBegunAnewAtOnce) {
+  SetConfigInt("LogonRetryInterval", 20);
+  router_.status.onReport = [this] { table_.Parent()->Logoff(); };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 1; }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 6; }));
+  EXPECT_GE(Clock::now() - begin, 80ms);
+  logon.StopLogon(false);
+  EXPECT_EQ(router_.reinitialised, 0);
+}
+
+TEST_F(ParentLogonTest, AfterALostLinkTheIntervalPasses) {
+  SetConfigInt("LogonRetryInterval", 50);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  // Woken without need, it goes on to wait for the heartbeat.
+  logon.Enable();
+  const auto begin = Clock::now();
+  table_.Parent()->Logoff();
+  ASSERT_TRUE(LogsOn(2));
+  EXPECT_GE(Clock::now() - begin, 50ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, EnablingItAgainWhileItIsLoggedOnChangesNothing) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.Enable();
+  logon.StopLogon(true);
+  EXPECT_EQ(parent_.Calls("Register"), 1u);
+  EXPECT_EQ(parent_.Calls("Logon"), 1u);
+  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
+}
+
+TEST_F(ParentLogonTest, AReinitialisationDuringTheLogonTakesNoLeave) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (operation == "Logon") logon.RequestStopLogon(false);
+  });
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
+  logon.StopLogon(false);
+  EXPECT_EQ(parent_.Calls("Logoff"), 0u);
+  EXPECT_FALSE(log_.Contains("Logged on to parent router as"));
+  EXPECT_TRUE(ParentLogon::TheEscalation().logonResetTried);
+}
+
+TEST_F(ParentLogonTest, AStopDuringTheLogonTakesLeave) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (operation == "Logon") logon.RequestStopLogon(true);
+  });
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
+  logon.StopLogon(true);
+  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
+}
+
+TEST_F(ParentLogonTest, AfterAReinitialisationItTakesLeaveAgain) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.StopLogon(false);
+  logon.Start();
+  ASSERT_TRUE(LogsOn(2));
+  logon.StopLogon(true);
+  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
+}
+
+TEST_F(ParentLogonTest, EachCallIsRepeatedOnceAtOnce) {
+  SetConfigInt("LogonRetryInterval", 3600 * 1000);
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (parent_.Calls(operation) == 1) throw CORBA::COMM_FAILURE();
+  });
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.StopLogon(true);
+  EXPECT_THAT(parent_.AllCalls(),
+              ElementsAre("GetName", "GetName", "GetRouter", "GetRouter", "Register", "Register",
+                          "Logon", "Logon", "Logoff", "Logoff"));
+  EXPECT_TRUE(log_.Has(kLogInfo, "Logged off from parent router\n"));
+}
+
+TEST_F(ParentLogonTest, ASecondFailureOfACallIsAFailedAttempt) {
+  for (const char* failing : {"GetName", "GetRouter", "Register", "Logon"}) {
+    SetConfigInt("LogonRetryInterval", 3600 * 1000);
+    log_.Clear();
+    const std::size_t before = parent_.Calls(failing);
+    parent_.SetOnCall([&](const std::string& operation) {
+      if (operation == failing) throw CORBA::COMM_FAILURE();
+    });
+    ParentLogon logon(routing_, router_, kShortSecond);
+    Begin(logon);
+    EXPECT_TRUE(Eventually([&] { return log_.Contains("Caught CORBA"); })) << failing;
+    logon.StopLogon(false);
+    EXPECT_EQ(parent_.Calls(failing), before + 2) << failing;
+    EXPECT_FALSE(log_.Contains("Logged on to parent router as")) << failing;
+  }
+}
+
+TEST_F(ParentLogonTest, ASuccessfulLogonClearsTheMemoryOfTheReset) {
+  ParentLogon::TheEscalation().logonResetTried = true;
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return !ParentLogon::TheEscalation().logonResetTried; }));
+  EXPECT_TRUE(log_.Contains("Logged on to parent router as"));
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, AReferenceToNothingIsAFailedAttempt) {
+  host_.nothingThere = true;
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
+  logon.StopLogon(false);
+  EXPECT_EQ(log_.Count("Successfully validated parent router's IOR\n"), 11u);
+  EXPECT_TRUE(parent_.AllCalls().empty());
+}
+
+TEST_F(ParentLogonTest, AParentWithoutADoorForRoutersIsAFailedAttempt) {
+  parent_.HideDoor();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
+  logon.StopLogon(false);
+  EXPECT_EQ(parent_.Calls("GetRouter"), 11u);
+  EXPECT_EQ(parent_.Calls("Register"), 0u);
+}
+
+TEST_F(ParentLogonTest, TheHealthReportHearsOfAnInvalidIorAndOfItsEnd) {
+  ServeIor("IOR:00");
+  SetConfigInt("LogonRetryInterval", 3600 * 1000);
+  {
+    ParentLogon logon(routing_, router_, kShortSecond);
+    Begin(logon);
+    ASSERT_TRUE(Eventually([&] { return router_.status.All().size() >= 4; }));
+    logon.StopLogon(false);
+  }
+  EXPECT_THAT(router_.status.All(),
+              ElementsAre("parent 127.0.0.1", "clear 1", "parent ", "raise 2 "));
+  ServeIor(ParentTests::IorOf("192.0.2.1"));
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return router_.status.All().size() >= 8; }));
+  logon.StopLogon(false);
+  EXPECT_THAT(router_.status.All(),
+              ElementsAre("parent 127.0.0.1", "clear 1", "parent ", "raise 2 ", "parent 127.0.0.1",
+                          "clear 1", "clear 2", "report"));
+}
+
+TEST_F(ParentLogonTest, TheReportIsWrittenWhenEverythingElseOfTheLogonIsDone) {
+  LetItBePushedTo(AReferenceTo<BrelixMessaging::RouterConsumer>("parent-consumer"));
+  bool offered = false;
+  bool polled = false;
+  bool logged = false;
+  router_.status.onReport = [&] {
+    offered = !host_.Senders().empty();
+    polled = !host_.Pollers().empty();
+    logged = log_.Has(kLogInfo, "Logged on to parent router as router1\n");
+  };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.StopLogon(false);
+  EXPECT_TRUE(offered);
+  EXPECT_TRUE(polled);
+  EXPECT_TRUE(logged);
+}
+
+TEST_F(ParentLogonTest, WhoeverAnswersAtTheIorPortMakesNoLogLines) {
+  ServeIor("IOR:\nforged\r\x1B\x7F.");
+  SetConfigInt("LogonRetryInterval", 3600 * 1000);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return log_.Contains("its IOR is invalid"); }));
+  logon.StopLogon(false);
+  EXPECT_TRUE(log_.Has(kLogInfo, "Received parent router's IOR:\nIOR:?forged???.\n"));
+}
+
+TEST_F(ParentLogonTest, WhatFailsInTheMiddleOfALogonIsTriedAgain) {
+  // Nothing but the answer makes objects now: its notifier is there before the call.
+  SetConfigBool("ActiveSupplier", false);
+  host_.objects.FailCreationAfter(1);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(LogsOn());
+  EXPECT_EQ(log_.Count("ParentLogon::Process: Caught creation failed"), 1u);
+  EXPECT_EQ(parent_.Calls("Logon"), 2u);
+  EXPECT_TRUE(table_.Parent()->IsLoggedOn());
+  logon.StopLogon(false);
+}
+
 TEST_F(ParentLogonTest, WhatFailsUnexpectedlyIsTriedAgain) {
   host_.NoObjects();
   ParentLogon logon(routing_, router_, kShortSecond);
@@ -480,6 +780,45 @@ TEST_F(HeartbeatTest, WhereTheParentIsNotPushedToItFails) {
   EXPECT_TRUE(log_.Has(kLogError, "Heartbeat to parent failed."));
   EXPECT_EQ(servant_->heartbeats, 0);
   EXPECT_EQ(router_.ended, 0);
+}
+
+TEST_F(HeartbeatTest, AnIntervalBeyondTheClockIsALongOne) {
+  // With these seconds the period, added to the time, would lie in the past.
+  SetConfigInt("HeartbeatInterval", 3'078'000'000u);
+  ParentLogon logon(routing_, router_, std::chrono::milliseconds(50));
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  table_.Parent()->Logoff();
+  EXPECT_TRUE(LogsOn(2));
+  logon.StopLogon(false);
+  EXPECT_EQ(servant_->heartbeats, 0);
+}
+
+TEST_F(HeartbeatTest, AStopDuringItLetsItEndAndTakesLeave) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  servant_->onHeartbeat = [&] { logon.RequestStopLogon(true); };
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
+  logon.StopLogon(true);
+  EXPECT_TRUE(log_.Contains("Heartbeat to parent succeeded."));
+  EXPECT_EQ(servant_->heartbeats, 1);
+  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
+}
+
+TEST_F(HeartbeatTest, ALinkLostDuringItIsLoggedOnAgainAfterTheInterval) {
+  SetConfigInt("LogonRetryInterval", 50);
+  servant_->onHeartbeat = [&] {
+    if (servant_->heartbeats == 1) table_.Parent()->Logoff();
+  };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
+  const auto begin = Clock::now();
+  EXPECT_TRUE(LogsOn(2));
+  // The link was lost a little before the look at the clock.
+  EXPECT_GE(Clock::now() - begin, 25ms);
+  logon.StopLogon(false);
+  EXPECT_EQ(parent_.Calls("Register"), 1u);
 }
 
 TEST_F(HeartbeatTest, OneThatTakesTooLongEndsTheProcess) {
