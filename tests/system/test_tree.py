@@ -136,8 +136,8 @@ class ThreeLevelsDown(TreeTest):
                      text="agent-1")
         self.manager.wait_received(count)
         answer = self.manager.received()[-1]
-        self.assertEqual(("EM-GetClientStatus-Reply", "RouterClient"),
-                         (answer["type"], answer["payload_type"]))
+        self.assertEqual(("EM-GetClientStatus-Reply", "agent-1"),
+                         (answer["type"], answer["payload"]["name"]))
         self.assertEqual("leaf", answer["originator"].split(".")[-1])
 
     def test_with_logical_routing_a_bare_router_name_is_found_wherever_it_is(self):

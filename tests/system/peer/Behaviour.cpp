@@ -64,12 +64,13 @@ void Behaviour::RecordInto(const std::string& path) {
 
 void Behaviour::Received(const BrelixMessaging::Envelope& envelope) {
   const Json json = ClientLibrary::ToJson(envelope);
-  const std::string text = json.value("payload", std::string());
+  const Json payload = json.value("payload", Json());
+  const std::string text = payload.is_string() ? payload.get<std::string>() : "";
   ThreadHelper::Guard guard(mutex_);
   if (!guard) throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
   if (record_.is_open()) {
     record_ << json["id"].get<std::string>() << ' ' << json["originator"].get<std::string>() << ' '
-            << text.substr(0, text.find(' ')) << std::endl;
+            << text.substr(0, text.find(' ')) << ' ' << SteadyMilliseconds() << std::endl;
     if (!record_) throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
   }
   ++received_;

@@ -31,8 +31,8 @@ class Behaviour {
   void OnCall(const std::string& method);
   Json Calls() const;
 
-  // Received envelopes, one line each, "ID originator first-word-of-the-text", flushed before the
-  // caller is answered.
+  // Received envelopes, one line each, "ID originator first-word-of-the-text TIME", flushed before
+  // the caller is answered. TIME is in milliseconds of the host's steady clock.
   void RecordInto(const std::string& path);
   void Received(const BrelixMessaging::Envelope& envelope);
   std::uint64_t ReceivedCount() const;

@@ -116,6 +116,7 @@ bool Bulk::SendOne(Job& job, unsigned index) {
   std::string text = tag;
   if (text.size() + 1 < job.size) text += " " + std::string(job.size - text.size() - 1, 'x');
   std::string failure;
+  const std::int64_t began = SteadyMilliseconds();
   try {
     const References now = links_.Get();
     CORBA::Long id = 0;
@@ -134,7 +135,9 @@ bool Bulk::SendOne(Job& job, unsigned index) {
     }
     ++job.accepted;
     ThreadHelper::Guard guard(job.mutex);
-    if (job.ledger.is_open()) job.ledger << ClientLibrary::FormatId(id) << ' ' << tag << std::endl;
+    if (job.ledger.is_open()) {
+      job.ledger << ClientLibrary::FormatId(id) << ' ' << tag << ' ' << began << std::endl;
+    }
     return true;
   } catch (const CORBA::Exception& exception) {
     failure = ClientLibrary::ShortName(exception);

@@ -9,7 +9,8 @@
 namespace Peer {
 
 // Sends many messages, or as a router many envelopes, and keeps a ledger of those that the router
-// accepted: "ID tag-000001" a line, flushed before the next is sent by that thread.
+// accepted: "ID tag-000001 TIME" a line, flushed before the next is sent by that thread. TIME is
+// when the sending began, in milliseconds of the host's steady clock.
 class Bulk {
  public:
   explicit Bulk(Links& links) : links_(links) {}

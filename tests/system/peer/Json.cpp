@@ -4,6 +4,7 @@
 
 #include "client_library/EnvelopeText.h"
 #include "client_library/Failure.h"
+#include "platform/Clock.h"
 
 namespace Peer {
 
@@ -69,6 +70,12 @@ Json AsJson(const CORBA::Exception& exception) {
                                                                     : "maybe";
   }
   return out;
+}
+
+std::int64_t SteadyMilliseconds() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             Platform::Clock::Instance().SteadyNow().time_since_epoch())
+      .count();
 }
 
 void Raise(const std::string& name) {

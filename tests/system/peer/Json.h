@@ -2,6 +2,7 @@
 
 #include <BrelixMessaging.h>
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 
 // How messages and failures stand in the peer's commands and answers.
@@ -18,6 +19,9 @@ BrelixMessaging::Envelope EnvelopeFrom(const Json& json);
 // {"ok": false, "exception": "Rejected", "kind": "user"} and for system exceptions "minor" and
 // "completed".
 Json AsJson(const CORBA::Exception& exception);
+
+// The host's steady clock, which all its processes share.
+std::int64_t SteadyMilliseconds();
 
 // Raises the exception of that name: one of the contract's, or a CORBA system exception.
 [[noreturn]] void Raise(const std::string& name);
