@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Shows the system at work in a temporary folder: an authority, a router, two clients, a message
-# pushed, and one that outlives a kill -9. Builds what is missing; leaves nothing running.
+# Shows the system at work in temporary folders: an authority, a router, two clients, a message
+# pushed, and one that outlives a kill -9; then a tree of routers (demo_tree.py). Builds what is
+# missing; leaves nothing running. As root the tree's routers have hosts of their own.
 # With BRELIX_BIN set, takes the programs from that folder instead of building them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -20,13 +21,16 @@ fi
 work=$(mktemp -d "${TMPDIR:-/tmp}/brelix-demo.XXXXXX")
 router_pid=
 receiver_pid=
+tree_pid=
 finish() {
   status=$?
   trap - EXIT
-  [ "$status" -eq 0 ] || { echo "demo: failed; the router's log ends with" >&2
-    tail -n 20 "$work/console.txt" >&2 || true; }
-  for pid in $receiver_pid $router_pid; do kill "$pid" 2>/dev/null || true; done
-  for pid in $receiver_pid $router_pid; do wait "$pid" 2>/dev/null || true; done
+  if [ "$status" -ne 0 ] && [ -z "$tree_pid" ] && [ -e "$work/console.txt" ]; then
+    echo "demo: failed; the router's log ends with" >&2
+    tail -n 20 "$work/console.txt" >&2
+  fi
+  for pid in $receiver_pid $router_pid $tree_pid; do kill "$pid" 2>/dev/null || true; done
+  for pid in $receiver_pid $router_pid $tree_pid; do wait "$pid" 2>/dev/null || true; done
   rm -rf "$work"
   exit "$status"
 }
@@ -148,5 +152,10 @@ kill -TERM "$router_pid"
 wait "$router_pid" || fail "the router ended with status $?"
 router_pid=
 cat "$work"/router/Router/Logs/*.log | tail -n 1
+
+BRELIX_BIN=$bin python3 -B scripts/demo_tree.py &
+tree_pid=$!
+wait "$tree_pid" || fail "the tree failed"
+tree_pid=
 echo
 echo "Done."
