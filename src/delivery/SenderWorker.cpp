@@ -4,6 +4,7 @@
 #include "config/Configuration.h"
 #include "delivery/SendEntryGuard.h"
 #include "delivery/SendFailureRecord.h"
+#include "envelope/Address.h"
 #include "logging/Log.h"
 #include "routing/Routing.h"
 
@@ -110,7 +111,7 @@ bool SenderWorker::Send(const Visit& visit, Consumer* consumer, Envelope& envelo
   try {
     if (!envelope.Options().empty()) {
       LogTrace("Outgoing %s message delivery options: %s\n", Kind::kName,
-               envelope.Options().c_str());
+               Shown(envelope.Options()).c_str());
     }
     const BrelixMessaging::Envelope_var wire = envelope.ToWire(Kind::kQualifyOriginator);
     if (LogEnabled(kLogTrace)) {

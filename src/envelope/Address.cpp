@@ -1,9 +1,17 @@
 #include "envelope/Address.h"
 
+#include <cstddef>
+
 #include "platform/Text.h"
 #include "security/OwnIdentity.h"
 
 namespace MessageRouter {
+namespace {
+
+// Enough to recognise a name or type by.
+constexpr std::size_t kShownLength = 1024;
+
+}  // namespace
 
 std::vector<std::string> SplitAddress(std::string_view text) {
   std::vector<std::string> components;
@@ -57,6 +65,15 @@ std::string ToDisplayString(const std::string& text) {
   // Without a shift character UTF-7 is either ASCII, which stays as it is, or not valid.
   if (text.find('+') == std::string::npos) return text;
   return Platform::Utf7ToLocal(text).value_or(text);
+}
+
+std::string Shown(std::string_view text) {
+  std::string shown(text.substr(0, kShownLength));
+  for (char& c : shown) {
+    if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = '?';
+  }
+  if (text.size() > kShownLength) shown += "...";
+  return shown;
 }
 
 }  // namespace MessageRouter

@@ -23,5 +23,8 @@ bool IsThisRouter(std::string_view hop);
 
 // For log texts: UTF-7 to the local code page; unchanged where that fails.
 std::string ToDisplayString(const std::string& text);
+// For log texts: what a peer sent makes no lines of its own in the log, and doesn't fill it. Each
+// control character becomes "?", and all after 1024 bytes "...".
+std::string Shown(std::string_view text);
 
 }  // namespace MessageRouter

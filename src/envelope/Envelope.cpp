@@ -134,11 +134,11 @@ bool Envelope::ExpandWithData(CORBA::Any& data) {
   HeavyFields heavy = std::move(stored.heavy_.Use());
   Encoding::DecodeAny(heavy.data, data);
   if (heavy.data.empty()) {
-    LogWarning("Expanded Envelope, id=%08X, type=%s, no Data\n", messageId_, type_.c_str());
+    LogWarning("Expanded Envelope, id=%08X, type=%s, no Data\n", messageId_, Shown(type_).c_str());
   }
   if (heavy.certificate.empty()) {
     LogWarning("Expanded Envelope, id=%08X, type=%s, no Originator Cert\n", messageId_,
-               type_.c_str());
+               Shown(type_).c_str());
   }
   heavy_.Use() = std::move(heavy);
   shrinkState_ = ShrinkState::Expanded;
@@ -173,8 +173,8 @@ std::string Envelope::DescribeShort() const {
 }
 
 std::string Envelope::Describe() const {
-  return DescribeShort() + ", origin=" + ToDisplayString(originator_) +
-         ", dest=" + ToDisplayString(destination_) + ", type=" + type_;
+  return DescribeShort() + ", origin=" + Shown(ToDisplayString(originator_)) +
+         ", dest=" + Shown(ToDisplayString(destination_)) + ", type=" + Shown(type_);
 }
 
 std::vector<std::string> Envelope::PhysicalDestination() const {
@@ -189,7 +189,7 @@ bool IsDiscardableError(const std::exception& exception, const Envelope& envelop
     return false;
   }
   LogError("Discarding invalid envelope id=%08X, type=%s\n", envelope.MessageId(),
-           envelope.Type().c_str());
+           Shown(envelope.Type()).c_str());
   return true;
 }
 

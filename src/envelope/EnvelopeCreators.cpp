@@ -34,7 +34,7 @@ void Envelope::CreateFromClient(const BrelixMessaging::Message& message,
                                 const std::string& originatorCertificate) {
   if (originator != kManager && IsManagementCommand(message.type)) {
     LogError("CreateFromClient: Message of type %s receieved from unexpected originator: %s\n",
-             message.type.in(), originator.c_str());
+             Shown(message.type.in()).c_str(), Shown(originator).c_str());
     throw BrelixMessaging::Rejected();
   }
   fromParent_ = false;
@@ -102,7 +102,9 @@ void Envelope::FillFromMessage(const BrelixMessaging::Message& message) {
   type_ = message.type.in();
   options_ = message.delivery_options.in();
   heavy_.Use().data = Encoding::EncodeAny(message.custom_data);
-  if (!options_.empty()) LogTrace("Incoming message delivery options: %s\n", options_.c_str());
+  if (!options_.empty()) {
+    LogTrace("Incoming message delivery options: %s\n", Shown(options_).c_str());
+  }
   ttl_ = TimeToLive::Stated(message.ttl).End();
   RequireTextsReadBack();
   // A peer's message is the router's only once it is on disk.

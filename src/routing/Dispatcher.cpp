@@ -1,10 +1,9 @@
 #include "routing/Dispatcher.h"
 
-#include <cstddef>
 #include <exception>
 #include <sstream>
-#include <string_view>
 
+#include "envelope/Address.h"
 #include "envelope/Envelope.h"
 #include "envelope/MessageType.h"
 #include "logging/Log.h"
@@ -14,19 +13,6 @@
 
 namespace MessageRouter {
 namespace {
-
-// Enough to recognise a name or type by.
-constexpr std::size_t kShownLength = 1024;
-
-// Anybody may ask, with any text: it makes no lines of its own in the log, and doesn't fill it.
-std::string Shown(std::string_view text) {
-  std::string shown(text.substr(0, kShownLength));
-  for (char& c : shown) {
-    if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = '?';
-  }
-  if (text.size() > kShownLength) shown += "...";
-  return shown;
-}
 
 // One line, on the thread's own stream.
 void Emit(const std::string& line, const Envelope& envelope) {

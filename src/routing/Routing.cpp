@@ -39,8 +39,8 @@ void Cycle::Set(Routing* routing) {
 void ReportDeliveryFailure(const Envelope& envelope, const char* reason) {
   const std::string type = envelope.Type();
   if (IsSystemType(type) && ContainsIgnoringCase(type, "DeliveryFailed")) return;
-  LogWarning("Delivery failed(%s) for message type %s, originator %s", reason, type.c_str(),
-             envelope.Originator().c_str());
+  LogWarning("Delivery failed(%s) for message type %s, originator %s", reason, Shown(type).c_str(),
+             Shown(envelope.Originator()).c_str());
 }
 
 Routing::Routing(RoutingHost& host, RouterTable& table) : host_(host), table_(table) {
@@ -131,7 +131,7 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
     entry = table_.Parent();
   }
   if (entry == nullptr) {
-    LogWarning("Cannot route message to %s\n", hop.empty() ? "nowhere" : hop.c_str());
+    LogWarning("Cannot route message to %s\n", hop.empty() ? "nowhere" : Shown(hop).c_str());
     ReportDeliveryFailure(envelope, "Unrouteable");
     envelope.Retire();
     return;
@@ -142,7 +142,8 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
   if (entry->IsParent()) reachedAs = entry->Name();
   if (LogEnabled(kLogInfo)) {
     const std::string shown = entry->IsParent() ? "parent" : reachedAs;
-    LogInfo("Routing to %s: %s\n", ToDisplayString(shown).c_str(), envelope.Describe().c_str());
+    LogInfo("Routing to %s: %s\n", Shown(ToDisplayString(shown)).c_str(),
+            envelope.Describe().c_str());
   }
   bool senderAtWork = false;
   if (!entry->TryEnqueue(envelope, reachedAs, senderAtWork)) {

@@ -73,5 +73,16 @@ TEST_F(AddressTest, DisplayLeavesWhatIsNotUtf7AsItIs) {
   EXPECT_EQ(ToDisplayString("\xFF+AOk-"), "\xFF+AOk-");
 }
 
+TEST_F(AddressTest, WhatIsShownHasNoControlCharacters) {
+  EXPECT_EQ(Shown(""), "");
+  EXPECT_EQ(Shown("a.b \xC3\xA9~"), "a.b \xC3\xA9~");
+  EXPECT_EQ(Shown(std::string_view("a\nb\r\0\x1b\x7f\tc", 9)), "a?b?????c");
+}
+
+TEST_F(AddressTest, WhatIsShownIsCutAfter1024Bytes) {
+  EXPECT_EQ(Shown(std::string(1024, 'x')), std::string(1024, 'x'));
+  EXPECT_EQ(Shown(std::string(1025, 'x')), std::string(1024, 'x') + "...");
+}
+
 }  // namespace
 }  // namespace MessageRouter

@@ -392,6 +392,23 @@ TEST_F(RouteTest, TheParentsNameInTheTableIsTakenWhereverTheEnvelopeCameFrom) {
   EXPECT_TRUE(parent.HasEnvelopes());
 }
 
+TEST_F(RouteTest, NoTextOfAPeersMakesALogLineOfItsOwn) {
+  AParent();
+  const auto message = [] {
+    return AnEnvelope().WithOriginator("o\nx").WithType("t\r\nx").WithDestination("h\nx.+AAo-");
+  };
+  // UTF-7 for a line end.
+  Route(message());
+  EXPECT_TRUE(log_.Contains("origin=o?x, dest=h?x.?, type=t??x\n"));
+  Route(message().FromParent());
+  EXPECT_TRUE(Unrouteable("h?x"));
+  EXPECT_TRUE(
+      log_.Has(kLogWarning, "Delivery failed(Unrouteable) for message type t??x, originator o?x"));
+  for (const auto& line : log_.Lines()) {
+    EXPECT_GE(line.text.find_first_of("\r\n"), line.text.size() - 1) << line.text;
+  }
+}
+
 TEST_F(RouteTest, AMapThatCannotBeOpenedFindsNothing) {
   routing_.SetLogical(std::make_unique<MessageRouter::Logical>("no/such/folder/LogicalTable"));
   Route(AnEnvelope().WithDestination("stranger"));
