@@ -98,6 +98,10 @@ void FakeParent::CloseDoor() {
   Deactivate(doorId_);
 }
 
+void FakeParent::OpenDoor() {
+  adapter_->activate_object_with_id(doorId_, doorServant_.in());
+}
+
 void FakeParent::HideDoor() {
   door_ = BrelixMessaging::Router::_nil();
 }

@@ -24,6 +24,8 @@ class FakeParent {
   BrelixMessaging::Router_ptr Door();
   // The door is gone: its object is no longer known to the parent.
   void CloseDoor();
+  // It is there again after CloseDoor.
+  void OpenDoor();
   // It answers with no door, before anybody asks.
   void HideDoor();
 

@@ -8,6 +8,7 @@ from tree import TreeTest, texts
 
 SEARCH = "Getting parent router IOR from"
 RESET = "Register parent retry failed after 10 attempts. Resetting router..."
+LEAVE = "Logged off from parent router"
 END = ("Registering with parent failed after resetting router. Forcing router shutdown. "
        "Router should restart automatically.")
 
@@ -180,6 +181,22 @@ class ParentLink(TreeTest):
         agent("messages.SendMessage", destination="EM", text="question")
         manager.wait_received(1)
         self.assertIn("question", texts(manager))
+
+    def test_a_stop_takes_leave_of_the_parent_once(self):
+        tree = self.tree({"top": {}, "leaf": {"parent": "top"}})
+        tree.start()
+        self.assertEqual(0, tree["leaf"].stop())
+        self.assertEqual(1, tree["leaf"].log().count(LEAVE))
+        self.assertEqual(1, tree["top"].log().count("Logged off leaf"))
+
+    def test_a_reload_takes_no_leave_of_the_parent(self):
+        tree = self.tree({"top": {}, "leaf": {"parent": "top"}})
+        tree.start()
+        mark = len(tree["leaf"].log())
+        tree["leaf"].reload()
+        tree.wait_attached("leaf", since=mark)
+        self.assertNotIn(LEAVE, tree["leaf"].log())
+        self.assertNotIn("Logged off leaf", tree["top"].log())
 
     def test_without_an_answer_to_its_heartbeat_a_router_ends(self):
         for name in self.LEAVES:

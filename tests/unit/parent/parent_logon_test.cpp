@@ -526,6 +526,23 @@ TEST_F(ParentLogonTest, EnablingItAgainWhileItIsLoggedOnChangesNothing) {
   EXPECT_EQ(parent_.Calls("Logoff"), 1u);
 }
 
+TEST_F(ParentLogonTest, AThreadThatEndsForAResetForgetsItsSession) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  parent_.CloseDoor();
+  // Woken without need, it finds that the parent doesn't know it any more.
+  ASSERT_TRUE(Eventually([&] {
+    logon.Enable();
+    return router_.reinitialised == 1;
+  }));
+  logon.StopLogon(true);
+  parent_.OpenDoor();
+  logon.Start();
+  EXPECT_TRUE(LogsOn(2));
+  logon.StopLogon(false);
+}
+
 TEST_F(ParentLogonTest, AReinitialisationDuringTheLogonTakesNoLeave) {
   ParentLogon logon(routing_, router_, kShortSecond);
   parent_.SetOnCall([&](const std::string& operation) {
