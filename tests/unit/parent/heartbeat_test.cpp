@@ -1,0 +1,162 @@
+// The heartbeat of the parent logon.
+#include "parent_logon_fixture.h"
+
+namespace MessageRouter {
+namespace {
+
+class CountingConsumer : public POA_BrelixMessaging::RouterConsumer {
+ public:
+  void SendEnvelope(const BrelixMessaging::Envelope&) override {}
+  void Heartbeat() override {
+    ++heartbeats;
+    if (onHeartbeat) onHeartbeat();
+  }
+  std::function<void()> onHeartbeat;
+  std::atomic<int> heartbeats{0};
+};
+
+class HeartbeatTest : public ParentLogonTest {
+ protected:
+  HeartbeatTest() : servant_(new CountingConsumer) {
+    const CORBA::Object_var root =
+        TestSupport::ReferenceOrb()->resolve_initial_references("RootPOA");
+    adapter_ = PortableServer::POA::_narrow(root);
+    id_ = adapter_->activate_object(servant_.in());
+    const CORBA::Object_var object = adapter_->id_to_reference(id_);
+    const auto consumer = BrelixMessaging::RouterConsumer::_narrow(object);
+    LetItBePushedTo(consumer);
+    CORBA::release(consumer);
+    SetConfigInt("HeartbeatInterval", 1);
+  }
+  ~HeartbeatTest() override { adapter_->deactivate_object(id_); }
+
+  PortableServer::POA_var adapter_;
+  PortableServer::Servant_var<CountingConsumer> servant_;
+  PortableServer::ObjectId_var id_;
+};
+
+TEST_F(HeartbeatTest, ComesAgainAndAgain) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return servant_->heartbeats == 2; }));
+  logon.StopLogon(false);
+  EXPECT_TRUE(log_.Has(kLogInfo, "Calling parent with heartbeat..."));
+  EXPECT_TRUE(log_.Has(kLogInfo, "Heartbeat to parent succeeded."));
+  EXPECT_EQ(parent_.Calls("Logon"), 1u);
+}
+
+TEST_F(HeartbeatTest, DoesNotComeBeforeTheBasePeriodIsOver) {
+  ParentLogon logon(routing_, router_, std::chrono::milliseconds(5));
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  const auto begin = std::chrono::steady_clock::now();
+  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
+  // Sixty of these seconds; the logon was seen a little late.
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(250));
+  logon.StopLogon(false);
+}
+
+TEST_F(HeartbeatTest, WithAnIntervalOfZeroItIsNeverSent) {
+  SetConfigInt("HeartbeatInterval", 0);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  table_.Parent()->Logoff();
+  EXPECT_TRUE(LogsOn(2));
+  logon.StopLogon(false);
+  EXPECT_EQ(servant_->heartbeats, 0);
+}
+
+TEST_F(HeartbeatTest, AFailedOneLeadsToANewRegistration) {
+  servant_->onHeartbeat = [] { throw BrelixMessaging::NotLoggedOn(); };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(LogsOn(2));
+  logon.StopLogon(false);
+  EXPECT_TRUE(log_.Has(kLogError, "Heartbeat to parent failed."));
+  EXPECT_GE(parent_.Calls("Register"), 2u);
+  EXPECT_EQ(router_.ended, 0);
+}
+
+TEST_F(HeartbeatTest, WhereTheParentIsNotPushedToItFails) {
+  parent_.consumer = BrelixMessaging::RouterConsumer::_nil();
+  parent_.notify = AReferenceTo<BrelixMessaging::NotifyConsumer>("parent-notify");
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(LogsOn(2));
+  logon.StopLogon(false);
+  EXPECT_TRUE(log_.Has(kLogError, "Heartbeat to parent failed."));
+  EXPECT_EQ(servant_->heartbeats, 0);
+  EXPECT_EQ(router_.ended, 0);
+}
+
+TEST_F(HeartbeatTest, AnIntervalBeyondTheClockIsALongOne) {
+  // With these seconds the period, added to the time, would lie in the past.
+  SetConfigInt("HeartbeatInterval", 3'078'000'000u);
+  ParentLogon logon(routing_, router_, std::chrono::milliseconds(50));
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  table_.Parent()->Logoff();
+  EXPECT_TRUE(LogsOn(2));
+  logon.StopLogon(false);
+  EXPECT_EQ(servant_->heartbeats, 0);
+}
+
+TEST_F(HeartbeatTest, AStopDuringItLetsItEndAndTakesLeave) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  servant_->onHeartbeat = [&] { logon.RequestStopLogon(true); };
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
+  logon.StopLogon(true);
+  EXPECT_TRUE(log_.Contains("Heartbeat to parent succeeded."));
+  EXPECT_EQ(servant_->heartbeats, 1);
+  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
+}
+
+TEST_F(HeartbeatTest, ALinkLostDuringItIsLoggedOnAgainAfterTheInterval) {
+  SetConfigInt("LogonRetryInterval", 50);
+  servant_->onHeartbeat = [&] {
+    if (servant_->heartbeats == 1) table_.Parent()->Logoff();
+  };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
+  const auto begin = Clock::now();
+  EXPECT_TRUE(LogsOn(2));
+  // The link was lost a little before the look at the clock.
+  EXPECT_GE(Clock::now() - begin, 25ms);
+  logon.StopLogon(false);
+  EXPECT_EQ(parent_.Calls("Register"), 1u);
+}
+
+TEST_F(HeartbeatTest, OneThatTakesTooLongEndsTheProcess) {
+  SetConfigInt("HeartbeatTimeout", 1);
+  std::atomic<bool> answer{false};
+  servant_->onHeartbeat = [&] { answer.wait(false); };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
+  EXPECT_EQ(router_.exitStatus, 0);
+  EXPECT_TRUE(log_.Has(kLogError, "Heartbeat to parent timed out, restarting router..."));
+  answer = true;
+  answer.notify_all();
+  logon.StopLogon(false);
+}
+
+TEST_F(HeartbeatTest, ATimeoutOfZeroWaitsWithoutLimit) {
+  SetConfigInt("HeartbeatTimeout", 0);
+  std::atomic<bool> answer{false};
+  servant_->onHeartbeat = [&] { answer.wait(false); };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
+  EXPECT_FALSE(log_.Contains("Heartbeat to parent succeeded."));
+  answer = true;
+  answer.notify_all();
+  EXPECT_TRUE(Eventually([&] { return log_.Contains("Heartbeat to parent succeeded."); }));
+  logon.StopLogon(false);
+  EXPECT_EQ(router_.ended, 0);
+}
+
+}  // namespace
+}  // namespace MessageRouter

@@ -1,0 +1,187 @@
+#pragma once
+
+#include "parent/ParentLogon.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config/Configuration.h"
+#include "ior_text.h"
+#include "logging/Log.h"
+#include "parent/IOR_Sender.h"
+#include "security/OwnIdentity.h"
+#include "support/FakeParent.h"
+#include "support/FakeRoutingHost.h"
+#include "support/LogCapture.h"
+#include "support/ScratchConfiguration.h"
+
+namespace MessageRouter {
+
+using TestSupport::AReferenceTo;
+using Clock = std::chrono::steady_clock;
+using std::chrono_literals::operator""ms;
+
+inline constexpr std::chrono::seconds kPatience{60};
+
+template <class Condition>
+bool Eventually(Condition&& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+// Takes the place of the health report: notes what it is told, in words.
+class ListeningReporter : public StatusReporting::StatusReporter {
+ public:
+  ListeningReporter() : StatusReporter(""), outgoing_(*this) {}
+  void WriteReport() override {
+    Told("report");
+    if (onReport) onReport();
+  }
+  void SetActualParent(const std::string& address) override { Told("parent " + address); }
+  StatusReporting::OutgoingSection& Outgoing() override { return outgoing_; }
+
+  void Told(const std::string& what) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    told_.push_back(what);
+  }
+  std::vector<std::string> All() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return told_;
+  }
+  // Runs in WriteReport: the last step of a logon.
+  std::function<void()> onReport;
+
+ private:
+  class Section : public StatusReporting::OutgoingSection {
+   public:
+    explicit Section(ListeningReporter& reporter) : reporter_(reporter) {}
+    void Raise(int record, const std::string& text) override {
+      reporter_.Told("raise " + std::to_string(record) + " " + text);
+    }
+    void Clear(int record) override { reporter_.Told("clear " + std::to_string(record)); }
+
+   private:
+    ListeningReporter& reporter_;
+  };
+
+  mutable std::mutex mutex_;
+  std::vector<std::string> told_;
+  Section outgoing_;
+};
+
+// The rest of the router, as the parent logon sees it.
+class FakeLogonHost : public ParentLogonHost {
+ public:
+  StatusReporting::StatusReporter& Status() override { return status; }
+  void SetParentAddresses(const std::string& ior) override { parentAddresses = ior; }
+  void Reinitialize() override { ++reinitialised; }
+  void EndProcess(int status) override {
+    exitStatus = status;
+    ++ended;
+  }
+
+  ListeningReporter status;
+  std::string parentAddresses;
+  std::atomic<int> reinitialised{0};
+  std::atomic<int> ended{0};
+  std::atomic<int> exitStatus{-1};
+};
+
+// A routing host whose references all lead to the parent.
+class FakeHost : public TestSupport::FakeRoutingHost {
+ public:
+  explicit FakeHost(TestSupport::FakeParent& parent) : parent_(parent) {}
+  CORBA::Object_ptr StringToObject(const std::string&) override {
+    if (nothingThere) return CORBA::Object::_nil();
+    return CORBA::Object::_duplicate(parent_.Root());
+  }
+  void ParentLinkLost() override {
+    FakeRoutingHost::ParentLinkLost();
+    if (logon != nullptr) logon->LinkLost();
+  }
+  ParentLogon* logon = nullptr;
+  std::atomic<bool> nothingThere{false};
+
+ private:
+  TestSupport::FakeParent& parent_;
+};
+
+// A router named "router1" with a parent named "boss", whose IOR port is open. A second of the
+// parent logon takes a millisecond.
+class ParentLogonTest : public testing::Test {
+ protected:
+  ParentLogonTest()
+      : host_(parent_),
+        table_(host_, (configuration_.Folder() / "table_router.txt").string()),
+        routing_(host_, table_) {
+    OwnIdentity::Set("router1", "router's certificate");
+    ParentLogon::TheEscalation().registerResetTried = false;
+    ParentLogon::TheEscalation().logonResetTried = false;
+    SetConfigString("ParentAddress", "127.0.0.1");
+    ServeIor(ParentTests::IorOf("192.0.2.1"));
+    SetConfigInt("LogonRetryInterval", 1);
+    // Only a test that says so sees a heartbeat.
+    SetConfigInt("HeartbeatInterval", 60 * 24);
+    parent_.notify = AReferenceTo<BrelixMessaging::NotifyConsumer>("parent-notify");
+    parent_.supplier = AReferenceTo<BrelixMessaging::RouterSupplier>("parent-supplier");
+    table_.ReadTable(true);
+    log_.Clear();
+  }
+
+  void ServeIor(const std::string& ior) {
+    port_.Stop();
+    port_.SetPort(0);
+    port_.SetIOR(ior);
+    port_.Start();
+    Eventually([this] { return port_.ListeningPort() != 0; });
+    SetConfigInt("ParentPort", port_.ListeningPort());
+  }
+  void Begin(ParentLogon& logon) {
+    host_.logon = &logon;
+    logon.Start();
+    logon.Enable();
+  }
+  bool LogsOn(std::size_t times = 1) {
+    return Eventually([&] { return log_.Count("Logged on to parent router as") == times; });
+  }
+  // Every registration fails.
+  void RefuseRegistration() {
+    parent_.SetOnCall([](const std::string& operation) {
+      if (operation == "Register") throw BrelixMessaging::Rejected();
+    });
+  }
+  void RefuseLogon() {
+    parent_.SetOnCall([](const std::string& operation) {
+      if (operation == "Logon") throw BrelixMessaging::NotRegistered();
+    });
+  }
+  // A parent that is pushed to, and so has a consumer for the heartbeat.
+  void LetItBePushedTo(BrelixMessaging::RouterConsumer_ptr consumer) {
+    parent_.consumer = BrelixMessaging::RouterConsumer::_duplicate(consumer);
+    parent_.notify = BrelixMessaging::NotifyConsumer::_nil();
+  }
+
+  TestSupport::ScratchConfiguration configuration_;
+  TestSupport::LogCapture log_;
+  TestSupport::FakeParent parent_;
+  FakeHost host_;
+  RouterTable table_;
+  Routing routing_;
+  FakeLogonHost router_;
+  IOR_Sender port_;
+};
+
+inline constexpr std::chrono::milliseconds kShortSecond{1};
+
+}  // namespace MessageRouter
