@@ -3,7 +3,7 @@
 import json
 import unittest
 
-from harness import SystemTest, run
+from harness import SystemTest, run, wait_until
 
 MANAGER = ("agent-1", "management")
 
@@ -182,6 +182,23 @@ class LogicalRouting(SystemTest):
         self.send("leaf")
         self.child.wait_received(2)
 
+    def test_without_the_setting_a_reload_leaves_the_map_unused_and_with_it_in_use_again(self):
+        self.client_ok(self.box, "agent-1", "register")
+        self.news(self.child, "child-1", "Registered", text="leaf")
+        self.box.write_settings(LogicalRouting=0)
+        self.box.reload()
+        self.send("leaf")
+        self.box.wait_log("Cannot route message to leaf")
+        self.child("reconnect")
+        self.news(self.child, "child-1", "Unregistered", text="leaf")
+        self.box.wait_log("MS-RouterUnregistered - router has no logical routing table "
+                          "originator child-1")
+        self.box.write_settings(LogicalRouting=1)
+        self.box.reload()
+        self.child("reconnect")
+        self.send("leaf")
+        self.child.wait_received(1)
+
     def test_names_move_and_go_with_the_news(self):
         other = self.log_on_child("child-2")
         self.client_ok(self.box, "agent-1", "register")
@@ -258,6 +275,29 @@ class Tree(SystemTest):
                        "--text", "agent-9")
         line = self.client_ok(self.root, "agent-1", "--json", "receive")
         self.assertEqual("agent-9", json.loads(line)["payload"]["name"])
+
+    def test_what_led_through_a_child_that_unregisters_is_forgotten_at_the_top(self):
+        child = self.peer(self.middle, "child-1", "router").connect()
+        child("root.GetRouter")
+        child("router.Register")
+        child("router.Logon")
+        certificate = (self.ca.issue("child-1", "router") / "certificate.pem").read_text()
+        child("router_consumer.SendEnvelope", originator="child-1", certificate=certificate,
+              route=[":"], stamps=[["child-1", 1]],
+              message=dict(destination=":.:", type="MS-RouterRegistered",
+                           strings=["leaf-1", "leaf-2"]))
+        wait_until(lambda: self.root.log().count("MS-RouterRegistered originator middle") >= 2, 30,
+                   "the names at the top")
+        for leaf in ("leaf-1", "leaf-2"):
+            self.client_ok(self.root, "agent-1", "send", leaf + ".agent-9", "--text", leaf)
+        child.wait_received(2)
+        mark = len(self.root.log())
+        child("router.Unregister")
+        self.root.wait_log("MS-RouterUnregistered originator middle", 30, since=mark)
+        for leaf in ("child-1", "leaf-1", "leaf-2"):
+            self.client_ok(self.root, "agent-1", "send", leaf + ".agent-9", "--text", leaf)
+            self.root.wait_log(f"Cannot route message to {leaf}", since=mark)
+        self.assertNotIn("Routing to middle", self.root.log()[mark:])
 
 
 if __name__ == "__main__":

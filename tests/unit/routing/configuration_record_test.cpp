@@ -118,6 +118,27 @@ TEST_F(ConfigurationRecordTest, StoresEveryFieldUnderItsKey) {
   for (const NumberField& number : kNumbers) EXPECT_EQ(again.*number.field, record.*number.field);
 }
 
+TEST_F(ConfigurationRecordTest, StoresTheFieldsInTheOrderOfTheRecord) {
+  Configuration record = Read();
+  EXPECT_TRUE(Write(record));
+  std::ostringstream text;
+  text << std::ifstream("brelix.config").rdbuf();
+  std::size_t last = 0;
+  for (const char* key : {"NumGetterThreads",     "GetterInterval",     "NumSenderThreads",
+                          "TimeoutInterval",      "IORSenderPort",      "ParentAddress",
+                          "ParentPort",           "ActiveConsumer",     "ActiveSupplier",
+                          "NoRouterInterface",    "NoClientInterface",  "NoCertificationInterface",
+                          "LocalClientsOnly",     "LogonRetryInterval", "LogFileMaxSize",
+                          "LogFileCount",         "LogConsole",         "LogLevel",
+                          "CertificationTimeout", "RestartDelay",       "LogicalRouting",
+                          "ConnectionCache",      "HeartbeatInterval"}) {
+    const std::size_t place = text.str().find('"' + std::string(key) + '"');
+    ASSERT_NE(place, std::string::npos) << key;
+    EXPECT_GT(place, last) << key;
+    last = place;
+  }
+}
+
 TEST_F(ConfigurationRecordTest, RefusesWhatIsNoConfigurationAndStoresNothing) {
   CORBA::Any any;
   EXPECT_FALSE(WriteConfiguration(any));

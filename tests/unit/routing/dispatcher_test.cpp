@@ -64,6 +64,15 @@ TEST_F(ManagementTest, AHeartbeatWithTtl0GetsAnAnswerThatNeverExpiresAndOthersLi
   EXPECT_EQ(other->Ttl(), clock_.WallSeconds() + kTimeout);
 }
 
+TEST_F(ManagementTest, AnAnswerLivesAsLongAsTheRoutersOwnMessagesDo) {
+  LetOwnMessagesLive(17);
+  for (const char* type : {"EM-GetClientStatus", "EM-NotifyClientUpdates", "EM-Nothing", "Foo"}) {
+    auto answer = AnswerTo(AMessage(type, ManagementRole()).WithTtl(clock_.WallSeconds() + 5));
+    ASSERT_TRUE(answer) << type;
+    EXPECT_EQ(answer->Ttl(), clock_.WallSeconds() + 17) << type;
+  }
+}
+
 TEST_F(ManagementTest, AHeartbeatsAnswerExpiresWhenTheHeartbeatDoes) {
   for (const std::int64_t ttl : {clock_.WallSeconds() + 17, clock_.WallSeconds() - 5}) {
     auto answer = AnswerTo(AMessage("EM-Heartbeat", ManagementRole()).WithTtl(ttl));

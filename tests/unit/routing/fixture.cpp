@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "config/Configuration.h"
+#include "envelope/Settings.h"
 #include "security/OwnIdentity.h"
 
 namespace TestSupport {
@@ -26,6 +27,7 @@ RoutingTest::RoutingTest()
 }
 
 RoutingTest::~RoutingTest() {
+  MessageRouter::Settings::Forget();
   MessageRouter::EnvelopeStore::Replace(nullptr);
 }
 
@@ -103,6 +105,11 @@ MessageRouter::Logical& RoutingTest::AMap() {
 
 void RoutingTest::PassAMinute() {
   clock_.Advance(std::chrono::milliseconds(60001));
+}
+
+void RoutingTest::LetOwnMessagesLive(std::uint32_t seconds) {
+  MessageRouter::SetConfigInt("MessageTimeoutSec", seconds);
+  MessageRouter::Settings::Forget();
 }
 
 void RoutingTest::Route(const Envelope& envelope) {

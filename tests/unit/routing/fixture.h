@@ -51,6 +51,9 @@ class RoutingTest : public testing::Test {
   // Time enough for another write of the table.
   void PassAMinute();
 
+  // How long the router's own messages live, from now on.
+  static void LetOwnMessagesLive(std::uint32_t seconds);
+
   // One pass of the route thread over that envelope.
   void Route(const Envelope& envelope);
 

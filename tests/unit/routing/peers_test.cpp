@@ -20,6 +20,23 @@ class PeersTest : public RoutingTest {
     EXPECT_TRUE(table_.Parent()->PopNext(envelope));
     return envelope;
   }
+  void AParentAndASubscriber() {
+    table_.AddParent("");
+    AClient("watcher");
+    routing_.RouterUpdates().SetDestination("router1.watcher");
+  }
+  // The types of what waits for its decision, which it then has.
+  std::vector<std::string> RoutedInOrder() {
+    log_.Clear();
+    while (routing_.RouteQueueSize() != 0) routing_.RouteNext(0, 0);
+    std::vector<std::string> types;
+    for (const auto& line : log_.Lines()) {
+      if (!line.text.starts_with("Routing to ")) continue;
+      const std::size_t type = line.text.find(", type=") + 7;
+      types.push_back(line.text.substr(type, line.text.find('\n') - type));
+    }
+    return types;
+  }
   static std::string Text(Envelope& envelope) {
     CORBA::Any any;
     envelope.GetData(any);
@@ -105,6 +122,42 @@ TEST_F(PeersTest, ARoutersUnregisteringTellsTheParentOfAllThatLedThroughIt) {
   EXPECT_EQ(map.Lookup("leaf1"), "");
   EXPECT_EQ(map.Lookup("leaf2"), "");
   EXPECT_EQ(map.Lookup("leaf3"), "another");
+}
+
+TEST_F(PeersTest, NewsForTheParentLivesAsLongAsTheRoutersOwnMessagesDo) {
+  table_.AddParent("");
+  LetOwnMessagesLive(17);
+  routing_.RegisterPeer("child", true);
+  EXPECT_EQ(SentUp().Ttl(), clock_.WallSeconds() + 17);
+  routing_.UnregisterPeer("child", true);
+  EXPECT_EQ(SentUp().Ttl(), clock_.WallSeconds() + 17);
+}
+
+TEST_F(PeersTest, TheSubscriberHearsOfARegistrationBeforeTheParent) {
+  AParentAndASubscriber();
+  routing_.RegisterPeer("child", true);
+  EXPECT_THAT(RoutedInOrder(), ElementsAre("EM-RouterRegistered", "MS-RouterRegistered"));
+}
+
+TEST_F(PeersTest, AnUnregisteringIsToldToTheSubscriberThenToTheParentThenItsQueueIsRouted) {
+  AParentAndASubscriber();
+  AMap().Store("leaf", "child");
+  Entry& child = ARouter("child");
+  Enqueue(child, AnEnvelope().WithType("Waited").WithDestination("child"));
+  routing_.UnregisterPeer("child", true);
+  EXPECT_THAT(RoutedInOrder(),
+              ElementsAre("EM-RouterUnregistered", "MS-RouterUnregistered", "Waited"));
+}
+
+TEST_F(PeersTest, ARegisteredPeerIsInTheTablesFileAndNobodyIsToldOfARefusal) {
+  AParentAndASubscriber();
+  PassAMinute();
+  routing_.RegisterPeer("child", true);
+  EXPECT_NE(TableText().find("child.1"), std::string::npos);
+  RoutedInOrder();
+  EXPECT_THROW(routing_.RegisterPeer("child", true), AlreadyRegistered);
+  EXPECT_THROW(routing_.UnregisterPeer("nobody", true), NotRegistered);
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
 }
 
 TEST_F(PeersTest, TheRootOfATreeDoesNotCleanItsMap) {

@@ -73,6 +73,17 @@ TEST_F(UpdateNotifierTest, ANoticeHasPriority0AndTheTimeToLiveOfTheRoutersOwnMes
   EXPECT_EQ(envelope.Destination(), "router1.watcher");
 }
 
+TEST_F(UpdateNotifierTest, ANoticeLivesAsLongAsTheRoutersOwnMessagesDo) {
+  Subscribe();
+  LetOwnMessagesLive(17);
+  UpdateNotifier notifier(routing_, false);
+  notifier.Logon("agent");
+  routing_.RouteNext(0, 0);
+  Envelope envelope;
+  ASSERT_TRUE(watcher_.PopNext(envelope));
+  EXPECT_EQ(envelope.Ttl(), clock_.WallSeconds() + 17);
+}
+
 TEST_F(UpdateNotifierTest, ASubscriptionOutlivesARestart) {
   routing_.ClientUpdates().SetDestination("router1.watcher");
   routing_.RouterUpdates().SetDestination("another");
