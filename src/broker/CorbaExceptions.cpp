@@ -33,6 +33,11 @@ std::string Describe(const CORBA::Exception& exception) {
   return text + ", completed " + CompletionText(system->completed());
 }
 
+void LogFailedCheck(const omniORB::fatalException& failure) {
+  MessageRouter::LogError("A check of the ORB failed: %s, line %d: %s\n", failure.file(),
+                          failure.line(), failure.errmsg());
+}
+
 }  // namespace Broker
 
 namespace MessageRouter {

@@ -10,14 +10,28 @@ namespace Broker {
 // Name, repository id, and for system exceptions minor code and completion, in one line.
 std::string Describe(const CORBA::Exception& exception);
 
+void LogFailedCheck(const omniORB::fatalException& failure);
+
+// The frame of a single outgoing call: a check of the ORB that fails, which is no CORBA exception
+// and not even a std::exception, becomes CORBA::INTERNAL.
+template <class Function>
+auto OutgoingCall(Function&& call) {
+  try {
+    return call();
+  } catch (const omniORB::fatalException& failure) {
+    LogFailedCheck(failure);
+    throw CORBA::INTERNAL(0, CORBA::COMPLETED_MAYBE);
+  }
+}
+
 // Every outgoing call is repeated once, at once, on a system exception; the second failure counts.
 // A peer whose connection was closed meanwhile is thereby reached over a new one.
 template <class Function>
 auto RepeatOnce(Function&& call) {
   try {
-    return call();
+    return OutgoingCall(call);
   } catch (const CORBA::SystemException&) {
-    return call();
+    return OutgoingCall(call);
   }
 }
 

@@ -81,6 +81,19 @@ TEST(RepeatOnce, SecondFailureCounts) {
   EXPECT_EQ(calls, 2);
 }
 
+TEST(RepeatOnce, FailedCheckOfTheOrbIsASystemExceptionAndTold) {
+  TestSupport::LogCapture log;
+  int calls = 0;
+  EXPECT_THROW(RepeatOnce([&] {
+                 ++calls;
+                 throw omniORB::fatalException("typecode.cc", 42, "illegal");
+               }),
+               CORBA::INTERNAL);
+  EXPECT_EQ(calls, 2);
+  EXPECT_TRUE(log.Has(MessageRouter::kLogError,
+                      "A check of the ORB failed: typecode.cc, line 42: illegal\n"));
+}
+
 TEST(RepeatOnce, UserExceptionIsNotRepeated) {
   int calls = 0;
   EXPECT_THROW(RepeatOnce([&] {
