@@ -73,7 +73,7 @@ class Router : public RoutingHost, public ParentLogonHost {
   Thresholds GetThresholds() const override;
   void OfferToSenders(RouterTableEntry& entry) override;
   bool CountsBusyOffers() const override { return monitorEmSender_; }
-  void OfferToPoller(RouterTableEntry& entry) override;
+  void NotifiedPoll(RouterTableEntry& entry) override;
   void OfferToThreshold(RouterTableEntry& entry) override;
   void ParentLinkLost() override;
   CORBA::Object_ptr StringToObject(const std::string& ior) override;

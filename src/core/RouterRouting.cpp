@@ -128,8 +128,8 @@ void Router::OfferToSenders(RouterTableEntry& entry) {
   senderPool_.Add(entry);
 }
 
-void Router::OfferToPoller(RouterTableEntry& entry) {
-  getterThread_.Offer(entry);
+void Router::NotifiedPoll(RouterTableEntry& entry) {
+  getterThread_.NotifiedPoll(entry);
 }
 
 void Router::OfferToThreshold(RouterTableEntry& entry) {

@@ -30,8 +30,7 @@ void GetEntryGuard::Finish() {
 }
 
 void GetEntryGuard::Fail() {
-  if (!SameSession()) return;
-  entry_.failedGet(claim_.generation);
+  if (!entry_.failedGet(claim_.generation)) return;
   LogError("Failed to get messages, logging %s off\n", entry_.Name().c_str());
   entry_.LogoffSession(claim_.generation);
 }

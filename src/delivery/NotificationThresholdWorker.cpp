@@ -1,5 +1,7 @@
 #include "delivery/NotificationThresholdWorker.h"
 
+#include <exception>
+
 #include "broker/CorbaExceptions.h"
 #include "logging/Log.h"
 #include "routing/Routing.h"
@@ -23,6 +25,10 @@ void NotificationThresholdWorker::ProcessEntry(RouterTableEntry& entry) {
     threshold = Broker::RepeatOnce([notify] { return notify->NotificationThreshold(); });
   } catch (const CORBA::Exception&) {
     LogDebug("Failed NotificationThreshold call to %s\n", name.c_str());
+    entry.ThresholdCallFailed(claim.generation);
+    return;
+  } catch (const std::exception& exception) {
+    LogCaughtException("NotificationThresholdWorker", exception, "");
     entry.ThresholdCallFailed(claim.generation);
     return;
   }

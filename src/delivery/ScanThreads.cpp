@@ -61,11 +61,7 @@ void GetterThread::CheckEntry(RouterTableEntry& entry) {
 }
 
 void GetterThread::NotifiedPoll(RouterTableEntry& entry) {
-  if (entry.readyForNotifiedPoll()) Offer(entry);
-}
-
-void GetterThread::Offer(RouterTableEntry& entry) {
-  manager_.Add(entry);
+  if (entry.readyForNotifiedPoll()) manager_.Add(entry);
 }
 
 std::unique_ptr<WorkerFactoryBase> GetterThread::MakeFactory() {

@@ -162,6 +162,10 @@ void SenderWorker::NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
       LogDebug("Failed to notify %s\n", name.c_str());
       entry.NotificationFailed(session);
       return;
+    } catch (...) {
+      // The visit fails as a whole; whatever comes of it, the entry is not left in this state.
+      entry.NotificationFailed(session);
+      throw;
     }
     LogDebug("Successfully notified %s\n", name.c_str());
     again = entry.NotificationFinished(session);

@@ -14,7 +14,7 @@ void TimeoutWorker::ProcessEntry(RouterTableEntry& entry) {
     // Read first: a peer that logs on again meanwhile must not be logged off for its past.
     const LogonGeneration session = entry.Generation();
     if (!entry.IsLoggedOn() || !entry.IsPassiveConsumer()) entry.RetireExpired();
-    if (entry.PullTimedOut()) {
+    if (entry.PullTimedOut(session)) {
       LogInfo("Communications timeout, logging %s off\n", entry.Name().c_str());
       entry.LogoffSession(session);
     }

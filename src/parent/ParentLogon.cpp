@@ -155,7 +155,7 @@ bool ParentLogon::NoteLogon(const RouterTableEntry& parent) {
 
 void ParentLogon::LoggedOn(RouterTableEntry& parent) {
   routing_.OfferForDelivery(parent);
-  routing_.NotifiedPoll(parent);
+  routing_.Host().NotifiedPoll(parent);
   LogInfo("Logged on to parent router as %s\n", ToDisplayString(OwnIdentity::CommonName()).c_str());
   host_.Status().WriteReport();
 }

@@ -168,10 +168,12 @@ class RouterTableEntry {
   void responseExpected();
   void responseNotRequired();
   bool readyForTimedPoll();
+  // False, too, while a poll runs; its successful end then asks for one more notified poll.
   bool readyForNotifiedPoll();
   Claim ClaimForPolling();
   void successfulGet(LogonGeneration generation);
-  void failedGet(LogonGeneration generation);
+  // False if that session is over.
+  bool failedGet(LogonGeneration generation);
 
   // Pushing.
   Claim ClaimForSending();
@@ -194,6 +196,8 @@ class RouterTableEntry {
 
   void TouchLastPull();
   bool PullTimedOut() const;
+  // False, too, if that session is over.
+  bool PullTimedOut(LogonGeneration session) const;
 
  private:
   friend class RouterTable;  // Detach and the outcome of MarkUnregistered
@@ -268,6 +272,7 @@ class RouterTableEntry {
   void unsafe_enablePolling(const Thresholds& thresholds) REQUIRES(lock_);
   void TouchLastPullLocked() REQUIRES(lock_);
   bool CountsPulls() const;  // the states in which lastPull applies
+  void NoNotificationLocked() REQUIRES(lock_);
   bool NotificationRunningLocked() const REQUIRES_SHARED(lock_);
 
   RouterTable& table_;
@@ -299,6 +304,7 @@ class RouterTableEntry {
   std::optional<SteadyTime> lastGet_ GUARDED_BY(lock_);  // nothing: a poll is due at once
   SteadyTime shortPollDeadline_ GUARDED_BY(lock_){};
   std::uint32_t pollInterval_ GUARDED_BY(lock_) = 0;  // seconds
+  bool notifiedWhilePolled_ GUARDED_BY(lock_) = false;
   std::uint32_t expectedResponses_ GUARDED_BY(lock_) = 0;
   std::uint32_t randomSeed_ GUARDED_BY(lock_);
 };

@@ -105,15 +105,21 @@ void RouterTableEntry::NotificationFailed(LogonGeneration generation) {
   const Thresholds thresholds = host_.GetThresholds();
   WriteGuard guard(lock_);
   if (!guard || generation != generation_ || !NotificationRunningLocked()) return;
-  consumerState_ = kNoNotification;
+  NoNotificationLocked();
   notificationRetry_ = thresholds.notificationThresholdInitialRetrySecs;
   nextNotification_ = Now() + std::chrono::seconds(notificationRetry_);
 }
 
 void RouterTableEntry::ThresholdCallFailed(LogonGeneration generation) {
   WriteGuard guard(lock_);
-  if (!guard || generation != generation_ || !NotificationRunningLocked()) return;
+  if (guard && generation == generation_ && NotificationRunningLocked()) NoNotificationLocked();
+}
+
+// A pull during the call may have made lastPull_ not applicable, and a router that is silent from
+// here on must still time out.
+void RouterTableEntry::NoNotificationLocked() {
   consumerState_ = kNoNotification;
+  if (!lastPull_) TouchLastPullLocked();
 }
 
 bool RouterTableEntry::NotificationFinished(LogonGeneration generation) {
@@ -152,10 +158,15 @@ void RouterTableEntry::TouchLastPullLocked() {
 }
 
 bool RouterTableEntry::PullTimedOut() const {
+  return PullTimedOut(Generation());
+}
+
+bool RouterTableEntry::PullTimedOut(LogonGeneration session) const {
   if (!isRouter_ || !CountsPulls()) return false;
   const std::chrono::seconds limit(host_.GetThresholds().activeConsumerConnectionTimeout);
   ReadGuard guard(lock_);
-  return guard && CountsPulls() && lastPull_ && Now() - *lastPull_ > limit;
+  return guard && session == generation_ && CountsPulls() && lastPull_ &&
+         Now() - *lastPull_ > limit;
 }
 
 }  // namespace MessageRouter

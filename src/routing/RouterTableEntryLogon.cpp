@@ -72,6 +72,7 @@ void RouterTableEntry::ResetLocked(Dismissed& dismissed) {
   Move(local_.supplier, dismissed.objects.supplier);
   logonState_ = kLoggedOff;
   supplierState_ = kNoSupplier;
+  notifiedWhilePolled_ = false;
   consumerState_ = kNothingSent;
   lastPull_.reset();
   dismissed.parentLinkLost = isParent_;

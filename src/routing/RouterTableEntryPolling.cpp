@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "logging/Log.h"
 #include "routing/RouterTableEntry.h"
@@ -140,7 +141,10 @@ bool RouterTableEntry::readyForNotifiedPoll() {
   std::string name;
   {
     WriteGuard guard(lock_);
-    if (!guard || logonState_ != kLoggedOn || supplierState_ != kPollWaiting) return false;
+    if (!guard || logonState_ != kLoggedOn) return false;
+    // The visit may have seen the end of the peer's queue already.
+    if (supplierState_ == kPollRunning) notifiedWhilePolled_ = true;
+    if (supplierState_ != kPollWaiting) return false;
     supplierState_ = kPollNotified;
     name = name_;
   }
@@ -155,26 +159,31 @@ RouterTableEntry::Claim RouterTableEntry::ClaimForPolling() {
   if (!guard || logonState_ != kLoggedOn) return claim;
   if (supplierState_ != kPollNotified && supplierState_ != kPollDue) return claim;
   supplierState_ = kPollRunning;
+  notifiedWhilePolled_ = false;
   claim.acquired = true;
   return claim;
 }
 
 void RouterTableEntry::successfulGet(LogonGeneration generation) {
   std::string name;
+  bool again = false;
   {
     WriteGuard guard(lock_);
     if (!guard || generation != generation_) return;
     supplierState_ = kPollWaiting;
     lastGet_ = Now();
+    again = std::exchange(notifiedWhilePolled_, false);
     name = name_;
   }
   LogDebug("RouterTableEntry::successfulGet(): re-started polling interval for %s\n", name.c_str());
+  if (again) host_.NotifiedPoll(*this);
 }
 
-void RouterTableEntry::failedGet(LogonGeneration generation) {
+bool RouterTableEntry::failedGet(LogonGeneration generation) {
   WriteGuard guard(lock_);
-  if (!guard || generation != generation_) return;
+  if (!guard || generation != generation_) return false;
   supplierState_ = kPollFailed;
+  return true;
 }
 
 }  // namespace MessageRouter

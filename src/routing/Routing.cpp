@@ -249,7 +249,7 @@ RouterTableEntry::LocalPeerObjects Routing::LogonRouterPeer(
   RouterTableEntry& entry = FindForLogon(name);
   const auto activated = entry.LogonRouter(name, consumer, supplier, notify, threshold, true);
   table_.WriteTable(false);
-  NotifiedPoll(entry);
+  host_.NotifiedPoll(entry);
   OfferForDelivery(entry);
   routerUpdateNotifier_.Logon(name);
   return activated;
@@ -257,10 +257,6 @@ RouterTableEntry::LocalPeerObjects Routing::LogonRouterPeer(
 
 void Routing::LogoffPeer(const std::string& name) {
   FindForLogon(name).Logoff(name);
-}
-
-void Routing::NotifiedPoll(RouterTableEntry& entry) {
-  if (entry.readyForNotifiedPoll()) host_.OfferToPoller(entry);
 }
 
 void Routing::OfferForDelivery(RouterTableEntry& entry) {

@@ -60,8 +60,6 @@ class Routing {
                                                      std::int32_t threshold);
   void LogoffPeer(const std::string& name);
   void OfferForDelivery(RouterTableEntry& entry);
-  // A poll at once, if the entry waits for its poll time.
-  void NotifiedPoll(RouterTableEntry& entry);
 
   // The one way for the router itself to speak.
   void SendLocalMessage(const std::string& destination, const std::string& type,

@@ -38,8 +38,8 @@ struct Thresholds {
 };
 
 // What routing asks of the rest of the router. Implemented by Router; tests play it.
-// Threads: any. No lock of this folder is held when these are called, except by GetThresholds,
-// OfferToSenders and OfferToPoller, which take leaf locks alone.
+// Threads: any. No lock of this folder is held when these are called, except by GetThresholds and
+// OfferToSenders, which take leaf locks alone.
 class RoutingHost {
  public:
   virtual ~RoutingHost() = default;
@@ -53,8 +53,8 @@ class RoutingHost {
   // Whether an offer of a peer to which a sender is at work already matters: it is a count of how
   // long that sender has been stuck.
   virtual bool CountsBusyOffers() const { return true; }
-  // GetterThread::NotifiedPoll's pool.
-  virtual void OfferToPoller(RouterTableEntry& entry) = 0;
+  // A poll at once, if the entry waits for its poll time.
+  virtual void NotifiedPoll(RouterTableEntry& entry) = 0;
   // The notification threshold thread, or the warning that there is none.
   virtual void OfferToThreshold(RouterTableEntry& entry) = 0;
 

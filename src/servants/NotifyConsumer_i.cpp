@@ -48,8 +48,7 @@ void NotifyConsumer_i::Notify() {
     if (routing == nullptr || !name) return;
     MessageRouter::RouterTableEntry* entry = routing->Table().Find(*name);
     if (entry == nullptr) return;  // a stranger's notification is dropped without a word
-    // In any other state a poll is wanted or running already, or the peer is not polled at all.
-    if (entry->readyForNotifiedPoll()) routing->Host().OfferToPoller(*entry);
+    routing->Host().NotifiedPoll(*entry);
     MessageRouter::LogDebug("NotifyConsumer_i::Notify() notified by %s\n", name->c_str());
   });
 }

@@ -126,7 +126,8 @@ void FakeRoutingHost::OfferToSenders(RouterTableEntry& entry) {
   senders_.push_back(&entry);
 }
 
-void FakeRoutingHost::OfferToPoller(RouterTableEntry& entry) {
+void FakeRoutingHost::NotifiedPoll(RouterTableEntry& entry) {
+  if (!entry.readyForNotifiedPoll()) return;
   std::lock_guard<std::mutex> guard(mutex_);
   pollers_.push_back(&entry);
 }

@@ -72,7 +72,7 @@ class FakeRoutingHost : public MessageRouter::RoutingHost {
   MessageRouter::Thresholds GetThresholds() const override;
   void OfferToSenders(MessageRouter::RouterTableEntry& entry) override;
   bool CountsBusyOffers() const override { return countsBusyOffers; }
-  void OfferToPoller(MessageRouter::RouterTableEntry& entry) override;
+  void NotifiedPoll(MessageRouter::RouterTableEntry& entry) override;
   void OfferToThreshold(MessageRouter::RouterTableEntry& entry) override;
   void ParentLinkLost() override;
   // Throws CORBA::BAD_PARAM for text that is no reference.

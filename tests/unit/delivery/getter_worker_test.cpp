@@ -210,12 +210,56 @@ TEST_F(GetterWorkerTest, VisitToAPeerThatLoggedOffChangesNothing) {
   EXPECT_FALSE(log.Contains("logging child off"));
 }
 
-TEST_F(GetterWorkerTest, NotificationDuringAPollHasNoEffect) {
+TEST_F(GetterWorkerTest, NotificationDuringAPollChangesNothingOfItAndMeansOneMoreAfterIt) {
   Hold(1);
-  peer->onCall = [this](int) { EXPECT_FALSE(entry.readyForNotifiedPoll()); };
+  peer->onCall = [this](int) {
+    host.NotifiedPoll(entry);
+    EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollRunning);
+    EXPECT_THAT(host.Pollers(), IsEmpty());
+  };
   TimedPoll();
   EXPECT_THAT(polls, ElementsAre(std::pair(false, true)));
+  EXPECT_THAT(host.Pollers(), ElementsAre(&entry));
+  peer->onCall = nullptr;
+  VisitForPoll();
+  EXPECT_THAT(polls, ElementsAre(std::pair(false, true), std::pair(true, false)));
+  EXPECT_THAT(host.Pollers(), SizeIs(1));
   EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollWaiting);
+}
+
+TEST_F(GetterWorkerTest, EnvelopeAnnouncedAfterTheEndOfTheQueueWasSeenIsFetchedAtOnce) {
+  peer->onCall = [this](int) {
+    peer->onCall = nullptr;
+    host.NotifiedPoll(entry);
+    throw BrelixMessaging::NoEnvelope();
+  };
+  TimedPoll();
+  Hold(1);
+  ASSERT_THAT(host.Pollers(), ElementsAre(&entry));
+  VisitForPoll();
+  EXPECT_THAT(Routed(), ElementsAre(1u));
+}
+
+TEST_F(GetterWorkerTest, NotificationDuringAVisitThatMaximumToGetEndsBringsTheRest) {
+  MessageRouter::SetConfigInt("MaximumToGet", 1);
+  Hold(2);
+  peer->onCall = [this](int call) {
+    if (call == 1) host.NotifiedPoll(entry);
+  };
+  TimedPoll();
+  ASSERT_THAT(host.Pollers(), ElementsAre(&entry));
+  VisitForPoll();
+  EXPECT_THAT(Routed(), ElementsAre(1u, 2u));
+}
+
+TEST_F(GetterWorkerTest, NotificationDuringAPollThatFailsMeansNoOther) {
+  peer->onCall = [this](int) {
+    host.NotifiedPoll(entry);
+    throw BrelixMessaging::Rejected();
+  };
+  TimedPoll();
+  ExpectLoggedOff();
+  EXPECT_THAT(host.Pollers(), IsEmpty());
 }
 
 TEST_F(GetterWorkerTest, GetSystemExceptionAndThenSuccessCountsAsANormalTurn) {

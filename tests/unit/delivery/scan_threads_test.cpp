@@ -23,12 +23,13 @@ using MessageRouter::TimeoutThread;
 using MessageRouter::TimeoutWorker;
 using testing::ElementsAre;
 
-// A scan thread that shows its pool.
+// A scan thread that shows its pool, and takes an entry without a look at its state.
 template <class Thread>
 class Exposed : public Thread {
  public:
   using Thread::Thread;
   ~Exposed() override { this->Stop(); }
+  void Offer(RouterTableEntry& entry) { this->manager_.Add(entry); }
   std::size_t Queued() { return this->manager_.Queue().Size(); }
 };
 

@@ -219,6 +219,100 @@ TEST_F(EntryNotificationTest,
   }
 }
 
+TEST_F(EntryNotificationTest, ASilentRouterTimesOutWhileItIsBeingNotified) {
+  Begin();
+  clock_.Advance(seconds(1800));
+  EXPECT_FALSE(peer_.PullTimedOut());
+  clock_.Advance(seconds(1));
+  EXPECT_TRUE(peer_.PullTimedOut());
+}
+
+TEST_F(EntryNotificationTest, OneThatPulledDuringTheCallDoesNotTimeOutBeforeItsEnd) {
+  Begin();
+  for (const bool again : {false, true}) {
+    peer_.EnvelopePulledWithNothingThere();
+    if (again) peer_.NotificationWanted();
+    peer_.TouchLastPull();
+    clock_.Advance(seconds(1801));
+    EXPECT_FALSE(peer_.PullTimedOut()) << again;
+  }
+}
+
+// A pull in these states counts for nothing.
+TEST_F(EntryNotificationTest, AfterAFailedCallTheTimeRunsFromThereIfThePeerPulledMeanwhile) {
+  for (const bool again : {false, true}) {
+    for (const auto fail : {&Entry::NotificationFailed, &Entry::ThresholdCallFailed}) {
+      Logon(0);
+      const auto generation = Begin();
+      peer_.EnvelopePulledWithNothingThere();
+      if (again) peer_.NotificationWanted();
+      peer_.TouchLastPull();
+      clock_.Advance(seconds(1801));
+      (peer_.*fail)(generation);
+      EXPECT_EQ(peer_.GetConsumerState(), Entry::kNoNotification);
+      EXPECT_FALSE(peer_.PullTimedOut()) << again;
+      clock_.Advance(seconds(1801));
+      EXPECT_TRUE(peer_.PullTimedOut()) << again;
+    }
+  }
+}
+
+TEST_F(EntryNotificationTest, AFailedCallIsNoSignOfLife) {
+  for (const auto fail : {&Entry::NotificationFailed, &Entry::ThresholdCallFailed}) {
+    Logon(0);
+    const auto generation = Begin();
+    clock_.Advance(seconds(1801));
+    (peer_.*fail)(generation);
+    EXPECT_TRUE(peer_.PullTimedOut());
+  }
+}
+
+TEST_F(EntryNotificationTest, ATimeOutIsThatOfOneSession) {
+  const auto old = peer_.Generation();
+  Logon(0);
+  clock_.Advance(seconds(1801));
+  EXPECT_FALSE(peer_.PullTimedOut(old));
+  EXPECT_TRUE(peer_.PullTimedOut(peer_.Generation()));
+}
+
+TEST_F(EntryNotificationTest, AnOutcomeWithoutACallUnderWayChangesNothing) {
+  const auto expectToStay = [this](Entry::ConsumerState state) {
+    const auto generation = peer_.Generation();
+    ASSERT_EQ(peer_.GetConsumerState(), state);
+    peer_.NotificationFailed(generation);
+    EXPECT_EQ(peer_.GetConsumerState(), state);
+    peer_.ThresholdCallFailed(generation);
+    EXPECT_EQ(peer_.GetConsumerState(), state);
+    peer_.NotificationAccepted(generation, 9);
+    EXPECT_EQ(peer_.GetConsumerState(), state);
+  };
+  expectToStay(Entry::kNothingSent);
+  peer_.NotificationFinished(Begin());  // the threshold is still 0, or nothing would be wanted
+  expectToStay(Entry::kNotified);
+  peer_.ThresholdCallFailed(Begin());
+  expectToStay(Entry::kNoNotification);
+  EXPECT_TRUE(peer_.NotificationRetryDue().acquired);  // no failure has put it off
+}
+
+TEST_F(EntryNotificationTest, EveryOutcomeEndsACallDuringWhichAnotherWasWanted) {
+  const auto begin = [this] {
+    Logon(0);
+    const auto generation = Begin();
+    peer_.EnvelopePulledWithNothingThere();
+    peer_.NotificationWanted();
+    EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyAgain);
+    return generation;
+  };
+  peer_.NotificationFailed(begin());
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNoNotification);
+  peer_.ThresholdCallFailed(begin());
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNoNotification);
+  peer_.NotificationAccepted(begin(), 0);
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
+  EXPECT_TRUE(peer_.NotificationFinished(begin()));
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
+}
+
 TEST_F(EntryNotificationTest, AClientNeverTimesOut) {
   Entry& client = AClient("agent");
   LogonPulling(client);

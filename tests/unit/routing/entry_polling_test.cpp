@@ -77,6 +77,32 @@ TEST_F(EntryPollingTest, ANotifiedPollComesAtOnceAndOnlyWhileThePeerWaits) {
   EXPECT_FALSE(peer_.readyForTimedPoll());
 }
 
+TEST_F(EntryPollingTest, NotificationsDuringAPollAreOneMorePollAfterIt) {
+  LogonPolled(peer_);
+  ASSERT_TRUE(peer_.readyForTimedPoll());
+  const Entry::Claim claim = peer_.ClaimForPolling();
+  EXPECT_FALSE(peer_.readyForNotifiedPoll());
+  EXPECT_FALSE(peer_.readyForNotifiedPoll());
+  EXPECT_EQ(peer_.GetSupplierState(), Entry::kPollRunning);
+  peer_.successfulGet(claim.generation);
+  EXPECT_EQ(peer_.GetSupplierState(), Entry::kPollNotified);
+  EXPECT_THAT(host_.Pollers(), testing::ElementsAre(&peer_));
+  peer_.successfulGet(peer_.ClaimForPolling().generation);
+  EXPECT_EQ(peer_.GetSupplierState(), Entry::kPollWaiting);
+  EXPECT_THAT(host_.Pollers(), testing::SizeIs(1));
+}
+
+TEST_F(EntryPollingTest, ANotificationOfAnEndedSessionIsForgotten) {
+  LogonPolled(peer_);
+  ASSERT_TRUE(peer_.readyForTimedPoll());
+  ASSERT_TRUE(peer_.ClaimForPolling().acquired);
+  EXPECT_FALSE(peer_.readyForNotifiedPoll());
+  LogonPolled(peer_);
+  peer_.successfulGet(peer_.Generation());
+  EXPECT_EQ(peer_.GetSupplierState(), Entry::kPollWaiting);
+  EXPECT_THAT(host_.Pollers(), testing::IsEmpty());
+}
+
 TEST_F(EntryPollingTest, OnlyOneWorkerCanClaimAPoll) {
   LogonPolled(peer_);
   EXPECT_FALSE(peer_.ClaimForPolling().acquired);
@@ -86,7 +112,7 @@ TEST_F(EntryPollingTest, OnlyOneWorkerCanClaimAPoll) {
   EXPECT_EQ(claim.generation, peer_.Generation());
   EXPECT_EQ(peer_.GetSupplierState(), Entry::kPollRunning);
   EXPECT_FALSE(peer_.ClaimForPolling().acquired);
-  peer_.failedGet(claim.generation);
+  EXPECT_TRUE(peer_.failedGet(claim.generation));
   EXPECT_EQ(peer_.GetSupplierState(), Entry::kPollFailed);
 }
 
@@ -95,7 +121,7 @@ TEST_F(EntryPollingTest, TheEndOfAStalePollChangesNothing) {
   ASSERT_TRUE(peer_.readyForNotifiedPoll());
   const Entry::Claim stale = peer_.ClaimForPolling();
   LogonPolled(peer_);
-  peer_.failedGet(stale.generation);
+  EXPECT_FALSE(peer_.failedGet(stale.generation));
   EXPECT_EQ(peer_.GetSupplierState(), Entry::kPollWaiting);
   ASSERT_TRUE(peer_.readyForNotifiedPoll());
   peer_.successfulGet(stale.generation);
@@ -112,6 +138,23 @@ TEST_F(EntryPollingTest, AnAwaitedAnswerShortensTheInterval) {
   clock_.Advance(seconds(1));
   EXPECT_TRUE(peer_.readyForTimedPoll());
   EXPECT_TRUE(Logged("readyForTimedPoll(): set next polling interval to 120 seconds for child"));
+}
+
+TEST_F(EntryPollingTest, EachExpectedResponseMovesTheDeadlineOfTheShortInterval) {
+  thresholds_.getterInterval = 300;
+  host_.SetThresholds(thresholds_);
+  LogonPolled(peer_);
+  peer_.responseExpected();
+  clock_.Advance(seconds(200));
+  peer_.responseExpected();
+  const auto reset = "readyForTimedPoll(): reset current polling interval to 300 seconds for child";
+  clock_.Advance(seconds(299));
+  ASSERT_TRUE(peer_.readyForTimedPoll());
+  EXPECT_FALSE(Logged(reset));
+  peer_.successfulGet(peer_.ClaimForPolling().generation);
+  clock_.Advance(seconds(1));
+  EXPECT_FALSE(peer_.readyForTimedPoll());
+  EXPECT_TRUE(Logged(reset));
 }
 
 TEST_F(EntryPollingTest, WithTwoExpectedResponsesOneKeepsTheShortIntervalAndTheNextEndsIt) {

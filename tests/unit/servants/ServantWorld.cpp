@@ -120,7 +120,8 @@ void Host::OfferToSenders(RouterTableEntry& entry) {
   if (onOffer) onOffer();
 }
 
-void Host::OfferToPoller(RouterTableEntry& entry) {
+void Host::NotifiedPoll(RouterTableEntry& entry) {
+  if (!entry.readyForNotifiedPoll()) return;
   const std::lock_guard guard(mutex_);
   polled.push_back(entry.Name());
 }

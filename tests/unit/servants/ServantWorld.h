@@ -87,7 +87,7 @@ class Host : public MessageRouter::RoutingHost {
   MessageRouter::LocalObjects& Objects() override;
   MessageRouter::Thresholds GetThresholds() const override { return {}; }
   void OfferToSenders(MessageRouter::RouterTableEntry& entry) override;
-  void OfferToPoller(MessageRouter::RouterTableEntry& entry) override;
+  void NotifiedPoll(MessageRouter::RouterTableEntry& entry) override;
   void OfferToThreshold(MessageRouter::RouterTableEntry& entry) override;
   void ParentLinkLost() override {}
   CORBA::Object_ptr StringToObject(const std::string& ior) override;
