@@ -48,8 +48,16 @@ static_assert(kMostHandshakes + kMaxStrangers < kPoolThreads);
 
 // -- Messages -------------------------------------------------------------------------------------
 
-// The largest message.
+// The largest message, in and out.
 inline constexpr unsigned kMaxMessageBytes = 104857600;
+// An envelope that could come in and not go out would stop its link for ever, and it grows on its
+// way: a client's message by the sender's certificate, and all by a router's name or two at each
+// hop. So what is let in leaves room: a client's message to travel far, a router's envelope for
+// this hop.
+inline constexpr unsigned kMaxClientEnvelopeBytes = 64 * 1024 * 1024;
+inline constexpr unsigned kMaxRouterEnvelopeBytes = 96 * 1024 * 1024;
+static_assert(kMaxClientEnvelopeBytes < kMaxRouterEnvelopeBytes);
+static_assert(kMaxRouterEnvelopeBytes < kMaxMessageBytes);
 // What a peer may send without completing a request: parts of many messages can be mixed.
 inline constexpr unsigned long kPeerMessageBytes = 2UL * kMaxMessageBytes;
 

@@ -28,7 +28,8 @@ class Envelope {
   explicit Envelope(const std::string& fileName);
 
   // The three creators, each on an envelope just constructed. On return the envelope is on disk.
-  // They throw BrelixMessaging::Rejected for a type that this originator may not send, and
+  // They throw BrelixMessaging::Rejected for a type that this originator may not send, and for an
+  // envelope so large that it might not get out again, and
   // std::runtime_error if the file can't be written or a text would not read back as it is; nothing
   // is left behind then.
   void CreateFromClient(const BrelixMessaging::Message& message, const std::string& originator,
@@ -87,7 +88,9 @@ class Envelope {
     std::string data;  // as Encoding::EncodeAny gives it
   };
 
-  void FillFromMessage(const BrelixMessaging::Message& message);
+  void FillFromMessage(const BrelixMessaging::Message& message, std::size_t largest);
+  // What it takes on the wire, or a little more. Only while it is not shrunk.
+  std::size_t WireSize() const;
   // Both throw std::runtime_error for a text that would not read back.
   void SetPhysicalDestination(const std::vector<std::string>& hops);
   void RequireTextsReadBack() const;

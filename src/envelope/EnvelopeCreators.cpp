@@ -6,6 +6,7 @@
 #include "envelope/EnvelopeText.h"
 #include "envelope/MessageIdGenerator.h"
 #include "envelope/MessageType.h"
+#include "envelope/Settings.h"
 #include "logging/Log.h"
 #include "security/OwnIdentity.h"
 
@@ -45,7 +46,7 @@ void Envelope::CreateFromClient(const BrelixMessaging::Message& message,
   timestamps_.stamps.reserve(2);
   timestamps_.Append(originator);
   timestamps_.Append(OwnIdentity::CommonName());
-  FillFromMessage(message);
+  FillFromMessage(message, Settings::Largest().fromClient);
 }
 
 void Envelope::CreateFromRouter(const BrelixMessaging::Envelope& wire, bool fromParent) {
@@ -71,7 +72,7 @@ void Envelope::CreateFromRouter(const BrelixMessaging::Envelope& wire, bool from
     timestamps_.Append(wire.timestamps[i].name.in(), wire.timestamps[i].utc_time);
   }
   timestamps_.Append(OwnIdentity::CommonName());
-  FillFromMessage(wire.client_info);
+  FillFromMessage(wire.client_info, Settings::Largest().fromRouter);
 }
 
 void Envelope::CreateLocal(const std::string& destination, std::uint32_t priority, TimeToLive ttl,
@@ -96,7 +97,7 @@ void Envelope::CreateLocal(const std::string& destination, std::uint32_t priorit
   WritePersistent();
 }
 
-void Envelope::FillFromMessage(const BrelixMessaging::Message& message) {
+void Envelope::FillFromMessage(const BrelixMessaging::Message& message, std::size_t largest) {
   destination_ = message.destination.in();
   priority_ = static_cast<std::uint32_t>(message.prio);
   type_ = message.type.in();
@@ -107,8 +108,26 @@ void Envelope::FillFromMessage(const BrelixMessaging::Message& message) {
   }
   ttl_ = TimeToLive::Stated(message.ttl).End();
   RequireTextsReadBack();
+  if (const std::size_t size = WireSize(); size > largest) {
+    LogError("Refused a message of %zu bytes (%s), at most %zu can be passed on\n", size,
+             Describe().c_str(), largest);
+    throw BrelixMessaging::Rejected();
+  }
   // A peer's message is the router's only once it is on disk.
   if (!WritePersistent()) throw std::runtime_error(kCreationFailed);
+}
+
+std::size_t Envelope::WireSize() const {
+  constexpr std::size_t kFixed = 256;
+  constexpr std::size_t kString = 8;  // its length, its end, and the way to the next one
+  std::size_t size = kFixed + originator_.size() + destination_.size() + type_.size() +
+                     options_.size() + physicalDestination_.size() + kString * HopCount();
+  for (const Timestamp& stamp : timestamps_.stamps) {
+    size += stamp.name.size() + kString + sizeof(CORBA::Long);
+  }
+  // The payload is kept as two digits a byte.
+  if (heavy_) size += heavy_.get()->certificate.size() + heavy_.get()->data.size() / 2;
+  return size;
 }
 
 void Envelope::SetPhysicalDestination(const std::vector<std::string>& hops) {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "broker/Limits.h"
 #include "config/Configuration.h"
 #include "envelope/Envelope.h"
 
@@ -11,6 +12,11 @@ namespace {
 constexpr std::int64_t kUnread = -1;
 std::atomic<std::int64_t> shrinkEnvelopes{kUnread};
 std::atomic<std::int64_t> messageTimeoutSec{kUnread};
+
+constexpr Settings::LargestEnvelopes kLargest{Broker::Limits::kMaxClientEnvelopeBytes,
+                                              Broker::Limits::kMaxRouterEnvelopeBytes};
+std::atomic<std::size_t> largestFromClient{kLargest.fromClient};
+std::atomic<std::size_t> largestFromRouter{kLargest.fromRouter};
 
 std::uint32_t Kept(std::atomic<std::int64_t>& kept, const char* name, std::uint32_t defaultValue) {
   std::int64_t value = kept.load(std::memory_order_relaxed);
@@ -33,9 +39,20 @@ std::uint32_t MessageTimeoutSec() {
   return Kept(messageTimeoutSec, "MessageTimeoutSec", 43200);
 }
 
+LargestEnvelopes Largest() {
+  return {largestFromClient.load(std::memory_order_relaxed),
+          largestFromRouter.load(std::memory_order_relaxed)};
+}
+
 void Forget() {
   shrinkEnvelopes = kUnread;
   messageTimeoutSec = kUnread;
+  SetLargest(kLargest);
+}
+
+void SetLargest(const LargestEnvelopes& largest) {
+  largestFromClient = largest.fromClient;
+  largestFromRouter = largest.fromRouter;
 }
 
 }  // namespace Settings

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // The settings that are read once in the life of the process and kept.
@@ -8,7 +9,16 @@ namespace MessageRouter::Settings {
 
 bool ShrinkEnvelopes();
 std::uint32_t MessageTimeoutSec();
-// For tests: the next use reads the configuration again.
+
+// The largest envelopes that are taken, in bytes on the wire; those of Broker::Limits.
+struct LargestEnvelopes {
+  std::size_t fromClient;
+  std::size_t fromRouter;
+};
+LargestEnvelopes Largest();
+
+// For tests: the next use reads the configuration again, and other limits until then.
 void Forget();
+void SetLargest(const LargestEnvelopes& largest);
 
 }  // namespace MessageRouter::Settings

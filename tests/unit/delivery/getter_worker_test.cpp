@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "delivery/ScanThreads.h"
+#include "envelope/Settings.h"
 #include "fixture.h"
 
 namespace DeliveryTests {
@@ -329,6 +330,18 @@ TEST_F(GetterWorkerTest, EnvelopeThatMayOnlyComeFromTheParentFailsThePollAndStay
   EXPECT_THAT(Routed(), ElementsAre(1u));
   EXPECT_THAT(peer->waiting, SizeIs(1));
   EXPECT_EQ(peer->acknowledgements.count, 1);
+}
+
+TEST_F(GetterWorkerTest, EnvelopeThatIsTooLargeEndsThePollAtOnceAndStaysWithThePeer) {
+  Hold(2);
+  peer->waiting.back().client_info.custom_data <<= std::string(2000, 'x').c_str();
+  MessageRouter::Settings::SetLargest({1000, 2000});
+  TimedPoll();
+  MessageRouter::Settings::Forget();
+  ExpectLoggedOff();
+  EXPECT_EQ(peer->count, 2);
+  EXPECT_THAT(Routed(), ElementsAre(1u));
+  EXPECT_THAT(peer->waiting, SizeIs(1));
 }
 
 TEST_F(GetterWorkerTest, EnvelopeThatCannotBeStoredFailsThePollAndStaysWithThePeer) {
