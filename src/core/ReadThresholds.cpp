@@ -68,4 +68,22 @@ Thresholds ReadThresholds() {
   return thresholds;
 }
 
+Scan ReadGetterScan() {
+  std::uint32_t seconds = GetConfigInt("GetterTickSecs", 10);
+  if (seconds == 0) {
+    seconds = 10;
+    LogWarning("GetterTickSecs is zero, using value of %d second/s\n", 10);
+  }
+  return {seconds, GetConfigInt("NumGetterThreads", 2)};
+}
+
+Scan ReadTimeoutScan() {
+  return {GetConfigInt("TimeoutInterval", 70), 1};
+}
+
+Scan ReadThresholdScan() {
+  return {GetConfigInt("NotificationThresholdThreadIntervalSecs", 600),
+          GetConfigInt("NumNotificationThresholdThreads", 0)};
+}
+
 }  // namespace MessageRouter

@@ -4,6 +4,7 @@
 
 #include "config/Configuration.h"
 #include "config/DataLocation.h"
+#include "core/ReadThresholds.h"
 #include "core/Router.h"
 #include "core/Step.h"
 #include "logging/Log.h"
@@ -33,11 +34,10 @@ void Router::ReadConnectRetry() {
 void Router::PrepareRouting() {
   senderPool_.Open();
   getterThread_.Open();
-  const std::uint32_t workers = GetConfigInt("NumNotificationThresholdThreads", 0);
-  if (workers == 0) return;
+  const Scan scan = ReadThresholdScan();
+  if (scan.workers == 0) return;
   notificationThresholdOwner_ = std::make_unique<NotificationThresholdThread>(routerTable_);
-  notificationThresholdOwner_->Configure(
-      GetConfigInt("NotificationThresholdThreadIntervalSecs", 600), workers);
+  notificationThresholdOwner_->Configure(scan.seconds, scan.workers);
   notificationThresholdThread_ = notificationThresholdOwner_.get();
 }
 
@@ -59,14 +59,11 @@ void Router::doStartRouting() {
   if (thresholds != nullptr) thresholds->Start();
   routerThread_.Start();
 
-  std::uint32_t getterTick = GetConfigInt("GetterTickSecs", 10);
-  if (getterTick == 0) {
-    getterTick = 10;
-    LogWarning("GetterTickSecs is zero, using value of %d second/s\n", 10);
-  }
-  getterThread_.Configure(getterTick, GetConfigInt("NumGetterThreads", 2));
+  const Scan getters = ReadGetterScan();
+  getterThread_.Configure(getters.seconds, getters.workers);
   getterThread_.Start();
-  timeoutThread_.Configure(GetConfigInt("TimeoutInterval", 70), 1);
+  const Scan timeouts = ReadTimeoutScan();
+  timeoutThread_.Configure(timeouts.seconds, timeouts.workers);
   timeoutThread_.Start();
 
   iorSender_.SetPort(static_cast<std::uint16_t>(GetConfigInt("IORSenderPort", 8192)));

@@ -1,6 +1,7 @@
 """Routers below that wait to be asked, and routers below that ask: the dialogue of fetching, with the
 router on either side of it."""
 
+import signal
 import unittest
 
 from harness import SystemTest, wait_until
@@ -87,6 +88,43 @@ class Polled(SystemTest):
         self.log_on()
         self.receiver.wait_received(1)
         self.assertEqual(0, self.box.stop())
+
+    def hang(self):
+        """A poll that waits for an answer, with a message to be fetched."""
+        self.start(GetterInterval=1000, ResetTimeout=60)
+        self.supply(1)
+        self.child("behave", method="RouterSupplier.GetEnvelope", delay_ms=-1)
+        self.log_on()
+        wait_until(lambda: self.child.calls("RouterSupplier.GetEnvelope") == 1, 10, "the poll")
+
+    def test_a_stop_while_a_poll_hangs_ends_in_time_and_loses_nothing(self):
+        self.hang()
+        self.assertEqual(0, self.box.stop())
+        self.child("release")
+        self.assertEqual(1, self.child("to_supply"))
+
+    def test_a_reload_goes_on_when_the_polled_one_answers(self):
+        self.hang()
+        mark = len(self.box.log())
+        self.box.process.send_signal(signal.SIGHUP)
+        self.box.wait_log("Shutting down...", since=mark)
+        self.child("release")
+        self.box.wait_log("Waiting for messages...", 30, since=mark)
+        self.receiver.retry("reconnect")
+        self.receiver.wait_received(1)
+        self.assertEqual(["1"], [one["payload"] for one in self.receiver.received()])
+
+    def test_a_notification_during_a_poll_is_a_poll_after_it(self):
+        self.start(GetterInterval=1000, GetterShortInterval=1000)
+        self.child("behave", method="RouterSupplier.GetEnvelope", delay_ms=-1, times=1,
+                   **{"raise": "NoEnvelope"})
+        self.log_on()
+        wait_until(lambda: self.child.calls("RouterSupplier.GetEnvelope") == 1, 10, "the poll")
+        self.supply(1)
+        self.child("router_notify.Notify")
+        self.child("release")
+        self.receiver.wait_received(1)
+        self.wait_supplied()
 
     def test_a_command_that_only_the_parent_may_send_is_not_taken(self):
         self.start()

@@ -65,6 +65,22 @@ class VanishedPeer(SystemTest):
         wait_until(lambda: len(self.box.envelopes()) == 1, 10, "only the undelivered one to stay")
 
 
+    def far_child(self, method, **offered):
+        """A child router that takes that call and vanishes in it."""
+        child = self.peer(self.box, "child", "router", host=self.far).connect()
+        child("root.GetRouter")
+        child("router.Register")
+        child("behave", method=method, delay_ms=-1)
+        child("router.Logon", consumer=False, **offered)
+        return child
+
+    def test_one_that_vanishes_in_a_poll_is_logged_off(self):
+        child = self.far_child("RouterSupplier.GetEnvelope", supplier=True)
+        wait_until(lambda: child.calls("RouterSupplier.GetEnvelope"), 10, "the poll")
+        self.cut()
+        self.box.wait_log("Failed to get messages, logging child off", 60)
+
+
 class Keys(SystemTest):
     def keep_alive_seconds(self, box):
         """The time to the next probe of one of the router's connections; 0 where none is planned."""

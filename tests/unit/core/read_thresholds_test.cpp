@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "config/Configuration.h"
 #include "logging/Log.h"
 #include "support/LogCapture.h"
@@ -69,6 +72,52 @@ TEST_F(ThresholdKeys, AnInitialRetryAboveTheMaximumIsLoweredToIt) {
   EXPECT_TRUE(log_.Has(kLogWarning,
                        "NotificationThresholdInitialRetrySecs is greater than "
                        "NotificationThresholdMaxRetrySecs, using the same value of 400\n"));
+}
+
+TEST_F(ThresholdKeys, RetryTimesAreLoggedAsReadBeforeTheyAreMended) {
+  SetConfigInt("NotificationThresholdInitialRetrySecs", 0);
+  SetConfigInt("NotificationThresholdMaxRetrySecs", 400);
+  ReadThresholds();
+  std::vector<std::string> lines;
+  for (const auto& line : log_.Lines()) lines.push_back(line.text);
+  const std::vector<std::string> expected{
+      "Setting NotificationThresholdInitialRetrySecs to 0\n",
+      "Setting NotificationThresholdMaxRetrySecs to 400\n",
+      "NotificationThresholdInitialRetrySecs is 0, using default of 3600\n",
+      "NotificationThresholdInitialRetrySecs is greater than NotificationThresholdMaxRetrySecs, "
+      "using the same value of 400\n"};
+  EXPECT_EQ(lines, expected);
+}
+
+TEST_F(ThresholdKeys, AShortIntervalOf0CanBeAboveTheIntervalToo) {
+  SetConfigInt("GetterShortInterval", 0);
+  SetConfigInt("GetterInterval", 100);
+  EXPECT_EQ(ReadThresholds().getterShortInterval, 100u);
+  EXPECT_TRUE(log_.Has(kLogWarning, "GetterShortInterval is zero, using value of 120 second/s\n"));
+  EXPECT_TRUE(log_.Contains("so adjusted to be the same value of 100 seconds"));
+}
+
+TEST_F(ThresholdKeys, TheSpreadOfIntervalsCanBeSwitchedOff) {
+  SetConfigBool("RandomizeGetterInterval", false);
+  EXPECT_FALSE(ReadThresholds().randomizeGetterInterval);
+}
+
+TEST_F(ThresholdKeys, ScansHaveTheirDefaultsWithoutAWarning) {
+  EXPECT_EQ(ReadGetterScan(), (Scan{10, 2}));
+  EXPECT_EQ(ReadTimeoutScan(), (Scan{70, 1}));
+  EXPECT_EQ(ReadThresholdScan(), (Scan{600, 0}));
+  EXPECT_TRUE(log_.Lines().empty());
+}
+
+TEST_F(ThresholdKeys, ScansAreAsConfigured) {
+  SetConfigInt("GetterTickSecs", 3);
+  SetConfigInt("NumGetterThreads", 4);
+  SetConfigInt("TimeoutInterval", 0);
+  SetConfigInt("NotificationThresholdThreadIntervalSecs", 0);
+  SetConfigInt("NumNotificationThresholdThreads", 6);
+  EXPECT_EQ(ReadGetterScan(), (Scan{3, 4}));
+  EXPECT_EQ(ReadTimeoutScan(), (Scan{0, 1}));
+  EXPECT_EQ(ReadThresholdScan(), (Scan{0, 6}));
 }
 
 TEST_F(ThresholdKeys, AShortIntervalAboveTheIntervalIsLoweredToIt) {

@@ -1,9 +1,13 @@
 #include "servants/EnvelopeSupplier_i.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
+#include <string>
+#include <utility>
 
 #include "FakePeers.h"
 #include "ServantWorld.h"
@@ -22,6 +26,26 @@ using MessageRouter::kLogInfo;
 using MessageRouter::kLogTrace;
 using MessageRouter::RouterTableEntry;
 using RouterServants::EnvelopeSupplier_i;
+
+// The file can't be opened while this lives.
+class Forbidden {
+ public:
+  explicit Forbidden(std::string path) : path_(std::move(path)) {
+    chmod(path_.c_str(), 0);
+    if (root_) seteuid(kNobody);  // nothing is forbidden to root
+  }
+  ~Forbidden() {
+    if (root_) seteuid(0);
+    chmod(path_.c_str(), 0600);
+  }
+  Forbidden(const Forbidden&) = delete;
+  Forbidden& operator=(const Forbidden&) = delete;
+
+ private:
+  static constexpr uid_t kNobody = 65534;
+  const std::string path_;
+  const bool root_ = geteuid() == 0;
+};
 
 class EnvelopeSupplierTest : public ServantWorld {
  protected:
@@ -168,6 +192,40 @@ TEST_F(EnvelopeSupplierTest, AnotherFailureIsRejectedAndTheEnvelopeStays) {
                       "in certificate\n"));
   EXPECT_FALSE(log.Contains("Discarding"));
   EXPECT_TRUE(Entry("agent-1").HasEnvelopes());
+}
+
+TEST_F(EnvelopeSupplierTest, AnEnvelopeWhoseFileCannotBeReadAtPresentStaysAndIsSuppliedLater) {
+  LogOnClient("agent-1");
+  const std::uint32_t id = QueueFor("agent-1");
+  MessageRouter::Envelope waiting;
+  ASSERT_TRUE(Entry("agent-1").PeekNext(waiting, "agent-1"));
+  const CallFrom call("agent-1");
+  {
+    const Forbidden forbidden(waiting.FileName());
+    EXPECT_THROW(forClients->GetEnvelope(), Rejected);
+  }
+  EXPECT_TRUE(log.Contains("cannot be read at present"));
+  EXPECT_FALSE(log.Contains("Discarding"));
+  const Envelope_var wire = forClients->GetEnvelope();
+  EXPECT_EQ(static_cast<std::uint32_t>(wire->message_id), id);
+}
+
+TEST_F(EnvelopeSupplierTest, TheObjectOfARouterQualifiesAndThatOfAClientDoesNot) {
+  LogOnRouter("child-1");
+  MessageRouter::Envelope envelope;
+  envelope.CreateFromRouter(AWireEnvelope(), false);
+  ASSERT_TRUE(Entry("child-1").Enqueue(envelope, "child-1"));
+  const CallFrom call("child-1", {kRouterRole});
+  const auto originatorAt = [this](CORBA::Object_ptr object) -> std::string {
+    const PortableServer::ServantBase_var servant =
+        adapters.transient->reference_to_servant(object);
+    const Envelope_var wire = dynamic_cast<EnvelopeSupplier_i&>(*servant.in()).GetEnvelope();
+    return wire->originator.in();
+  };
+  const BrelixMessaging::EnvelopeSupplier_var client = host.Objects().CreateClientSupplier();
+  const BrelixMessaging::RouterSupplier_var router = host.Objects().CreateRouterSupplier();
+  EXPECT_EQ(originatorAt(client), "agent-9");
+  EXPECT_EQ(originatorAt(router), "router-1.agent-9");
 }
 
 // AcknowledgeEnvelope
