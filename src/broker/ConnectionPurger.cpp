@@ -27,7 +27,7 @@ template <class Function>
 void ForEach(StrandList& list, Function&& function) {
   for (StrandList* link = list.next; link != &list; link = link->next) {
     auto* const strand = static_cast<giopStrand*>(link);
-    if (strand->connection != nullptr && strand->state() != giopStrand::DYING) function(*strand);
+    if (strand->state() != giopStrand::DYING) function(*strand);
   }
 }
 
@@ -119,8 +119,10 @@ void ConnectionPurger::Scan() {
   });
   ScanMessages(incoming);
   if (limit_ == 0) return;
+  // An outgoing one is looked into only once it has been used: until then its thread opens it
+  // without any lock.
   const auto addOutgoing = [&](giopStrand& strand) {
-    incoming.push_back({&strand, ConnectionOf(strand), {}});
+    incoming.push_back({&strand, IsIdle(strand) ? ConnectionOf(strand) : nullptr, {}});
   };
   ForEach(giopStrand::active, addOutgoing);
   ForEach(giopStrand::active_timedout, addOutgoing);
