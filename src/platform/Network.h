@@ -29,10 +29,10 @@ void SetPeerAddressSource(SocketAddressSource source);  // null: the system
 // "192.0.2.1"
 std::string DottedAddress(std::uint32_t address);
 
-// How a TCP connection finds out that the other end has vanished. Probes begin when nothing has come
-// for `idleSeconds` (0: none are sent). What was sent, a probe or data, must be acknowledged within
-// `timeoutSeconds`, or the connection is broken (0: the system's own limits). Values above what the
-// system takes count as its largest.
+// How a TCP connection finds out that the other end has vanished. Probes begin when nothing has
+// come for `idleSeconds` (0: none are sent). What was sent, a probe or data, must be acknowledged
+// within `timeoutSeconds`, or the connection is broken (0: the system's own limits). Values above
+// what the system takes count as its largest.
 void KeepAlive(int socket, unsigned idleSeconds, unsigned timeoutSeconds);
 
 struct ResolvedHost {

@@ -20,8 +20,7 @@ std::size_t HeapInUse() {
 // An Any with a reference whose one profile is long and of an unknown version.
 std::string AnyWithDamagedReference(std::size_t profileSize) {
   using namespace BrokerTest;
-  const std::string type =
-      Encapsulated(CORBA::tk_objref, Body().Text("IDL:X:1.0").Text("X"));
+  const std::string type = Encapsulated(CORBA::tk_objref, Body().Text("IDL:X:1.0").Text("X"));
   CdrWriter text;
   text.Raw(type).Text("IDL:X:1.0").ULong(1).ULong(0);
   text.ULong(static_cast<std::uint32_t>(profileSize)).Octet(1).Octet(9);

@@ -10,8 +10,7 @@
 namespace {
 
 TEST(ConfigurationFileCorpus, RunsThroughTheFuzzTarget) {
-  const auto corpus =
-      std::filesystem::path(BRELIX_CORPUS) / "configuration_file";
+  const auto corpus = std::filesystem::path(BRELIX_CORPUS) / "configuration_file";
   unsigned inputs = 0;
   for (const auto& file : std::filesystem::directory_iterator(corpus)) {
     std::ifstream stream(file.path(), std::ios::binary);

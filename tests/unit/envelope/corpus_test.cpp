@@ -10,8 +10,7 @@ namespace {
 class EnvelopeCorpus : public TestSupport::EnvelopeTest {};
 
 std::vector<std::filesystem::path> CorpusFiles() {
-  const std::filesystem::path folder =
-      std::filesystem::path(BRELIX_CORPUS) / "envelope_file";
+  const std::filesystem::path folder = std::filesystem::path(BRELIX_CORPUS) / "envelope_file";
   std::vector<std::filesystem::path> files;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
     files.push_back(entry.path());
