@@ -1,3 +1,5 @@
+#include <functional>
+
 #include "fixture.h"
 
 namespace TestSupport {
@@ -248,7 +250,7 @@ TEST_F(EntryNotificationTest, AfterAFailedCallTheTimeRunsFromThereIfThePeerPulle
       if (again) peer_.NotificationWanted();
       peer_.TouchLastPull();
       clock_.Advance(seconds(1801));
-      (peer_.*fail)(generation);
+      std::invoke(fail, peer_, generation);
       EXPECT_EQ(peer_.GetConsumerState(), Entry::kNoNotification);
       EXPECT_FALSE(peer_.PullTimedOut()) << again;
       clock_.Advance(seconds(1801));
@@ -262,7 +264,7 @@ TEST_F(EntryNotificationTest, AFailedCallIsNoSignOfLife) {
     Logon(0);
     const auto generation = Begin();
     clock_.Advance(seconds(1801));
-    (peer_.*fail)(generation);
+    std::invoke(fail, peer_, generation);
     EXPECT_TRUE(peer_.PullTimedOut());
   }
 }
