@@ -146,7 +146,7 @@ ConnectionPurger::Watch& ConnectionPurger::WatchOf(const Strand& strand) {
     watch.sending = sending;
     watch.number = number;
     watch.requests = requests;
-    watch.received = bytes;
+    watch.before = bytes;
     watch.since = now;
     watch.progressAt = now;
   } else if (watch.progress != bytes) {
@@ -182,8 +182,8 @@ void ConnectionPurger::ScanMessages(const std::vector<Strand>& strands) {
     const auto age = now - watch->since;
     const bool stalled = now - watch->progressAt > seconds(Limits::kMessageSeconds);
     bool shut = stalled;
-    if (!watch->sending && age > seconds(Limits::kMessageSeconds)) {
-      const std::uint64_t bytes = watch->progress - watch->received;
+    if (age > seconds(Limits::kMessageSeconds)) {
+      const std::uint64_t bytes = watch->progress - watch->before;
       const auto whole =
           static_cast<std::uint64_t>(std::chrono::duration_cast<seconds>(age).count());
       const bool trusted =

@@ -38,8 +38,8 @@ class ConnectionPurger : public ThreadHelper::StoppableThreadHelper {
     bool sending = false;
     std::uint64_t number = 0;    // of the connection, since addresses are used again
     std::uint64_t requests = 0;  // taken from it when the watch began
-    std::uint64_t received = 0;  // bytes
-    std::uint64_t progress = 0;  // bytes in that direction at the latest progress
+    std::uint64_t before = 0;    // bytes in that direction when the watch began
+    std::uint64_t progress = 0;  // and at the latest progress
     Platform::Clock::SteadyTime since;
     Platform::Clock::SteadyTime progressAt;
     bool holdsPoolThread = false;

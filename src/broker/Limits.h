@@ -61,8 +61,8 @@ static_assert(kMaxRouterEnvelopeBytes < kMaxMessageBytes);
 // What a peer may send without completing a request: parts of many messages can be mixed.
 inline constexpr unsigned long kPeerMessageBytes = 2UL * kMaxMessageBytes;
 
-// A connection that is in the middle of a message for so long is shut, unless it has a certificate
-// and still makes progress: at least so many bytes a second since the message began, and some
+// A connection that is in the middle of a message for so long, a request that comes or a reply that
+// goes, is shut, unless it has a certificate and still makes progress: at least so many bytes a second since the message began, and some
 // within the time.
 inline constexpr unsigned kMessageSeconds = 30;
 inline constexpr unsigned kMinBytesPerSecond = 64 * 1024;

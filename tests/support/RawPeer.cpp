@@ -125,6 +125,17 @@ std::optional<std::string> RawPeer::Receive() {
   }
 }
 
+bool RawPeer::Drop(std::size_t bytes) {
+  const Clock::time_point deadline = Clock::now() + kPatience;
+  for (std::size_t dropped = 0; dropped < bytes;) {
+    bool ended = false;
+    const std::string some = ReadSome(deadline, &ended);
+    if (some.empty()) return false;
+    dropped += some.size();
+  }
+  return true;
+}
+
 GiopReplyMessage RawPeer::Call(const std::string& objectKey, const std::string& operation,
                                const std::string& arguments) {
   Send(GiopRequest(objectKey, operation, arguments));

@@ -33,6 +33,8 @@ class RawPeer {
   bool Send(const std::string& bytes);
   // One whole GIOP message. Nothing if the connection ends first.
   std::optional<std::string> Receive();
+  // At least so many bytes of what comes, dropped. False if the connection ends first.
+  bool Drop(std::size_t bytes);
   // A request and its reply. Throws std::runtime_error if the connection ends first.
   GiopReplyMessage Call(const std::string& objectKey, const std::string& operation,
                         const std::string& arguments = {});

@@ -96,6 +96,27 @@ TEST_F(Connections, PeerThatDribblesIsGivenUp) {
   EXPECT_TRUE(closed);
 }
 
+// A reply that nobody takes is memory that nobody gives back.
+TEST_F(Connections, PeerThatTakesItsReplyInDribblesIsGivenUp) {
+  constexpr std::size_t kReply = 48UL * 1024 * 1024;
+  constexpr std::size_t kDribble = 1024UL * 1024;
+  FakeClock clock;
+  TestServer::Options options;
+  options.name = [] { return std::string(kReply, 'x'); };
+  TestServer server(options);
+  RawPeer other = server.Peer();
+  RawPeer peer = server.Peer();
+  peer.Send(GiopRequest(kRouterKey, "GetName"));
+  bool open = true;
+  std::size_t taken = 0;
+  for (; open && taken < kReply / 2; taken += kDribble) {
+    open = peer.Drop(kDribble);
+    ASSERT_FALSE(other.WaitUntilClosed(kNotClosed));  // a scan
+    clock.Advance(seconds(Limits::kMessageSeconds - 2));
+  }
+  EXPECT_FALSE(open);
+}
+
 TEST_F(Connections, SilentOnesAreGivenUpAfterTheTimeOfAHandshake) {
   FakeClock clock;
   TestServer server;
