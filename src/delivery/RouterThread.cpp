@@ -9,7 +9,8 @@ RouterThread::~RouterThread() {
 }
 
 void RouterThread::Process() {
-  while (!IsTerminated()) routing_.RouteNext(0, 100);
+  const StopTest stopping = [this] { return IsTerminated(); };
+  while (!stopping()) routing_.RouteNext(0, 100, stopping);
 }
 
 }  // namespace MessageRouter

@@ -53,18 +53,20 @@ std::string PayloadAsString(Envelope& envelope) {
   return (any >>= text) ? text : "";
 }
 
-void Dispatcher::DispatchLocal(Envelope& envelope, RouterTable& table, Logical* logical) {
+bool Dispatcher::DispatchLocal(Envelope& envelope, RouterTable& table, Logical* logical,
+                               const StopTest& stopping) {
   const std::string& type = envelope.Type();
   if (IsManagementType(type)) {
     HandleManagement(envelope, table);
   } else if (IsSystemType(type)) {
-    HandleSystem(envelope, table, logical);
+    return HandleSystem(envelope, table, logical, stopping);
   } else if (IsCertificationType(type)) {
     HandleCertification(envelope);
   } else {
     Emit("Unknown Message type (" + Shown(type) + ")", envelope);
     ReplyUnknown(envelope);
   }
+  return true;
 }
 
 // What needs no role comes first: a client that watches others has none.
@@ -115,7 +117,8 @@ void Dispatcher::HandleManagement(Envelope& envelope, RouterTable& table) {
   if (!replyType.empty()) Reply(envelope, replyType, data, ttl);
 }
 
-void Dispatcher::HandleSystem(Envelope& envelope, RouterTable& table, Logical* logical) {
+bool Dispatcher::HandleSystem(Envelope& envelope, RouterTable& table, Logical* logical,
+                              const StopTest& stopping) {
   const std::string& type = envelope.Type();
   const auto is = [&](const char* name, const char* suffix = "") {
     return MatchMessageType(type, "MS", name, suffix);
@@ -130,16 +133,17 @@ void Dispatcher::HandleSystem(Envelope& envelope, RouterTable& table, Logical* l
     line += "UnknownMessageType";
   } else if (is("RouterUnregistered")) {
     line += "RouterUnregistered";
-    HandleRouterUnregistered(envelope, table, logical, line);
+    if (!HandleRouterUnregistered(envelope, table, logical, stopping, line)) return false;
   } else if (is("RouterRegistered")) {
     line += "RouterRegistered";
-    HandleRouterRegistered(envelope, table, logical, line);
+    if (!HandleRouterRegistered(envelope, table, logical, stopping, line)) return false;
   } else {
     line = "System message (" + Shown(type) + ") - not implemented";
     known = false;
   }
   Emit(line, envelope);
   if (!known) ReplyUnknown(envelope);
+  return true;
 }
 
 // What a certification relay has not taken before it got here is no certification that we know.

@@ -3,6 +3,7 @@
 #include <BrelixMessaging.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "envelope/TimeToLive.h"
@@ -14,6 +15,9 @@ class Logical;
 class RouterTable;
 class Routing;
 
+// Whether the router is about to stop; empty: it never is.
+using StopTest = std::function<bool()>;
+
 // Handles the messages whose route ends at this router: decides who may ask, does what is asked,
 // and answers with an envelope of its own. Who asks is told by the certificate that came with the
 // message. Whoever may not is not answered, only logged.
@@ -23,19 +27,22 @@ class Dispatcher {
  public:
   explicit Dispatcher(Routing& routing) : routing_(routing) {}
 
-  // `logical` may be null.
-  void DispatchLocal(Envelope& envelope, RouterTable& table, Logical* logical);
+  // `logical` may be null. False if the stop came before all was done: the envelope must stay on
+  // disk then, and is handled anew at the next start.
+  bool DispatchLocal(Envelope& envelope, RouterTable& table, Logical* logical,
+                     const StopTest& stopping = {});
 
  private:
   void HandleManagement(Envelope& envelope, RouterTable& table);
-  void HandleSystem(Envelope& envelope, RouterTable& table, Logical* logical);
+  bool HandleSystem(Envelope& envelope, RouterTable& table, Logical* logical,
+                    const StopTest& stopping);
   void HandleCertification(const Envelope& envelope);
 
   // News of routers further down; both add to the log line, and tell the parent what is news to it.
-  void HandleRouterRegistered(Envelope& envelope, RouterTable& table, Logical* logical,
-                              std::string& line);
-  void HandleRouterUnregistered(Envelope& envelope, RouterTable& table, Logical* logical,
-                                std::string& line);
+  bool HandleRouterRegistered(Envelope& envelope, RouterTable& table, Logical* logical,
+                              const StopTest& stopping, std::string& line);
+  bool HandleRouterUnregistered(Envelope& envelope, RouterTable& table, Logical* logical,
+                                const StopTest& stopping, std::string& line);
   void Forward(const Envelope& envelope, const char* event, const CORBA::Any& data);
 
   // "MS-UnknownMessageType", with the type.

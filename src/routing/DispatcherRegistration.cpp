@@ -1,8 +1,14 @@
 // What the dispatcher makes of the news that routers further down come and go.
+#include <algorithm>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
 #include "envelope/Envelope.h"
 #include "envelope/MessageType.h"
 #include "routing/Dispatcher.h"
 #include "routing/Logical.h"
+#include "routing/NameList.h"
 #include "routing/RouterTable.h"
 #include "routing/Routing.h"
 
@@ -21,88 +27,128 @@ std::string NameIn(const CORBA::Any& data) {
   return (data >>= text) ? text : "";
 }
 
-// A name may lead neither to a client nor up again.
-bool IsChildRouter(const std::string& name, const RouterTable& table) {
-  const RouterTableEntry* const entry = table.Find(name);
-  return entry != nullptr && entry->IsRegistered() && entry->IsRouter() && !entry->IsParent() &&
-         entry->Name() == name;
-}
+// Names between two looks at the stop, and in one hold of the lock where it need not be longer.
+constexpr CORBA::ULong kNamesAtOnce = 256;
 
-// Nothing that came down goes up again: two routers that name each other as their parent would pass
-// it to and fro for as long as it lives. Who else sends is looked at only for the map's sake.
-bool MayBeAChilds(const Envelope& news, const RouterTable& table, const Logical* logical) {
-  if (news.FromParent()) return false;
-  return logical == nullptr || IsChildRouter(news.Originator(), table);
-}
-
-// False if the map led there already.
-bool Update(Logical& logical, const std::string& name, const std::string& child) {
-  if (logical.Lookup(name) == child) return false;
-  logical.Store(name, child);
-  return true;
+bool IsTime(CORBA::ULong position, const StopTest& stopping) {
+  return position % kNamesAtOnce == 0 && stopping && stopping();
 }
 
 }  // namespace
 
-void Dispatcher::HandleRouterRegistered(Envelope& envelope, RouterTable& table, Logical* logical,
-                                        std::string& line) {
+// The map is changed last where it decides what is told: a name that is known here counts as known
+// above, and a crash in between must not make it so. A list goes on whatever is known of it.
+bool Dispatcher::HandleRouterRegistered(Envelope& envelope, RouterTable& table, Logical* logical,
+                                        const StopTest& stopping, std::string& line) {
   const std::string& originator = envelope.Originator();
-  bool forward = table.Parent() != nullptr;
+  const bool forward = table.Parent() != nullptr;
   CORBA::Any data;
   envelope.GetData(data);
-  const String_seq* names = nullptr;
-  if (!MayBeAChilds(envelope, table, logical)) {
+  // Two routers that name each other as their parent would pass it to and fro for as long as it
+  // lives.
+  if (envelope.FromParent()) {
     line += kNotOurChild;
-    forward = false;
-  } else if (logical == nullptr) {
-    line += kNoMap;
-  } else if (const std::string name = NameIn(data); !name.empty()) {
-    // What is known here is known above.
-    if (!Update(*logical, name, originator)) forward = false;
-  } else if (data >>= names) {
-    for (CORBA::ULong i = 0; i < names->length(); ++i) {
-      Update(*logical, (*names)[i].in(), originator);
-    }
-  } else {
-    line += kBadlyFormatted;
-    forward = false;
+    return true;
   }
-  if (forward) Forward(envelope, "RouterRegistered", data);
+  if (logical == nullptr) {
+    line += kNoMap;
+    if (forward) Forward(envelope, "RouterRegistered", data);
+    return true;
+  }
+
+  const std::string name = NameIn(data);
+  const String_seq* names = nullptr;
+  const bool isList = name.empty() && (data >>= names);
+  const CORBA::ULong count = isList ? names->length() : 0;
+  CORBA::ULong done = 0;
+  do {
+    if (IsTime(done, stopping)) return false;
+    const ThreadHelper::Guard guard(routing_.MapMutex());
+    if (!table.HasChildRouter(originator)) {
+      line += kNotOurChild;
+      return true;
+    }
+    if (!name.empty()) {
+      if (logical->Lookup(name) == originator) return true;
+      if (forward) Forward(envelope, "RouterRegistered", data);
+      logical->Store(name, originator);
+      return true;
+    }
+    if (!isList) {
+      line += kBadlyFormatted;
+      return true;
+    }
+    for (const CORBA::ULong end = std::min(count, done + kNamesAtOnce); done < end; ++done) {
+      const char* const text = (*names)[done].in();
+      if (logical->Lookup(text) != originator) logical->Store(text, originator);
+    }
+    if (done == count && forward) Forward(envelope, "RouterRegistered", data);
+  } while (done < count);
+  return true;
 }
 
-void Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table, Logical* logical,
-                                          std::string& line) {
+// As above: what is no longer in the map is not told.
+bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table, Logical* logical,
+                                          const StopTest& stopping, std::string& line) {
   const std::string& originator = envelope.Originator();
-  bool forward = table.Parent() != nullptr;
+  const bool forward = table.Parent() != nullptr;
   CORBA::Any data;
   envelope.GetData(data);
-  const String_seq* names = nullptr;
-  if (!MayBeAChilds(envelope, table, logical)) {
+  if (envelope.FromParent()) {
     line += kNotOurChild;
-    forward = false;
-  } else if (logical == nullptr) {
-    line += kNoMap;
-  } else if (const std::string name = NameIn(data); !name.empty()) {
-    if (logical->Remove(name, originator) == Logical::kOtherOwner) forward = false;
-  } else if (data >>= names) {
-    // Names that lead through another child by now are still there for those above.
-    const CORBA::ULong all = names->length();
-    String_seq gone(all);
-    gone.length(all);
-    CORBA::ULong count = 0;
-    for (CORBA::ULong i = 0; i < all; ++i) {
-      const char* const text = (*names)[i].in();
-      if (logical->Remove(text, originator) == Logical::kOtherOwner) continue;
-      gone[count++] = text;
-    }
-    gone.length(count);
-    if (count == 0) forward = false;
-    if (count != all) data <<= gone;
-  } else {
-    line += kBadlyFormatted;
-    forward = false;
+    return true;
   }
-  if (forward) Forward(envelope, "RouterUnregistered", data);
+  if (logical == nullptr) {
+    line += kNoMap;
+    if (forward) Forward(envelope, "RouterUnregistered", data);
+    return true;
+  }
+
+  const std::string name = NameIn(data);
+  const String_seq* names = nullptr;
+  const bool isList = name.empty() && (data >>= names);
+  // Of a list only the names that do not lead through another child by now.
+  const CORBA::ULong all = isList ? names->length() : 0;
+  std::vector<const char*> gone;
+  {
+    const ThreadHelper::Guard guard(routing_.MapMutex());
+    if (!table.HasChildRouter(originator)) {
+      line += kNotOurChild;
+      return true;
+    }
+    if (!name.empty()) {
+      if (logical->MayRemove(name, originator) == Logical::kOtherOwner) return true;
+      if (forward) Forward(envelope, "RouterUnregistered", data);
+      logical->Remove(name, originator);
+      return true;
+    }
+    if (!isList) {
+      line += kBadlyFormatted;
+      return true;
+    }
+    std::unordered_set<std::string_view> removable;
+    for (CORBA::ULong i = 0; i < all; ++i) {
+      if (IsTime(i, stopping)) return false;
+      const char* const text = (*names)[i].in();
+      const int result = logical->MayRemove(text, originator);
+      if (result == Logical::kOtherOwner) continue;
+      // The second of two has no owner any more.
+      if (result == 0 && !removable.insert(text).second) continue;
+      gone.push_back(text);
+    }
+    if (forward && !gone.empty()) {
+      if (gone.size() == all) {
+        Forward(envelope, "RouterUnregistered", data);
+      } else {
+        Forward(envelope, "RouterUnregistered", AsNameList(gone));
+      }
+    }
+  }
+  for (std::size_t i = 0; i < gone.size(); ++i) {
+    if (IsTime(static_cast<CORBA::ULong>(i), stopping)) return false;
+    logical->Remove(gone[i], originator);
+  }
+  return true;
 }
 
 void Dispatcher::Forward(const Envelope& envelope, const char* event, const CORBA::Any& data) {

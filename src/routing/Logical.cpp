@@ -66,6 +66,12 @@ int Logical::Store(const std::string& key, const std::string& value) {
       kClosed, [&](HashDatabase* database) { return sdbm_store(database, key, value, kReplace); });
 }
 
+int Logical::MayRemove(const std::string& key, const std::string& owner) const {
+  return WithDatabase(kClosed, [&](HashDatabase* database) {
+    return sdbm_fetch(database, key) == std::string_view(owner) ? 0 : kOtherOwner;
+  });
+}
+
 int Logical::Remove(const std::string& key, const std::string& owner) {
   return WithDatabase(kClosed, [&](HashDatabase* database) {
     if (sdbm_fetch(database, key) != std::string_view(owner)) return kOtherOwner;

@@ -31,6 +31,8 @@ class Logical final {
   int Store(const std::string& key, const std::string& value);
   // As Store; kOtherOwner if the key's value is not `owner`, or there is none.
   int Remove(const std::string& key, const std::string& owner);
+  // 0 if Remove would try to remove it, otherwise what Remove would return.
+  int MayRemove(const std::string& key, const std::string& owner) const;
   // Both append, and return the size of the list.
   std::size_t KeysOf(const std::string& owner, std::vector<std::string>& keys) const;
   std::size_t AllKeys(std::vector<std::string>& keys) const;

@@ -55,6 +55,13 @@ RouterTableEntry* RouterTable::Parent() const {
   return parent_;
 }
 
+bool RouterTable::HasChildRouter(const std::string& name) const {
+  const RouterTableEntry* const entry = Find(name);
+  // Found under another name it has become another peer, or is the parent by a former name.
+  return entry != nullptr && entry->IsRegistered() && entry->IsRouter() && !entry->IsParent() &&
+         entry->Name() == name;
+}
+
 bool RouterTable::IsClosed() const {
   ReadGuard guard(mutex_);
   return !guard || closed_;

@@ -49,6 +49,8 @@ class RouterTable {
 
   RouterTableEntry* Find(const std::string& name) const;  // also entries that are not registered
   RouterTableEntry* Parent() const;                       // no lock
+  // Whether a router of that name is registered below this one.
+  bool HasChildRouter(const std::string& name) const;
   // Throws AlreadyRegistered; Rejected while the table is closed.
   void Register(const std::string& name, bool isRouter);
   void Unregister(const std::string& name);  // throws NotRegistered

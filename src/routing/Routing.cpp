@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <exception>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "envelope/Address.h"
 #include "envelope/MessageType.h"
 #include "logging/Log.h"
+#include "routing/NameList.h"
 
 namespace MessageRouter {
 
@@ -16,6 +19,9 @@ namespace {
 
 // Whichever router holds the envelope.
 constexpr char kThisRouter[] = ":";
+
+// Bytes of the names in one message about many, which every router on the way must be able to take.
+constexpr std::size_t kNewsSize = std::size_t{4} << 20;
 
 bool ContainsIgnoringCase(std::string_view text, std::string_view part) {
   const auto same = [](unsigned char left, unsigned char right) {
@@ -98,10 +104,11 @@ RouterTableEntry* Routing::FindRoute(const std::string& name, std::string& reach
   reachedAs = logical->Lookup(name);
   if (reachedAs.empty()) return nullptr;
   entry = table_.Find(reachedAs);
-  return entry != nullptr && entry->IsRoutable() ? entry : nullptr;
+  // A client that has come under a former child's name is not on the way to anything.
+  return entry != nullptr && entry->IsRoutable() && entry->IsRouter() ? entry : nullptr;
 }
 
-void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
+void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest& stopping) {
   Envelope envelope;
   if (!queue_.Take(seconds, milliseconds, envelope)) return;
 
@@ -112,8 +119,7 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds) {
   if (!local && IsThisRouter(hop)) {
     if (envelope.HopCount() < 2) {
       LogInfo("Received message for this router\n");
-      dispatcher_.DispatchLocal(envelope, table_, logical_);
-      envelope.Retire();
+      if (dispatcher_.DispatchLocal(envelope, table_, logical_, stopping)) envelope.Retire();
       return;
     }
     local = true;
@@ -162,8 +168,12 @@ void Routing::SendLocalMessage(const std::string& destination, const std::string
 }
 
 void Routing::TellParent(const std::string& event, const CORBA::Any& data) {
-  SendLocalMessage(kParentAddress, SystemMessageType(event), data, 0,
-                   TimeToLive::Stated(MessageTimeoutSeconds()));
+  const std::string type = SystemMessageType(event);
+  try {
+    SendLocalMessage(kParentAddress, type, data, 0, TimeToLive::Stated(MessageTimeoutSeconds()));
+  } catch (const std::exception& exception) {
+    LogCaughtException("Routing::TellParent", exception, type.c_str());
+  }
 }
 
 bool Routing::IsParentsName(const std::string& name) const {
@@ -171,19 +181,40 @@ bool Routing::IsParentsName(const std::string& name) const {
   return entry != nullptr && entry->IsParent();
 }
 
+void Routing::ChildIsHere(const std::string& name, bool again) {
+  const ThreadHelper::Guard guard(mapMutex_);
+  // Its former way here would take it along when it ends.
+  if (Logical* const logical = logical_) {
+    if (const std::string child = logical->Lookup(name); !child.empty()) {
+      logical->Remove(name, child);
+    }
+  }
+  if (table_.Parent() == nullptr) return;
+  CORBA::Any data;
+  if (again) {
+    // A list goes up to the top, whoever on the way believes to know it already.
+    data = AsNameList({name.c_str()});
+  } else {
+    data <<= name.c_str();
+  }
+  TellParent("RouterRegistered", data);
+}
+
 void Routing::RegisterPeer(const std::string& name, bool isRouter) {
   if (!isRouter && IsParentsName(name)) throw BrelixMessaging::AlreadyRegistered();
-  table_.Register(name, isRouter);
+  try {
+    table_.Register(name, isRouter);
+  } catch (const BrelixMessaging::AlreadyRegistered&) {
+    if (isRouter && table_.HasChildRouter(name)) ChildIsHere(name, true);
+    throw;
+  }
   table_.WriteTable(false);
   if (!isRouter) {
     clientUpdateNotifier_.Registered(name);
     return;
   }
   routerUpdateNotifier_.Registered(name);
-  if (table_.Parent() == nullptr) return;
-  CORBA::Any data;
-  data <<= name.c_str();
-  TellParent("RouterRegistered", data);
+  ChildIsHere(name, false);
 }
 
 Routing::Drain::~Drain() {
@@ -192,37 +223,48 @@ Routing::Drain::~Drain() {
   while (entry_->PopUnroutable(waiting)) routing_.QueueForRouting(std::move(waiting));
 }
 
+// A name leaves the map after the parent has been told of it: after a crash in between it is told
+// again.
+void Routing::ChildIsGone(const std::string& name) {
+  if (table_.Parent() == nullptr) return;
+  Logical* const logical = logical_;
+  std::vector<std::string> keys;
+  bool told = false;
+  std::size_t next = 0;
+  do {
+    const ThreadHelper::Guard guard(mapMutex_);
+    // It is back, and has been announced or will be.
+    if (table_.HasChildRouter(name)) return;
+    if (!told && logical != nullptr) logical->KeysOf(name, keys);
+    CORBA::Any data;
+    if (keys.empty()) {
+      data <<= name.c_str();
+      TellParent("RouterUnregistered", data);
+      return;
+    }
+    std::vector<const char*> names;
+    if (!told) names.push_back(name.c_str());
+    told = true;
+    const std::size_t first = next;
+    for (std::size_t size = 0; next < keys.size() && size < kNewsSize; ++next) {
+      // Another child may have announced it since the lock was let go.
+      if (logical->Lookup(keys[next]) != name) continue;
+      names.push_back(keys[next].c_str());
+      size += keys[next].size() + sizeof(CORBA::ULong);
+    }
+    if (!names.empty()) TellParent("RouterUnregistered", AsNameList(names));
+    for (std::size_t i = first; i < next; ++i) logical->Remove(keys[i], name);
+  } while (next < keys.size());
+}
+
 void Routing::UnregisterPeer(const std::string& name, bool isRouter) {
   if (!isRouter && IsParentsName(name)) throw BrelixMessaging::NotRegistered();
   table_.Unregister(name);
   // Whatever goes wrong with the news, what waited for the peer is routed anew.
   const Drain drain(*this, table_.Find(name));
   table_.WriteTable(false);
-  if (!isRouter) {
-    clientUpdateNotifier_.Unregistered(name);
-  } else {
-    routerUpdateNotifier_.Unregistered(name);
-    if (table_.Parent() != nullptr) {
-      std::vector<std::string> keys;
-      Logical* const logical = logical_;
-      if (logical != nullptr) logical->KeysOf(name, keys);
-      CORBA::Any data;
-      if (keys.empty()) {
-        data <<= name.c_str();
-      } else {
-        BrelixMessaging::String_seq names;
-        names.length(static_cast<CORBA::ULong>(keys.size() + 1));
-        names[0] = name.c_str();
-        CORBA::ULong index = 1;
-        for (const std::string& key : keys) {
-          names[index++] = key.c_str();
-          logical->Remove(key, name);
-        }
-        data <<= names;
-      }
-      TellParent("RouterUnregistered", data);
-    }
-  }
+  (isRouter ? routerUpdateNotifier_ : clientUpdateNotifier_).Unregistered(name);
+  if (isRouter) ChildIsGone(name);
 }
 
 RouterTableEntry& Routing::FindForLogon(const std::string& name) {

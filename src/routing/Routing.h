@@ -30,13 +30,18 @@ class Routing {
   RoutingHost& Host() { return host_; }
   UpdateNotifier& RouterUpdates() { return routerUpdateNotifier_; }
   UpdateNotifier& ClientUpdates() { return clientUpdateNotifier_; }
+  // Held while the map is changed together with what is told of that: whoever has taken a name from
+  // the map must have told so before another one's announcement of the name.
+  // Lock order: before the table's lock and all leaves; envelopes are written beneath it.
+  ThreadHelper::Mutex& MapMutex() { return mapMutex_; }
   // The map of routers further down, or null. An old one is freed: replace it while no request and
   // no thread routes.
   void SetLogical(std::unique_ptr<Logical> logical);
 
   void QueueForRouting(Envelope envelope);
-  // One pass of the route thread. What escapes it ends the process.
-  void RouteNext(unsigned seconds, unsigned milliseconds);
+  // One pass of the route thread. What escapes it ends the process. An envelope in whose middle the
+  // stop comes is left on disk.
+  void RouteNext(unsigned seconds, unsigned milliseconds, const StopTest& stopping = {});
   // Retires an envelope that still waits for its decision. False if there is none.
   bool CancelInRouteQueue(const std::string& originator, std::uint32_t messageId);
   void EmptyRouteQueue();
@@ -45,6 +50,8 @@ class Routing {
   RouterTableEntry* FindRoute(const std::string& name);
 
   // Both write the table file and tell subscribers; AlreadyRegistered and NotRegistered go through.
+  // A child router that is registered already is announced to the parent again: it may have been
+  // elsewhere meanwhile, or the news may have been lost.
   void RegisterPeer(const std::string& name, bool isRouter);
   void UnregisterPeer(const std::string& name, bool isRouter);
 
@@ -71,11 +78,16 @@ class Routing {
   RouterTableEntry& FindForLogon(const std::string& name);
   // Under which no client can be known.
   bool IsParentsName(const std::string& name) const;
+  // What can't be told is logged.
   void TellParent(const std::string& event, const CORBA::Any& data);
+  // The parts of a registration and of its end that concern the map and the parent.
+  void ChildIsHere(const std::string& name, bool again);
+  void ChildIsGone(const std::string& name);
 
   RoutingHost& host_;
   RouterTable& table_;
   RouteQueue queue_;
+  ThreadHelper::Mutex mapMutex_;
   UpdateNotifier routerUpdateNotifier_{*this, true};
   UpdateNotifier clientUpdateNotifier_{*this, false};
   Dispatcher dispatcher_{*this};

@@ -120,9 +120,9 @@ class ThreeLevelsDown(TreeTest):
         self.manager = self.far.client("EM", at="top")
         self.agent = self.far.client("agent-1", at="leaf")
 
-    def move_leaf(self):
+    def move_leaf(self, to="west"):
         self.assertEqual(0, self.far["leaf"].stop())
-        self.far.set_parent("leaf", "west")
+        self.far.set_parent("leaf", to)
         self.far.restart("leaf")
 
     def deliver(self, address, count):
@@ -158,6 +158,21 @@ class ThreeLevelsDown(TreeTest):
         top.kill()
         self.far.restart("top")
         self.deliver("leaf.agent-1", 3)
+
+    def test_a_router_that_moves_back_to_where_it_still_is_registered_is_found_there(self):
+        self.start(LogicalRouting=1)
+        top = self.far["top"]
+        wait_until(lambda: top.log().count("MS-RouterRegistered originator east") == 2, 10,
+                   "the news of south and leaf")
+        self.far.settle()
+        self.move_leaf()
+        top.wait_log("MS-RouterRegistered originator west")
+        mark = len(top.log())
+        self.move_leaf(to="south")
+        top.wait_log("MS-RouterRegistered originator east", since=mark)
+        self.deliver("leaf.agent-1", 1)
+        self.ask_router("leaf", 1)
+        self.assertRegex(top.log(), "Routing to east: .*dest=leaf.agent-1")
 
     def test_without_it_the_whole_path_is_named(self):
         self.start()

@@ -2,7 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "envelope/EnvelopeStore.h"
@@ -61,6 +63,26 @@ class RoutingTest : public testing::Test {
   LogCapture log_;
   FakeClock clock_;
   MessageRouter::EnvelopeStore store_;
+  // While it lives, looks at the world whenever an envelope is about to be written.
+  class StoreThatLooks : public MessageRouter::EnvelopeStore {
+   public:
+    StoreThatLooks(RoutingTest& test, std::function<bool()> look)
+        : EnvelopeStore(test.store_.Directory()), test_(test), look_(std::move(look)) {
+      Replace(this);
+    }
+    ~StoreThatLooks() override { Replace(&test_.store_); }
+    int Write(const std::string& name, const std::string& content) override {
+      seen_.push_back(look_());
+      return EnvelopeStore::Write(name, content);
+    }
+    const std::vector<bool>& Seen() const { return seen_; }
+
+   private:
+    RoutingTest& test_;
+    const std::function<bool()> look_;
+    std::vector<bool> seen_;
+  };
+
   FakeRoutingHost host_;
   MessageRouter::RouterTable table_;
   MessageRouter::Routing routing_;

@@ -1,4 +1,7 @@
 // Registrations and logons, as servants ask for them.
+#include <algorithm>
+#include <stdexcept>
+
 #include "fixture.h"
 
 namespace TestSupport {
@@ -19,6 +22,14 @@ class PeersTest : public RoutingTest {
     Envelope envelope;
     EXPECT_TRUE(table_.Parent()->PopNext(envelope));
     return envelope;
+  }
+  // The names in all news that wait for their decision.
+  std::vector<std::vector<std::string>> ListsSentUp() {
+    std::vector<std::vector<std::string>> lists;
+    while (routing_.RouteQueueSize() != 0) routing_.RouteNext(0, 0);
+    Envelope envelope;
+    while (table_.Parent()->PopNext(envelope)) lists.push_back(Names(envelope));
+    return lists;
   }
   void AParentAndASubscriber() {
     table_.AddParent("");
@@ -155,9 +166,109 @@ TEST_F(PeersTest, ARegisteredPeerIsInTheTablesFileAndNobodyIsToldOfARefusal) {
   routing_.RegisterPeer("child", true);
   EXPECT_NE(TableText().find("child.1"), std::string::npos);
   RoutedInOrder();
-  EXPECT_THROW(routing_.RegisterPeer("child", true), AlreadyRegistered);
+  EXPECT_THROW(routing_.RegisterPeer("watcher", false), AlreadyRegistered);
+  EXPECT_THROW(routing_.RegisterPeer("watcher", true), AlreadyRegistered);
+  EXPECT_THROW(routing_.RegisterPeer("", true), AlreadyRegistered);
   EXPECT_THROW(routing_.UnregisterPeer("nobody", true), NotRegistered);
   EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+}
+
+TEST_F(PeersTest, AChildRouterThatRegistersAgainIsRefusedAndAnnouncedToTheParentAsAListAlone) {
+  AParentAndASubscriber();
+  ARouter("child");
+  EXPECT_THROW(routing_.RegisterPeer("child", true), AlreadyRegistered);
+  EXPECT_EQ(routing_.RouteQueueSize(), 1u);
+  Envelope envelope = SentUp();
+  EXPECT_EQ(envelope.Type(), "MS-RouterRegistered");
+  EXPECT_EQ(envelope.Destination(), ":.:");
+  EXPECT_EQ(envelope.Priority(), 0u);
+  EXPECT_THAT(Names(envelope), ElementsAre("child"));
+}
+
+TEST_F(PeersTest, ARouterThatRegistersHereNoLongerLeadsThroughAnotherChild) {
+  MessageRouter::Logical& map = AMap();
+  map.Store("new", "another");
+  map.Store("known", "another");
+  ARouter("known");
+  routing_.RegisterPeer("new", true);
+  EXPECT_EQ(map.Lookup("new"), "");
+  EXPECT_THROW(routing_.RegisterPeer("known", true), AlreadyRegistered);
+  EXPECT_EQ(map.Lookup("known"), "");
+}
+
+TEST_F(PeersTest, AClientThatRegistersLeavesTheMapAsItIs) {
+  MessageRouter::Logical& map = AMap();
+  map.Store("name", "child");
+  routing_.RegisterPeer("name", false);
+  EXPECT_EQ(map.Lookup("name"), "child");
+}
+
+TEST_F(PeersTest, TheTableIsWrittenBeforeTheNewsOfARegistration) {
+  AParentAndASubscriber();
+  PassAMinute();
+  StoreThatLooks looks(*this, [&] { return TableText().find("child.1") != std::string::npos; });
+  routing_.RegisterPeer("child", true);
+  EXPECT_THAT(looks.Seen(), ElementsAre(true, true));
+}
+
+TEST_F(PeersTest, NamesLeaveTheMapAfterTheParentHasBeenToldThatTheyAreGone) {
+  table_.AddParent("");
+  MessageRouter::Logical& map = AMap();
+  map.Store("leaf", "child");
+  ARouter("child");
+  StoreThatLooks looks(*this, [&] { return map.Lookup("leaf") == "child"; });
+  routing_.UnregisterPeer("child", true);
+  EXPECT_THAT(looks.Seen(), ElementsAre(true));
+  EXPECT_EQ(map.Lookup("leaf"), "");
+}
+
+TEST_F(PeersTest, MoreNamesThanOneMessageMayHaveAreToldInSeveral) {
+  table_.AddParent("");
+  MessageRouter::Logical& map = AMap();
+  std::vector<std::string> names = {"child"};
+  for (int i = 0; i < 5000; ++i) {
+    names.push_back(std::to_string(i) + std::string(900, 'n'));
+    ASSERT_EQ(map.Store(names.back(), "child"), 0);
+  }
+  ARouter("child");
+  routing_.UnregisterPeer("child", true);
+  const auto lists = ListsSentUp();
+  ASSERT_EQ(lists.size(), 2u);
+  std::vector<std::string> told = lists[0];
+  EXPECT_EQ(told.at(0), "child");
+  told.insert(told.end(), lists[1].begin(), lists[1].end());
+  std::sort(told.begin(), told.end());
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(told, names);
+  std::vector<std::string> left;
+  EXPECT_EQ(map.AllKeys(left), 0u);
+}
+
+TEST_F(PeersTest, WhatWasAnnouncedByAnotherChildMeanwhileIsNotTakenAlong) {
+  table_.AddParent("");
+  MessageRouter::Logical& map = AMap();
+  for (int i = 0; i < 5000; ++i) map.Store(std::to_string(i) + std::string(900, 'n'), "child");
+  std::vector<std::string> keys;
+  map.KeysOf("child", keys);
+  ARouter("child");
+  // The last name moves while the first message is written.
+  StoreThatLooks looks(*this, [&] { return map.Store(keys.back(), "another") == 0; });
+  routing_.UnregisterPeer("child", true);
+  const auto lists = ListsSentUp();
+  ASSERT_EQ(lists.size(), 2u);
+  EXPECT_EQ(lists[0].size() + lists[1].size(), keys.size());
+  EXPECT_EQ(std::count(lists[1].begin(), lists[1].end(), keys.back()), 0);
+  EXPECT_EQ(map.Lookup(keys.back()), "another");
+}
+
+TEST_F(PeersTest, NewsThatCannotBeToldIsLoggedAndKeepsNobodyFromRegistering) {
+  table_.AddParent("");
+  AMap();
+  StoreThatLooks broken(*this, []() -> bool { throw std::runtime_error("no news"); });
+  EXPECT_NO_THROW(routing_.RegisterPeer("child", true));
+  EXPECT_TRUE(log_.Contains("Routing::TellParent: Caught no news MS-RouterRegistered"));
+  EXPECT_NO_THROW(routing_.UnregisterPeer("child", true));
+  EXPECT_FALSE(table_.HasChildRouter("child"));
 }
 
 TEST_F(PeersTest, TheRootOfATreeDoesNotCleanItsMap) {

@@ -1,4 +1,7 @@
 // What this router makes of the news that routers below it come and go.
+#include <set>
+#include <thread>
+
 #include "dispatcher_fixture.h"
 
 namespace TestSupport {
@@ -136,7 +139,143 @@ TEST_F(RouterNewsTest, ANameThatAClosedMapCannotRemoveGoesOnUp) {
   EXPECT_THAT(Registered("child1", TextPayload("leaf")), ElementsAre("leaf"));
 }
 
+TEST_F(RouterNewsTest, ANameThatAListHasTwiceIsGoneOnce) {
+  AMap().Store("a", "child1");
+  EXPECT_THAT(Unregistered("child1", ListPayload({"a", "a"})), ElementsAre("[a]"));
+}
+
+// A crash, and the stop
+
+TEST_F(RouterNewsTest, TheParentIsToldBeforeTheMapKnowsTheName) {
+  MessageRouter::Logical& map = AMap();
+  StoreThatLooks looks(*this, [&] { return map.Lookup("leaf").empty(); });
+  Registered("child1", TextPayload("leaf"));
+  EXPECT_THAT(looks.Seen(), ElementsAre(true));
+  EXPECT_EQ(map.Lookup("leaf"), "child1");
+}
+
+TEST_F(RouterNewsTest, TheParentIsToldBeforeTheMapForgetsTheName) {
+  MessageRouter::Logical& map = AMap();
+  StoreThatLooks looks(*this, [&] { return map.Lookup("leaf") == "child1"; });
+  for (const CORBA::Any& payload : {TextPayload("leaf"), ListPayload({"leaf"})}) {
+    map.Store("leaf", "child1");
+    Unregistered("child1", payload);
+    EXPECT_EQ(map.Lookup("leaf"), "");
+  }
+  EXPECT_THAT(looks.Seen(), ElementsAre(true, true));
+}
+
+// News about 1000 names, handled until the stop comes at that look for it. Returns whether its file
+// is still there.
+class StoppedNewsTest : public RouterNewsTest {
+ protected:
+  StoppedNewsTest() {
+    for (int i = 0; i < 1000; ++i) names_.push_back(std::to_string(i));
+  }
+  bool IsKept(const std::string& type, unsigned stopAtLook) {
+    Envelope news = AStoredEnvelope("00000001.msg")
+                        .WithDestination(":")
+                        .WithType(type)
+                        .WithOriginator("child1")
+                        .WithCertificate(RouterRole())
+                        .WithData(ListPayload(names_));
+    routing_.QueueForRouting(news);
+    unsigned looks = 0;
+    routing_.RouteNext(0, 0, [&] { return ++looks == stopAtLook; });
+    return FileExists("00000001.msg");
+  }
+  std::size_t Mapped(const MessageRouter::Logical& map) {
+    std::vector<std::string> keys;
+    return map.KeysOf("child1", keys);
+  }
+
+  std::vector<std::string> names_;
+};
+
+TEST_F(StoppedNewsTest, AListOfRegisteredNamesIsKeptAndToldWhenItIsHandledAgain) {
+  MessageRouter::Logical& map = AMap();
+  EXPECT_TRUE(IsKept("MS-RouterRegistered", 2));
+  EXPECT_LT(Mapped(map), 1000u);
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+  EXPECT_FALSE(IsKept("MS-RouterRegistered", 0));
+  EXPECT_EQ(Mapped(map), 1000u);
+  EXPECT_EQ(routing_.RouteQueueSize(), 1u);
+}
+
+TEST_F(StoppedNewsTest, AListOfGoneNamesIsKeptAndNothingIsToldBeforeAllHaveBeenLookedAt) {
+  MessageRouter::Logical& map = AMap();
+  for (const std::string& name : names_) map.Store(name, "child1");
+  EXPECT_TRUE(IsKept("MS-RouterUnregistered", 2));
+  EXPECT_EQ(Mapped(map), 1000u);
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+}
+
+TEST_F(StoppedNewsTest, AListOfGoneNamesThatIsStoppedLaterHasBeenToldAndIsFinishedNextTime) {
+  MessageRouter::Logical& map = AMap();
+  for (const std::string& name : names_) map.Store(name, "child1");
+  EXPECT_TRUE(IsKept("MS-RouterUnregistered", 6));
+  EXPECT_LT(Mapped(map), 1000u);
+  EXPECT_GT(Mapped(map), 0u);
+  ASSERT_EQ(routing_.RouteQueueSize(), 1u);
+  routing_.RouteNext(0, 0);
+  EXPECT_TRUE(table_.Parent()->HasEnvelopes());
+  EXPECT_FALSE(IsKept("MS-RouterUnregistered", 0));
+  EXPECT_EQ(Mapped(map), 0u);
+}
+
 // Both
+
+// What the parent makes of the news in the order in which it gets them must be what is in the map.
+TEST_F(RouterNewsTest, TheParentEndsUpWithWhatTheMapHasWhenAChildLeavesWhileAnotherAnnounces) {
+  MessageRouter::Logical& map = AMap();
+  for (int round = 0; round < 40; ++round) {
+    clock_.Advance(std::chrono::seconds(2));
+    const std::vector<std::string> names = {"a" + std::to_string(round),
+                                            "b" + std::to_string(round)};
+    for (const std::string& name : names) map.Store(name, "child1");
+    std::thread leaving([&] { routing_.UnregisterPeer("child1", true); });
+    Arrive(News("MS-RouterRegistered", "child2", TextPayload(names[0])).WithPriority(0));
+    Arrive(News("MS-RouterRegistered", "child2", ListPayload({names[1]})).WithPriority(0));
+    leaving.join();
+    while (routing_.RouteQueueSize() != 0) routing_.RouteNext(0, 0);
+    std::set<std::string> above(names.begin(), names.end());
+    Envelope sent;
+    while (table_.Parent()->PopNext(sent)) {
+      CORBA::Any any;
+      sent.GetData(any);
+      std::vector<std::string> told;
+      const char* text = nullptr;
+      const BrelixMessaging::String_seq* list = nullptr;
+      if (any >>= text) told.emplace_back(text);
+      if (any >>= list) {
+        for (CORBA::ULong i = 0; i < list->length(); ++i) told.emplace_back((*list)[i].in());
+      }
+      for (const std::string& name : told) {
+        if (sent.Type() == "MS-RouterRegistered") {
+          above.insert(name);
+        } else {
+          above.erase(name);
+        }
+      }
+    }
+    for (const std::string& name : names) {
+      EXPECT_EQ(map.Lookup(name), "child2");
+      EXPECT_TRUE(above.contains(name)) << name;
+    }
+    ARouter("child1");
+  }
+}
+
+TEST_F(RouterNewsTest, AChildThatHasComeNearerIsNotTakenAlongByTheFarewellOfItsFormerWay) {
+  MessageRouter::Logical& map = AMap();
+  Registered("child1", TextPayload("leaf"));
+  routing_.RegisterPeer("leaf", true);
+  routing_.RouteNext(0, 0);
+  Envelope sent;
+  ASSERT_TRUE(table_.Parent()->PopNext(sent));
+  EXPECT_THAT(Unregistered("child1", TextPayload("leaf")), IsEmpty());
+  EXPECT_EQ(map.Lookup("leaf"), "");
+}
 
 TEST_F(RouterNewsTest, WithLogicalRoutingOffEveryNewsGoesUpUnchanged) {
   std::vector<CORBA::Any> payloads = {TextPayload("leaf"), TextPayload(""),

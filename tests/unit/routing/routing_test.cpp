@@ -364,6 +364,13 @@ TEST_F(RouteTest, ANameThatTheMapLeadsToAnUnregisteredOrUnknownChildIsUnknown) {
   EXPECT_TRUE(Unrouteable("leaf1"));
 }
 
+TEST_F(RouteTest, ANameThatTheMapLeadsToAClientIsUnknown) {
+  AClient("former");
+  AMap().Store("leaf", "former");
+  EXPECT_EQ(routing_.FindRoute("leaf"), nullptr);
+  EXPECT_NE(routing_.FindRoute("former"), nullptr);
+}
+
 TEST_F(RouteTest, WhatCameDownDoesNotGoUpAgainByTheMapOrForWantOfAHop) {
   Entry& parent = AParent();
   table_.SetParentName("boss");
