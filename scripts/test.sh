@@ -22,4 +22,9 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-"exitcode=99:second_deadlock_stack=1:report_thread_leaks=0:suppressions=$PWD/tests/tsan.supp"}
 export LSAN_OPTIONS=${LSAN_OPTIONS:-"suppressions=$PWD/tests/lsan.supp"}
 # Most of the time the tests wait: more of them than there are processors.
-ctest --test-dir "build/$preset" --output-on-failure --parallel "${BRELIX_TEST_JOBS:-4}" "$@"
+status=0
+ctest --test-dir "build/$preset" --output-on-failure --parallel "${BRELIX_TEST_JOBS:-4}" "$@" ||
+  status=$?
+# What could not run here, and why: of CTest's own words one can only tell in which files.
+grep ' \.\.\. skipped ' "build/$preset/Testing/Temporary/LastTest.log" || true
+exit $status

@@ -10,7 +10,8 @@ import unittest
 
 import giop
 import harness
-from harness import SystemTest
+from harness import SystemTest, wait_until
+from tree import Tree
 
 MEGABYTE = 1024  # resident memory is counted in KiB
 
@@ -171,6 +172,100 @@ class Hostile(SystemTest):
         self.agent("messages.SendMessage", destination="a." * 100000)
         self.wait_no_envelopes(self.box)
         self.assert_well(before)
+
+
+class LongRoutes(SystemTest):
+    """Envelopes whose routes have ten thousand hops, by every way in."""
+
+    HOPS = 10000
+    # The first hop and all the others, and where the envelope ends.
+    ROUTES = {
+        ("agent-2", "x"): "agent-2",
+        ("child-2", "y"): "child-2",
+        ("stranger", "x"): "Cannot route message to stranger",
+        ("router", "router"): "Cannot route message to router",
+        (":", ":"): "Cannot route message to :",
+    }
+
+    def setUp(self):
+        super().setUp()
+        self.box = self.router(settings={"GetterTickSecs": 1})
+        self.peers = {"agent-2": self.peer(self.box, "agent-2").log_on()}
+        self.child = self.neighbour("child")
+        self.peers["child-2"] = self.neighbour("child-2")
+        self.peers["child-2"]("router.Logon")
+        self.before = self.box.rss()
+
+    def neighbour(self, name):
+        peer = self.peer(self.box, name, "router").connect()
+        peer("root.GetRouter")
+        peer("router.Register")
+        return peer
+
+    def envelopes(self):
+        for number, (first, rest) in enumerate(self.ROUTES, 1):
+            route = [first] + [rest] * (self.HOPS - 1)
+            yield {"id": number, "originator": "child.agent-9", "route": route,
+                   "message": {"destination": ".".join(route), "text": first}}
+
+    def check(self):
+        for end in self.ROUTES.values():
+            if end in self.peers:
+                self.peers[end].wait_received(1)
+                self.assertEqual((end, self.HOPS), (self.peers[end].received()[0]["payload"],
+                                                    self.peers[end].received()[0]["hops"]))
+            else:
+                self.box.wait_log(end)
+        self.check_well()
+
+    def check_well(self):
+        self.wait_no_envelopes(self.box)
+        self.assertTrue(self.box.running())
+        if not harness.SANITIZED:
+            self.assertLess(self.box.rss() - self.before, 64 * MEGABYTE)
+        longest = max(len(line) for line in self.box.log().splitlines())
+        self.assertLess(longest, 8192, "a line of the log")
+
+    def test_from_a_neighbour_that_pushes_them(self):
+        self.child("router.Logon")
+        for envelope in self.envelopes():
+            self.child("router_consumer.SendEnvelope", **envelope)
+        self.check()
+
+    def test_from_a_neighbour_that_is_asked_for_them(self):
+        for envelope in self.envelopes():
+            self.child("supply", **envelope)
+        self.child("router.Logon", consumer=False, supplier=True)
+        self.check()
+        wait_until(lambda: self.child("to_supply") == 0, 10, "all to be acknowledged")
+
+    def test_a_question_whose_answer_goes_ten_thousand_hops(self):
+        self.child("router.Logon")
+        originator = "child-2" + ".x" * (self.HOPS - 1)
+        certificate = (self.ca.issue("agent-1") / "certificate.pem").read_text()
+        self.child("router_consumer.SendEnvelope", id=1, originator=originator, route=["router"],
+                   certificate=certificate,
+                   message={"destination": "router", "type": "EM-GetClientStatus",
+                            "text": "agent-2"})
+        child = self.peers["child-2"]
+        child.wait_received(1)
+        answer = child.received()[0]
+        self.assertEqual(("EM-GetClientStatus-Reply", self.HOPS, originator),
+                         (answer["type"], answer["hops"], answer["destination"]))
+        self.check_well()
+
+    def test_up_to_a_parent_that_cannot_route_them(self):
+        tree = Tree(self, {"top": {}, "leaf": {"parent": "top"}})
+        tree.start()
+        agent = tree.client("agent-1", at="leaf")
+        for first in ("stranger", ":", "leaf", "top"):
+            agent("messages.SendMessage", destination=".".join([first] * self.HOPS))
+        tree["leaf"].wait_log("Cannot route message to leaf")
+        for hop in ("stranger", ":", "top"):
+            tree["top"].wait_log(f"Cannot route message to {hop}")
+        for router in tree.routers.values():
+            self.wait_no_envelopes(router)
+            self.assertTrue(router.running())
 
 
 class ManyConnections(SystemTest):

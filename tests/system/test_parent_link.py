@@ -82,6 +82,7 @@ class ParentLink(TreeTest):
         self.wait_no_envelopes(leaf)
 
     def test_a_broken_line_is_noticed_and_mended_without_an_operator_and_nothing_is_lost(self):
+        self.need_hosts()
         children = {"fetching": {}, "pushing": {"ActiveConsumer": 0, "ActiveSupplier": 0},
                     "deaf": {}, "unheard": {}}
         tree = self.tree({"top": {}, **{name: {"parent": "top", **words}

@@ -41,6 +41,7 @@ class ThreeLevels(TreeTest):
 
 class Firewalls(TreeTest):
     def test_a_leaf_that_nobody_can_call_gets_its_messages_by_pull(self):
+        self.need_hosts()
         tree = self.tree({
             "top": {},
             # It offers to be fetched from, which is found out to be in vain.
@@ -91,8 +92,8 @@ class Links(TreeTest):
             self.wait_no_envelopes(tree[name])
         self.wait_no_envelopes(tree["top"])
 
-
     def test_a_slow_line_only_takes_its_time(self):
+        self.need_hosts()
         tree = self.tree({"top": {}, "leaf": {"parent": "top"}})
         tree.slow_down("top", "leaf", 200)
         tree.start()

@@ -63,7 +63,8 @@ void Behaviour::RecordInto(const std::string& path) {
 }
 
 void Behaviour::Received(const BrelixMessaging::Envelope& envelope) {
-  const Json json = ClientLibrary::ToJson(envelope);
+  Json json = ClientLibrary::ToJson(envelope);
+  json["hops"] = envelope.physical_destination.length();
   const Json payload = json.value("payload", Json());
   const std::string text = payload.is_string() ? payload.get<std::string>() : "";
   ThreadHelper::Guard guard(mutex_);

@@ -78,6 +78,10 @@ TEST(CallBack, ToASilentPeerEndsAtItsLimitForBothTriesTogether) {
       log.Has(MessageRouter::kLogWarning, "Client::Logon() failed to call back to client\n"));
 }
 
+TEST(CallBack, LastsAMinuteAtMost) {
+  EXPECT_EQ(RouterServants::kCallBackLimit, seconds(60));
+}
+
 TEST(CallTimeout, AThreadThatTheOrbDoesNotKnowIsLeftAlone) {
   std::thread([] { EXPECT_NO_THROW(Broker::CallTimeout(seconds(1))); }).join();
 }

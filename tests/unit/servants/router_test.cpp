@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
+
 #include "FakePeers.h"
 #include "ServantWorld.h"
+#include "broker/Gate.h"
 #include "config/Configuration.h"
 
 namespace ServantTests {
@@ -245,6 +249,26 @@ TEST_F(RouterServantTest, ASupplierThatAnswersIsPolledAtOnce) {
   Logon(RouterConsumer::_nil(), peerSupplier.reference);
   EXPECT_FALSE(CORBA::is_nil(Entry("child-1").References().routerSupplier));
   EXPECT_EQ(host.polled, std::vector<std::string>{"child-1"});
+}
+
+// With one place for all, another operation runs while the peer's objects are called back.
+TEST_F(RouterServantTest, TheCallBacksGiveUpTheirPlaceAtTheGate) {
+  Broker::Gate::SetWidth(1);
+  MessageRouter::SetConfigInt("LogonCallback", 1);
+  RegisterRouter("child-1");
+  std::vector<std::future<void>> others;  // outlive the call, which one that is kept out waits for
+  const auto pass = [&others](int) {
+    others.push_back(std::async(std::launch::async, [] { const Broker::Gate::Pass inside; }));
+    EXPECT_EQ(others.back().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  };
+  peerConsumer.servant->onHeartbeat = pass;
+  peerSupplier.servant->onHeartbeat = pass;
+  {
+    const CallFromRouter call("child-1");
+    Logon(peerConsumer.reference, peerSupplier.reference);
+  }
+  Broker::Gate::SetWidth(4);
+  EXPECT_EQ(others.size(), 2u);
 }
 
 TEST_F(RouterServantTest, AnEntryThatIsGoneAfterTheLogonIsRejected) {
