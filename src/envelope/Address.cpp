@@ -51,6 +51,16 @@ std::string StripRouterPrefix(const std::string& name) {
   return name.substr(dot + 1);
 }
 
+std::vector<std::string> UnqualifiedForms(const std::string& name) {
+  std::vector<std::string> forms{name, StripRouterPrefix(name)};
+  // An empty name, and any name where the router's own has a dot, are qualified and not stripped.
+  const std::string prefix = QualifyWithRouter("");
+  if (name.starts_with(prefix) && EnsureQualified(name.substr(prefix.size())) == name) {
+    forms.push_back(name.substr(prefix.size()));
+  }
+  return forms;
+}
+
 std::string FirstComponent(std::string_view text) {
   const std::size_t start = text.find_first_not_of('.');
   if (start == std::string_view::npos) return {};

@@ -15,6 +15,8 @@ std::string QualifyWithRouter(const std::string& name);  // "<router>.<name>"
 // Unchanged if the first component is the router's own name.
 std::string EnsureQualified(const std::string& name);
 std::string StripRouterPrefix(const std::string& name);
+// What a name may have been that EnsureQualified has made this one of; itself in the first place.
+std::vector<std::string> UnqualifiedForms(const std::string& name);
 // The first component that is not empty, or nothing.
 std::string FirstComponent(std::string_view text);
 

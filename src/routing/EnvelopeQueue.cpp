@@ -123,6 +123,14 @@ bool EnvelopeQueue::Take(const std::string& originator, std::uint32_t messageId,
   return true;
 }
 
+bool EnvelopeQueue::TakeIfNext(const std::string& originator, std::uint32_t messageId,
+                               Envelope& out) {
+  Item* const next = NextItem();
+  if (next == nullptr || !Matches(next->envelope, originator, messageId)) return false;
+  Remove(*next, out);
+  return true;
+}
+
 void EnvelopeQueue::Remove(Item& item, Envelope& out) {
   index_.Remove(item);
   if (item.certification) certification_.erase(&item);

@@ -39,6 +39,8 @@ class EnvelopeQueue {
   const Envelope* NextCertification() const;
   // Takes out the first from the exit with that id and exactly that originator.
   bool Take(const std::string& originator, std::uint32_t messageId, Envelope& out);
+  // The same for the next one alone.
+  bool TakeIfNext(const std::string& originator, std::uint32_t messageId, Envelope& out);
   // Takes out what has expired, at most that many; the rest is for the next call.
   static constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
   void TakeExpired(std::vector<Envelope>& out, std::size_t limit = kNoLimit);

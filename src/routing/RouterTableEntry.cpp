@@ -1,5 +1,6 @@
 #include "routing/RouterTableEntry.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -156,22 +157,33 @@ void RouterTableEntry::PeekCertification(Envelope& out, const std::string& name)
 }
 
 bool RouterTableEntry::Cancel(const std::string& originator, std::uint32_t messageId) {
-  return CancelFor(nullptr, originator, messageId);
-}
-
-bool RouterTableEntry::Cancel(const std::string& originator, std::uint32_t messageId,
-                              const std::string& name) {
-  return CancelFor(&name, originator, messageId);
-}
-
-bool RouterTableEntry::CancelFor(const std::string* name, const std::string& originator,
-                                 std::uint32_t messageId) {
   Envelope cancelled;
   {
     WriteGuard guard(lock_);
     if (!guard) return false;
-    if (name != nullptr && !BelongsToLocked(*name)) throw BrelixMessaging::Rejected();
     if (!envelopes_.Take(originator, messageId, cancelled)) return false;
+  }
+  cancelled.Retire();
+  return true;
+}
+
+bool RouterTableEntry::CancelSupplied(const std::vector<std::string>& originators,
+                                      std::uint32_t messageId, const std::string& name) {
+  Envelope cancelled;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return false;
+    if (!BelongsToLocked(name)) throw BrelixMessaging::Rejected();
+    const auto isNext = [&](const std::string& originator) {
+      return envelopes_.TakeIfNext(originator, messageId, cancelled);
+    };
+    const auto waits = [&](const std::string& originator) {
+      return envelopes_.Take(originator, messageId, cancelled);
+    };
+    if (std::none_of(originators.begin(), originators.end(), isNext) &&
+        std::none_of(originators.begin(), originators.end(), waits)) {
+      return false;
+    }
   }
   cancelled.Retire();
   return true;

@@ -117,14 +117,18 @@ class RouterTableEntry {
   bool PopNext(Envelope& out);
   // The same, for a sender of that session: nothing is taken once it is over.
   bool PopNext(Envelope& out, LogonGeneration session);
-  // For the peer of that name, as is the second Cancel: they throw Rejected if the entry is no
-  // longer this peer's.
+  // For the peer of that name, as is CancelSupplied: they throw Rejected if the entry is no longer
+  // this peer's.
   bool PeekNext(Envelope& out, const std::string& name);
   // Throws NoCertificationMessage too.
   void PeekCertification(Envelope& out, const std::string& name);
   // Retires the envelope with that id and exactly that originator. False if there is none.
   bool Cancel(const std::string& originator, std::uint32_t messageId);
-  bool Cancel(const std::string& originator, std::uint32_t messageId, const std::string& name);
+  // The same for one that was supplied to the peer and may be stored under any of these
+  // originators. The next envelope is looked at first: another one that matches was hardly supplied
+  // yet.
+  bool CancelSupplied(const std::vector<std::string>& originators, std::uint32_t messageId,
+                      const std::string& name);
   // Reports and retires all that have expired.
   void RetireExpired();
   // Empties the queue without retiring anything.
@@ -252,8 +256,6 @@ class RouterTableEntry {
   // Pops only while the entry takes no envelopes under its name.
   bool PopUnroutable(Envelope& out);
 
-  // A null name is anybody's.
-  bool CancelFor(const std::string* name, const std::string& originator, std::uint32_t messageId);
   LocalPeerObjects LogonPeer(const std::string& name, bool isRouter, PeerReferences& references,
                              std::int32_t threshold, bool loggingOn);
   void ActivateObjects(bool isRouter, const PeerReferences& references, LocalPeerObjects& objects);

@@ -16,6 +16,7 @@ using MessageRouter::LogError;
 using MessageRouter::LogInfo;
 using MessageRouter::LogTrace;
 using MessageRouter::RouterTableEntry;
+using MessageRouter::Shown;
 
 namespace {
 
@@ -28,7 +29,7 @@ void PeekFor(const Caller& caller, Envelope& envelope) {
   entry.EnvelopePulledWithNothingThere();
   if (entry.PeekNext(envelope, caller.name)) return;
   LogTrace("EnvelopeSupplier::GetEnvelope() - no envelope to supply for %s\n",
-           entry.Name().c_str());
+           Shown(entry.Name()).c_str());
   throw BrelixMessaging::NoEnvelope();
 }
 
@@ -36,58 +37,66 @@ void PeekFor(const Caller& caller, Envelope& envelope) {
 
 BrelixMessaging::Envelope* EnvelopeSupplier_i::GetEnvelope() {
   return OpenOperation("EnvelopeSupplier::GetEnvelope", [this] {
-    Envelope envelope;
-    try {
-      const Caller caller = Caller::LoggedOn();
-      caller.entry.TouchLastPull();
-      PeekFor(caller, envelope);
-      BrelixMessaging::Envelope_var wire = envelope.ToWire(isRouterSupplier_);
-      if (MessageRouter::LogEnabled(MessageRouter::kLogInfo)) {
-        LogInfo("Supplying message (%s) to %s\n", envelope.DescribeShort().c_str(),
-                caller.entry.Name().c_str());
-      }
-      return wire._retn();
-    } catch (const BrelixMessaging::NoEnvelope&) {
-      throw;
-    } catch (const std::exception& exception) {
-      MessageRouter::LogCaughtException("EnvelopeSupplier_i", exception, "");
-      if (MessageRouter::IsDiscardableError(exception, envelope)) {
-        // The broken one would stand in front of all others for ever.
-        try {
-          Acknowledge(envelope.Originator().c_str(),
-                      static_cast<BrelixMessaging::MessageId>(envelope.MessageId()));
-        } catch (...) {  // the caller is told Rejected whatever came of it
+    while (true) {
+      Envelope envelope;
+      try {
+        const Caller caller = Caller::LoggedOn();
+        caller.entry.TouchLastPull();
+        PeekFor(caller, envelope);
+        BrelixMessaging::Envelope_var wire = envelope.ToWire(isRouterSupplier_);
+        if (MessageRouter::LogEnabled(MessageRouter::kLogInfo)) {
+          LogInfo("Supplying message (%s) to %s\n", envelope.DescribeShort().c_str(),
+                  Shown(caller.entry.Name()).c_str());
         }
-      } else {
-        LogError("Failed to supply message (%s) because of exception: %s\n",
-                 envelope.DescribeShort().c_str(), exception.what());
+        return wire._retn();
+      } catch (const BrelixMessaging::NoEnvelope&) {
+        throw;
+      } catch (const std::exception& exception) {
+        MessageRouter::LogCaughtException("EnvelopeSupplier_i", exception, "");
+        if (MessageRouter::IsDiscardableError(exception, envelope)) {
+          // The file of one that was acknowledged or has expired meanwhile is gone, not broken.
+          if (!Discard(envelope)) continue;
+        } else {
+          LogError("Failed to supply message (%s) because of exception: %s\n",
+                   envelope.DescribeShort().c_str(), exception.what());
+        }
+      } catch (...) {
+        LogError("Failed to supply message (%s) because of unknown exception\n",
+                 envelope.DescribeShort().c_str());
       }
-    } catch (...) {
-      LogError("Failed to supply message (%s) because of unknown exception\n",
-               envelope.DescribeShort().c_str());
+      throw BrelixMessaging::Rejected();
     }
-    throw BrelixMessaging::Rejected();
   });
+}
+
+// The broken one would stand in front of all others for ever.
+bool EnvelopeSupplier_i::Discard(const Envelope& broken) {
+  try {
+    Acknowledge({broken.Originator()}, broken.MessageId());
+  } catch (const BrelixMessaging::NoEnvelope&) {
+    return false;
+  } catch (...) {  // the caller is told Rejected whatever came of it
+  }
+  return true;
 }
 
 void EnvelopeSupplier_i::AcknowledgeEnvelope(const char* originator,
                                              BrelixMessaging::MessageId message_id) {
   const Broker::Gate::Pass pass;
-  Acknowledge(originator, message_id);
+  // A router hands back the form that it was given; the queue holds the stored one.
+  Acknowledge(isRouterSupplier_ ? MessageRouter::UnqualifiedForms(originator)
+                                : std::vector<std::string>{originator},
+              static_cast<std::uint32_t>(message_id));
 }
 
-void EnvelopeSupplier_i::Acknowledge(const char* originator, BrelixMessaging::MessageId messageId) {
+void EnvelopeSupplier_i::Acknowledge(const std::vector<std::string>& originators,
+                                     std::uint32_t messageId) {
   Framed("EnvelopeSupplier::AcknowledgeEnvelope", [&] {
     const Caller caller = Caller::LoggedOn();
     caller.entry.TouchLastPull();
-    const auto id = static_cast<std::uint32_t>(messageId);
-    if (caller.entry.Cancel(originator, id, caller.name)) return;
-    // A router hands back the form that it was given; the queue holds the stored one.
-    if (isRouterSupplier_ &&
-        caller.entry.Cancel(MessageRouter::StripRouterPrefix(originator), id, caller.name)) {
-      return;
+    if (!caller.entry.CancelSupplied(originators, messageId, caller.name)) {
+      throw BrelixMessaging::NoEnvelope();
     }
-    throw BrelixMessaging::NoEnvelope();
   });
 }
 

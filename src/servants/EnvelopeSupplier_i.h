@@ -2,6 +2,12 @@
 
 #include <BrelixMessaging.h>
 
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "envelope/Envelope.h"
+
 namespace RouterServants {
 
 // Where a peer that pulls fetches the envelopes that wait for it. An envelope stays in the queue,
@@ -20,7 +26,10 @@ class EnvelopeSupplier_i : public POA_BrelixMessaging::RouterSupplier {
   void Heartbeat() override;
 
  private:
-  void Acknowledge(const char* originator, BrelixMessaging::MessageId messageId);
+  // The end of an envelope that has been supplied, under any of these originators.
+  void Acknowledge(const std::vector<std::string>& originators, std::uint32_t messageId);
+  // The end of one that can't be. False if it has been taken from the queue since.
+  bool Discard(const MessageRouter::Envelope& broken);
 
   const bool isRouterSupplier_;
 };

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "config/Configuration.h"
+#include "envelope/Address.h"
 #include "logging/Log.h"
 #include "servants/Caller.h"
 #include "servants/Frame.h"
@@ -49,7 +50,8 @@ void NotifyConsumer_i::Notify() {
     MessageRouter::RouterTableEntry* entry = routing->Table().Find(*name);
     if (entry == nullptr) return;  // a stranger's notification is dropped without a word
     routing->Host().NotifiedPoll(*entry);
-    MessageRouter::LogDebug("NotifyConsumer_i::Notify() notified by %s\n", name->c_str());
+    MessageRouter::LogDebug("NotifyConsumer_i::Notify() notified by %s\n",
+                            MessageRouter::Shown(*name).c_str());
   });
 }
 

@@ -7,6 +7,8 @@
 namespace MessageRouter {
 namespace {
 
+using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -52,6 +54,21 @@ TEST_F(AddressTest, StripsTheRoutersNameWhereSomethingStandsBehindItsDot) {
   EXPECT_EQ(StripRouterPrefix("router1"), "router1");
   EXPECT_EQ(StripRouterPrefix("router2.agent"), "router2.agent");
   EXPECT_EQ(StripRouterPrefix("router10.agent"), "router10.agent");
+}
+
+TEST_F(AddressTest, EveryNameIsAmongTheFormsOfWhatItIsQualifiedTo) {
+  for (const char* const router : {"router1", "router.1", "r"}) {
+    OwnIdentity::Set(router, "");
+    for (const char* const name : {"", ".", "agent", "router1", "router1.", "router1.agent",
+                                   "router.1.agent", "r.r.agent"}) {
+      EXPECT_THAT(UnqualifiedForms(EnsureQualified(name)), Contains(name)) << router;
+    }
+  }
+}
+
+TEST_F(AddressTest, ANameIsTheFirstOfItsOwnForms) {
+  EXPECT_EQ(UnqualifiedForms("router1.agent").front(), "router1.agent");
+  EXPECT_THAT(UnqualifiedForms("router2.agent"), Each("router2.agent"));
 }
 
 TEST_F(AddressTest, FirstComponentIsTheFirstThatIsNotEmpty) {

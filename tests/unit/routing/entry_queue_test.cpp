@@ -42,11 +42,11 @@ TEST_F(EntryQueueTest, WhoeverAsksUnderAFormerNameGetsNothingOfTheNewPeers) {
   Envelope out;
   EXPECT_THROW(entry.PeekNext(out, "former"), BrelixMessaging::Rejected);
   EXPECT_THROW(entry.PeekCertification(out, "former"), BrelixMessaging::Rejected);
-  EXPECT_THROW(entry.Cancel("router1.a", 1, "former"), BrelixMessaging::Rejected);
+  EXPECT_THROW(entry.CancelSupplied({"router1.a"}, 1, "former"), BrelixMessaging::Rejected);
   EXPECT_EQ(out.MessageId(), 0u);
   EXPECT_TRUE(FileExists("1.msg"));
-  EXPECT_TRUE(entry.Cancel("router1.a", 1, "new"));
-  EXPECT_FALSE(entry.Cancel("router1.a", 1, "new"));
+  EXPECT_TRUE(entry.CancelSupplied({"router1.a"}, 1, "new"));
+  EXPECT_FALSE(entry.CancelSupplied({"router1.a"}, 1, "new"));
 }
 
 TEST_F(EntryQueueTest, AnEmptyQueueGivesNothing) {
@@ -83,6 +83,27 @@ TEST_F(EntryQueueTest, CancelRetiresTheEnvelopeOfThatIdAndExactlyThatOriginator)
   EXPECT_TRUE(FileExists("1.msg"));
   EXPECT_FALSE(FileExists("2.msg"));
   EXPECT_FALSE(entry.Cancel("router1.b", 1));
+}
+
+TEST_F(EntryQueueTest, OfTheFormsOfAnOriginatorTheOneThatWasSuppliedIsMeant) {
+  Entry& entry = AClient("agent");
+  Enqueue(entry, AStoredEnvelope("1.msg").WithId(1).WithOriginator("a"));
+  Enqueue(entry, AStoredEnvelope("2.msg").WithId(1).WithOriginator("router1.a"));
+  EXPECT_TRUE(entry.CancelSupplied({"router1.a", "a"}, 1, "agent"));
+  EXPECT_FALSE(FileExists("1.msg"));
+  EXPECT_TRUE(FileExists("2.msg"));
+}
+
+TEST_F(EntryQueueTest, BehindTheNextEnvelopeTheFirstFormThatIsThereIsTaken) {
+  Entry& entry = AClient("agent");
+  Enqueue(entry, AStoredEnvelope("0.msg").WithId(2));
+  Enqueue(entry, AStoredEnvelope("1.msg").WithId(1).WithOriginator("a"));
+  Enqueue(entry, AStoredEnvelope("2.msg").WithId(1).WithOriginator("router1.a"));
+  EXPECT_TRUE(entry.CancelSupplied({"router1.a", "a"}, 1, "agent"));
+  EXPECT_TRUE(FileExists("1.msg"));
+  EXPECT_FALSE(FileExists("2.msg"));
+  EXPECT_TRUE(entry.CancelSupplied({"router1.a", "a"}, 1, "agent"));
+  EXPECT_FALSE(FileExists("1.msg"));
 }
 
 TEST_F(EntryQueueTest, RetireExpiredReportsATimeoutAndRemovesTheFile) {

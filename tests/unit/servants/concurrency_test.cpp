@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -86,6 +87,36 @@ TEST_F(ManyThreads, OfTwoAcknowledgementsTheFirstWins) {
     }
   });
   EXPECT_NE(won[0], won[1]);
+}
+
+// What one of them has ended just before the other one reads its file is not broken.
+TEST_F(ManyThreads, TwoThatPullForOnePeerAreNeverRejected) {
+  constexpr unsigned kEnvelopes = 200;
+  LogOnClient("agent-1");
+  for (unsigned i = 0; i < kEnvelopes; ++i) QueueFor("agent-1");
+  std::atomic<unsigned> acknowledged{0};
+  std::atomic<unsigned> rejected{0};
+  Run(2, [&](unsigned) {
+    const CallFrom call("agent-1");
+    for (unsigned i = 0; i < 3 * kEnvelopes; ++i) {
+      BrelixMessaging::Envelope_var wire;
+      try {
+        wire = supplier->GetEnvelope();
+      } catch (const BrelixMessaging::NoEnvelope&) {
+        return;
+      } catch (const BrelixMessaging::Rejected&) {
+        ++rejected;
+        continue;
+      }
+      try {
+        supplier->AcknowledgeEnvelope(wire->originator, wire->message_id);
+        ++acknowledged;
+      } catch (const BrelixMessaging::NoEnvelope&) {
+      }
+    }
+  });
+  EXPECT_EQ(rejected, 0u);
+  EXPECT_EQ(acknowledged, kEnvelopes);
 }
 
 }  // namespace

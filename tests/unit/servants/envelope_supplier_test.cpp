@@ -1,13 +1,11 @@
 #include "servants/EnvelopeSupplier_i.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sys/resource.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <string>
-#include <utility>
 
 #include "FakePeers.h"
 #include "ServantWorld.h"
@@ -27,24 +25,20 @@ using MessageRouter::kLogTrace;
 using MessageRouter::RouterTableEntry;
 using RouterServants::EnvelopeSupplier_i;
 
-// The file can't be opened while this lives.
-class Forbidden {
+// No file can be opened while this lives.
+class NoDescriptors {
  public:
-  explicit Forbidden(std::string path) : path_(std::move(path)) {
-    chmod(path_.c_str(), 0);
-    if (root_) seteuid(kNobody);  // nothing is forbidden to root
+  NoDescriptors() {
+    getrlimit(RLIMIT_NOFILE, &limit_);
+    const rlimit none{0, limit_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
   }
-  ~Forbidden() {
-    if (root_) seteuid(0);
-    chmod(path_.c_str(), 0600);
-  }
-  Forbidden(const Forbidden&) = delete;
-  Forbidden& operator=(const Forbidden&) = delete;
+  ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &limit_); }
+  NoDescriptors(const NoDescriptors&) = delete;
+  NoDescriptors& operator=(const NoDescriptors&) = delete;
 
  private:
-  static constexpr uid_t kNobody = 65534;
-  const std::string path_;
-  const bool root_ = geteuid() == 0;
+  rlimit limit_{};
 };
 
 class EnvelopeSupplierTest : public ServantWorld {
@@ -54,6 +48,14 @@ class EnvelopeSupplierTest : public ServantWorld {
     for (const auto& file : std::filesystem::directory_iterator(store.Directory())) {
       std::filesystem::remove(file);
     }
+  }
+  // An envelope that came from a router as `originator`'s, with the id 77.
+  void QueueFrom(const std::string& originator, const std::string& name) {
+    BrelixMessaging::Envelope wire = AWireEnvelope();
+    wire.originator = originator.c_str();
+    MessageRouter::Envelope envelope;
+    envelope.CreateFromRouter(wire, false);
+    ASSERT_TRUE(Entry(name).Enqueue(envelope, name));
   }
   // `name` is logged on as a puller that can be notified, and a notification is under way while
   // nothing waits.
@@ -126,9 +128,7 @@ TEST_F(EnvelopeSupplierTest, AnEmptyPullInAnyOtherStateLeavesTheStateAlone) {
 
 TEST_F(EnvelopeSupplierTest, OriginatorsGoQualifiedToRoutersAndAsStoredToClients) {
   LogOnRouter("child-1");
-  MessageRouter::Envelope envelope;
-  envelope.CreateFromRouter(AWireEnvelope(), false);
-  ASSERT_TRUE(Entry("child-1").Enqueue(envelope, "child-1"));
+  QueueFrom("agent-9", "child-1");
   const CallFrom call("child-1", {kRouterRole});
   const Envelope_var plain = forClients->GetEnvelope();
   EXPECT_STREQ(plain->originator, "agent-9");
@@ -142,6 +142,26 @@ TEST_F(EnvelopeSupplierTest, ACallerThatIsLoggedOffGetsRejectedAndNotNotLoggedOn
   EXPECT_THROW(forClients->GetEnvelope(), Rejected);
   EXPECT_TRUE(
       log.Has(kLogError, "Failed to supply message (id=00000000) because of unknown exception\n"));
+}
+
+TEST_F(EnvelopeSupplierTest, ACallerThatIsLoggedOffLeavesWhatWaitsForIt) {
+  LogOnClient("agent-1");
+  QueueFor("agent-1");
+  Entry("agent-1").Logoff();
+  const CallFrom call("agent-1");
+  EXPECT_THROW(forClients->GetEnvelope(), Rejected);
+  EXPECT_TRUE(Entry("agent-1").HasEnvelopes());
+  EXPECT_EQ(EnvelopeFiles(), 1u);
+}
+
+TEST_F(EnvelopeSupplierTest, WithoutACycleNothingIsSuppliedOrAcknowledged) {
+  LogOnClient("agent-1");
+  const auto id = static_cast<BrelixMessaging::MessageId>(QueueFor("agent-1"));
+  const CallFrom call("agent-1");
+  MessageRouter::Cycle::Set(nullptr);
+  EXPECT_THROW(forClients->GetEnvelope(), Rejected);
+  EXPECT_THROW(forClients->AcknowledgeEnvelope("router-1.sender", id), Rejected);
+  EXPECT_TRUE(Entry("agent-1").HasEnvelopes());
 }
 
 TEST_F(EnvelopeSupplierTest, AStrangerIsRejected) {
@@ -167,6 +187,15 @@ TEST_F(EnvelopeSupplierTest, AnEnvelopeWhoseStoredDataIsBrokenIsRejectedAndGone)
   EXPECT_FALSE(log.Contains("Failed to supply message"));
   const Envelope_var next = forClients->GetEnvelope();
   EXPECT_EQ(static_cast<std::uint32_t>(next->message_id), whole);
+}
+
+TEST_F(EnvelopeSupplierTest, ABrokenEnvelopeLeavesTheQueueOfARouterToo) {
+  LogOnRouter("child-1");
+  QueueFrom("agent-9", "child-1");
+  BreakFiles();
+  const CallFrom call("child-1", {kRouterRole});
+  EXPECT_THROW(forRouters->GetEnvelope(), Rejected);
+  EXPECT_FALSE(Entry("child-1").HasEnvelopes());
 }
 
 // With one place for all, an inner operation that took one would wait for ever.
@@ -197,14 +226,15 @@ TEST_F(EnvelopeSupplierTest, AnotherFailureIsRejectedAndTheEnvelopeStays) {
 TEST_F(EnvelopeSupplierTest, AnEnvelopeWhoseFileCannotBeReadAtPresentStaysAndIsSuppliedLater) {
   LogOnClient("agent-1");
   const std::uint32_t id = QueueFor("agent-1");
-  MessageRouter::Envelope waiting;
-  ASSERT_TRUE(Entry("agent-1").PeekNext(waiting, "agent-1"));
   const CallFrom call("agent-1");
   {
-    const Forbidden forbidden(waiting.FileName());
+    const NoDescriptors none;
     EXPECT_THROW(forClients->GetEnvelope(), Rejected);
   }
   EXPECT_TRUE(log.Contains("cannot be read at present"));
+  char line[80];
+  std::snprintf(line, sizeof line, "Failed to supply message (id=%08X) because of exception: ", id);
+  EXPECT_TRUE(log.Contains(line));
   EXPECT_FALSE(log.Contains("Discarding"));
   const Envelope_var wire = forClients->GetEnvelope();
   EXPECT_EQ(static_cast<std::uint32_t>(wire->message_id), id);
@@ -212,9 +242,7 @@ TEST_F(EnvelopeSupplierTest, AnEnvelopeWhoseFileCannotBeReadAtPresentStaysAndIsS
 
 TEST_F(EnvelopeSupplierTest, TheObjectOfARouterQualifiesAndThatOfAClientDoesNot) {
   LogOnRouter("child-1");
-  MessageRouter::Envelope envelope;
-  envelope.CreateFromRouter(AWireEnvelope(), false);
-  ASSERT_TRUE(Entry("child-1").Enqueue(envelope, "child-1"));
+  QueueFrom("agent-9", "child-1");
   const CallFrom call("child-1", {kRouterRole});
   const auto originatorAt = [this](CORBA::Object_ptr object) -> std::string {
     const PortableServer::ServantBase_var servant =
@@ -252,14 +280,38 @@ TEST_F(EnvelopeSupplierTest, ASecondAcknowledgementGetsNoEnvelope) {
 
 TEST_F(EnvelopeSupplierTest, TheQualifiedFormIsAcceptedFromARouterAndNotFromAClient) {
   LogOnRouter("child-1");
-  MessageRouter::Envelope envelope;
-  envelope.CreateFromRouter(AWireEnvelope(), false);  // stored as "agent-9"
-  ASSERT_TRUE(Entry("child-1").Enqueue(envelope, "child-1"));
+  QueueFrom("agent-9", "child-1");
   const CallFrom call("child-1", {kRouterRole});
   EXPECT_THROW(forClients->AcknowledgeEnvelope("router-1.agent-9", 77), NoEnvelope);
   EXPECT_TRUE(Entry("child-1").HasEnvelopes());
   EXPECT_NO_THROW(forRouters->AcknowledgeEnvelope("router-1.agent-9", 77));
   EXPECT_FALSE(Entry("child-1").HasEnvelopes());
+}
+
+TEST_F(EnvelopeSupplierTest, ARouterCanAcknowledgeWhateverOriginatorItWasGiven) {
+  LogOnRouter("child-1");
+  const CallFrom call("child-1", {kRouterRole});
+  for (const char* const originator :
+       {"", ".", "agent-9", "router-1", "router-1.", "router-1.agent-9", "router-1.router-1.x"}) {
+    QueueFrom(originator, "child-1");
+    const Envelope_var wire = forRouters->GetEnvelope();
+    EXPECT_NO_THROW(forRouters->AcknowledgeEnvelope(wire->originator, wire->message_id))
+        << originator;
+    EXPECT_FALSE(Entry("child-1").HasEnvelopes()) << originator;
+  }
+}
+
+TEST_F(EnvelopeSupplierTest, AnEnvelopeThatIsNamedLikeAWaitingOneIsNotAcknowledgedInItsPlace) {
+  LogOnRouter("child-1");
+  QueueFrom("agent-1", "child-1");           // another router's invention
+  QueueFrom("router-1.agent-1", "child-1");  // the same id, from our client
+  const CallFrom call("child-1", {kRouterRole});
+  const Envelope_var wire = forRouters->GetEnvelope();
+  ASSERT_STREQ(wire->originator, "router-1.agent-1");
+  forRouters->AcknowledgeEnvelope(wire->originator, wire->message_id);
+  MessageRouter::Envelope left;
+  ASSERT_TRUE(Entry("child-1").PeekNext(left, "child-1"));
+  EXPECT_EQ(left.Originator(), "router-1.agent-1");
 }
 
 TEST_F(EnvelopeSupplierTest, ARoutersAcknowledgementOfNothingGetsNoEnvelope) {
@@ -280,6 +332,14 @@ TEST_F(EnvelopeSupplierTest, AFaultDuringAnAcknowledgementIsRejectedAndLogged) {
   EXPECT_TRUE(log.Has(kLogError,
                       "EnvelopeSupplier::AcknowledgeEnvelope() caught No common name in "
                       "certificate\n"));
+}
+
+TEST_F(EnvelopeSupplierTest, AnAcknowledgementWithoutACertificateIsRejected) {
+  LogOnClient("agent-1");
+  const auto id = static_cast<BrelixMessaging::MessageId>(QueueFor("agent-1"));
+  const AnonymousCall call;
+  EXPECT_THROW(forClients->AcknowledgeEnvelope("router-1.sender", id), Rejected);
+  EXPECT_TRUE(Entry("agent-1").HasEnvelopes());
 }
 
 TEST_F(EnvelopeSupplierTest, AnAcknowledgementOfAStrangerIsRejected) {

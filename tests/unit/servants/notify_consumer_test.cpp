@@ -49,6 +49,14 @@ TEST_F(NotifyConsumerTest, NotifyFromAnActiveSupplierHasNoEffect) {
   EXPECT_EQ(Entry("child-1").GetSupplierState(), RouterTableEntry::kActiveSupplier);
 }
 
+TEST_F(NotifyConsumerTest, NotifyFromAPeerThatIsLoggedOffIsToldAndPollsNothing) {
+  RegisterRouter("child-1");
+  const CallFrom call("child-1", {kRouterRole});
+  servant->Notify();
+  EXPECT_TRUE(host.polled.empty());
+  EXPECT_TRUE(log.Has(kLogDebug, "NotifyConsumer_i::Notify() notified by child-1\n"));
+}
+
 TEST_F(NotifyConsumerTest, NotifyFromAStrangerIsDroppedWithoutAWord) {
   const CallFrom call("child-1", {kRouterRole});
   EXPECT_NO_THROW(servant->Notify());
