@@ -90,15 +90,17 @@ void Extract(const std::string& text, CORBA::Any& any) {
   if (words.size() > kKeptBytes / sizeof words[0]) std::vector<std::uint64_t>().swap(words);
 }
 
-// What the ORB may throw, all of it, becomes the one error.
+// Whether it could be done. Whatever else the ORB may throw is a fault of what it was given; too
+// little memory is not.
 template <class Function>
 bool Succeeds(Function&& function) {
   try {
     function();
     return true;
+  } catch (const CORBA::NO_MEMORY&) {
+    throw std::bad_alloc();
   } catch (const CORBA::Exception&) {
   } catch (const omniORB::fatalException&) {  // not a std::exception
-  } catch (const std::bad_alloc&) {
   } catch (const std::length_error&) {
   }
   return false;
@@ -119,8 +121,13 @@ std::string EncodeAny(const CORBA::Any& any) {
 }
 
 void DecodeAny(const std::string& text, CORBA::Any& any) {
-  if (Succeeds([&] { Extract(text, any); })) return;
   // What was read in part has a type and no value, which the ORB could not even copy.
+  try {
+    if (Succeeds([&] { Extract(text, any); })) return;
+  } catch (const std::bad_alloc&) {
+    any = CORBA::Any();
+    throw;
+  }
   any = CORBA::Any();
   throw std::runtime_error(kDecodeFailure);
 }

@@ -5,7 +5,7 @@
 #include <string>
 
 // Any to hexadecimal text and back: the type code and the value in CDR, little-endian, GIOP 1.2,
-// two lower-case digits a byte. Needs an ORB in the process.
+// two lower-case digits a byte. Needs an ORB in the process. Too little memory is std::bad_alloc.
 // Threads: any.
 namespace Encoding {
 

@@ -12,6 +12,7 @@
 #include "envelope/Settings.h"
 #include "logging/Log.h"
 #include "platform/Clock.h"
+#include "platform/Files.h"
 
 namespace MessageRouter {
 
@@ -130,7 +131,18 @@ bool Envelope::ExpandWithData(CORBA::Any& data) {
   Envelope stored;
   stored.file_ = file_;
   stored.inStoreFolder_ = inStoreFolder_;
-  stored.FromPersistent();
+  try {
+    stored.FromPersistent();
+  } catch (const PassingShortage&) {
+    throw;
+  } catch (const std::runtime_error&) {
+    // The holder drops the envelope, and the file with it.
+    if (Platform::FileExists(FileName())) {
+      MarkInvalid();
+      file_.clear();
+    }
+    throw;
+  }
   HeavyFields heavy = std::move(stored.heavy_.Use());
   Encoding::DecodeAny(heavy.data, data);
   if (heavy.data.empty()) {

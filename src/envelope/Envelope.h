@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,6 +14,13 @@
 #include "envelope/Timestamps.h"
 
 namespace MessageRouter {
+
+// An envelope's file can't be read at present, for want of descriptors or memory. Too little memory
+// may be told as std::bad_alloc too.
+class PassingShortage : public std::runtime_error {
+ public:
+  using runtime_error::runtime_error;
+};
 
 // The unit of routing: one client message with all that the router needs to move it. A value: the
 // route queue and the entries' queues hold copies, and all copies share the one file that backs
@@ -40,11 +48,13 @@ class Envelope {
                    const std::string& type, const CORBA::Any& data, const std::string& options);
 
   // What leaves the router; the caller owns it. Reads the file if the envelope is shrunk; throws
-  // what IsDiscardableError knows if that or the decoding of the payload fails.
+  // what IsDiscardableError knows if that or the decoding of the payload fails. A file that is
+  // there and can't be read has been set aside then.
   BrelixMessaging::Envelope* ToWire(bool qualifyOriginator);
 
   // Fills the envelope from its file. False, with a warning, if a field can't be decoded. Throws
-  // std::runtime_error if the file can't be opened.
+  // std::runtime_error if the file can't be opened, PassingShortage or std::bad_alloc if that may
+  // well be different at another moment.
   bool FromPersistent();
   // Sets the file aside, under its name with ".bad".
   void MarkInvalid();

@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <charconv>
+#include <new>
 #include <sstream>
 #include <stdexcept>
 
@@ -45,8 +46,7 @@ void AppendNumber(std::string& text, std::string_view key, std::int64_t number) 
 
 // Whether the file may well be readable at another moment.
 bool IsShortage(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO || error == EINTR ||
-         error == EAGAIN || error == EACCES;
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR || error == EAGAIN;
 }
 
 // Whether the file was made and could not be filled, in contrast to one that could not be made.
@@ -132,10 +132,10 @@ bool Envelope::FromPersistent() {
   const std::string fileName = FileName();
   int error = 0;
   const std::optional<std::string> text = Platform::ReadFile(fileName, kFileLimit, &error);
-  // A shortage passes, and the envelope with it: only what is gone or no file at all is told as the
-  // broken envelope that its holder may drop.
+  // A shortage passes, and its envelope is whole: all else is told as the broken envelope that its
+  // holder may drop.
   if (!text && IsShortage(error)) {
-    throw std::runtime_error("The envelope file " + fileName + " cannot be read at present");
+    throw PassingShortage("The envelope file " + fileName + " cannot be read at present");
   }
   if (!text && error != EFBIG) {
     throw std::runtime_error("Envelope::FromPersistent could not access persisted envelope file " +
@@ -145,6 +145,8 @@ bool Envelope::FromPersistent() {
   try {
     if (!text) throw std::runtime_error("the file is too long");
     ReadFields(*text, key);
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception& exception) {
     LogWarning("Failed to read envelope data from \"%s\" for value: \"%s.\" Error: %s \n",
                fileName.c_str(), std::string(key).c_str(), exception.what());

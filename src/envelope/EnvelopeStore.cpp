@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "config/Configuration.h"
@@ -47,6 +48,8 @@ bool CanBeDispatched(Envelope& envelope) {
     CORBA::Any payload;
     envelope.GetData(payload);
     return true;
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception& exception) {
     LogWarning("Failed to read envelope data from \"%s\" for value: \"Data.\" Error: %s \n",
                envelope.FileName().c_str(), exception.what());

@@ -2,11 +2,13 @@
 
 #include <gmock/gmock.h>
 
+#include <new>
 #include <stdexcept>
 #include <string>
 
 #include "Hexadecimal.h"
 #include "SampleAnys.h"
+#include "support/MemoryLimit.h"
 
 namespace {
 
@@ -173,6 +175,29 @@ TEST_F(EncodingTest, LargePayloadComesBackTheSame) {
   CORBA::Any decoded;
   DecodeAny(text, decoded);
   EXPECT_EQ(EncodeAny(decoded), text);
+}
+
+TEST_F(EncodingTest, TooLittleMemoryIsNoFaultOfTheText) {
+  if (!TestSupport::MemoryLimit::Works()) GTEST_SKIP() << "the sanitizer has a heap of its own";
+  constexpr std::size_t kStep = std::size_t{2} << 20;
+  CORBA::Any whole;
+  whole <<= std::string(8 * kStep, 'x').c_str();
+  const std::string text = EncodeAny(whole);
+  unsigned failures = 0;
+  bool decoded = false;
+  for (std::size_t bytes = 0; !decoded && bytes < 40 * kStep; bytes += kStep) {
+    const TestSupport::MemoryLimit limit(bytes);
+    CORBA::Any any;
+    try {
+      DecodeAny(text, any);
+      decoded = true;
+    } catch (const std::bad_alloc&) {
+      ++failures;
+      EXPECT_TRUE(any.type()->kind() == CORBA::tk_null);
+    }
+  }
+  EXPECT_TRUE(decoded);
+  EXPECT_GT(failures, 4u);
 }
 
 }  // namespace

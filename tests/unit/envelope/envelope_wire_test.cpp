@@ -1,3 +1,5 @@
+#include <filesystem>
+#include <new>
 #include <stdexcept>
 
 #include "broker/Encoding.h"
@@ -6,6 +8,7 @@
 #include "fixture.h"
 #include "logging/Log.h"
 #include "support/EnvelopeBuilder.h"
+#include "support/MemoryLimit.h"
 
 namespace MessageRouter {
 namespace {
@@ -206,6 +209,47 @@ TEST_F(EnvelopeShrink, ExpandOfAnEnvelopeWhoseFileWasRemovedRaisesAnErrorThatIsR
                                 Path("00000000.msg"));
     EXPECT_TRUE(IsDiscardableError(error, envelope));
   }
+}
+
+TEST_F(EnvelopeShrink, AFileThatIsThereAndCannotBeReadIsSetAsideAndNotLost) {
+  Envelope envelope;
+  envelope.CreateFromRouter(AWireEnvelope(), false);
+  const std::string file = envelope.FileName();
+  std::filesystem::remove(file);
+  std::filesystem::create_symlink("/proc/self/mem", file);  // opens, and fails to be read
+  try {
+    envelope.Expand();
+    FAIL() << "nothing was thrown";
+  } catch (const std::exception& error) {
+    EXPECT_TRUE(IsDiscardableError(error, envelope));
+  }
+  log_.Clear();
+  envelope.Retire();
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+  EXPECT_THAT(Leaves(), ElementsAre("00000000.msg.bad"));
+}
+
+TEST_F(EnvelopeShrink, HoweverLittleMemoryThereIsAnEnvelopeIsNotTakenForBroken) {
+  if (!TestSupport::MemoryLimit::Works()) GTEST_SKIP() << "the sanitizer has a heap of its own";
+  constexpr std::size_t kStep = std::size_t{2} << 20;
+  BrelixMessaging::Envelope wire = AWireEnvelope();
+  wire.client_info.custom_data <<= std::string(2 * kStep, 'x').c_str();
+  Envelope envelope;
+  envelope.CreateFromRouter(wire, false);
+  unsigned failures = 0;
+  bool expanded = false;
+  for (std::size_t bytes = 0; !expanded && bytes < 40 * kStep; bytes += kStep) {
+    const TestSupport::MemoryLimit limit(bytes);
+    try {
+      Envelope(envelope).Expand();
+      expanded = true;
+    } catch (const std::bad_alloc&) {
+      ++failures;
+    }
+  }
+  EXPECT_TRUE(expanded);
+  EXPECT_GE(failures, 3u);  // at the file, its fields and the payload
+  EXPECT_FALSE(log_.Contains("Failed to read"));
 }
 
 TEST_F(EnvelopeShrink, WithTheSettingAtZeroEnvelopesKeepTheirHeavyFieldsAndLeaveTheDiskAlone) {
