@@ -2,24 +2,36 @@
 
 #include <omniORB4/CORBA.h>
 
+#include <optional>
+
 namespace Broker {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The ORB looks at another clock, which must not be just a little slower.
+constexpr std::chrono::milliseconds kSlack{50};
+
+thread_local std::optional<Clock::time_point> end;
+
+}  // namespace
 
 CallTimeout::CallTimeout(std::chrono::milliseconds time) {
+  end = Clock::now() + time - kSlack;
   const auto count = time.count();
   const omni_time_t relative(count / 1000, (count % 1000) * 1'000'000);
   omni_time_t deadline;
   omni_thread::get_time(deadline, relative);
-  try {
-    omniORB::setClientThreadCallDeadline(deadline);
-  } catch (const CORBA::INITIALIZE&) {  // not a thread of the ORB's: its calls stay without a limit
-  }
+  omniORB::setClientThreadCallDeadline(deadline);
+}
+
+bool CallTimeout::IsOver() {
+  return end && Clock::now() >= *end;
 }
 
 CallTimeout::~CallTimeout() {
-  try {
-    omniORB::setClientThreadCallTimeout(0);
-  } catch (const CORBA::INITIALIZE&) {
-  }
+  end.reset();
+  omniORB::setClientThreadCallTimeout(0);
 }
 
 }  // namespace Broker

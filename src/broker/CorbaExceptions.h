@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+#include "broker/CallTimeout.h"
+
 namespace Broker {
 
 // Name, repository id, and for system exceptions minor code and completion, in one line.
@@ -25,12 +27,14 @@ auto OutgoingCall(Function&& call) {
 }
 
 // Every outgoing call is repeated once, at once, on a system exception; the second failure counts.
+// Where a CallTimeout is over the first one does.
 // A peer whose connection was closed meanwhile is thereby reached over a new one.
 template <class Function>
 auto RepeatOnce(Function&& call) {
   try {
     return OutgoingCall(call);
   } catch (const CORBA::SystemException&) {
+    if (CallTimeout::IsOver()) throw;
     return OutgoingCall(call);
   }
 }

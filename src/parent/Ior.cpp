@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "broker/CorbaExceptions.h"
+#include "envelope/Address.h"
 #include "logging/Log.h"
 #include "parent/IorParser.h"
 
@@ -110,7 +111,7 @@ void ReadIiopAddresses(const std::string& ior, const HostResolver& resolve,
       continue;
     }
     const Endpoint endpoint = ReadProfile(cdr);
-    LogTrace("Endpoint found: %s:%d\n", endpoint.host.c_str(), endpoint.port);
+    LogTrace("Endpoint found: %s:%d\n", Shown(endpoint.host).c_str(), endpoint.port);
     if (!IsDottedAddress(endpoint.host)) {
       Require(++names <= kMaxNamesInIor, "Too many host names in the IOR");
     }

@@ -1,8 +1,10 @@
 #include "parent/ParentLogon.h"
 
 #include <algorithm>
-#include <utility>
+#include <optional>
+#include <string_view>
 
+#include "broker/CallTimeout.h"
 #include "broker/ConnectionTest.h"
 #include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
@@ -24,6 +26,11 @@ constexpr unsigned kAttempts = 10;
 constexpr unsigned kLargestRandom = 32767;
 // Longer than any router runs, and far from where the clock's numbers end.
 constexpr double kLongestPeriod = 3.0e9;  // seconds
+// The same for the ORB, which counts milliseconds.
+constexpr std::int32_t kLongestCall = 1'000'000;  // seconds
+constexpr std::size_t kLongestName = 4096;
+// The table keeps each of them to the end of the cycle.
+constexpr unsigned kMostNames = 20;
 
 // The text comes from whoever answers at the port: it must not make lines of its own in the log.
 std::string OnOneLine(std::string text) {
@@ -31,6 +38,30 @@ std::string OnOneLine(std::string text) {
       text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
   return text;
 }
+
+// ":" is every router's name for itself.
+bool CanBeAName(std::string_view text) {
+  return text.size() <= kLongestName && text != ":" &&
+         std::none_of(text.begin(), text.end(),
+                      [](unsigned char c) { return c < 0x20 || c == 0x7F; });
+}
+
+std::int32_t HeartbeatTimeout() {
+  return static_cast<std::int32_t>(GetConfigInt("HeartbeatTimeout", 1800));
+}
+
+// While it lives, the calls of this thread end by then: a parent that is there and doesn't answer
+// would hold the thread, and with it the escalation, for ever.
+class CallLimit {
+ public:
+  explicit CallLimit(std::chrono::milliseconds second) {
+    const std::int32_t seconds = std::min(HeartbeatTimeout(), kLongestCall);
+    if (seconds >= 1) limit_.emplace(seconds * second);
+  }
+
+ private:
+  std::optional<Broker::CallTimeout> limit_;
+};
 
 }  // namespace
 
@@ -79,6 +110,7 @@ void ParentLogon::StopLogon(bool logoff) {
 
 void ParentLogon::Process() {
   TakeLeaveByDefault();
+  names_ = 0;
   // Routers that are started together are to draw different periods.
   random_.seed(static_cast<std::minstd_rand::result_type>(
       std::hash<std::string>()(OwnIdentity::CommonName()) +
@@ -124,26 +156,41 @@ ParentLogon::Outcome ParentLogon::Register() {
 }
 
 ParentLogon::Outcome ParentLogon::Logon() {
-  Escalation& escalation = TheEscalation();
-  for (unsigned attempts = 0; !IsTerminated() && !IsLoggedOn();) {
-    RouterTableEntry* const parent = routing_.Table().Parent();
-    if (parent != nullptr && parent->LogonToParentRouter(parentRouter_)) {
-      if (NoteLogon(*parent)) {
-        attempts = 0;
-        linkWasUp_ = true;
-        LoggedOn(*parent);
-        if (!IsLoggedOn()) PauseAfterLink();
-        continue;
-      }
-      if (IsTerminated()) continue;
+  std::atomic<bool>& resetTried = TheEscalation().logonResetTried;
+  bool succeeded = false;
+  for (unsigned attempts = 0; !IsTerminated();) {
+    if (IsLoggedOn()) {
+      resetTried = false;
+      return Outcome::kGoOn;
     }
+    if (PauseAfterLink()) continue;
+    if (LogOnOnce()) {
+      attempts = 0;
+      succeeded = true;
+      continue;
+    }
+    if (IsTerminated()) break;
     if (AfterFailure(++attempts, "Parent logon failed after %d attempts. Resetting router...",
-                     escalation.logonResetTried, true) == Outcome::kEnd) {
+                     resetTried, true) == Outcome::kEnd) {
       return Outcome::kEnd;
     }
   }
-  escalation.logonResetTried = !IsLoggedOn();
+  if (!succeeded) resetTried = !IsLoggedOn();
   return Outcome::kGoOn;
+}
+
+bool ParentLogon::LogOnOnce() {
+  RouterTableEntry* const parent = routing_.Table().Parent();
+  if (parent == nullptr) return false;
+  {
+    const CallLimit limit(second_);
+    if (!parent->LogonToParentRouter(parentRouter_)) return false;
+  }
+  if (!NoteLogon(*parent)) return false;
+  TheEscalation().logonResetTried = false;
+  linkWasUp_ = true;
+  LoggedOn(*parent);
+  return true;
 }
 
 bool ParentLogon::NoteLogon(const RouterTableEntry& parent) {
@@ -181,7 +228,7 @@ ParentLogon::Outcome ParentLogon::AfterFailure(unsigned attempts, const char* wa
 
 void ParentLogon::ResetRouter(std::atomic<bool>& resetTried) {
   resetTried = true;
-  const auto patience = std::max(static_cast<std::int32_t>(GetConfigInt("ResetTimeout", 120)), 0);
+  const auto patience = static_cast<std::int32_t>(GetConfigInt("ResetTimeout", 120));
   host_.Reinitialize();
   if (IsTerminated()) return;
   for (std::int32_t second = 0; second < patience; ++second) {
@@ -198,6 +245,7 @@ void ParentLogon::ResetRouter(std::atomic<bool>& resetTried) {
 void ParentLogon::TakeLeave() {
   if (!IsLoggedOn() || CORBA::is_nil(parentRouter_)) return;
   try {
+    const CallLimit limit(second_);
     RepeatOnce([this] { parentRouter_->Logoff(); });
     LogInfo("Logged off from parent router\n");
   } catch (const CORBA::Exception& exception) {
@@ -208,8 +256,12 @@ void ParentLogon::TakeLeave() {
 bool ParentLogon::WaitForWork() {
   while (AwaitLink()) {
     linkWasUp_ = true;
-    if (!AwaitHeartbeat()) break;
+    if (!AwaitHeartbeat()) {
+      PauseBetweenAttempts();
+      break;
+    }
     if (!SendHeartbeat()) {
+      // Registered anew at once, even if the link broke meanwhile.
       linkWasUp_ = false;
       break;
     }
@@ -259,7 +311,7 @@ bool ParentLogon::SendHeartbeat() {
     HeartbeatThread heartbeat(routing_.Table());
     LogInfo("Calling parent with heartbeat...");
     heartbeat.Start();
-    const auto limit = static_cast<std::int32_t>(GetConfigInt("HeartbeatTimeout", 1800));
+    const std::int32_t limit = HeartbeatTimeout();
     if (limit < 1) {
       heartbeat.Join();
     } else if (!heartbeat.WaitForEnd(std::chrono::seconds(limit))) {
@@ -282,6 +334,7 @@ void ParentLogon::EnsureRegistered() {
   if (!CORBA::is_nil(parentRouter_)) {
     bool valid = false;
     try {
+      const CallLimit limit(second_);
       valid = RepeatOnce([this] { return Broker::HasValidConnection(parentRouter_); });
     } catch (const CORBA::Exception&) {
       // As good as no.
@@ -310,6 +363,7 @@ void ParentLogon::RegisterParent() {
   LogInfo("Successfully validated parent router's IOR\n");
   host_.SetParentAddresses(ior);
   try {
+    const CallLimit limit(second_);
     Introduce(ior);
   } catch (const CORBA::Exception& exception) {
     ForgetParent();
@@ -318,26 +372,40 @@ void ParentLogon::RegisterParent() {
 }
 
 void ParentLogon::Introduce(const std::string& ior) {
-  const CORBA::Object_var object = routing_.Host().StringToObject(ior);
+  const CORBA::Object_var object =
+      Broker::OutgoingCall([&] { return routing_.Host().StringToObject(ior); });
   const BrelixMessaging::MessageRouter_var root =
       RepeatOnce([&] { return BrelixMessaging::MessageRouter::_narrow(object); });
   if (CORBA::is_nil(root)) return;
   LogInfo("Accessing parent\n");
   const CORBA::String_var name = RepeatOnce([&] { return root->GetName(); });
-  LogInfo("Parent is %s\n", ToDisplayString(name.in()).c_str());
-  routing_.Table().SetParentName(name.in());
+  if (!LearnName(name.in())) return;
 
   const BrelixMessaging::Router_var door = RepeatOnce([&] { return root->GetRouter(); });
-  parentRouter_ = BrelixMessaging::Router::_duplicate(door);
-  if (CORBA::is_nil(parentRouter_)) return;
+  if (CORBA::is_nil(door)) return;
   try {
-    RepeatOnce([this] { parentRouter_->Register(); });
+    RepeatOnce([&] { door->Register(); });
     LogInfo("Registered with parent router\n");
   } catch (const BrelixMessaging::AlreadyRegistered&) {
     // A router that restarts is still known.
     LogDebug("Already registered with parent router\n");
   }
+  // Together, whatever has failed before.
+  parentRouter_ = BrelixMessaging::Router::_duplicate(door);
   SetRegistered(true);
+}
+
+bool ParentLogon::LearnName(const std::string& name) {
+  LogInfo("Parent is %s\n", Shown(ToDisplayString(name)).c_str());
+  RouterTable& table = routing_.Table();
+  const bool isNew = table.Find(name) != table.Parent();
+  if (!CanBeAName(name) || (isNew && names_ == kMostNames)) {
+    LogError("Cannot register with the parent router, because of its name\n");
+    return false;
+  }
+  if (isNew) ++names_;
+  table.SetParentName(name);
+  return true;
 }
 
 void ParentLogon::ForgetParent() {
@@ -354,12 +422,16 @@ void ParentLogon::ForgetLink() {
 }
 
 void ParentLogon::PauseBetweenAttempts() {
+  // It makes up for a link that was lost before it, not for one that is lost while it lasts.
+  if (!IsLoggedOn()) linkWasUp_ = false;
   const auto seconds = static_cast<std::int32_t>(GetConfigInt("LogonRetryInterval", 30));
   WaitFor(std::chrono::seconds(std::max(seconds, 1)));
 }
 
-void ParentLogon::PauseAfterLink() {
-  if (std::exchange(linkWasUp_, false)) PauseBetweenAttempts();
+bool ParentLogon::PauseAfterLink() {
+  if (!linkWasUp_ || IsLoggedOn()) return false;
+  PauseBetweenAttempts();
+  return true;
 }
 
 void ParentLogon::WaitFor(std::chrono::seconds time) {

@@ -88,6 +88,10 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   void EnsureRegistered();
   void RegisterParent();
   void Introduce(const std::string& ior);
+  // False for a name that no parent may have. The caller counts it as a failure.
+  bool LearnName(const std::string& name);
+  // True if the link is up, or was.
+  bool LogOnOnce();
   // False where the session is over already, or a stop without leave has come.
   bool NoteLogon(const RouterTableEntry& parent);
   void LoggedOn(RouterTableEntry& parent);
@@ -101,8 +105,9 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   void ForgetParent();  // and that it knows this router
   void ForgetLink();    // as ForgetParent, and the logon
   void PauseBetweenAttempts();
-  // The pause between a session and the next, however early the first one ended.
-  void PauseAfterLink();
+  // The pause between a session and the next, however early the first one ended; false if none is
+  // due.
+  bool PauseAfterLink();
   // Only a stop cuts it short.
   void WaitFor(std::chrono::seconds time);
 
@@ -117,8 +122,9 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   std::minstd_rand random_;  // the thread's own
 
   BrelixMessaging::Router_var parentRouter_;  // the thread's own
-  // The thread's own: it has logged on, and no pause has followed.
+  // The thread's own: it has logged on, and no pause has followed the session's end.
   bool linkWasUp_ = false;
+  unsigned names_ = 0;  // the thread's own: that the parent has had
 
   bool enabled_ GUARDED_BY(mutex_) = false;
   bool registered_ GUARDED_BY(mutex_) = false;

@@ -106,6 +106,10 @@ void FakeParent::HideDoor() {
   door_ = BrelixMessaging::Router::_nil();
 }
 
+void FakeParent::ShowDoor(BrelixMessaging::Router_ptr door) {
+  door_ = BrelixMessaging::Router::_duplicate(door);
+}
+
 void FakeParent::Called(const std::string& operation) {
   OnCall onCall;
   {

@@ -26,8 +26,9 @@ class FakeParent {
   void CloseDoor();
   // It is there again after CloseDoor.
   void OpenDoor();
-  // It answers with no door, before anybody asks.
+  // It answers with no door, or another's. Before anybody asks.
   void HideDoor();
+  void ShowDoor(BrelixMessaging::Router_ptr door);
 
   std::size_t Calls(const std::string& operation) const;
   std::vector<std::string> AllCalls() const;

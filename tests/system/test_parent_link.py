@@ -113,6 +113,35 @@ class ParentLink(TreeTest):
         for name in tree.routers:
             self.wait_no_envelopes(tree[name])
 
+    def frozen_parent(self, **settings):
+        """A leaf whose connection to its parent is open, and doesn't get an answer any more."""
+        tree = self.tree({"top": {}, "leaf": {"parent": "top", "TimeoutInterval": 1,
+                                              "ActiveConsumerConnectionTimeout": 6,
+                                              "HeartbeatTimeout": 2, "GetIORTimeoutSec": 1,
+                                              "GetterInterval": 900, **settings}})
+        tree.start()
+        tree["top"].freeze()
+        leaf = tree["leaf"]
+        leaf.wait_log("Communications timeout, logging top off", 30)
+        leaf.wait_log("Failed to validate connection to parent router", 30)
+        return tree, leaf, len(leaf.log())
+
+    def test_a_parent_that_froze_is_logged_on_to_again_when_it_thaws(self):
+        tree, leaf, mark = self.frozen_parent()
+        tree["top"].thaw()
+        tree.wait_attached("leaf", since=mark)
+        manager = tree.client("EM", at="top")
+        agent = tree.client("agent-1", at="leaf")
+        agent("messages.SendMessage", destination="EM", text="question")
+        manager.wait_received(1)
+        manager("messages.SendMessage", destination="leaf.agent-1", text="answer")
+        agent.wait_received(1)
+
+    def test_a_parent_that_stays_frozen_ends_the_process(self):
+        tree, leaf, mark = self.frozen_parent(ResetTimeout=5)
+        self.assertEqual(0, leaf.wait_end(90))
+        self.assertIn(RESET, leaf.log()[mark:])
+
     def impostor(self, tree, label, name, parent):
         """A router `label` whose certificate bears the name of another."""
         identity = self.ca.issue(name, "router", label=f"{label}-as-{name}")

@@ -90,6 +90,22 @@ TEST_F(HeartbeatTest, WhereTheParentIsNotPushedToItFails) {
   EXPECT_EQ(router_.ended, 0);
 }
 
+TEST_F(HeartbeatTest, AParentThatChangesItsNameTooOftenIsRegisteredWithNoMore) {
+  servant_->onHeartbeat = [] { throw BrelixMessaging::NotLoggedOn(); };
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (operation == "GetName") {
+      parent_.name = "boss" + std::to_string(parent_.Calls("GetName"));
+    }
+  });
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
+  logon.StopLogon(false);
+  EXPECT_EQ(table_.Find("boss20"), table_.Parent());
+  EXPECT_EQ(table_.Find("boss21"), nullptr);
+  EXPECT_EQ(log_.Count("because of its name"), 11u);
+}
+
 TEST_F(HeartbeatTest, AnIntervalBeyondTheClockIsALongOne) {
   // With these seconds the period, added to the time, would lie in the past.
   SetConfigInt("HeartbeatInterval", 3'078'000'000u);

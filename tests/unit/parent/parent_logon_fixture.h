@@ -103,7 +103,9 @@ class FakeHost : public TestSupport::FakeRoutingHost {
  public:
   explicit FakeHost(TestSupport::FakeParent& parent) : parent_(parent) {}
   CORBA::Object_ptr StringToObject(const std::string&) override {
+    if (onStringToObject) onStringToObject();
     if (nothingThere) return CORBA::Object::_nil();
+    if (!CORBA::is_nil(root)) return CORBA::Object::_duplicate(root);
     return CORBA::Object::_duplicate(parent_.Root());
   }
   void ParentLinkLost() override {
@@ -112,6 +114,9 @@ class FakeHost : public TestSupport::FakeRoutingHost {
   }
   ParentLogon* logon = nullptr;
   std::atomic<bool> nothingThere{false};
+  CORBA::Object_var root;  // in place of the parent's
+  // Runs in StringToObject, before its effect.
+  std::function<void()> onStringToObject;
 
  private:
   TestSupport::FakeParent& parent_;
@@ -131,6 +136,8 @@ class ParentLogonTest : public testing::Test {
     SetConfigString("ParentAddress", "127.0.0.1");
     ServeIor(ParentTests::IorOf("192.0.2.1"));
     SetConfigInt("LogonRetryInterval", 1);
+    // A reset is waited for long enough, even in these seconds.
+    SetConfigInt("ResetTimeout", 3600 * 1000);
     // Only a test that says so sees a heartbeat.
     SetConfigInt("HeartbeatInterval", 60 * 24);
     parent_.notify = AReferenceTo<BrelixMessaging::NotifyConsumer>("parent-notify");

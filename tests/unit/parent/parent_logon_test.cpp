@@ -259,14 +259,14 @@ TEST_F(ParentLogonTest, ANegativeRetryIntervalIsOneSecond) {
   logon.StopLogon(false);
 }
 
-TEST_F(ParentLogonTest, ANegativeResetTimeoutIsNoTime) {
+TEST_F(ParentLogonTest, ANegativeResetTimeoutIsNoTimeAndIsShownAsItIs) {
   SetConfigInt("ResetTimeout", static_cast<std::uint32_t>(-5));
   RefuseRegistration();
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
   EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
   logon.StopLogon(false);
-  EXPECT_TRUE(log_.Contains("failed to terminate parent logon thread after 0 seconds."));
+  EXPECT_TRUE(log_.Contains("failed to terminate parent logon thread after -5 seconds."));
 }
 
 TEST_F(ParentLogonTest, BetweenAttemptsToRegisterTheIntervalPasses) {
@@ -328,13 +328,104 @@ TEST_F(ParentLogonTest, AfterALostLinkTheIntervalPasses) {
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
   ASSERT_TRUE(LogsOn());
-  // Woken without need, it goes on to wait for the heartbeat.
-  logon.Enable();
   const auto begin = Clock::now();
   table_.Parent()->Logoff();
   ASSERT_TRUE(LogsOn(2));
   EXPECT_GE(Clock::now() - begin, 50ms);
   logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, ThePauseOfAnEarlierWakeUpIsNotThatOfALostLink) {
+  SetConfigInt("LogonRetryInterval", 100);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.Enable();
+  const auto woken = Clock::now();
+  ASSERT_TRUE(Eventually([&] { return Clock::now() - woken >= 60ms; }));
+  const auto begin = Clock::now();
+  table_.Parent()->Logoff();
+  ASSERT_TRUE(LogsOn(2));
+  EXPECT_GE(Clock::now() - begin, 100ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, AFailureThatEndsTheSessionIsFollowedByOnePause) {
+  SetConfigInt("LogonRetryInterval", 1000);
+  std::atomic<bool> failed{false};
+  router_.status.onReport = [&] {
+    if (failed.exchange(true)) return;
+    table_.Parent()->Logoff();
+    throw std::runtime_error("no report");
+  };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return log_.Contains("no report"); }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(LogsOn(2));
+  const auto passed = Clock::now() - begin;
+  EXPECT_GE(passed, 900ms);
+  EXPECT_LT(passed, 1900ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, ALogonClearsTheMemoryOfTheResetEvenIfItsSessionEndsAtOnce) {
+  ParentLogon::TheEscalation().logonResetTried = true;
+  router_.status.onReport = [this] {
+    RefuseLogon();
+    table_.Parent()->Logoff();
+  };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.reinitialised + router_.ended != 0; }));
+  EXPECT_EQ(router_.ended, 0);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, ANameThatNoRouterHasIsAFailedAttempt) {
+  SetConfigInt("LogonRetryInterval", 3600 * 1000);
+  const struct {
+    std::string name;
+    std::string shown;
+  } rows[] = {{"boss\nforged", "boss?forged"},
+              {"boss\x7F", "boss?"},
+              {":", ":"},
+              {std::string(4097, 'b'), std::string(1024, 'b') + "..."}};
+  for (const auto& row : rows) {
+    log_.Clear();
+    parent_.name = row.name;
+    ParentLogon logon(routing_, router_, kShortSecond);
+    Begin(logon);
+    EXPECT_TRUE(Eventually([&] {
+      return log_.Has(kLogError, "Cannot register with the parent router, because of its name\n");
+    })) << row.shown;
+    logon.StopLogon(false);
+    EXPECT_TRUE(log_.Has(kLogInfo, "Parent is " + row.shown + "\n"));
+    EXPECT_EQ(table_.Find(row.name), nullptr) << row.shown;
+  }
+  EXPECT_EQ(parent_.Calls("GetName"), 4u);
+  EXPECT_EQ(parent_.Calls("Register"), 0u);
+}
+
+TEST_F(ParentLogonTest, AnyOtherNameIsTheParents) {
+  for (const std::string& name : {std::string("a:b"), std::string(4096, 'b')}) {
+    log_.Clear();
+    parent_.name = name;
+    ParentLogon logon(routing_, router_, kShortSecond);
+    Begin(logon);
+    EXPECT_TRUE(LogsOn());
+    logon.StopLogon(false);
+    EXPECT_EQ(table_.Find(name), table_.Parent());
+  }
+}
+
+TEST_F(ParentLogonTest, WhatCannotMakeAReferenceIsAFailedAttempt) {
+  host_.onStringToObject = [] { throw omniORB::fatalException("file", 1, "check failed"); };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
+  logon.StopLogon(false);
+  EXPECT_EQ(log_.Count("ParentLogon::RegisterParent: Caught CORBA INTERNAL"), 11u);
 }
 
 TEST_F(ParentLogonTest, EnablingItAgainWhileItIsLoggedOnChangesNothing) {
@@ -436,8 +527,8 @@ TEST_F(ParentLogonTest, ASuccessfulLogonClearsTheMemoryOfTheReset) {
   ParentLogon::TheEscalation().logonResetTried = true;
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return !ParentLogon::TheEscalation().logonResetTried; }));
-  EXPECT_TRUE(log_.Contains("Logged on to parent router as"));
+  ASSERT_TRUE(LogsOn());
+  EXPECT_FALSE(ParentLogon::TheEscalation().logonResetTried);
   logon.StopLogon(false);
 }
 

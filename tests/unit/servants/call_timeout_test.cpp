@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "ServantWorld.h"
+#include "broker/ConnectionTest.h"
 #include "broker/CorbaExceptions.h"
 #include "servants/CallBack.h"
 #include "support/LogCapture.h"
@@ -65,6 +66,31 @@ TEST(CallTimeout, AllCallsTogetherEndInTime) {
   EXPECT_LT(steady_clock::now() - start, milliseconds(1900));
 }
 
+TEST(CallTimeout, ACallThatHasTakenAllOfItIsNotRepeated) {
+  const SilentHost host;
+  const BrelixMessaging::EnvelopeConsumer_var peer = host.Peer();
+  int calls = 0;
+  const auto call = [&] {
+    ++calls;
+    peer->Heartbeat();
+  };
+  const Broker::CallTimeout limit(milliseconds(200));
+  EXPECT_THROW(Broker::RepeatOnce(call), CORBA::TIMEOUT);
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(CallTimeout, EndsWithItsObject) {
+  { const Broker::CallTimeout limit(milliseconds(0)); }
+  EXPECT_FALSE(Broker::CallTimeout::IsOver());
+  int calls = 0;
+  EXPECT_THROW(Broker::RepeatOnce([&] {
+                 ++calls;
+                 throw CORBA::TRANSIENT();
+               }),
+               CORBA::TRANSIENT);
+  EXPECT_EQ(calls, 2);
+}
+
 TEST(CallBack, ToASilentPeerEndsAtItsLimitForBothTriesTogether) {
   const TestSupport::LogCapture log;
   const SilentHost host;
@@ -82,8 +108,20 @@ TEST(CallBack, LastsAMinuteAtMost) {
   EXPECT_EQ(RouterServants::kCallBackLimit, seconds(60));
 }
 
-TEST(CallTimeout, AThreadThatTheOrbDoesNotKnowIsLeftAlone) {
-  std::thread([] { EXPECT_NO_THROW(Broker::CallTimeout(seconds(1))); }).join();
+TEST(CallTimeout, CountsOnAThreadThatTheOrbDoesNotKnow) {
+  const SilentHost host;
+  const BrelixMessaging::EnvelopeConsumer_var peer = host.Peer();
+  std::thread([&] {
+    const Broker::CallTimeout limit(milliseconds(200));
+    EXPECT_THROW(peer->Heartbeat(), CORBA::TIMEOUT);
+  }).join();
+}
+
+TEST(CallTimeout, CountsForTheQuestionForAnObjectsPlace) {
+  const SilentHost host;
+  const BrelixMessaging::EnvelopeConsumer_var peer = host.Peer();
+  const Broker::CallTimeout limit(milliseconds(200));
+  EXPECT_THROW(Broker::HasValidConnection(peer), CORBA::TIMEOUT);
 }
 
 }  // namespace

@@ -1,0 +1,120 @@
+// A parent that is there and does not answer, as a frozen process does.
+#include "parent_logon_fixture.h"
+#include "remote_door.h"
+
+namespace MessageRouter {
+namespace {
+
+using ParentTests::RemoteDoor;
+
+class SilentParentTest : public ParentLogonTest {
+ protected:
+  SilentParentTest() {
+    parent_.ShowDoor(RemoteDoorReference());
+    SetConfigInt("HeartbeatTimeout", 300);
+  }
+  BrelixMessaging::Router_var RemoteDoorReference() const {
+    return door_.Reference<BrelixMessaging::Router>();
+  }
+
+  RemoteDoor door_;
+};
+
+TEST_F(SilentParentTest, AtItsRootIsAFailedAttempt) {
+  door_.FallSilentAt("_is_a");
+  SetConfigInt("HeartbeatTimeout", 50);
+  host_.root = door_.Reference<CORBA::Object>();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
+  logon.StopLogon(false);
+  EXPECT_EQ(log_.Count("ParentLogon::RegisterParent: Caught CORBA TIMEOUT"), 11u);
+}
+
+TEST_F(SilentParentTest, ToTheRegistrationIsAFailedAttempt) {
+  door_.FallSilentAt("Register");
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] {
+    return log_.Count("ParentLogon::RegisterParent: Caught CORBA TIMEOUT") == 2 &&
+           door_.Calls("Register") >= 2;
+  }));
+  door_.Answer();
+  EXPECT_TRUE(LogsOn());
+  logon.StopLogon(false);
+}
+
+TEST_F(SilentParentTest, ToTheLogonIsAFailedAttempt) {
+  door_.FallSilentAt("Logon");
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] {
+    return log_.Count("RouterTableEntry: Caught CORBA TIMEOUT") == 2 && door_.Calls("Logon") >= 2;
+  }));
+  door_.Answer();
+  EXPECT_TRUE(LogsOn());
+  logon.StopLogon(false);
+}
+
+TEST_F(SilentParentTest, ToTheQuestionForItsConnectionIsRegisteredWithAnew) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  door_.FallSilentAt(RemoteDoor::kPlace);
+  table_.Parent()->Logoff();
+  EXPECT_TRUE(Eventually([&] {
+    return log_.Has(kLogDebug, "Failed to validate connection to parent router\n") &&
+           parent_.Calls("GetRouter") >= 2;
+  }));
+  door_.Answer();
+  EXPECT_TRUE(LogsOn(2));
+  logon.StopLogon(false);
+}
+
+TEST_F(SilentParentTest, ALinkLostDuringThatQuestionIsFollowedByAPause) {
+  SetConfigInt("HeartbeatTimeout", 0);
+  SetConfigInt("LogonRetryInterval", 100);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  door_.FallSilentAt(RemoteDoor::kPlace);
+  const std::size_t before = door_.Calls(RemoteDoor::kPlace);
+  logon.Enable();
+  ASSERT_TRUE(Eventually([&] { return door_.Calls(RemoteDoor::kPlace) > before; }));
+  table_.Parent()->Logoff();
+  const auto begin = Clock::now();
+  door_.Answer();
+  EXPECT_TRUE(LogsOn(2));
+  EXPECT_GE(Clock::now() - begin, 100ms);
+  EXPECT_EQ(door_.Calls("Register"), 1u);
+  logon.StopLogon(false);
+}
+
+TEST_F(SilentParentTest, ToItsLeaveLetsAStopThrough) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  door_.FallSilentAt("Logoff");
+  logon.StopLogon(true);
+  EXPECT_EQ(log_.Count("ParentLogon::Process: Caught CORBA TIMEOUT"), 1u);
+}
+
+TEST_F(SilentParentTest, IsWaitedForWithoutLimitWhereHeartbeatsAre) {
+  for (const int timeout : {0, -5}) {
+    SetConfigInt("HeartbeatTimeout", static_cast<std::uint32_t>(timeout));
+    const std::size_t before = door_.Calls("Logon");
+    log_.Clear();
+    door_.FallSilentAt("Logon");
+    ParentLogon logon(routing_, router_, kShortSecond);
+    Begin(logon);
+    ASSERT_TRUE(Eventually([&] { return door_.Calls("Logon") == before + 1; })) << timeout;
+    door_.Answer();
+    EXPECT_TRUE(LogsOn()) << timeout;
+    logon.StopLogon(false);
+    EXPECT_EQ(door_.Calls("Logon"), before + 1) << timeout;
+    EXPECT_FALSE(log_.Contains("TIMEOUT")) << timeout;
+  }
+}
+
+}  // namespace
+}  // namespace MessageRouter
