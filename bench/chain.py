@@ -2,8 +2,16 @@
 """A chain of routers: the rate through three hops against one, a pulled link against a pushed one,
 and how long one message takes through three hops against a bare TLS call.
 
-The messages of a rate are queued at the leaf while nobody is above it; the clock runs from the first
-to the last arrival at the client at the top.
+The messages of a rate are queued at the first router while nobody can take them; the clock runs from
+the first to the last arrival at the client of the last router. One hop is measured in two ways: so,
+and fed by a neighbour while it delivers, as bench/hop_rate.py does.
+
+On few processors the chain is bound by processor time: the ratio of the rates can't pass the ratio
+of what one message costs through one hop and through three, which is printed beside it.
+
+Ends with 1 if a limit is missed: a pulled link at least half of a pushed one, the median latency
+under 15 bare calls at the same pace, and three hops at least 0.7 of one hop where the processor time
+would allow that.
 
 Usage: bench/chain.py [--count N] [--messages N] [--rounds N]
 """
@@ -15,47 +23,69 @@ import subprocess
 import sys
 
 from hop_rate import BIN, cpu_seconds, measure_hop, measure_raw, run
-from stage import Stage
+from stage import Limits, Stage
 
 PUSHED = {"ActiveConsumer": 0, "ActiveSupplier": 0}
 PULLED = {}  # the defaults: each end fetches
+PACE = 50  # messages and bare calls a second, where it is their latency that counts
 
 
-class Tree:
-    """Routers one above the other, and a client at the top."""
+class Chain:
+    """Routers in the order in which a message passes them, and a client at the last. The names go up
+    the tree, or down, where `down`."""
 
-    def __init__(self, stage, names, settings):
+    def __init__(self, stage, names, settings, down=False):
         self.stage = stage
-        self.routers = []
-        for name in reversed(names):
-            above = self.routers[0] if self.routers else None
-            self.routers.insert(0, stage.router(name, above, **(settings if above else {})))
-        self.leaf = self.routers[0]
+        self.down = down
+        routers = []
+        for name in names if down else reversed(names):  # parents first
+            above = routers[-1] if routers else None
+            routers.append(stage.router(name, above, **(settings if above else {})))
+        self.routers = routers if down else routers[::-1]
+        self.first, self.last = self.routers[0], self.routers[-1]
+        # Of an unknown client the way up is the default.
+        self.destination = ".".join([*names[1:], "receiver"]) if down else "receiver"
         self.client = None
+        self.used = {}
 
     def fill(self, count):
-        """Puts messages into the leaf that it can't get rid of yet, and stops it."""
-        self.leaf.start()
+        """Puts messages into the first router that it can't get rid of yet, and stops all."""
+        self.first.start()
+        if self.first is self.last:
+            run(BIN / "bench_receiver", "--identity", self.stage.identity("receiver", "none"),
+                "--port", self.first.ior_port, "--register-only")
+        elif self.down:
+            # A child has to be known.
+            self.routers[1].start()
+            self.wait_attached(self.routers[1])
+            self.routers[1].stop()
         run(BIN / "bench_sender", "--identity", self.stage.identity("neighbour", "router"),
-            "--port", self.leaf.ior_port, "--count", count, "--warmup", 0)
-        self.leaf.stop()
+            "--port", self.first.ior_port, "--destination", self.destination, "--count", count,
+            "--warmup", 0)
+        self.first.stop()
+
+    def wait_attached(self, router):
+        router.wait_log("Logged on to parent router", 20)
+
+    def start(self, router):
+        router.start()
+        self.used[router] = cpu_seconds(router.process.pid)
 
     def open(self, count):
-        """All but the leaf, each attached, and the client, which waits for so many."""
+        """All but the first router, and the client, which waits for so many."""
         for router in reversed(self.routers[1:]):
             self.start(router)
+            if not self.down and router is not self.last:
+                self.wait_attached(router)
+        if self.first is self.last:
+            self.start(self.first)
         self.client = subprocess.Popen(
             [BIN / "bench_receiver", "--identity", self.stage.identity("receiver", "none"),
-             "--port", str(self.routers[-1].ior_port), "--count", str(count)],
+             "--port", str(self.last.ior_port), "--count", str(count)],
             stdout=subprocess.PIPE, text=True)
         self.stage.on_end(self.client.kill)
         if self.client.stdout.readline() != "ready\n":
             raise RuntimeError("no client")
-
-    def start(self, router):
-        router.start()
-        if router is not self.routers[-1]:
-            router.wait_log("Logged on to parent router", 20)
 
     def result(self):
         received = json.loads(self.client.stdout.readline())
@@ -64,36 +94,41 @@ class Tree:
             raise RuntimeError(f"only {received['count']} arrived")
         return received
 
+    def processor_times(self, count):
+        """What a message took of each router since it was up, in microseconds."""
+        return [(cpu_seconds(router.process.pid) - self.used[router]) / count * 1e6
+                for router in self.routers]
+
     def close(self):
         for router in self.routers:
             router.stop()
 
 
-def measure_rate(stage, names, settings, count):
-    """Messages a second, and the processor time a message of each router and of the client at the
-    top, in microseconds."""
-    tree = Tree(stage, names, settings)
-    tree.fill(count)
-    tree.open(count)
-    before = [cpu_seconds(router.process.pid) for router in tree.routers[1:]]
-    tree.leaf.start(wait=False)
-    received = tree.result()
-    used = [cpu_seconds(router.process.pid) for router in tree.routers]
-    used = [used[0]] + [after - start for after, start in zip(used[1:], before)]
-    tree.close()
-    return received["per_second"], [seconds / count * 1e6 for seconds in used] + [received["processor_us"]]
+def measure_rate(stage, names, settings, count, down=False):
+    """Messages a second, and the processor time a message of each router and of the client, in
+    microseconds."""
+    chain = Chain(stage, names, settings, down)
+    chain.fill(count)
+    chain.open(count)
+    if chain.first is not chain.last:
+        chain.start(chain.first)
+    received = chain.result()
+    used = chain.processor_times(count) + [received["processor_us"]]
+    chain.close()
+    return received["per_second"], used
 
 
 def measure_latency(stage, names, settings, messages):
-    """One message at a time, from a client of the leaf to one of the top."""
-    tree = Tree(stage, names, settings)
-    tree.open(messages + 20)
-    tree.start(tree.leaf)
+    """One message at a time, from a client of the first router to one of the last."""
+    chain = Chain(stage, names, settings)
+    chain.open(messages + 20)
+    chain.start(chain.first)
+    chain.wait_attached(chain.first)
     run(BIN / "bench_sender", "--identity", stage.identity("agent", "none"), "--port",
-        tree.leaf.ior_port, "--as-client", "--stamp", "--rate", 50, "--count", messages,
+        chain.first.ior_port, "--as-client", "--stamp", "--rate", PACE, "--count", messages,
         "--warmup", 20)
-    received = tree.result()
-    tree.close()
+    received = chain.result()
+    chain.close()
     return received["stamped"]
 
 
@@ -102,41 +137,81 @@ def processors(rate, microseconds):
             f" us of processor time, {rate * sum(microseconds) / 1e6:.1f} processors busy")
 
 
+class Round:
+    """Everything once; `ratios` by what they are of."""
+
+    def __init__(self, stage, options):
+        self.stage = stage
+        self.count = options.count
+        self.messages = options.messages
+        self.ratios = {}
+        self.hops()
+        self.links()
+        self.latency()
+
+    def ratio(self, what, one, other):
+        self.ratios[what] = one / other
+        return f"{self.ratios[what]:.2f}"
+
+    def hops(self):
+        fed = measure_hop(self.stage.folder, self.stage.identities, self.count, self.stage.folder,
+                          False)
+        queued, queued_cpu = measure_rate(self.stage, ["only"], PUSHED, self.count)
+        chain, chain_cpu = measure_rate(self.stage, ["leaf", "middle", "top"], PUSHED, self.count)
+        print(f"one hop, fed while it delivers: {fed['per_second']:.0f}/s "
+              f"({processors(fed['per_second'], [fed['cpu_us'], fed['ends_cpu_us']])})\n"
+              f"one hop, already queued: {queued:.0f}/s ({processors(queued, queued_cpu)})\n"
+              f"three hops, already queued: {chain:.0f}/s ({processors(chain, chain_cpu)})\n"
+              f"three hops against one: {self.ratio('three hops', chain, queued)}, against one that "
+              f"is fed meanwhile {self.ratio('three hops, fed', chain, fed['per_second'])}; "
+              "processor time of one hop against three "
+              f"{self.ratio('processor time', sum(queued_cpu), sum(chain_cpu))}, and of one that is "
+              f"fed {(fed['cpu_us'] + fed['ends_cpu_us']) / sum(chain_cpu):.2f}", flush=True)
+
+    def links(self):
+        for what, names, down in (("fetched from the child", ["leaf", "top"], False),
+                                  ("fetched by the child", ["top", "leaf"], True)):
+            pushed, _ = measure_rate(self.stage, names, PUSHED, self.count, down)
+            pulled, used = measure_rate(self.stage, names, PULLED, self.count, down)
+            print(f"one link: pushed {pushed:.0f}/s, {what} {pulled:.0f}/s, ratio "
+                  f"{self.ratio(what, pulled, pushed)} ({processors(pulled, used)})", flush=True)
+
+    def latency(self):
+        full = measure_raw(self.stage.folder, self.stage.identities, self.count, None, False)
+        paced = measure_raw(self.stage.folder, self.stage.identities, self.messages, None, False,
+                            rate=PACE)
+        latency = measure_latency(self.stage, ["leaf", "middle", "top"], PUSHED, self.messages)
+        print(f"bare call: median {paced['median_us']:.0f} us at {PACE} a second, "
+              f"{full['median_us']:.0f} us at full speed\n"
+              f"one message through three hops: median {latency['median_us']:.0f} us, 99th "
+              f"percentile {latency['p99_us']:.0f} us, "
+              f"{self.ratio('latency', latency['median_us'], paced['median_us'])} bare calls at the "
+              f"same pace, {latency['median_us'] / full['median_us']:.1f} at full speed", flush=True)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--count", type=int, default=20000, help="messages of a rate")
     parser.add_argument("--messages", type=int, default=500, help="messages of a latency")
     parser.add_argument("--rounds", type=int, default=3)
     options = parser.parse_args()
-    ratios = {"three hops": [], "pulled link": [], "latency": []}
     with Stage() as stage:
         for name, role in (("raw", "router"), ("router", "router"), ("neighbour", "router"),
                            ("receiver", "none")):
             stage.identity(name, role)
-        for _ in range(options.rounds):
-            raw = measure_raw(stage.folder, stage.identities, options.count, None, False)
-            hop = measure_hop(stage.folder, stage.identities, options.count, stage.folder, False)
-            chain, chain_cpu = measure_rate(stage, ["leaf", "middle", "top"], PUSHED, options.count)
-            pushed, _ = measure_rate(stage, ["leaf", "top"], PUSHED, options.count)
-            pulled, pulled_cpu = measure_rate(stage, ["leaf", "top"], PULLED, options.count)
-            latency = measure_latency(stage, ["leaf", "middle", "top"], PUSHED, options.messages)
-            ratios["three hops"].append(chain / hop["per_second"])
-            ratios["pulled link"].append(pulled / pushed)
-            ratios["latency"].append(latency["median_us"] / raw["median_us"])
-            hop_cpu = [hop["cpu_us"], hop["ends_cpu_us"]]
-            print(f"bare call {raw['median_us']:.0f} us; one hop {hop['per_second']:.0f}/s "
-                  f"({processors(hop['per_second'], hop_cpu)})\n"
-                  f"three hops {chain:.0f}/s, ratio {ratios['three hops'][-1]:.2f} "
-                  f"({processors(chain, chain_cpu)})\n"
-                  f"one link: pushed {pushed:.0f}/s, pulled {pulled:.0f}/s, ratio "
-                  f"{ratios['pulled link'][-1]:.2f} "
-                  f"({processors(pulled, pulled_cpu)})\n"
-                  f"one message through three hops: median {latency['median_us']:.0f} us, 99th "
-                  f"percentile {latency['p99_us']:.0f} us, {ratios['latency'][-1]:.1f} bare calls",
-                  flush=True)
-    for what, values in ratios.items():
-        print(f"{what}: median ratio {statistics.median(values):.2f}", flush=True)
-    return 0
+        rounds = [Round(stage, options).ratios for _ in range(options.rounds)]
+    medians = {what: statistics.median(one[what] for one in rounds) for what in rounds[0]}
+    for what, value in medians.items():
+        print(f"{what}: median ratio {value:.2f}")
+    limits = Limits()
+    for what in ("fetched from the child", "fetched by the child"):
+        limits.at_least(0.5, medians[what], f"a link that is {what}, against a pushed one")
+    limits.below(15, medians["latency"], "bare calls that one message takes through three hops")
+    if medians["processor time"] >= 0.7:
+        limits.at_least(0.7, medians["three hops"], "three hops against one")
+    elif medians["three hops"] < 0.7:
+        print("three hops against one: below 0.7, which their processor time does not allow here")
+    return limits.status()
 
 
 if __name__ == "__main__":

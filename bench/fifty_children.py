@@ -5,6 +5,13 @@ long messages to the others take against a tree where all are well.
 A neighbour router pushes messages to the parent, in turn for each child, which the parent pushes on.
 Each kind of sick child is a process of its own, the cut one on a host of its own.
 
+Each sick child holds a sender until it is noticed, the frozen one for as long as it is frozen. With
+the 3 senders of the default three sick children can hold all of them, and then everybody waits: what
+is measured here is that others don't wait where senders are left, which is what an administrator has
+to see to (NumSenderThreads in docs/operating.md). So there are 8.
+
+Ends with 1 if the limit is missed: the others' 99th percentile below twice that of a healthy tree.
+
 Usage: bench/fifty_children.py [--children N] [--rate N] [--seconds N] [--rounds N] [--senders N]...
 Needs root, for network namespaces.
 """
@@ -17,7 +24,7 @@ import subprocess
 import sys
 
 from hop_rate import BIN
-from stage import Stage
+from stage import Limits, Stage
 
 SICK = ("slow", "frozen", "cut")
 SLOW_MILLISECONDS = 500
@@ -83,6 +90,7 @@ def main():
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--senders", type=int, action="append", help="NumSenderThreads; default: 8")
     options = parser.parse_args()
+    limits = Limits()
     for senders in options.senders or [8]:
         ratios = []
         for _ in range(options.rounds):
@@ -96,8 +104,9 @@ def main():
                 print(f"{senders} senders, all well: {text(well)}\n"
                       f"{senders} senders, three sick: {text(ill)}, ratio {ratios[-1]:.2f}",
                       flush=True)
-        print(f"{senders} senders: median ratio {statistics.median(ratios):.2f}", flush=True)
-    return 0
+        limits.below(2, statistics.median(ratios),
+                     f"{senders} senders, 99th percentile with three sick against all well, median")
+    return limits.status()
 
 
 if __name__ == "__main__":

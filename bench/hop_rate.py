@@ -70,7 +70,7 @@ def issue(folder, name, role):
     return target
 
 
-def measure_raw(work, identities, count, store, sync):
+def measure_raw(work, identities, count, store, sync, rate=None):
     ior = work / "raw.ior"
     ior.unlink(missing_ok=True)
     arguments = [BIN / "bench_raw_server", "--identity", identities / "raw", "--ior-file", ior]
@@ -80,8 +80,9 @@ def measure_raw(work, identities, count, store, sync):
     server = subprocess.Popen([str(a) for a in arguments], stdin=subprocess.PIPE)
     try:
         wait_for(ior.exists, 20, "the bare server")
+        pace = ["--rate", rate] if rate else []
         result = run(BIN / "bench_sender", "--identity", identities / "neighbour", "--ior-file",
-                     ior, "--count", count)
+                     ior, "--count", count, *pace)
         return json.loads(result.stdout)
     finally:
         server.stdin.close()

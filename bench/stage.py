@@ -76,6 +76,29 @@ class Stage:
         return children
 
 
+class Limits:
+    """What a measurement has to keep to; each is told, and `status` is how the program ends."""
+
+    def __init__(self):
+        self._missed = False
+
+    def _tell(self, held, bound, value, what):
+        self._missed |= not held
+        print(f"limit {'kept' if held else 'MISSED'}: {what}: {value:.4g}, {bound}", flush=True)
+
+    def at_least(self, limit, value, what):
+        self._tell(value >= limit, f"at least {limit}", value, what)
+
+    def below(self, limit, value, what):
+        self._tell(value < limit, f"below {limit}", value, what)
+
+    def none(self, value, what):
+        self._tell(value == 0, "none allowed", value, what)
+
+    def status(self):
+        return 1 if self._missed else 0
+
+
 class Children:
     """bench_children, beside everything else or on one of hosts.Hosts."""
 
