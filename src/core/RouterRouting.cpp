@@ -32,6 +32,10 @@ void Router::ReadConnectRetry() {
 }
 
 void Router::PrepareRouting() {
+  // Requests change the map, too.
+  if (GetConfigBool("LogicalRouting", false)) {
+    routing_.SetLogical(std::make_unique<Logical>(LogicalTablePath(programName_)));
+  }
   senderPool_.Open();
   getterThread_.Open();
   const Scan scan = ReadThresholdScan();
@@ -44,11 +48,8 @@ void Router::PrepareRouting() {
 void Router::doStartRouting() {
   LogTrace("Router::doStartRouting() called\n");
   ReadConnectRetry();
-  if (GetConfigBool("LogicalRouting", false)) {
-    auto logical = std::make_unique<Logical>(LogicalTablePath(programName_));
-    if (logical->IsClosed()) LogError("Failed to open logical routing table\n");
-    routing_.SetLogical(std::move(logical));
-  }
+  const Logical* const map = routing_.Map();
+  if (map != nullptr && map->IsClosed()) LogError("Failed to open logical routing table\n");
 
   monitorEmSender_ = GetConfigBool("MonitorEmSender", false);
   SenderWorkerFactory senders;

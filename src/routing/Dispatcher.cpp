@@ -32,8 +32,9 @@ CORBA::Any AsPayload(const std::string& text) {
 CORBA::Any StatusOf(const std::string& name, const RouterTable& table) {
   CORBA::Any any;
   const RouterTableEntry* const entry = table.Find(name);
-  // Under another name by now it is another peer.
-  if (entry == nullptr || !entry->IsRegistered() || entry->Name() != name) return any;
+  if (entry == nullptr || !entry->IsRegistered()) return any;
+  // Under another name by now it is another peer, or the parent, which keeps its former names.
+  if (entry->Name() != name && !entry->IsParent()) return any;
   BrelixMessaging::RouterClient status;
   status.name = name.c_str();
   status.isRouter = entry->IsRouter();
@@ -85,6 +86,7 @@ void Dispatcher::HandleManagement(Envelope& envelope, RouterTable& table) {
   const auto subscribe = [&](UpdateNotifier& notifier, const char* name) {
     line += name;
     replyType = ManagementReplyType(name);
+    // Better told than subscribed under an address that the configuration would cut.
     if (!notifier.SetDestination(envelope.Originator())) refuse();
   };
 
@@ -169,7 +171,8 @@ void Dispatcher::Send(const std::string& destination, const std::string& type,
   try {
     routing_.SendLocalMessage(destination, type, data, priority, ttl);
   } catch (const std::exception& exception) {
-    LogCaughtException("Dispatcher::Send", exception, "");
+    const std::string what = Shown(type) + " for " + Shown(destination);
+    LogCaughtException("Dispatcher::Send", exception, what.c_str());
   }
 }
 

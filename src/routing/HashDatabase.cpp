@@ -187,7 +187,8 @@ bool HashDatabase::MakeRoom(std::string_view key, std::uint32_t hash, std::size_
   return Fail(EFBIG);
 }
 
-// Holes are passed over: a split far down the tree makes the file large, and hardly fills it.
+// Holes are passed over: a split far down the tree makes the file large, and hardly fills it. A
+// damaged page hides its own keys alone.
 std::optional<std::string_view> HashDatabase::NextKey() {
   while (true) {
     if (walkPair == 0) {
@@ -196,8 +197,7 @@ std::optional<std::string_view> HashDatabase::NextKey() {
       if (!content) return std::nullopt;
       walkPage = *content / PBLKSIZ;
     }
-    if (!LoadPage(walkPage)) return std::nullopt;
-    if (walkPair < page.Pairs()) return page.Key(walkPair++);
+    if (LoadPage(walkPage) && walkPair < page.Pairs()) return page.Key(walkPair++);
     ++walkPage;
     walkPair = 0;
   }

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <ostream>
+#include <unordered_set>
 #include <utility>
 
 #include "logging/Log.h"
@@ -82,9 +83,11 @@ int Logical::Remove(const std::string& key, const std::string& owner) {
 template <class Wanted>
 std::size_t Logical::Collect(std::vector<std::string>& keys, Wanted&& wanted) const {
   WithDatabase(0, [&](HashDatabase* database) {
-    for (auto key = sdbm_firstkey(database); key; key = sdbm_nextkey(database)) {
-      keys.emplace_back(*key);
-      if (!wanted(database, keys.back())) keys.pop_back();
+    // A split that was broken off leaves pairs in two pages.
+    std::unordered_set<std::string> met;
+    for (auto found = sdbm_firstkey(database); found; found = sdbm_nextkey(database)) {
+      std::string key(*found);
+      if (wanted(database, key) && met.insert(key).second) keys.push_back(std::move(key));
     }
     return 0;
   });

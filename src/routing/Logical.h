@@ -33,7 +33,7 @@ class Logical final {
   int Remove(const std::string& key, const std::string& owner);
   // 0 if Remove would try to remove it, otherwise what Remove would return.
   int MayRemove(const std::string& key, const std::string& owner) const;
-  // Both append, and return the size of the list.
+  // Both append each key once, and return the size of the list.
   std::size_t KeysOf(const std::string& owner, std::vector<std::string>& keys) const;
   std::size_t AllKeys(std::vector<std::string>& keys) const;
   // Begins anew with new files. False if any step of it fails: the map is closed then, or empty in

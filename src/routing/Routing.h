@@ -37,6 +37,7 @@ class Routing {
   // The map of routers further down, or null. An old one is freed: replace it while no request and
   // no thread routes.
   void SetLogical(std::unique_ptr<Logical> logical);
+  const Logical* Map() const { return logical_; }
 
   void QueueForRouting(Envelope envelope);
   // One pass of the route thread. What escapes it ends the process. An envelope in whose middle the

@@ -23,7 +23,7 @@ class UpdateNotifier {
 
   // The address replaces the one before; empty ends the subscription. One that is too long is
   // refused with an error line, and the result is false. Writes the configuration, unless that is
-  // the subscriber already.
+  // the subscriber already, and waits for its file while another program writes it.
   bool SetDestination(const std::string& destination);
 
   // A notice that can't be made is logged: it keeps nobody from registering or logging on.

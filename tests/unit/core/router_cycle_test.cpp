@@ -126,6 +126,26 @@ TEST_F(CycleTest, AFailureBetweenActivationAndTheThreadsEndsTheStartAfterTheTear
   EXPECT_EQ(Cycle::Current(), nullptr);
 }
 
+TEST_F(CycleTest, TheMapIsOpenAsSoonAsRequestsComeIn) {
+  SetConfigBool("LogicalRouting", true);
+  bool open = false;
+  whileThreadsAreMissing = [&](int) {
+    const Logical* const map = Cycle::Current()->Map();
+    open = map != nullptr && !map->IsClosed();
+  };
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_TRUE(open);
+}
+
+TEST_F(CycleTest, AMapThatCannotBeOpenedIsAnErrorAndTheRouterStarts) {
+  SetConfigBool("LogicalRouting", true);
+  std::filesystem::create_directory(configuration_.RouterFolder() / "LogicalTable.pag");
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_TRUE(LoggedInOrder(
+      {"E Failed to open logical routing database\n", "T Router::doStartRouting() called\n",
+       "E Failed to open logical routing table\n", "I Waiting for messages...\n"}));
+}
+
 TEST_F(CycleTest, AFailureInATickEndsTheStartAfterTheTearDown) {
   whileRunning = [](int) { throw std::runtime_error("the tick failed"); };
   EXPECT_EQ(RunRouter(), 1);

@@ -55,6 +55,38 @@ TEST_F(ManagementTest, AnAnswerGoesToTheOriginatorWithThePriorityOfItsMessage) {
   EXPECT_EQ(answer->Options(), "");
 }
 
+TEST_F(ManagementTest, EveryAnswerGoesBackToTheAskerWithThePriorityOfItsMessage) {
+  struct Case {
+    const char* type;
+    const char* reply;
+    const char* text;
+  };
+  const Case cases[] = {
+      {"EM-GetClientStatus", "EM-GetClientStatus-Reply", "asker"},
+      {"EM-GetClientStatus", "EM-GetClientStatus-Reply", "nobody"},
+      {"EM-GetClientStatus", "MS-BadMessageFormat", ""},
+      {"EM-Heartbeat", "EM-Heartbeat-Reply", ""},
+      {"EM-NotifyClientUpdates", "EM-NotifyClientUpdates-Reply", ""},
+      {"EM-NotifyRouterUpdates", "EM-NotifyRouterUpdates-Reply", ""},
+      {"EM-Nothing", "MS-UnknownMessageType", ""},
+      {"MS-Nothing", "MS-UnknownMessageType", ""},
+      {"Certification.Nothing", "MS-UnknownMessageType", ""},
+      {"Nothing", "MS-UnknownMessageType", ""},
+  };
+  std::uint32_t priority = 17;
+  for (const Case& c : cases) {
+    ++priority;
+    auto answer = AnswerTo(AMessage(c.type, CertificateWith({1, 2}))
+                               .WithPriority(priority)
+                               .WithData(TextPayload(c.text)));
+    ASSERT_TRUE(answer) << c.type;
+    EXPECT_EQ(answer->Type(), c.reply) << c.type;
+    EXPECT_EQ(answer->Priority(), priority) << c.type;
+    EXPECT_EQ(answer->Destination(), "router1.asker") << c.type;
+    EXPECT_EQ(answer->Originator(), "router1") << c.type;
+  }
+}
+
 TEST_F(ManagementTest, AHeartbeatWithTtl0GetsAnAnswerThatNeverExpiresAndOthersLive43200Seconds) {
   auto beat = AnswerTo(AMessage("EM-Heartbeat", ManagementRole()).WithTtl(0));
   ASSERT_TRUE(beat);
@@ -221,14 +253,32 @@ TEST_F(ManagementTest, TypesAreKnownInAnyCase) {
   EXPECT_EQ(log_.Count("Certification message (CERTIFICATION.foo) unknown, originator"), 1u);
 }
 
-TEST_F(ManagementTest, AStatusIsOfTheEntryThatBearsTheName) {
+TEST_F(ManagementTest, TheParentHasItsStatusUnderItsFormerNamesToo) {
   table_.AddParent("");
   table_.SetParentName("boss");
   table_.SetParentName("chief");
   EXPECT_TRUE(StatusOf("chief").isParent);
-  auto former = AnswerTo(AMessage("EM-GetClientStatus", NoRole()).WithData(TextPayload("boss")));
-  ASSERT_TRUE(former);
-  EXPECT_EQ(PayloadOf(*former), "(empty)");
+  const auto former = StatusOf("boss");
+  EXPECT_STREQ(former.name, "boss");
+  EXPECT_TRUE(former.isParent);
+}
+
+TEST_F(ManagementTest, AClientThatFetchesItsMessagesIsLoggedOnAndNoPassiveConsumer) {
+  LogonPulling(AClient("agent"));
+  const auto status = StatusOf("agent");
+  EXPECT_TRUE(status.isLoggedOn);
+  EXPECT_FALSE(status.isPassiveConsumer);
+}
+
+TEST_F(ManagementTest, GetClientStatusOfANewcomerThatOnlyWantsACertificateHasAnEmptyPayload) {
+  table_.AddCertificationEntry("newcomer");
+  table_.Find("newcomer")->LogonCertification("newcomer");
+  ASSERT_TRUE(table_.Find("newcomer")->IsLoggedOn());
+  auto answer =
+      AnswerTo(AMessage("EM-GetClientStatus", NoRole()).WithData(TextPayload("newcomer")));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Type(), "EM-GetClientStatus-Reply");
+  EXPECT_EQ(PayloadOf(*answer), "(empty)");
 }
 
 // Roles
@@ -401,6 +451,7 @@ TEST_F(ManagementTest, AStoredMessageToThisRouterThatCannotBeDecodedIsSetAsideAt
 TEST_F(ManagementTest, AnOriginatorThatNoEnvelopeCanBeSentToIsAnErrorLine) {
   Arrive(AMessage("EM-Heartbeat", ManagementRole()).WithOriginator("a\n[Type] b"));
   EXPECT_TRUE(log_.Contains("Dispatcher::Send: Caught "));
+  EXPECT_TRUE(log_.Contains(" EM-Heartbeat-Reply for a?[Type] b\n"));
   EXPECT_FALSE(asker_.HasEnvelopes());
 }
 

@@ -124,6 +124,22 @@ TEST_F(DamagedHashDatabase, TheOtherPagesOfADamagedFileStayInUse) {
   EXPECT_LT(found, 500u);
 }
 
+TEST_F(DamagedHashDatabase, AWalkPassesOverDamagedPages) {
+  for (int i = 0; i < 500; ++i) Store("key" + std::to_string(i), "v");
+  const std::size_t all = Keys().size();
+  std::string pages = Read("map.pag");
+  for (const std::size_t damaged : {std::size_t{0}, pages.size() / PBLKSIZ - 1}) {
+    pages.replace(damaged * PBLKSIZ, 2, "\xff\xff");
+  }
+  Write("map.pag", pages);
+  Open();
+  const std::vector<std::string> found = Keys();
+  EXPECT_GT(found.size(), 300u);
+  EXPECT_LT(found.size(), all);
+  for (const std::string& key : found) EXPECT_EQ(Fetch(key), "v");
+  EXPECT_EQ(sdbm_error(Get()), EIO);
+}
+
 TEST_F(DamagedHashDatabase, AFileThatEndsInThePageIsDamaged) {
   for (int i = 0; i < 500; ++i) Store("key" + std::to_string(i), "v");
   std::filesystem::resize_file("map.pag", std::filesystem::file_size("map.pag") - 1);

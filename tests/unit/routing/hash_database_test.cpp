@@ -247,5 +247,18 @@ TEST_F(HashDatabaseTest, KeysOfOneHashStoredOverAndOverNeitherSplitForEverNorSlo
   EXPECT_THAT(Keys(), UnorderedElementsAre(keys[0], keys[1]));
 }
 
+TEST_F(HashDatabaseTest, AFailedOpenLeavesNeitherFileOpen) {
+  database_.reset();
+  std::filesystem::remove("map.dir");
+  std::filesystem::create_directory("map.dir");
+  Open();
+  EXPECT_EQ(Get(), nullptr);
+  for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;  // the iterator's own
+    const std::string file = std::filesystem::read_symlink(descriptor, gone).string();
+    EXPECT_FALSE(file.ends_with("/map.pag")) << file;
+  }
+}
+
 }  // namespace
 }  // namespace MessageRouter

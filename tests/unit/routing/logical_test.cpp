@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "fixture.h"
+#include "support/ScratchFolder.h"
 
 namespace TestSupport {
 namespace {
@@ -215,6 +216,38 @@ TEST_F(LogicalTest, DamagedFilesFindNothingAndAreToldOfOnce) {
   EXPECT_EQ(log_.Count("Failed to use the logical routing database " + Path()), 1u);
   EXPECT_TRUE(logical.Reset());
   EXPECT_EQ(logical.Store("leaf", "child"), 0);
+}
+
+TEST_F(LogicalTest, KeysThatABrokenOffSplitLeftInTwoPagesAreListedOnce) {
+  std::string full;
+  std::vector<std::string> names;
+  {
+    Logical logical(Path());
+    for (int i = 0; std::filesystem::file_size(Pages()) <= 1024; ++i) {
+      full = TextOf(Pages());
+      names.push_back("leaf" + std::to_string(i));
+      logical.Store(names.back(), "child");
+    }
+  }
+  // The page that was split, as it was before: without the name that belongs there.
+  names.pop_back();
+  std::fstream(Pages(), std::ios::in | std::ios::out | std::ios::binary) << full;
+  const Logical logical(Path());
+  std::vector<std::string> keys;
+  EXPECT_EQ(logical.AllKeys(keys), names.size());
+  EXPECT_THAT(keys, testing::UnorderedElementsAreArray(names));
+  EXPECT_THAT(KeysOf(logical, "child"), testing::UnorderedElementsAreArray(names));
+}
+
+TEST_F(LogicalTest, ADamagedPageHidesOnlyItsOwnKeysAndIsToldOfOnce) {
+  {
+    Logical logical(Path());
+    for (int i = 0; i < 500; ++i) logical.Store("leaf" + std::to_string(i), "child");
+  }
+  std::fstream(Pages(), std::ios::in | std::ios::out | std::ios::binary) << "\xff\xff";
+  const Logical logical(Path());
+  for (int i = 0; i < 2; ++i) EXPECT_GT(KeysOf(logical, "child").size(), 300u);
+  EXPECT_EQ(log_.Count("Failed to use the logical routing database " + Path()), 1u);
 }
 
 TEST_F(LogicalTest, ManyThreadsReadAndChangeItAtOnce) {
