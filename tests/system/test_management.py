@@ -83,7 +83,9 @@ class Management(SystemTest):
         return notice
 
     def test_a_subscriber_hears_of_clients_also_after_a_restart(self):
-        self.client_ok(self.box, "agent-1", "subscribe", "clients")
+        answer = json.loads(self.client_ok(self.box, "agent-1", "--json", "subscribe", "clients"))
+        self.assertEqual(("EM-NotifyClientUpdates-Reply", "empty", "router"),
+                         (answer["type"], answer["payload_type"], answer["originator"]))
         self.assertEqual(0, self.box.stop())
         self.box.start()
         notice = self.subscriber()
@@ -93,7 +95,9 @@ class Management(SystemTest):
         self.assertEqual(("EM-ClientUnregistered", "agent-2"), notice())
 
     def test_a_subscriber_hears_of_routers(self):
-        self.manager_ok("subscribe", "routers")
+        answer = json.loads(self.manager_ok("--json", "subscribe", "routers"))
+        self.assertEqual(("EM-NotifyRouterUpdates-Reply", "empty", "router"),
+                         (answer["type"], answer["payload_type"], answer["originator"]))
         notice = self.subscriber()
         child = self.peer(self.box, "child", "router").connect()
         child("root.GetRouter")
@@ -222,18 +226,34 @@ class LogicalRouting(SystemTest):
             self.news(self.child, "child-1", "Registered", text=name)
         self.send("leaf")
         self.box.wait_log("Cannot route message to leaf")
-        self.client_ok(self.box, "agent-1", "status", "agent-1")
+        # Neither this router's name, nor the way up, nor a client's name leads to the child.
+        for address in ("agent-1", "router.agent-1"):
+            self.client_ok(self.box, "agent-1", "send", address, "--text", address)
+            line = self.client_ok(self.box, "agent-1", "--json", "receive")
+            self.assertEqual(address, json.loads(line)["payload"])
+        self.client_ok(self.box, "agent-1", "send", ":.:", "--text", "up")
+        self.box.wait_log("Cannot route message to :\n")
+        self.wait_no_envelopes(self.box)
+        self.assertEqual([], self.child.received())
 
     def test_damaged_files_of_the_map_are_one_line_and_the_router_goes_on(self):
         self.assertEqual(0, self.box.stop())
-        for content in (b"\xff" * 4096, b"\x7f" * 1000, b"\x02\x00\xff\xff" * 512):
+        for content, directory, lines in (
+                (b"\xff" * 4096, b"", 1), (b"\x7f" * 1000, b"", 1),
+                (b"\x02\x00\xff\xff" * 512, b"", 1),
+                # Leads to pages behind the end, which are empty.
+                (b"\xff" * 4096, b"\xff" * 5000, 0)):
             (self.box.data / "LogicalTable.pag").write_bytes(content)
-            (self.box.data / "LogicalTable.dir").write_bytes(b"\xff" * 5000)
+            (self.box.data / "LogicalTable.dir").write_bytes(directory)
+            mark = len(self.box.log())
             self.box.start()
             self.client(self.box, "agent-1", "register")
-            self.send("leaf")
-            self.box.wait_log("Cannot route message to leaf")
+            for leaf in ("leaf-1", "leaf-2", "leaf-3"):
+                self.send(leaf)
+                self.box.wait_log(f"Cannot route message to {leaf}", since=mark)
             self.assertEqual(0, self.box.stop())
+            self.assertEqual(lines, self.box.log()[mark:].count(
+                "Failed to use the logical routing database"), (content[:4], directory[:4]))
 
     def test_a_map_that_cannot_be_opened_is_an_error_and_the_router_starts(self):
         self.assertEqual(0, self.box.stop())
