@@ -14,6 +14,15 @@ void EntryQueue::Put(RouterTableEntry* entry) {
   condition_.Signal();
 }
 
+void EntryQueue::PutOnce(RouterTableEntry* entry) {
+  {
+    ThreadHelper::Guard guard(mutex_);
+    if (!guard || stopping_ || !once_.insert(entry).second) return;
+    queue_.push_back(entry);
+  }
+  condition_.Signal();
+}
+
 RouterTableEntry* EntryQueue::Get() {
   ThreadHelper::Guard guard(mutex_);
   if (!guard) return nullptr;
@@ -23,6 +32,8 @@ RouterTableEntry* EntryQueue::Get() {
   if (queue_.empty() || stopping_) return nullptr;
   RouterTableEntry* entry = queue_.front();
   queue_.pop_front();
+  // It may stand there once more by Put; a visit too many does no harm.
+  if (!once_.empty()) once_.erase(entry);
   return entry;
 }
 
@@ -37,6 +48,7 @@ void EntryQueue::Clear() {
   ThreadHelper::Guard guard(mutex_);
   if (!guard) return;
   queue_.clear();
+  once_.clear();
 }
 
 std::size_t EntryQueue::Size() const {

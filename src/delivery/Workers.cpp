@@ -44,6 +44,10 @@ void WorkerManagerBase::Add(RouterTableEntry& entry) {
   queue_.Put(&entry);
 }
 
+void WorkerManagerBase::AddOnce(RouterTableEntry& entry) {
+  queue_.PutOnce(&entry);
+}
+
 void WorkerManagerBase::Stop() {
   ThreadHelper::Guard guard(poolMutex_);
   if (!guard) return;

@@ -54,6 +54,8 @@ class WorkerManagerBase {
   // Throws std::runtime_error "WorkerManagerBase already started".
   void Start(WorkerFactoryBase& factory, unsigned count);
   void Add(RouterTableEntry& entry);  // any thread
+  // As Add, but not if it waits from an earlier call of this already.
+  void AddOnce(RouterTableEntry& entry);
   // Waits for the workers; a visit that has begun is finished. What is still queued is dropped.
   void Stop();
   EntryQueue& Queue() { return queue_; }

@@ -69,6 +69,24 @@ TEST_F(PoolTest, EntriesLeaveInTheOrderOfArrivalAndMayRepeat) {
   EXPECT_EQ(pool.Queue().Get(), &first);
 }
 
+TEST_F(PoolTest, EntryThatIsAddedOnceWaitsOnceUntilItIsTakenOrTheQueueIsCleared) {
+  for (int i = 0; i < 3; ++i) pool.AddOnce(first);
+  pool.AddOnce(second);
+  EXPECT_EQ(pool.Queue().Size(), 2u);
+  EXPECT_EQ(pool.Queue().Get(), &first);
+  pool.AddOnce(first);
+  EXPECT_EQ(pool.Queue().Size(), 2u);
+  pool.Queue().Clear();
+  pool.AddOnce(first);
+  EXPECT_EQ(pool.Queue().Size(), 1u);
+}
+
+TEST_F(PoolTest, WorkerVisitsWhatIsAddedOnce) {
+  pool.Start(*this, 1);
+  pool.AddOnce(first);
+  EXPECT_TRUE(Visited());
+}
+
 TEST_F(PoolTest, SecondStartThrowsAndLeavesTheWorkersAlone) {
   pool.Start(*this, 1);
   try {
