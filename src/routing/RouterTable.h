@@ -66,6 +66,8 @@ class RouterTable {
   // forced one closes the table. The file is replaced whole.
   void WriteTable(bool force);
   void Tick();
+  // A write that is owed, at once: for a stop, whose forced write may never come.
+  void WriteOwed();
   void Scan(FunctionClassBase& function) const;
   // Empties and closes the table. The entries are detached: their peers are forgotten, what they
   // held stays on disk alone, but they stay good until FreeDetached.
@@ -96,8 +98,10 @@ class RouterTable {
   void PeerLoggedOff(const std::string& name, bool isRouter) const;
 
   void Restore(const RegEntry& record);
+  void Write(bool close);
   // Whether a write may start now; notes it where it may not.
   bool ClaimWrite(bool force);
+  bool IsWriteOwed();
   void WriteDone(bool complete);
   bool IsClosed() const;
   // False if the table is closed. Closes it if asked to, in the same step.

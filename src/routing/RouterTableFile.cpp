@@ -230,11 +230,15 @@ std::string RouterTable::ComposeFile(const std::vector<Row>& rows) {
 
 void RouterTable::WriteTable(bool force) {
   if (IsClosed() || !ClaimWrite(force)) return;
+  Write(force);
+}
+
+void RouterTable::Write(bool close) {
   LogInfo("Writing router table file\n");
   Guard guard(fileMutex_);
   if (!guard) return;
   std::vector<Row> rows;
-  if (!CollectRows(force, rows)) return;
+  if (!CollectRows(close, rows)) return;
   const int error = Platform::ReplaceFile(filePath_, ComposeFile(rows), kFileMode);
   if (error != 0) {
     if (IsOpenFailure(error)) {
@@ -246,12 +250,17 @@ void RouterTable::WriteTable(bool force) {
   WriteDone(error == 0);
 }
 
+bool RouterTable::IsWriteOwed() {
+  Guard guard(writeTimeMutex_);
+  return guard && writeOwed_;
+}
+
 void RouterTable::Tick() {
-  {
-    Guard guard(writeTimeMutex_);
-    if (!guard || !writeOwed_) return;
-  }
-  WriteTable(false);
+  if (IsWriteOwed()) WriteTable(false);
+}
+
+void RouterTable::WriteOwed() {
+  if (IsWriteOwed() && !IsClosed() && ClaimWrite(true)) Write(false);
 }
 
 }  // namespace MessageRouter

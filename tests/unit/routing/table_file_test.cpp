@@ -191,6 +191,23 @@ TEST_F(TableFileTest, AForcedWriteIsMadeAtOnce) {
   EXPECT_EQ(TableText(), "alpha.0..\n");
 }
 
+TEST_F(TableFileTest, AWriteThatIsOwedCanBeMadeAtOnceAndLeavesTheTableOpen) {
+  table_.ReadTable(false);
+  table_.WriteOwed();
+  EXPECT_EQ(Writes(), 0u);
+  AClient("alpha");
+  table_.WriteTable(false);
+  table_.WriteOwed();
+  EXPECT_EQ(TableText(), "alpha.0..\n");
+  table_.WriteOwed();
+  EXPECT_EQ(Writes(), 1u);
+  AClient("beta");
+  table_.WriteTable(true);
+  EXPECT_EQ(TableText(), "alpha.0..\nbeta.0..\n");
+  table_.WriteOwed();
+  EXPECT_EQ(Writes(), 2u);
+}
+
 TEST_F(TableFileTest, AFailedWriteCountsAsOneAndIsTriedAgainByTheTick) {
   std::filesystem::create_directory(TablePath());
   AClient("alpha");
