@@ -74,6 +74,7 @@ class Router : public RoutingHost, public ParentLogonHost {
   void OfferToSenders(RouterTableEntry& entry) override;
   bool CountsBusyOffers() const override { return monitorEmSender_; }
   void NotifiedPoll(RouterTableEntry& entry) override;
+  void OfferToGetters(RouterTableEntry& entry) override;
   void OfferToThreshold(RouterTableEntry& entry) override;
   void ParentLinkLost() override;
   CORBA::Object_ptr StringToObject(const std::string& ior) override;

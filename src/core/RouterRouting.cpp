@@ -74,6 +74,11 @@ void Router::doStartRouting() {
 
 void Router::doStopRouting() {
   LogTrace("Router::doStopRouting() called\n");
+  // A worker that hangs in a call holds up what follows, and a stop that takes too long is forced:
+  // the registrations of the last minute are safe from here on.
+  Step("writing what the router table owes", [this] {
+    if (tableRead_) routerTable_.WriteOwed();
+  });
   Step("stopping the getter thread", [this] { getterThread_.Stop(); });
   Step("stopping the timeout thread", [this] { timeoutThread_.Stop(); });
   Step("stopping the route thread", [this] { routerThread_.Stop(); });
@@ -128,6 +133,10 @@ void Router::OfferToSenders(RouterTableEntry& entry) {
 
 void Router::NotifiedPoll(RouterTableEntry& entry) {
   getterThread_.NotifiedPoll(entry);
+}
+
+void Router::OfferToGetters(RouterTableEntry& entry) {
+  getterThread_.Offer(entry);
 }
 
 void Router::OfferToThreshold(RouterTableEntry& entry) {

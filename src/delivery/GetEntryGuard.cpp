@@ -4,11 +4,8 @@
 
 namespace MessageRouter {
 
-// The claim takes the mark of a notified poll away, so it is read before.
 GetEntryGuard::GetEntryGuard(RouterTableEntry& entry, const PollObserver& observer)
-    : entry_(entry),
-      notified_(entry.GetSupplierState() == RouterTableEntry::kPollNotified),
-      observer_(observer) {}
+    : entry_(entry), observer_(observer) {}
 
 void GetEntryGuard::Claim() {
   claim_ = entry_.ClaimForPolling();
@@ -26,11 +23,12 @@ GetEntryGuard::~GetEntryGuard() {
 
 void GetEntryGuard::Finish() {
   if (claim_.acquired) entry_.successfulGet(claim_.generation);
-  if (observer_) observer_(notified_, got_);
+  if (observer_) observer_(claim_.notified, got_);
 }
 
 void GetEntryGuard::Fail() {
-  if (!entry_.failedGet(claim_.generation)) return;
+  // Where there was no claim, the poll under way is another visit's.
+  if (!claim_.acquired || !entry_.failedGet(claim_.generation)) return;
   LogError("Failed to get messages, logging %s off\n", entry_.Name().c_str());
   entry_.LogoffSession(claim_.generation);
 }

@@ -36,7 +36,6 @@ class GetEntryGuard {
   RouterTableEntry::Claim claim_;
   bool failed_ = true;
   bool got_ = false;
-  const bool notified_;
   const PollObserver& observer_;
 };
 

@@ -47,7 +47,8 @@ void ScanThread::AddEntry(RouterTableEntry& entry) {
   if (LogEnabled(kLogDebug)) {
     LogDebug("%s::CheckEntry() adding entry: %s\n", name_, entry.Name().c_str());
   }
-  manager_.Add(entry);
+  // Scan after scan may find the same while all workers hang.
+  manager_.AddOnce(entry);
 }
 
 GetterThread::GetterThread(RouterTable& table) : ScanThread("GetterThread", table, 1) {}
@@ -62,6 +63,10 @@ void GetterThread::CheckEntry(RouterTableEntry& entry) {
 
 void GetterThread::NotifiedPoll(RouterTableEntry& entry) {
   if (entry.readyForNotifiedPoll()) manager_.Add(entry);
+}
+
+void GetterThread::Offer(RouterTableEntry& entry) {
+  manager_.Add(entry);
 }
 
 std::unique_ptr<WorkerFactoryBase> GetterThread::MakeFactory() {
@@ -98,7 +103,7 @@ void NotificationThresholdThread::CheckEntry(RouterTableEntry& entry) {
 }
 
 void NotificationThresholdThread::Offer(RouterTableEntry& entry) {
-  manager_.Add(entry);
+  manager_.AddOnce(entry);
 }
 
 std::unique_ptr<WorkerFactoryBase> NotificationThresholdThread::MakeFactory() {

@@ -51,6 +51,8 @@ class GetterThread : public ScanThread {
   void CheckEntry(RouterTableEntry& entry) override;
   // A poll at once, if the entry waits for its poll time. Any thread.
   void NotifiedPoll(RouterTableEntry& entry);
+  // A visit at once, whatever the state of the entry. Any thread.
+  void Offer(RouterTableEntry& entry);
   // Before Start.
   void SetPollObserver(PollObserver observer) { observer_ = std::move(observer); }
 

@@ -22,7 +22,7 @@ SendEntryGuard::~SendEntryGuard() {
 }
 
 void SendEntryGuard::Fail() {
-  if (!entry_.SendFailed(claim_.generation)) {
+  if (!entry_.SendFailed(claim_)) {
     // What this visit put back may have missed the senders of the new session.
     manager_.Add(entry_);
     return;

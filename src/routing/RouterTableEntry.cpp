@@ -97,6 +97,19 @@ bool RouterTableEntry::HasNotifyConsumer() const {
   return hasNotifyConsumer_;
 }
 
+bool RouterTableEntry::Visitors::Enter(bool Visitors::*turnedAway) {
+  if (inside) {
+    this->*turnedAway = true;
+    return false;
+  }
+  inside = true;
+  return true;
+}
+
+RouterTableEntry::Visitors RouterTableEntry::Visitors::Leave() {
+  return std::exchange(*this, Visitors());
+}
+
 bool RouterTableEntry::BelongsToLocked(const std::string& name) const {
   return !detached_ && (isParent_ || name == name_);
 }
@@ -259,6 +272,8 @@ void RouterTableEntry::Detach(Dismissed& dismissed, std::vector<Envelope>& lefto
 bool RouterTableEntry::TakeOver(const std::string& name, std::vector<Envelope>& leftovers) {
   WriteGuard guard(lock_);
   if (!guard || detached_ || isParent_ || registered_ || IsLoggedOn()) return false;
+  // Another peer must not wait for a call that the former one does not end.
+  if (polling_.inside || outgoing_.inside) return false;
   ++generation_;
   envelopes_.TakeAll(leftovers);
   // Nothing of the former peer is left but the place.

@@ -69,10 +69,13 @@ class RouterTableEntry {
     BrelixMessaging::NotifyConsumer_var notify;
     BrelixMessaging::EnvelopeSupplier_var supplier;
   };
-  // The outcome of a claim. `generation` is set whether or not it was acquired.
+  // The outcome of a claim. All but `acquired` is set whether or not it was acquired. Whoever
+  // acquired it may call the peer, and reports the outcome once, however the call ends: until then
+  // nobody else claims the same direction of this entry, not even for a new session of the peer.
   struct Claim {
     bool acquired = false;
     LogonGeneration generation = 0;
+    bool notified = false;  // of a poll: the peer asked for it
   };
   // What a caller may do here.
   struct Standing {
@@ -174,17 +177,20 @@ class RouterTableEntry {
   bool readyForTimedPoll();
   // False, too, while a poll runs; its successful end then asks for one more notified poll.
   bool readyForNotifiedPoll();
+  // The outcome of a poll whose session is over offers the entry to the getters again if a poll of
+  // the new one was turned away meanwhile.
   Claim ClaimForPolling();
   void successfulGet(LogonGeneration generation);
   // False if that session is over.
   bool failedGet(LogonGeneration generation);
 
-  // Pushing.
+  // Pushing and notifying share one direction: each outcome offers the entry anew to those that
+  // were turned away meanwhile.
   Claim ClaimForSending();
   // Wakes the sender pool for this entry if more waits.
   void SendFinished(LogonGeneration generation);
-  // False if that session is over.
-  bool SendFailed(LogonGeneration generation);
+  // False if that session is over. The claim may be one that was not acquired.
+  bool SendFailed(const Claim& claim);
 
   // Notification.
   // Nothing is claimed unless that session stands.
@@ -220,6 +226,18 @@ class RouterTableEntry {
     bool due = false;
     bool isRouter = false;
     std::string name;
+  };
+  // Who is on the way to the peer or in a call of it. A Reset leaves this alone: a peer that hangs
+  // in a call and logs on again must not take a second worker.
+  struct Visitors {
+    bool inside = false;
+    // Who was turned away, and comes again.
+    bool worker = false;     // a getter or sender
+    bool threshold = false;  // a threshold worker
+
+    // `turnedAway` is one of the two above.
+    bool Enter(bool Visitors::*turnedAway);
+    Visitors Leave();  // whom to offer the entry to
   };
   // What a logon has to tell in the log.
   struct SessionReport {
@@ -276,6 +294,8 @@ class RouterTableEntry {
   bool CountsPulls() const;  // the states in which lastPull applies
   void NoNotificationLocked() REQUIRES(lock_);
   bool NotificationRunningLocked() const REQUIRES_SHARED(lock_);
+  // For those that were turned away at the end of a push or notification.
+  void OfferAgain(const Visitors& turnedAway);
 
   RouterTable& table_;
   RoutingHost& host_;
@@ -295,6 +315,8 @@ class RouterTableEntry {
   EnvelopeQueue envelopes_ GUARDED_BY(lock_);
   std::string name_ GUARDED_BY(lock_);
   bool detached_ GUARDED_BY(lock_) = false;
+  Visitors polling_ GUARDED_BY(lock_);
+  Visitors outgoing_ GUARDED_BY(lock_);
   PeerReferences references_ GUARDED_BY(lock_);
   LocalPeerObjects local_ GUARDED_BY(lock_);
 

@@ -22,6 +22,7 @@ RouterTableEntry::Claim RouterTableEntry::ClaimForSending() {
   WriteGuard guard(lock_);
   claim.generation = generation_;
   if (!guard || logonState_ != kLoggedOn || consumerState_ != kPushIdle) return claim;
+  if (!outgoing_.Enter(&Visitors::worker)) return claim;
   consumerState_ = kPushBusy;
   claim.acquired = true;
   return claim;
@@ -30,20 +31,36 @@ RouterTableEntry::Claim RouterTableEntry::ClaimForSending() {
 // The state and the look at the queue belong together: an envelope that comes after it finds the
 // entry idle, and its own visit sends it.
 void RouterTableEntry::SendFinished(LogonGeneration generation) {
+  Visitors turnedAway;
   {
     WriteGuard guard(lock_);
-    if (!guard || generation != generation_ || consumerState_ != kPushBusy) return;
-    consumerState_ = kPushIdle;
-    if (envelopes_.Empty()) return;
+    if (!guard) return;
+    turnedAway = outgoing_.Leave();
+    if (generation == generation_ && consumerState_ == kPushBusy) {
+      consumerState_ = kPushIdle;
+      turnedAway.worker = turnedAway.worker || !envelopes_.Empty();
+    }
   }
-  host_.OfferToSenders(*this);
+  OfferAgain(turnedAway);
 }
 
-bool RouterTableEntry::SendFailed(LogonGeneration generation) {
-  WriteGuard guard(lock_);
-  if (!guard || generation != generation_) return false;
-  consumerState_ = kPushFailed;
-  return true;
+bool RouterTableEntry::SendFailed(const Claim& claim) {
+  Visitors turnedAway;
+  bool current = false;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return false;
+    if (claim.acquired) turnedAway = outgoing_.Leave();
+    current = claim.generation == generation_;
+    if (current) consumerState_ = kPushFailed;
+  }
+  OfferAgain(turnedAway);
+  return current;
+}
+
+void RouterTableEntry::OfferAgain(const Visitors& turnedAway) {
+  if (turnedAway.worker) host_.OfferToSenders(*this);
+  if (turnedAway.threshold) host_.OfferToThreshold(*this);
 }
 
 RouterTableEntry::Claim RouterTableEntry::NotificationWanted() {
@@ -60,6 +77,7 @@ RouterTableEntry::Claim RouterTableEntry::NotificationWanted(LogonGeneration ses
   if (logonState_ == kLoggedOn && !CORBA::is_nil(references_.notifyConsumer) &&
       (state == kNothingSent || state == kNotified) && next != nullptr &&
       static_cast<std::int32_t>(next->Priority()) >= notificationThreshold_) {
+    if (!outgoing_.Enter(&Visitors::worker)) return claim;
     consumerState_ = kNotifying;
     claim.acquired = true;
   } else if (state == kNotifyingPulledEmpty) {
@@ -77,6 +95,7 @@ RouterTableEntry::Claim RouterTableEntry::NotificationRetryDue() {
   if (consumerState_ != kNothingSent && consumerState_ != kNoNotification) return claim;
   const SteadyTime now = Now();
   if (nextNotification_ && now <= *nextNotification_) return claim;
+  if (!outgoing_.Enter(&Visitors::threshold)) return claim;
   const std::uint64_t wanted = notificationRetry_ == 0
                                    ? thresholds.notificationThresholdInitialRetrySecs
                                    : std::uint64_t{notificationRetry_} * 2;
@@ -94,25 +113,45 @@ bool RouterTableEntry::NotificationRunningLocked() const {
 }
 
 void RouterTableEntry::NotificationAccepted(LogonGeneration generation, std::int32_t threshold) {
-  WriteGuard guard(lock_);
-  if (!guard || generation != generation_ || !NotificationRunningLocked()) return;
-  consumerState_ = kNotified;
-  notificationThreshold_ = threshold;
-  TouchLastPullLocked();
+  Visitors turnedAway;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return;
+    turnedAway = outgoing_.Leave();
+    if (generation == generation_ && NotificationRunningLocked()) {
+      consumerState_ = kNotified;
+      notificationThreshold_ = threshold;
+      TouchLastPullLocked();
+    }
+  }
+  OfferAgain(turnedAway);
 }
 
 void RouterTableEntry::NotificationFailed(LogonGeneration generation) {
   const Thresholds thresholds = host_.GetThresholds();
-  WriteGuard guard(lock_);
-  if (!guard || generation != generation_ || !NotificationRunningLocked()) return;
-  NoNotificationLocked();
-  notificationRetry_ = thresholds.notificationThresholdInitialRetrySecs;
-  nextNotification_ = Now() + std::chrono::seconds(notificationRetry_);
+  Visitors turnedAway;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return;
+    turnedAway = outgoing_.Leave();
+    if (generation == generation_ && NotificationRunningLocked()) {
+      NoNotificationLocked();
+      notificationRetry_ = thresholds.notificationThresholdInitialRetrySecs;
+      nextNotification_ = Now() + std::chrono::seconds(notificationRetry_);
+    }
+  }
+  OfferAgain(turnedAway);
 }
 
 void RouterTableEntry::ThresholdCallFailed(LogonGeneration generation) {
-  WriteGuard guard(lock_);
-  if (guard && generation == generation_ && NotificationRunningLocked()) NoNotificationLocked();
+  Visitors turnedAway;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return;
+    turnedAway = outgoing_.Leave();
+    if (generation == generation_ && NotificationRunningLocked()) NoNotificationLocked();
+  }
+  OfferAgain(turnedAway);
 }
 
 // A pull during the call may have made lastPull_ not applicable, and a router that is silent from
@@ -123,12 +162,20 @@ void RouterTableEntry::NoNotificationLocked() {
 }
 
 bool RouterTableEntry::NotificationFinished(LogonGeneration generation) {
-  WriteGuard guard(lock_);
-  if (!guard || generation != generation_) return false;
-  const bool again = consumerState_ == kNotifyAgain;
-  if (NotificationRunningLocked()) consumerState_ = kNotified;
-  // After the state: pulls don't count in the ones that a notification passes through.
-  TouchLastPullLocked();
+  Visitors turnedAway;
+  bool again = false;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return false;
+    turnedAway = outgoing_.Leave();
+    if (generation == generation_) {
+      again = consumerState_ == kNotifyAgain;
+      if (NotificationRunningLocked()) consumerState_ = kNotified;
+      // After the state: pulls don't count in the ones that a notification passes through.
+      TouchLastPullLocked();
+    }
+  }
+  OfferAgain(turnedAway);
   return again;
 }
 

@@ -157,7 +157,9 @@ RouterTableEntry::Claim RouterTableEntry::ClaimForPolling() {
   WriteGuard guard(lock_);
   claim.generation = generation_;
   if (!guard || logonState_ != kLoggedOn) return claim;
-  if (supplierState_ != kPollNotified && supplierState_ != kPollDue) return claim;
+  claim.notified = supplierState_ == kPollNotified;
+  if (!claim.notified && supplierState_ != kPollDue) return claim;
+  if (!polling_.Enter(&Visitors::worker)) return claim;
   supplierState_ = kPollRunning;
   notifiedWhilePolled_ = false;
   claim.acquired = true;
@@ -165,25 +167,43 @@ RouterTableEntry::Claim RouterTableEntry::ClaimForPolling() {
 }
 
 void RouterTableEntry::successfulGet(LogonGeneration generation) {
+  Visitors turnedAway;
   std::string name;
   bool again = false;
+  bool current = false;
   {
     WriteGuard guard(lock_);
-    if (!guard || generation != generation_) return;
-    supplierState_ = kPollWaiting;
-    lastGet_ = Now();
-    again = std::exchange(notifiedWhilePolled_, false);
-    name = name_;
+    if (!guard) return;
+    turnedAway = polling_.Leave();
+    current = generation == generation_;
+    if (current) {
+      supplierState_ = kPollWaiting;
+      lastGet_ = Now();
+      again = std::exchange(notifiedWhilePolled_, false);
+      name = name_;
+    }
   }
-  LogDebug("RouterTableEntry::successfulGet(): re-started polling interval for %s\n", name.c_str());
+  if (current) {
+    LogDebug("RouterTableEntry::successfulGet(): re-started polling interval for %s\n",
+             name.c_str());
+  }
   if (again) host_.NotifiedPoll(*this);
+  if (turnedAway.worker) host_.OfferToGetters(*this);
 }
 
 bool RouterTableEntry::failedGet(LogonGeneration generation) {
-  WriteGuard guard(lock_);
-  if (!guard || generation != generation_) return false;
-  supplierState_ = kPollFailed;
-  return true;
+  Visitors turnedAway;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return false;
+    turnedAway = polling_.Leave();
+    if (generation == generation_) {
+      supplierState_ = kPollFailed;
+      return true;
+    }
+  }
+  if (turnedAway.worker) host_.OfferToGetters(*this);
+  return false;
 }
 
 }  // namespace MessageRouter

@@ -55,6 +55,8 @@ class RoutingHost {
   virtual bool CountsBusyOffers() const { return true; }
   // A poll at once, if the entry waits for its poll time.
   virtual void NotifiedPoll(RouterTableEntry& entry) = 0;
+  // The getter pool: a poll that was found due, and could not be made then.
+  virtual void OfferToGetters(RouterTableEntry& entry) = 0;
   // The notification threshold thread, or the warning that there is none.
   virtual void OfferToThreshold(RouterTableEntry& entry) = 0;
 

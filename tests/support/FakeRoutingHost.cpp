@@ -132,6 +132,11 @@ void FakeRoutingHost::NotifiedPoll(RouterTableEntry& entry) {
   pollers_.push_back(&entry);
 }
 
+void FakeRoutingHost::OfferToGetters(RouterTableEntry& entry) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  getters_.push_back(&entry);
+}
+
 void FakeRoutingHost::OfferToThreshold(RouterTableEntry& entry) {
   std::lock_guard<std::mutex> guard(mutex_);
   thresholdCalls_.push_back(&entry);
@@ -163,6 +168,11 @@ std::vector<RouterTableEntry*> FakeRoutingHost::Pollers() const {
   return pollers_;
 }
 
+std::vector<RouterTableEntry*> FakeRoutingHost::Getters() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return getters_;
+}
+
 std::vector<RouterTableEntry*> FakeRoutingHost::ThresholdCalls() const {
   std::lock_guard<std::mutex> guard(mutex_);
   return thresholdCalls_;
@@ -172,6 +182,7 @@ void FakeRoutingHost::ForgetOffers() {
   std::lock_guard<std::mutex> guard(mutex_);
   senders_.clear();
   pollers_.clear();
+  getters_.clear();
   thresholdCalls_.clear();
 }
 

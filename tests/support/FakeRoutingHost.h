@@ -73,6 +73,7 @@ class FakeRoutingHost : public MessageRouter::RoutingHost {
   void OfferToSenders(MessageRouter::RouterTableEntry& entry) override;
   bool CountsBusyOffers() const override { return countsBusyOffers; }
   void NotifiedPoll(MessageRouter::RouterTableEntry& entry) override;
+  void OfferToGetters(MessageRouter::RouterTableEntry& entry) override;
   void OfferToThreshold(MessageRouter::RouterTableEntry& entry) override;
   void ParentLinkLost() override;
   // Throws CORBA::BAD_PARAM for text that is no reference.
@@ -88,6 +89,7 @@ class FakeRoutingHost : public MessageRouter::RoutingHost {
   // The entries offered so far.
   std::vector<MessageRouter::RouterTableEntry*> Senders() const;
   std::vector<MessageRouter::RouterTableEntry*> Pollers() const;
+  std::vector<MessageRouter::RouterTableEntry*> Getters() const;
   std::vector<MessageRouter::RouterTableEntry*> ThresholdCalls() const;
   void ForgetOffers();
   unsigned LinksLost() const { return linksLost_; }
@@ -105,6 +107,7 @@ class FakeRoutingHost : public MessageRouter::RoutingHost {
   MessageRouter::Thresholds thresholds_;
   Offers senders_;
   Offers pollers_;
+  Offers getters_;
   Offers thresholdCalls_;
   std::atomic<unsigned> linksLost_{0};
   std::atomic<bool> noObjects_{false};

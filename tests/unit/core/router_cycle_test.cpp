@@ -8,7 +8,10 @@
 #include <memory>
 #include <semaphore>
 #include <stdexcept>
+#include <string>
+#include <thread>
 
+#include "config/DataLocation.h"
 #include "envelope/EnvelopeStore.h"
 #include "lone_router.h"
 #include "parent/Connector.h"
@@ -285,6 +288,44 @@ TEST_F(EarlyRequestTest, APeerThatLogsOnWithEnvelopesWaitingGetsThem) {
     routing.LogonClientPeer("agent", consumer, BrelixMessaging::NotifyConsumer::_nil(), 0);
   };
   EXPECT_EQ(RunRouter(), 0);
+}
+
+// Answers no threshold call before it is told to.
+std::counting_semaphore<> mayAnswer(0);
+class Hanging : public POA_BrelixMessaging::NotifyConsumer {
+ public:
+  void Notify() override {}
+  CORBA::Long NotificationThreshold() override {
+    called.release();
+    mayAnswer.acquire();
+    return 0;
+  }
+};
+
+TEST_F(EarlyRequestTest, AStopWritesTheRegistrationsOfTheLastMinuteBeforeItWaitsForAHangingCall) {
+  std::thread answering;
+  std::string written;
+  whileRunning = [&](int) {
+    const BrelixMessaging::NotifyConsumer_var notify =
+        APeer<Hanging, BrelixMessaging::NotifyConsumer>();
+    Routing& routing = *Cycle::Current();
+    routing.RegisterPeer("agent", false);
+    routing.LogonClientPeer("agent", BrelixMessaging::EnvelopeConsumer::_nil(), notify, 0);
+    EXPECT_TRUE(Called());
+    EXPECT_FALSE(std::filesystem::exists(RouterTableFile("Router")));
+    answering = std::thread([&] {
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+      while (written.empty() && std::chrono::steady_clock::now() < deadline) {
+        written = TestSupport::TextOf(RouterTableFile("Router"));
+        std::this_thread::yield();
+      }
+      mayAnswer.release();
+    });
+    Router::instance().Shutdown();
+  };
+  EXPECT_EQ(RunRouter(), 0);
+  answering.join();
+  EXPECT_EQ(written, "agent.0..\n");
 }
 
 TEST_F(CycleTest, WithoutThresholdThreadsAnOfferIsAWarning) {

@@ -433,6 +433,38 @@ TEST_F(GetterWorkerTest, LateSuccessLeavesTheRestAndThePollOfTheNewSessionAlone)
   EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollNotified);
 }
 
+TEST_F(GetterWorkerTest, NoSecondWorkerPollsAPeerThatHangsAndLogsOnAgain) {
+  Hold(2);
+  peer->onCall = [this](int call) {
+    if (call > 1) return;
+    Logon(peer);
+    NotifiedPoll();
+    EXPECT_EQ(peer->count, 1);
+  };
+  TimedPoll();
+  EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollNotified);
+  ASSERT_THAT(host.Getters(), ElementsAre(&entry));
+  VisitForPoll();
+  EXPECT_THAT(peer->waiting, IsEmpty());
+  EXPECT_THAT(Routed(), ElementsAre(1u, 2u));
+  EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollWaiting);
+}
+
+TEST_F(GetterWorkerTest, HungAcknowledgementOfAnOldSessionThatFailsOffersTheNewOneAgain) {
+  Hold(1);
+  peer->acknowledgements.onCall = [this](int call) {
+    if (call == 1) {
+      Logon(peer);
+      NotifiedPoll();
+      EXPECT_EQ(peer->count, 1);
+    }
+    throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+  };
+  TimedPoll();
+  EXPECT_TRUE(entry.IsLoggedOn());
+  EXPECT_THAT(host.Getters(), ElementsAre(&entry));
+}
+
 TEST_F(GetterWorkerTest, StopEndsThePollAfterTheEnvelopeInFlight) {
   Hold(3);
   ASSERT_TRUE(entry.readyForTimedPoll());

@@ -218,6 +218,34 @@ TEST_F(ThresholdTest, AnswerCountsAsASignOfLife) {
   EXPECT_FALSE(entry.PullTimedOut());
 }
 
+TEST_F(ThresholdTest, NoSecondWorkerAsksAPeerThatHangsAndLogsOnAgain) {
+  peer->thresholdCalls.onCall = [this](int call) {
+    if (call > 1) return;
+    Logon(peer);
+    VisitForThreshold();
+    EXPECT_EQ(ThresholdCalls(), 1);
+  };
+  VisitForThreshold();
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNothingSent);
+  EXPECT_THAT(host.ThresholdCalls(), ElementsAre(&entry));
+  VisitForThreshold();
+  EXPECT_EQ(ThresholdCalls(), 2);
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
+}
+
+TEST_F(ThresholdTest, FailureInAnOldSessionOffersTheNewOneAgain) {
+  peer->thresholdCalls.onCall = [this](int call) {
+    if (call == 1) {
+      Logon(peer);
+      VisitForThreshold();
+    }
+    throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+  };
+  VisitForThreshold();
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNothingSent);
+  EXPECT_THAT(host.ThresholdCalls(), ElementsAre(&entry));
+}
+
 TEST_F(ThresholdTest, AnswerOfAnOldSessionDoesNotCountForTheNewOne) {
   peer->threshold = 7;
   peer->thresholdCalls.onCall = [this](int) {

@@ -30,6 +30,7 @@ class Exposed : public Thread {
   using Thread::Thread;
   ~Exposed() override { this->Stop(); }
   void Offer(RouterTableEntry& entry) { this->manager_.Add(entry); }
+  RouterTableEntry* Next() { return this->manager_.Queue().Get(); }
   std::size_t Queued() { return this->manager_.Queue().Size(); }
 };
 
@@ -318,9 +319,10 @@ TEST_F(ScanTest, PeerInTheWaitingStateWhoseTimeHasNotComeIsAddedAtEachScanAndNot
   ASSERT_TRUE(entry.NotificationRetryDue().acquired);
   entry.NotificationFailed(entry.Generation());
   ASSERT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
-  for (std::size_t scan = 1; scan <= 2; ++scan) {
+  for (int scan = 1; scan <= 2; ++scan) {
     thread.CheckEntry(entry);
-    EXPECT_EQ(thread.Queued(), scan);
+    ASSERT_EQ(thread.Queued(), 1u);
+    EXPECT_EQ(thread.Next(), &entry);
     MessageRouter::NotificationThresholdWorker worker(pool);
     worker.ProcessEntry(entry);
     EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
@@ -328,6 +330,17 @@ TEST_F(ScanTest, PeerInTheWaitingStateWhoseTimeHasNotComeIsAddedAtEachScanAndNot
   EXPECT_EQ(peer->thresholdCalls.count, 0);
   EXPECT_TRUE(
       log.Has(kLogDebug, "NotificationThresholdThread::CheckEntry() adding entry: agent\n"));
+}
+
+// While all workers hang.
+TEST_F(ScanTest, PeerThatNobodyTakesOutOfTheThresholdQueueStandsThereOnce) {
+  Exposed<NotificationThresholdThread> thread(table);
+  NotifyPeer peer;
+  RouterTableEntry& entry = ANotifiedClient(peer);
+  entry.ThresholdCallFailed(entry.NotificationRetryDue().generation);
+  for (int scan = 1; scan <= 3; ++scan) thread.CheckEntry(entry);
+  thread.NotificationThresholdThread::Offer(entry);
+  EXPECT_EQ(thread.Queued(), 1u);
 }
 
 TEST_F(ScanTest, PeerThatNobodyNotifiedYetIsIgnoredByTheThresholdScan) {

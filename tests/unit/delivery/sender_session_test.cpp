@@ -68,13 +68,35 @@ TEST_F(StaleSenderTest, LateSuccessLeavesTheRestToTheNewSession) {
   EXPECT_THAT(newPeer->received, ElementsAre(2u));
 }
 
-TEST_F(StaleSenderTest, LateSuccessDoesNotEndTheClaimOfTheNewSession) {
+TEST_F(StaleSenderTest, NoSecondSenderGoesToAPeerThatHangsAndLogsOnAgain) {
   oldPeer->onCall = [this](int) {
     PeerLogsOnAgain();
-    ASSERT_TRUE(entry.ClaimForSending().acquired);
+    Visit(entry);
+    EXPECT_EQ(newPeer->count, 0);
   };
   Visit(entry);
-  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kPushBusy);
+  EXPECT_THAT(host.Senders(), ElementsAre(&entry));
+  Visit(entry);
+  EXPECT_THAT(newPeer->received, ElementsAre(2u));
+}
+
+TEST_F(StaleSenderTest, NoSecondSenderNotifiesAPeerThatHangsInANotificationAndLogsOnAgain) {
+  NotifyPeer notify;
+  RouterTableEntry& notified = ANotifiedClient(notify, 0, "notified");
+  Enqueue(notified, Stored(3));
+  notify->onCall = [&](int call) {
+    if (call > 1) return;
+    notified.LogonClient("notified", BrelixMessaging::EnvelopeConsumer::_nil(), notify.Reference(),
+                         0, true);
+    Visit(notified);
+    EXPECT_EQ(notify->count, 1);
+  };
+  Visit(notified);
+  EXPECT_EQ(notified.GetConsumerState(), RouterTableEntry::kNothingSent);
+  EXPECT_THAT(host.Senders(), ElementsAre(&notified));
+  Visit(notified);
+  EXPECT_EQ(notify->count, 2);
+  EXPECT_EQ(notified.GetConsumerState(), RouterTableEntry::kNotified);
 }
 
 }  // namespace

@@ -87,7 +87,7 @@ class BusyTable : public RoutingTest {
     if (got && !entry->Requeue(envelope, "agent")) routing_.QueueForRouting(envelope);
     if (i % 2 == 0) {
       entry->SendFinished(claim.generation);
-    } else if (entry->SendFailed(claim.generation)) {
+    } else if (entry->SendFailed(claim)) {
       entry->LogoffSession(claim.generation);
     }
   }

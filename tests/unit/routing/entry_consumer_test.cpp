@@ -39,22 +39,78 @@ TEST_F(EntryPushTest, TheEndOfASendWakesTheSendersIfMoreWaits) {
 
 TEST_F(EntryPushTest, AFailedSendIsRemembered) {
   LogonPushed(client_);
-  EXPECT_TRUE(client_.SendFailed(client_.ClaimForSending().generation));
+  EXPECT_TRUE(client_.SendFailed(client_.ClaimForSending()));
   EXPECT_EQ(client_.GetConsumerState(), Entry::kPushFailed);
   EXPECT_FALSE(client_.IsPassiveConsumer());
   EXPECT_FALSE(client_.ClaimForSending().acquired);
 }
 
-TEST_F(EntryPushTest, TheEndOfAStaleSendChangesNothing) {
+TEST_F(EntryPushTest, TheEndOfAStaleSendChangesNothingOfTheNewSession) {
+  for (const bool failed : {false, true}) {
+    LogonPushed(client_);
+    const Entry::Claim stale = client_.ClaimForSending();
+    LogonPushed(client_);
+    if (failed) {
+      EXPECT_FALSE(client_.SendFailed(stale));
+    } else {
+      client_.SendFinished(stale.generation);
+    }
+    EXPECT_EQ(client_.GetConsumerState(), Entry::kPushIdle);
+    EXPECT_THAT(host_.Senders(), IsEmpty());
+  }
+}
+
+// A peer that hangs and logs on again must not take one sender after the other.
+TEST_F(EntryPushTest, ASenderThatHangsInAnOldSessionKeepsOthersOutAndItsEndOffersTheEntryAgain) {
+  for (const bool failed : {false, true}) {
+    LogonPushed(client_);
+    const Entry::Claim stale = client_.ClaimForSending();
+    LogonPushed(client_);
+    EXPECT_FALSE(client_.ClaimForSending().acquired);
+    LogonPushed(client_);
+    EXPECT_FALSE(client_.ClaimForSending().acquired);
+    EXPECT_EQ(client_.GetConsumerState(), Entry::kPushIdle);
+    if (failed) {
+      client_.SendFailed(stale);
+    } else {
+      client_.SendFinished(stale.generation);
+    }
+    EXPECT_THAT(host_.Senders(), ElementsAre(&client_));
+    const Entry::Claim next = client_.ClaimForSending();
+    EXPECT_TRUE(next.acquired);
+    client_.SendFinished(next.generation);
+    host_.ForgetOffers();
+  }
+}
+
+TEST_F(EntryPushTest, TheFailureOfAVisitWithoutAClaimLetsNobodyIn) {
+  LogonPushed(client_);
+  ASSERT_TRUE(client_.ClaimForSending().acquired);
+  client_.SendFailed(client_.ClaimForSending());
+  LogonPushed(client_);
+  EXPECT_FALSE(client_.ClaimForSending().acquired);
+}
+
+TEST_F(EntryPushTest, ASenderThatHangsKeepsTheNotificationsOfANewSessionOutToo) {
   LogonPushed(client_);
   const Entry::Claim stale = client_.ClaimForSending();
-  LogonPushed(client_);
+  LogonNotified(client_);
   Enqueue(client_, AnEnvelope());
-  ASSERT_TRUE(client_.ClaimForSending().acquired);
+  EXPECT_FALSE(client_.NotificationWanted().acquired);
+  EXPECT_EQ(client_.GetConsumerState(), Entry::kNothingSent);
   client_.SendFinished(stale.generation);
-  EXPECT_FALSE(client_.SendFailed(stale.generation));
-  EXPECT_EQ(client_.GetConsumerState(), Entry::kPushBusy);
-  EXPECT_THAT(host_.Senders(), IsEmpty());
+  EXPECT_THAT(host_.Senders(), ElementsAre(&client_));
+  EXPECT_TRUE(client_.NotificationWanted().acquired);
+}
+
+TEST_F(EntryPushTest, AnEntryInWhichASenderHangsIsTakenOverByNobody) {
+  LogonPushed(client_);
+  const Entry::Claim claim = client_.ClaimForSending();
+  table_.Unregister("agent");
+  std::vector<Envelope> leftovers;
+  EXPECT_FALSE(client_.TakeOver("newcomer", leftovers));
+  client_.SendFinished(claim.generation);
+  EXPECT_TRUE(client_.TakeOver("newcomer", leftovers));
 }
 
 class EntryNotificationTest : public RoutingTest {
@@ -192,6 +248,38 @@ TEST_F(EntryNotificationTest, TheEndOfAStaleOneChangesNothing) {
   EXPECT_FALSE(peer_.NotificationFinished(stale));
   peer_.NotificationAccepted(stale, 9);
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifying);
+}
+
+TEST_F(EntryNotificationTest, ACallOfAnOldSessionKeepsOthersOutAndEveryOutcomeOffersTheEntryAgain) {
+  using Outcome = std::function<void(MessageRouter::LogonGeneration)>;
+  for (const Outcome& end :
+       {Outcome([this](auto stale) { peer_.NotificationFinished(stale); }),
+        Outcome([this](auto stale) { peer_.NotificationFailed(stale); }),
+        Outcome([this](auto stale) { peer_.ThresholdCallFailed(stale); }),
+        Outcome([this](auto stale) { peer_.NotificationAccepted(stale, 9); })}) {
+    Logon(0);
+    const auto stale = Begin();
+    Logon(0);
+    EXPECT_FALSE(peer_.NotificationWanted().acquired);
+    EXPECT_FALSE(peer_.NotificationRetryDue().acquired);
+    EXPECT_EQ(peer_.GetConsumerState(), Entry::kNothingSent);
+    EXPECT_THAT(host_.Senders(), IsEmpty());
+    end(stale);
+    EXPECT_EQ(peer_.GetConsumerState(), Entry::kNothingSent);
+    EXPECT_THAT(host_.Senders(), ElementsAre(&peer_));
+    EXPECT_THAT(host_.ThresholdCalls(), ElementsAre(&peer_));
+    host_.ForgetOffers();
+    peer_.NotificationFinished(Begin());
+    EXPECT_THAT(host_.Senders(), IsEmpty());
+  }
+}
+
+TEST_F(EntryNotificationTest, AThresholdCallThatWasTurnedAwayIsStillDueAtOnce) {
+  const auto stale = Begin();
+  Logon(0);
+  EXPECT_FALSE(peer_.NotificationRetryDue().acquired);
+  peer_.NotificationFinished(stale);
+  EXPECT_TRUE(peer_.NotificationRetryDue().acquired);
 }
 
 TEST_F(EntryNotificationTest, ASilentActiveConsumerTimesOutAfterTheTimeAndNotAtIt) {

@@ -128,6 +128,57 @@ TEST_F(EntryPollingTest, TheEndOfAStalePollChangesNothing) {
   EXPECT_EQ(peer_.GetSupplierState(), Entry::kPollNotified);
 }
 
+// A peer that hangs and logs on again must not take one getter after the other.
+TEST_F(EntryPollingTest, AGetterThatHangsInAnOldSessionKeepsOthersOutAndItsEndOffersTheEntryAgain) {
+  for (const bool failed : {false, true}) {
+    for (const bool notified : {false, true}) {
+      clock_.Advance(seconds(900));
+      LogonPolled(peer_);
+      ASSERT_TRUE(peer_.readyForNotifiedPoll());
+      const Entry::Claim stale = peer_.ClaimForPolling();
+      for (int logon = 0; logon < 2; ++logon) {
+        LogonPolled(peer_);
+        ASSERT_TRUE(notified ? peer_.readyForNotifiedPoll() : peer_.readyForTimedPoll());
+        EXPECT_FALSE(peer_.ClaimForPolling().acquired);
+        EXPECT_EQ(peer_.GetSupplierState(), notified ? Entry::kPollNotified : Entry::kPollDue);
+      }
+      EXPECT_THAT(host_.Getters(), testing::IsEmpty());
+      if (failed) {
+        EXPECT_FALSE(peer_.failedGet(stale.generation));
+      } else {
+        peer_.successfulGet(stale.generation);
+      }
+      EXPECT_THAT(host_.Getters(), testing::ElementsAre(&peer_));
+      const Entry::Claim next = peer_.ClaimForPolling();
+      EXPECT_TRUE(next.acquired);
+      EXPECT_EQ(next.notified, notified);
+      peer_.successfulGet(next.generation);
+      host_.ForgetOffers();
+    }
+  }
+}
+
+TEST_F(EntryPollingTest, AFailedPollLetsTheFirstOfTheNextSessionIn) {
+  LogonPolled(peer_);
+  ASSERT_TRUE(peer_.readyForNotifiedPoll());
+  ASSERT_TRUE(peer_.failedGet(peer_.ClaimForPolling().generation));
+  LogonPolled(peer_);
+  ASSERT_TRUE(peer_.readyForNotifiedPoll());
+  EXPECT_TRUE(peer_.ClaimForPolling().acquired);
+  EXPECT_THAT(host_.Getters(), testing::IsEmpty());
+}
+
+TEST_F(EntryPollingTest, AClaimTellsWhetherThePeerAskedForThePoll) {
+  LogonPolled(peer_);
+  ASSERT_TRUE(peer_.readyForTimedPoll());
+  const Entry::Claim timed = peer_.ClaimForPolling();
+  EXPECT_FALSE(timed.notified);
+  peer_.successfulGet(timed.generation);
+  ASSERT_TRUE(peer_.readyForNotifiedPoll());
+  EXPECT_TRUE(peer_.ClaimForPolling().notified);
+  EXPECT_FALSE(peer_.ClaimForPolling().notified);
+}
+
 TEST_F(EntryPollingTest, AnAwaitedAnswerShortensTheInterval) {
   LogonPolled(peer_);
   Poll();

@@ -88,6 +88,7 @@ class Host : public MessageRouter::RoutingHost {
   MessageRouter::Thresholds GetThresholds() const override { return {}; }
   void OfferToSenders(MessageRouter::RouterTableEntry& entry) override;
   void NotifiedPoll(MessageRouter::RouterTableEntry& entry) override;
+  void OfferToGetters(MessageRouter::RouterTableEntry&) override {}
   void OfferToThreshold(MessageRouter::RouterTableEntry& entry) override;
   void ParentLinkLost() override {}
   CORBA::Object_ptr StringToObject(const std::string& ior) override;
