@@ -1,17 +1,13 @@
 #include "parent/ParentLogon.h"
 
 #include <algorithm>
-#include <optional>
-#include <string_view>
 
-#include "broker/CallTimeout.h"
-#include "broker/ConnectionTest.h"
 #include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
 #include "delivery/HeartbeatThread.h"
 #include "envelope/Address.h"
 #include "logging/Log.h"
-#include "parent/Ior.h"
+#include "parent/ParentCallLimit.h"
 #include "platform/Clock.h"
 #include "security/OwnIdentity.h"
 
@@ -23,49 +19,10 @@ using ThreadHelper::Guard;
 namespace {
 
 constexpr unsigned kAttempts = 10;
-constexpr unsigned kLargestRandom = 32767;
-// Longer than any router runs, and far from where the clock's numbers end.
-constexpr double kLongestPeriod = 3.0e9;  // seconds
-// The same for the ORB, which counts milliseconds.
-constexpr std::int32_t kLongestCall = 1'000'000;  // seconds
-constexpr std::size_t kLongestName = 4096;
-// The table keeps each of them to the end of the cycle.
-constexpr unsigned kMostNames = 20;
-
-// The text comes from whoever answers at the port: it must not make lines of its own in the log.
-std::string OnOneLine(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-  return text;
-}
-
-// ":" is every router's name for itself.
-bool CanBeAName(std::string_view text) {
-  return text.size() <= kLongestName && text != ":" &&
-         std::none_of(text.begin(), text.end(),
-                      [](unsigned char c) { return c < 0x20 || c == 0x7F; });
-}
-
-std::int32_t HeartbeatTimeout() {
-  return static_cast<std::int32_t>(GetConfigInt("HeartbeatTimeout", 1800));
-}
-
-// While it lives, the calls of this thread end by then: a parent that is there and doesn't answer
-// would hold the thread, and with it the escalation, for ever.
-class CallLimit {
- public:
-  explicit CallLimit(std::chrono::milliseconds second) {
-    const std::int32_t seconds = std::min(HeartbeatTimeout(), kLongestCall);
-    if (seconds >= 1) limit_.emplace(seconds * second);
-  }
-
- private:
-  std::optional<Broker::CallTimeout> limit_;
-};
 
 }  // namespace
 
-ParentLogon::ParentLogon(Routing& routing, ParentLogonHost& host, std::chrono::milliseconds second)
+ParentLogon::ParentLogon(Routing& routing, ParentLogonHost& host, std::chrono::microseconds second)
     : routing_(routing), host_(host), second_(second) {}
 
 ParentLogon::~ParentLogon() {
@@ -111,10 +68,7 @@ void ParentLogon::StopLogon(bool logoff) {
 void ParentLogon::Process() {
   TakeLeaveByDefault();
   names_ = 0;
-  // Routers that are started together are to draw different periods.
-  random_.seed(static_cast<std::minstd_rand::result_type>(
-      std::hash<std::string>()(OwnIdentity::CommonName()) +
-      static_cast<std::size_t>(Platform::Clock::Instance().WallSeconds())));
+  periods_ = HeartbeatPeriods(OwnIdentity::CommonName(), Platform::Clock::Instance().WallSeconds());
   while (!IsTerminated()) {
     try {
       if (!WaitForWork() || !IsEnabled()) continue;
@@ -183,7 +137,7 @@ bool ParentLogon::LogOnOnce() {
   RouterTableEntry* const parent = routing_.Table().Parent();
   if (parent == nullptr) return false;
   {
-    const CallLimit limit(second_);
+    const ParentCallLimit limit(second_);
     if (!parent->LogonToParentRouter(parentRouter_)) return false;
   }
   if (!NoteLogon(*parent)) return false;
@@ -245,7 +199,7 @@ void ParentLogon::ResetRouter(std::atomic<bool>& resetTried) {
 void ParentLogon::TakeLeave() {
   if (!IsLoggedOn() || CORBA::is_nil(parentRouter_)) return;
   try {
-    const CallLimit limit(second_);
+    const ParentCallLimit limit(second_);
     RepeatOnce([this] { parentRouter_->Logoff(); });
     LogInfo("Logged off from parent router\n");
   } catch (const CORBA::Exception& exception) {
@@ -278,15 +232,8 @@ bool ParentLogon::AwaitLink() {
   return enabled_ && loggedOn_ && !m_terminate;
 }
 
-std::chrono::seconds ParentLogon::HeartbeatPeriod() {
-  std::uniform_int_distribution<unsigned> draw(0, kLargestRandom);
-  const unsigned r = draw(random_) % 100;
-  const double period = GetConfigInt("HeartbeatInterval", 120) * 60.0 * (1.0 + r / 100.0);
-  return std::chrono::seconds(static_cast<std::int64_t>(std::min(period, kLongestPeriod)));
-}
-
 bool ParentLogon::AwaitHeartbeat() {
-  const std::chrono::seconds period = HeartbeatPeriod();
+  const std::chrono::seconds period = periods_.Next(GetConfigInt("HeartbeatInterval", 120));
   const auto deadline = std::chrono::steady_clock::now() + period.count() * second_;
   const Guard guard(mutex_);
   if (!guard) return false;
@@ -328,84 +275,6 @@ bool ParentLogon::SendHeartbeat() {
   LogError("Heartbeat to parent failed.");
   ForgetLink();
   return false;
-}
-
-void ParentLogon::EnsureRegistered() {
-  if (!CORBA::is_nil(parentRouter_)) {
-    bool valid = false;
-    try {
-      const CallLimit limit(second_);
-      valid = RepeatOnce([this] { return Broker::HasValidConnection(parentRouter_); });
-    } catch (const CORBA::Exception&) {
-      // As good as no.
-    }
-    if (!valid) {
-      LogDebug("Failed to validate connection to parent router\n");
-      ForgetParent();
-    }
-  }
-  if (CORBA::is_nil(parentRouter_)) RegisterParent();
-}
-
-void ParentLogon::RegisterParent() {
-  StatusReporting::StatusReporter& status = host_.Status();
-  const std::string ior = GetParentIOR({&status, [this] { return IsTerminated(); }});
-  if (ior.empty()) return;
-  LogInfo("Received parent router's IOR:\n%s\n", OnOneLine(ior).c_str());
-  using StatusReporting::OutgoingSection;
-  if (!validateIOR(ior)) {
-    LogError("Cannot log on to the parent router, because its IOR is invalid\n");
-    status.SetActualParent("");
-    status.Outgoing().Raise(OutgoingSection::kParentIorInvalid, "");
-    return;
-  }
-  status.Outgoing().Clear(OutgoingSection::kParentIorInvalid);
-  LogInfo("Successfully validated parent router's IOR\n");
-  host_.SetParentAddresses(ior);
-  try {
-    const CallLimit limit(second_);
-    Introduce(ior);
-  } catch (const CORBA::Exception& exception) {
-    ForgetParent();
-    LogCaughtCorbaException("ParentLogon::RegisterParent", exception, "");
-  }
-}
-
-void ParentLogon::Introduce(const std::string& ior) {
-  const CORBA::Object_var object =
-      Broker::OutgoingCall([&] { return routing_.Host().StringToObject(ior); });
-  const BrelixMessaging::MessageRouter_var root =
-      RepeatOnce([&] { return BrelixMessaging::MessageRouter::_narrow(object); });
-  if (CORBA::is_nil(root)) return;
-  LogInfo("Accessing parent\n");
-  const CORBA::String_var name = RepeatOnce([&] { return root->GetName(); });
-  if (!LearnName(name.in())) return;
-
-  const BrelixMessaging::Router_var door = RepeatOnce([&] { return root->GetRouter(); });
-  if (CORBA::is_nil(door)) return;
-  try {
-    RepeatOnce([&] { door->Register(); });
-    LogInfo("Registered with parent router\n");
-  } catch (const BrelixMessaging::AlreadyRegistered&) {
-    // A router that restarts is still known.
-    LogDebug("Already registered with parent router\n");
-  }
-  // Together, whatever has failed before.
-  parentRouter_ = BrelixMessaging::Router::_duplicate(door);
-  SetRegistered(true);
-}
-
-bool ParentLogon::LearnName(const std::string& name) {
-  LogInfo("Parent is %s\n", Shown(ToDisplayString(name)).c_str());
-  RouterTable& table = routing_.Table();
-  const bool isNew = table.Find(name) != table.Parent();
-  if (!CanBeAName(name) || (isNew && names_ == kMostNames)) {
-    LogError("Cannot register with the parent router, because of its name\n");
-    return false;
-  }
-  if (isNew) ++names_;
-  table.SetParentName(name);
-  return true;
 }
 
 void ParentLogon::ForgetParent() {

@@ -6,9 +6,9 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <random>
 #include <string>
 
+#include "parent/HeartbeatPeriods.h"
 #include "routing/Routing.h"
 #include "status/StatusReporter.h"
 #include "threads/ThreadHelper.h"
@@ -39,7 +39,7 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
  public:
   // `second` is how long a second takes; a test may be in a hurry.
   ParentLogon(Routing& routing, ParentLogonHost& host,
-              std::chrono::milliseconds second = std::chrono::seconds(1));
+              std::chrono::microseconds second = std::chrono::seconds(1));
   ~ParentLogon() override;
 
   // What the fetch of the parent's IOR needs from the router.
@@ -80,7 +80,6 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   bool AwaitHeartbeat();
   // False if the link must be made anew, or the process ends.
   bool SendHeartbeat();
-  std::chrono::seconds HeartbeatPeriod();
 
   Outcome Attach();
   Outcome Register();
@@ -118,8 +117,8 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
 
   Routing& routing_;
   ParentLogonHost& host_;
-  const std::chrono::milliseconds second_;
-  std::minstd_rand random_;  // the thread's own
+  const std::chrono::microseconds second_;
+  HeartbeatPeriods periods_{"", 0};  // the thread's own
 
   BrelixMessaging::Router_var parentRouter_;  // the thread's own
   // The thread's own: it has logged on, and no pause has followed the session's end.

@@ -20,11 +20,16 @@ class ParentLink(TreeTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.frozen = cls.stage().tree(
+        stage = cls.stage()
+        cls.frozen = stage.tree(
             {"top": {}, **{name: {"parent": "top"} for name in cls.LEAVES}},
             ActiveConsumer=0, ActiveSupplier=0, HeartbeatInterval=1, HeartbeatTimeout=2)
         cls.frozen.start()
         cls.frozen["top"].freeze()
+        # It polls and is polled: nobody to send a heartbeat to.
+        cls.polled = stage.tree({"summit": {}, "slope": {"parent": "summit"}},
+                                HeartbeatInterval=1)
+        cls.polled.start()
 
     def test_the_ladder_of_attempts_starts_afresh_after_a_success_and_ends_the_process_when_nothing_helps(self):
         tree = self.tree({"top": {}, "leaf": {"parent": "top"}})
@@ -93,6 +98,7 @@ class ParentLink(TreeTest):
         agents = {name: tree.client(f"agent-{name}", at=name) for name in children}
         top = tree["top"]
         marks = {name: len(tree[name].log()) for name in children}
+        top_mark = len(top.log())
         for name in ("fetching", "pushing"):
             tree.cut("top", name)
         tree["deaf"].host.deafen(top.host)
@@ -102,6 +108,7 @@ class ParentLink(TreeTest):
             manager("messages.SendMessage", destination=f"{name}.agent-{name}", text=f"to {name}")
         for name in children:
             tree[name].wait_log("logging top off", 60, since=marks[name])
+            top.wait_log(f"logging {name} off", 60, since=top_mark)
         for name in children:
             tree.mend("top", name)
         for name, agent in agents.items():
@@ -228,6 +235,33 @@ class ParentLink(TreeTest):
         self.assertNotIn(LEAVE, tree["leaf"].log())
         self.assertNotIn("Logged off leaf", tree["top"].log())
 
+    def without_parent(self, leaf):
+        """Takes its parent's address out of its settings."""
+        leaf.write_settings(ParentAddress="")
+
+    def test_a_stop_after_the_parent_was_taken_away_takes_leave_of_it(self):
+        tree = self.tree({"top": {}, "leaf": {"parent": "top"}})
+        tree.start()
+        self.without_parent(tree["leaf"])
+        self.assertEqual(0, tree["leaf"].stop())
+        self.assertEqual(1, tree["leaf"].log().count(LEAVE))
+
+    def test_a_reload_after_the_parent_was_taken_away_makes_it_the_top_of_its_tree(self):
+        tree = self.tree({"top": {}, "leaf": {"parent": "top"}})
+        tree.start()
+        leaf = tree["leaf"]
+        agent = tree.client("agent-1", at="leaf")
+        self.without_parent(leaf)
+        mark = len(leaf.log())
+        leaf.reload()
+        agent.retry("reconnect")
+        agent("messages.SendMessage", destination="EM", text="nobody's")
+        leaf.wait_log("Cannot route message to EM", since=mark)
+        self.assertNotIn(SEARCH, leaf.log()[mark:])
+        self.assertNotIn("Logged on to parent router", leaf.log()[mark:])
+        self.assertEqual(0, leaf.stop())
+        self.assertNotIn(LEAVE, leaf.log())
+
     def test_without_an_answer_to_its_heartbeat_a_router_ends(self):
         for name in self.LEAVES:
             leaf = self.frozen[name]
@@ -240,6 +274,18 @@ class ParentLink(TreeTest):
             self.assertTrue(60 <= called - attached <= 125, called - attached)
             patience = leaf.logged_at("Heartbeat to parent timed out") - called
             self.assertTrue(2 <= patience <= 6, patience)
+
+    def test_a_heartbeat_between_routers_that_poll_each_other_fails_and_is_mended_by_a_registration(self):
+        slope = self.polled["slope"]
+        slope.wait_log("Heartbeat to parent failed.", 130)
+        mark = slope.log().index("Heartbeat to parent failed.")
+        self.polled.wait_attached("slope", since=mark)
+        self.assertIn("Already registered with parent router", slope.log()[mark:])
+        # At once.
+        failed = slope.logged_at("Heartbeat to parent failed.")
+        again = slope.logged_at("Already registered with parent router")
+        self.assertLessEqual(again - failed, 5)
+        self.assertTrue(slope.running())
 
 
 if __name__ == "__main__":

@@ -83,5 +83,19 @@ TEST_F(StartedRouter, RefusesAHeartbeatWithAnExpiredCertificateOnTheTransientAda
   EXPECT_FALSE(Logged("ClientMessageConsumer::Heartbeat() called"));
 }
 
+TEST_F(StartedRouter, ForgetsTheAddressTowardsItsParentWhenItStops) {
+  WhileItRuns([] { SetConfigInt("HostIPToParent", 0x0A000001); });
+  EXPECT_EQ(GetConfigInt("HostIPToParent", 99), 0u);
+}
+
+TEST_F(StartedRouter, WithAReferenceThatOthersCannotUseSearchesNoParent) {
+  SetConfigString("ParentAddress", "127.0.0.1");
+  WhileItRuns([] {});
+  const std::string log = LogText();
+  EXPECT_EQ(Count(log, "This router's IOR is invalid\n"), 1u);
+  EXPECT_EQ(Count(log, "MessageRouter::IOR_Sender derived from"), 1u);
+  EXPECT_EQ(Count(log, "MessageRouter::ParentLogon derived from"), 0u);
+}
+
 }  // namespace
 }  // namespace MessageRouter

@@ -67,7 +67,8 @@ TEST_F(HeartbeatTest, WithAnIntervalOfZeroItIsNeverSent) {
   EXPECT_EQ(servant_->heartbeats, 0);
 }
 
-TEST_F(HeartbeatTest, AFailedOneLeadsToANewRegistration) {
+TEST_F(HeartbeatTest, AFailedOneLeadsToANewRegistrationAtOnce) {
+  SetConfigInt("LogonRetryInterval", 3600 * 1000);
   servant_->onHeartbeat = [] { throw BrelixMessaging::NotLoggedOn(); };
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
@@ -78,7 +79,8 @@ TEST_F(HeartbeatTest, AFailedOneLeadsToANewRegistration) {
   EXPECT_EQ(router_.ended, 0);
 }
 
-TEST_F(HeartbeatTest, WhereTheParentIsNotPushedToItFails) {
+TEST_F(HeartbeatTest, WhereTheParentIsNotPushedToItFailsAndItIsRegisteredWithAtOnce) {
+  SetConfigInt("LogonRetryInterval", 3600 * 1000);
   parent_.consumer = BrelixMessaging::RouterConsumer::_nil();
   parent_.notify = AReferenceTo<BrelixMessaging::NotifyConsumer>("parent-notify");
   ParentLogon logon(routing_, router_, kShortSecond);
@@ -86,6 +88,7 @@ TEST_F(HeartbeatTest, WhereTheParentIsNotPushedToItFails) {
   EXPECT_TRUE(LogsOn(2));
   logon.StopLogon(false);
   EXPECT_TRUE(log_.Has(kLogError, "Heartbeat to parent failed."));
+  EXPECT_GE(parent_.Calls("Register"), 2u);
   EXPECT_EQ(servant_->heartbeats, 0);
   EXPECT_EQ(router_.ended, 0);
 }
@@ -159,8 +162,10 @@ TEST_F(HeartbeatTest, OneThatTakesTooLongEndsTheProcess) {
   logon.StopLogon(false);
 }
 
-TEST_F(HeartbeatTest, ATimeoutOfZeroWaitsWithoutLimit) {
-  SetConfigInt("HeartbeatTimeout", 0);
+class UnlimitedHeartbeat : public HeartbeatTest, public testing::WithParamInterface<int> {};
+
+TEST_P(UnlimitedHeartbeat, IsWaitedForWithATimeoutBelowOne) {
+  SetConfigInt("HeartbeatTimeout", static_cast<std::uint32_t>(GetParam()));
   std::atomic<bool> answer{false};
   servant_->onHeartbeat = [&] { answer.wait(false); };
   ParentLogon logon(routing_, router_, kShortSecond);
@@ -172,6 +177,51 @@ TEST_F(HeartbeatTest, ATimeoutOfZeroWaitsWithoutLimit) {
   EXPECT_TRUE(Eventually([&] { return log_.Contains("Heartbeat to parent succeeded."); }));
   logon.StopLogon(false);
   EXPECT_EQ(router_.ended, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Timeouts, UnlimitedHeartbeat, testing::Values(0, -5));
+
+TEST_F(HeartbeatTest, ComesAfterTwoToFourHoursUnlessSetOtherwise) {
+  ConfigureNothing();
+  SetConfigBool("ActiveSupplier", false);
+  std::atomic<Clock::rep> begin{0};
+  std::atomic<Clock::rep> end{0};
+  router_.status.onReport = [&] { begin = Clock::now().time_since_epoch().count(); };
+  servant_->onHeartbeat = [&] { end = Clock::now().time_since_epoch().count(); };
+  ParentLogon logon(routing_, router_, std::chrono::microseconds(100));
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return end != 0; }));
+  logon.StopLogon(false);
+  const Clock::duration passed(end - begin);
+  EXPECT_GE(passed, 720ms);
+  EXPECT_LT(passed, 1440ms + 600ms);
+}
+
+TEST_F(HeartbeatTest, AnIntervalThatIsSetMeanwhileCountsFromTheNextWaitOn) {
+  SetConfigInt("HeartbeatInterval", 0);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  SetConfigInt("HeartbeatInterval", 1);
+  table_.Parent()->Logoff();
+  EXPECT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
+  logon.StopLogon(false);
+}
+
+TEST_F(HeartbeatTest, ATimeoutThatIsSetMeanwhileCountsForTheNext) {
+  SetConfigInt("HeartbeatTimeout", 0);
+  std::atomic<bool> answer{false};
+  servant_->onHeartbeat = [&] {
+    if (servant_->heartbeats == 1) SetConfigInt("HeartbeatTimeout", 1);
+    if (servant_->heartbeats == 2) answer.wait(false);
+  };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
+  EXPECT_EQ(servant_->heartbeats, 2);
+  answer = true;
+  answer.notify_all();
+  logon.StopLogon(false);
 }
 
 }  // namespace

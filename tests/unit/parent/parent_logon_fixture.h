@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -154,6 +155,13 @@ class ParentLogonTest : public testing::Test {
     Eventually([this] { return port_.ListeningPort() != 0; });
     SetConfigInt("ParentPort", port_.ListeningPort());
   }
+  // From now on every key has its default, apart from those that lead to the parent.
+  void ConfigureNothing() {
+    const std::uint32_t port = GetConfigInt("ParentPort", 0);
+    unset_.emplace();
+    SetConfigString("ParentAddress", "127.0.0.1");
+    SetConfigInt("ParentPort", port);
+  }
   void Begin(ParentLogon& logon) {
     host_.logon = &logon;
     logon.Start();
@@ -180,6 +188,7 @@ class ParentLogonTest : public testing::Test {
   }
 
   TestSupport::ScratchConfiguration configuration_;
+  std::optional<TestSupport::ScratchConfiguration> unset_;
   TestSupport::LogCapture log_;
   TestSupport::FakeParent parent_;
   FakeHost host_;

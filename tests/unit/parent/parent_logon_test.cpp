@@ -241,22 +241,120 @@ TEST_F(ParentLogonTest, ALinkLostDuringTheLogonIsNotForgotten) {
   logon.StopLogon(false);
 }
 
-TEST_F(ParentLogonTest, ARetryIntervalOfZeroIsOneSecond) {
-  SetConfigInt("LogonRetryInterval", 0);
+class ShortestRetryInterval : public ParentLogonTest, public testing::WithParamInterface<int> {};
+
+TEST_P(ShortestRetryInterval, IsOneSecond) {
+  SetConfigInt("LogonRetryInterval", static_cast<std::uint32_t>(GetParam()));
   RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
+  ParentLogon logon(routing_, router_, 20ms);
   Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 1; }));
+  const auto begin = Clock::now();
   EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
+  // Ten pauses; the first may have begun before the look at the clock.
+  EXPECT_GE(Clock::now() - begin, 180ms);
   logon.StopLogon(false);
 }
 
-TEST_F(ParentLogonTest, ANegativeRetryIntervalIsOneSecond) {
-  SetConfigInt("LogonRetryInterval", static_cast<std::uint32_t>(-5));
+INSTANTIATE_TEST_SUITE_P(Below, ShortestRetryInterval, testing::Values(0, -5));
+
+TEST_F(ParentLogonTest, ThePauseIsOfThirtySecondsUnlessSetOtherwise) {
+  ConfigureNothing();
+  std::atomic<Clock::rep> times[2] = {0, 0};
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (operation != "Register") return;
+    const std::size_t call = parent_.Calls(operation);
+    if (call <= 2) times[call - 1] = Clock::now().time_since_epoch().count();
+    throw BrelixMessaging::Rejected();
+  });
+  ParentLogon logon(routing_, router_, 20ms);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return times[1] != 0; }));
+  logon.StopLogon(false);
+  const Clock::duration passed(times[1] - times[0]);
+  EXPECT_GE(passed, 600ms);
+  EXPECT_LT(passed, 1200ms);
+}
+
+TEST_F(ParentLogonTest, APauseThatIsSetMeanwhileCountsFromTheNextOn) {
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (operation != "Register") return;
+    if (parent_.Calls(operation) == 3) SetConfigInt("LogonRetryInterval", 200);
+    throw BrelixMessaging::Rejected();
+  });
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 3; }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 5; }));
+  EXPECT_GE(Clock::now() - begin, 300ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, AParentAddressThatIsSetMeanwhileIsTheNextToBeTried) {
+  SetConfigString("ParentAddress", "no-such-host.invalid");
+  SetConfigInt("LogonRetryInterval", 50);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return log_.Contains("IOR from no-such-host.invalid:"); }));
+  SetConfigString("ParentAddress", "127.0.0.1");
+  EXPECT_TRUE(LogsOn());
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, AResetIsWaitedForTwoMinutesUnlessSetOtherwise) {
+  ConfigureNothing();
+  SetConfigInt("LogonRetryInterval", 1);
   RefuseRegistration();
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
+  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
   logon.StopLogon(false);
+  EXPECT_TRUE(log_.Contains("failed to terminate parent logon thread after 120 seconds."));
+}
+
+TEST_F(ParentLogonTest, AResetTimeoutThatIsSetMeanwhileCounts) {
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (operation != "Register") return;
+    if (parent_.Calls(operation) == 11) SetConfigInt("ResetTimeout", 3);
+    throw BrelixMessaging::Rejected();
+  });
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
+  logon.StopLogon(false);
+  EXPECT_TRUE(log_.Contains("failed to terminate parent logon thread after 3 seconds."));
+}
+
+TEST_F(ParentLogonTest, AStopBetweenRegistrationAndLogonTakesNoLeave) {
+  RefuseLogon();
+  SetConfigInt("LogonRetryInterval", 3600 * 1000);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
+  logon.StopLogon(true);
+  EXPECT_EQ(parent_.Calls("Register"), 1u);
+  EXPECT_EQ(parent_.Calls("Logoff"), 0u);
+}
+
+TEST_F(ParentLogonTest, ARegistrationClearsItsMemoryOfTheResetEvenIfTheLogonFails) {
+  ParentLogon::TheEscalation().registerResetTried = true;
+  RefuseLogon();
+  SetConfigInt("LogonRetryInterval", 3600 * 1000);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
+  EXPECT_FALSE(ParentLogon::TheEscalation().registerResetTried);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, AStopAfterTheParentAddressWasEmptiedTakesLeave) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  SetConfigString("ParentAddress", "");
+  logon.StopLogon(true);
+  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
 }
 
 TEST_F(ParentLogonTest, ANegativeResetTimeoutIsNoTimeAndIsShownAsItIs) {
@@ -615,13 +713,16 @@ TEST_F(ParentLogonTest, WhatFailsInTheMiddleOfALogonIsTriedAgain) {
   logon.StopLogon(false);
 }
 
-TEST_F(ParentLogonTest, WhatFailsUnexpectedlyIsTriedAgain) {
+TEST_F(ParentLogonTest, WhatFailsUnexpectedlyIsTriedAgainAfterTheInterval) {
+  SetConfigInt("LogonRetryInterval", 20);
   host_.NoObjects();
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
-  EXPECT_TRUE(Eventually([&] {
-    return log_.Count("ParentLogon::Process: Caught ServantHelper not initialized") >= 2;
-  }));
+  const std::string failure = "ParentLogon::Process: Caught ServantHelper not initialized";
+  ASSERT_TRUE(Eventually([&] { return log_.Count(failure) >= 1; }));
+  const auto begin = Clock::now();
+  EXPECT_TRUE(Eventually([&] { return log_.Count(failure) >= 6; }));
+  EXPECT_GE(Clock::now() - begin, 80ms);
   logon.StopLogon(false);
   EXPECT_EQ(router_.reinitialised, 0);
 }
@@ -637,6 +738,27 @@ TEST(GetParentIor, FetchesTheTextFromTheConfiguredParent) {
   SetConfigInt("ParentPort", parent.ListeningPort());
   StatusReporting::StatusReporter reporter("");
   EXPECT_EQ(ParentLogon::GetParentIOR({&reporter, nullptr}), "IOR:0102");
+}
+
+TEST(GetParentIor, FetchesTheTextForTwoAtOnce) {
+  TestSupport::ScratchConfiguration configuration;
+  const std::string text = "IOR:" + std::string(20000, '1');
+  IOR_Sender parent;
+  parent.SetPort(0);
+  parent.SetIOR(text);
+  parent.Start();
+  ASSERT_TRUE(Eventually([&] { return parent.ListeningPort() != 0; }));
+  SetConfigString("ParentAddress", "127.0.0.1");
+  SetConfigInt("ParentPort", parent.ListeningPort());
+  StatusReporting::StatusReporter reporter("");
+  std::atomic<int> right{0};
+  const auto fetch = [&] {
+    for (int i = 0; i < 20; ++i) right += ParentLogon::GetParentIOR({&reporter, nullptr}) == text;
+  };
+  std::thread other(fetch);
+  fetch();
+  other.join();
+  EXPECT_EQ(right, 40);
 }
 
 TEST(GetParentIor, EmptyParentAddressGivesAnEmptyResult) {

@@ -66,6 +66,16 @@ class RemoteDoor {
     silentAt_.clear();
     condition_.notify_all();
   }
+  // So often it breaks the connection in place of an answer.
+  void BreakAt(const std::string& operation, unsigned times) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    breaksAt_ = operation;
+    breaks_ = times;
+  }
+  bool Breaks() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return breaks_ != 0;
+  }
   std::size_t Calls(const std::string& operation) const {
     const std::lock_guard<std::mutex> guard(mutex_);
     const auto found = calls_.find(operation);
@@ -99,16 +109,23 @@ class RemoteDoor {
         request.Sequence();
         operation = request.Text();
       }
-      Called(operation);
+      if (!Called(operation)) {
+        shutdown(connection, SHUT_RDWR);
+        return;
+      }
       const std::string reply = locates ? PlaceReply(id) : Reply(id, operation);
       send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
     }
   }
 
-  void Called(const std::string& operation) {
+  // False if the connection is to break.
+  bool Called(const std::string& operation) {
     std::unique_lock<std::mutex> lock(mutex_);
     ++calls_[operation];
     condition_.wait(lock, [&] { return silentAt_ != operation; });
+    if (breaks_ == 0 || breaksAt_ != operation) return true;
+    --breaks_;
+    return false;
   }
 
   static std::string PlaceReply(std::uint32_t id) {
@@ -136,6 +153,8 @@ class RemoteDoor {
   mutable std::mutex mutex_;
   std::condition_variable condition_;
   std::string silentAt_;
+  std::string breaksAt_;
+  unsigned breaks_ = 0;
   std::map<std::string, std::size_t> calls_;
 };
 

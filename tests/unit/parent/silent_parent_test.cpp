@@ -72,15 +72,17 @@ TEST_F(SilentParentTest, ToTheQuestionForItsConnectionIsRegisteredWithAnew) {
 }
 
 TEST_F(SilentParentTest, ALinkLostDuringThatQuestionIsFollowedByAPause) {
-  SetConfigInt("HeartbeatTimeout", 0);
+  SetConfigInt("HeartbeatTimeout", 20000);
   SetConfigInt("LogonRetryInterval", 100);
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
   ASSERT_TRUE(LogsOn());
   door_.FallSilentAt(RemoteDoor::kPlace);
   const std::size_t before = door_.Calls(RemoteDoor::kPlace);
-  logon.Enable();
-  ASSERT_TRUE(Eventually([&] { return door_.Calls(RemoteDoor::kPlace) > before; }));
+  ASSERT_TRUE(Eventually([&] {
+    logon.Enable();
+    return door_.Calls(RemoteDoor::kPlace) > before;
+  }));
   table_.Parent()->Logoff();
   const auto begin = Clock::now();
   door_.Answer();
@@ -88,6 +90,45 @@ TEST_F(SilentParentTest, ALinkLostDuringThatQuestionIsFollowedByAPause) {
   EXPECT_GE(Clock::now() - begin, 100ms);
   EXPECT_EQ(door_.Calls("Register"), 1u);
   logon.StopLogon(false);
+}
+
+TEST_F(SilentParentTest, IsWaitedForHalfAnHourUnlessSetOtherwise) {
+  ConfigureNothing();
+  door_.FallSilentAt("Register");
+  const auto begin = Clock::now();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return log_.Contains("Caught CORBA TIMEOUT"); }));
+  const auto passed = Clock::now() - begin;
+  logon.StopLogon(false);
+  EXPECT_GE(passed, 1800ms);
+  EXPECT_LT(passed, 3500ms);
+}
+
+TEST_F(SilentParentTest, ThatBreaksTheConnectionOnceIsAskedAgain) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  door_.BreakAt(RemoteDoor::kPlace, 1);
+  table_.Parent()->Logoff();
+  EXPECT_TRUE(LogsOn(2));
+  logon.StopLogon(false);
+  EXPECT_FALSE(door_.Breaks());
+  EXPECT_FALSE(log_.Contains("Failed to validate connection to parent router"));
+  EXPECT_EQ(door_.Calls("Register"), 1u);
+}
+
+TEST_F(SilentParentTest, ThatBreaksTheConnectionTwiceIsRegisteredWithAnew) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  door_.BreakAt(RemoteDoor::kPlace, 2);
+  table_.Parent()->Logoff();
+  EXPECT_TRUE(LogsOn(2));
+  logon.StopLogon(false);
+  EXPECT_FALSE(door_.Breaks());
+  EXPECT_EQ(log_.Count("Failed to validate connection to parent router"), 1u);
+  EXPECT_EQ(door_.Calls("Register"), 2u);
 }
 
 TEST_F(SilentParentTest, ToItsLeaveLetsAStopThrough) {
