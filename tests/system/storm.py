@@ -2,7 +2,8 @@
 what was accepted and what arrived.
 
     storm = Storm(test, kills=10, cuts=3, seed=1)
-    storm.run()     # fails if anything that was accepted is missing in the end
+    storm.run()     # fails if anything that was accepted is missing in the end, or came twice
+                    # without a reason
     print(storm.report())
 
 Some kills come two at a time, and some hit a router that is just starting. Where the test has no
@@ -283,6 +284,16 @@ class Storm:
         """What came twice was under way when something fell upon its way."""
         sent = self.accepted("storm")
         received = self.received()
+        at_risk = self.at_risk(sent, received)
+        for tag in self.twice("storm"):
+            self.test.assertIn(tag, at_risk, f"came twice: {sent[tag]}, {received[tag]}")
+        self.untouched = 1 - len(at_risk) / len(sent)
+        # Otherwise the comparison would say nothing.
+        self.test.assertGreater(self.untouched, 0.05)
+        self.test.assertLessEqual(self.copies(), self.kills + self.cuts)
+
+    def at_risk(self, sent, received):
+        """The messages upon whose way something fell while they were under way."""
         sessions = self.sessions_begun()
         at_risk = set()
         for sender in FLOWS:
@@ -293,12 +304,22 @@ class Storm:
                         begin <= last + MARGIN and first - MARGIN <= end
                         for first, last in moments):
                     at_risk.add(tag)
-        for tag in self.twice("storm"):
-            self.test.assertIn(tag, at_risk, f"came twice: {sent[tag]}, {received[tag]}")
-        self.untouched = 1 - len(at_risk) / len(sent)
-        # Otherwise the comparison would say nothing.
-        self.test.assertGreater(self.untouched, 0.05)
-        self.test.assertLessEqual(self.copies(), self.kills + self.cuts)
+        return at_risk
+
+    def check_the_checks(self):
+        """A copy out of reach of every fault is found out, and so is one at a wrong place."""
+        sent, received = self.accepted("storm"), self.received()
+        tag = self.random.choice(sorted(set(sent) - self.at_risk(sent, received)))
+        to, id_, originator, moment = received[tag][0]
+        row = f"{id_} {originator} {tag} {moment}\n"
+        for wrong, check in ((to, self.check_copies),
+                             ("EM" if to != "EM" else "b-top", self.check_places)):
+            path = self.test.folder / f"received-{wrong}"
+            before = path.read_text()
+            path.write_text(before + row)
+            with self.test.assertRaises(AssertionError):
+                check()
+            path.write_text(before)
 
     def report(self):
         accepted = len(self.accepted("storm"))

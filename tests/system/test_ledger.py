@@ -17,6 +17,7 @@ class Ledger(TreeTest):
         print(f"BRELIX_SEED={seed} ", end="", file=sys.stderr, flush=True)
         storm = Storm(self, kills, cuts, seed, slow_to_learn="BRELIX_KILLS" in os.environ)
         storm.run()
+        storm.check_the_checks()
         print(storm.report(), file=sys.stderr)
 
 
