@@ -383,6 +383,7 @@ class SystemTest(unittest.TestCase):
     """A test with a temporary folder, a certification authority and routers that end with it."""
 
     maxDiff = 4000
+    _stages = []
 
     @classmethod
     def setUpClass(cls):
@@ -395,22 +396,30 @@ class SystemTest(unittest.TestCase):
         self.folder.mkdir()
         self._routers = []
         self._tails = []
+        self._reports = []
         # Added first, so it runs last: peers have left by then.
         self.addCleanup(self._clean_up_routers)
 
     @classmethod
-    def stage(cls):
-        """An instance that is no test: what is started with it lasts as long as the class."""
-        stage = cls()
-        cls.addClassCleanup(stage.doCleanups)
+    def stage(cls, method="runTest"):
+        """An instance that is no test: what is started with it lasts as long as the class. Each of
+        several has a method of its own, by whose name its folder goes."""
+        stage = cls(method)
+        cls._stages = [*cls._stages, stage]
+        cls.addClassCleanup(stage._end_stage)
         stage.setUp()
         return stage
+
+    def _end_stage(self):
+        # Of an instance that is no test nobody is told what went wrong at its end.
+        if not self.doCleanups():
+            raise AssertionError("the end of a stage failed\n" + "\n".join(self._reports))
 
     def add_router(self, router):
         self._routers.append(router)
 
     def _clean_up_routers(self):
-        reports = []
+        self._reports = reports = []
         for router in self._routers:
             router.ask_to_end()
         for router in self._routers:
@@ -426,7 +435,9 @@ class SystemTest(unittest.TestCase):
         before = len(result.failures) + len(result.errors) if result else 0
         super().run(result)
         if result and len(result.failures) + len(result.errors) > before:
-            for router, tail in getattr(self, "_tails", []):
+            tails = [(router, router.stderr()[-4000:])
+                     for stage in self._stages for router in stage._routers]
+            for router, tail in getattr(self, "_tails", []) + tails:
                 print(f"\n--- {self.id()}: end of the log of router {router.name}\n{tail}",
                       file=sys.stderr)
 

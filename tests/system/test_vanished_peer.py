@@ -10,89 +10,113 @@ from hosts import Hosts
 
 
 class VanishedPeer(SystemTest):
-    """The router and those near it on one host, and a peer on another."""
+    """Finding out takes half a minute each time, so that all begin together: a stage is a router and
+    those near it on one host, and on another a peer, which has just vanished when a test begins."""
+
+    STAGES = ("idle", "in_a_call", "before_a_call", "in_a_poll", "in_a_notification")
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.stages = {}
+        for name in cls.STAGES:
+            cls.stages[name] = cls.stage(name)
+            cls.stages[name].set()
+            getattr(cls.stages[name], name)()
 
     def setUp(self):
-        hosts = Hosts()
-        self.addCleanup(hosts.close)
+        self.hosts = Hosts()
+        self.addCleanup(self.hosts.close)
         super().setUp()
-        self.near = hosts.add("near")
-        self.far = hosts.add("far")
-        self.cut = lambda: hosts.cut(self.near, self.far)
+
+    def set(self):
+        self.near = self.hosts.add("near")
+        self.far = self.hosts.add("far")
         self.box = self.router(
             host=self.near,
             settings={"LocalClientsOnly": 0, "KeepAliveSecs": 1, "PeerTimeoutSecs": 3,
                       "NumSenderThreads": 1, "ConnectionCache": 100})
+        self.sender = self.near_peer("agent-1")
+        self.receiver = self.near_peer("agent-3")
+
+    def cut(self):
+        self.hosts.cut(self.near, self.far)
 
     def near_peer(self, name):
         return self.peer(self.box, name).log_on()
 
-    def far_peer(self, name):
-        return self.peer(self.box, name, host=self.far).log_on()
+    def far_peer(self, *roles):
+        return self.peer(self.box, "agent-2", *roles, host=self.far)
 
-    def test_the_connections_of_a_silent_one_are_given_up(self):
-        self.far_peer("agent-2")
+    def send(self, destination):
+        self.sender("messages.SendMessage", destination=destination, text=destination)
+
+    def vanish_in(self, peer, method):
+        wait_until(lambda: peer.calls(method), 10, "the call")
+        self.cut()
+
+    def assert_the_only_sender_is_free_again(self, words):
+        self.receiver.wait_received(1, 30)
+        self.assertIn(words, self.box.log())
+        wait_until(lambda: len(self.box.envelopes()) == 1, 10, "only the undelivered one to stay")
+
+    def idle(self):
+        self.far_peer().log_on()
         self.assertTrue(self.near.connections(self.far))
         self.cut()
-        wait_until(lambda: not self.near.connections(self.far), 20,
+
+    # By its name it comes first: with the others half a minute has passed.
+    def test_a_silent_ones_connections_are_given_up(self):
+        stage = self.stages["idle"]
+        wait_until(lambda: not stage.near.connections(stage.far), 10,
                    "the connections to be given up")
 
-    def test_one_that_took_a_call_and_vanished_holds_no_sender_for_ever(self):
-        sender = self.near_peer("agent-1")
-        near = self.near_peer("agent-3")
-        far = self.far_peer("agent-2")
+    def in_a_call(self):
+        far = self.far_peer().log_on()
         far("behave", method="EnvelopeConsumer.SendEnvelope", delay_ms=-1)
-        sender("messages.SendMessage", destination="agent-2", text="a")
-        wait_until(lambda: far.calls("EnvelopeConsumer.SendEnvelope"), 10, "the call")
+        self.send("agent-2")
+        self.vanish_in(far, "EnvelopeConsumer.SendEnvelope")
+        self.send("agent-3")
+
+    def test_one_that_took_a_call_and_vanished_holds_no_sender_for_ever(self):
+        self.stages["in_a_call"].assert_the_only_sender_is_free_again(
+            "Failed to send messages, logging agent-2 off")
+
+    def before_a_call(self):
+        far = self.far_peer().log_on()
+        self.send("agent-2")
+        far.wait_received(1)
+        self.wait_no_envelopes(self.box)
         self.cut()
-        # The only sender is in that call.
-        sender("messages.SendMessage", destination="agent-3", text="b")
-        near.wait_received(1, 60)
-        self.assertIn("Failed to send messages, logging agent-2 off", self.box.log())
-        wait_until(lambda: len(self.box.envelopes()) == 1, 10, "only the undelivered one to stay")
+        self.send("agent-2")
+        self.send("agent-3")
 
     def test_one_that_vanishes_before_the_call_holds_no_sender_for_ever(self):
-        sender = self.near_peer("agent-1")
-        near = self.near_peer("agent-3")
-        far = self.far_peer("agent-2")
-        sender("messages.SendMessage", destination="agent-2", text="a")
-        far.wait_received(1)
-        self.cut()
-        sender("messages.SendMessage", destination="agent-2", text="b")
-        sender("messages.SendMessage", destination="agent-3", text="c")
-        near.wait_received(1, 60)
-        self.assertIn("Failed to send messages, logging agent-2 off", self.box.log())
-        wait_until(lambda: len(self.box.envelopes()) == 1, 10, "only the undelivered one to stay")
+        self.stages["before_a_call"].assert_the_only_sender_is_free_again(
+            "Failed to send messages, logging agent-2 off")
 
-    def far_child(self, method, **offered):
-        """A child router that takes that call and vanishes in it."""
-        child = self.peer(self.box, "child", "router", host=self.far).connect()
+    def in_a_poll(self):
+        child = self.far_peer("router").connect()
         child("root.GetRouter")
         child("router.Register")
-        child("behave", method=method, delay_ms=-1)
-        child("router.Logon", consumer=False, **offered)
-        return child
+        child("behave", method="RouterSupplier.GetEnvelope", delay_ms=-1)
+        child("router.Logon", consumer=False, supplier=True)
+        self.vanish_in(child, "RouterSupplier.GetEnvelope")
 
     def test_one_that_vanishes_in_a_poll_is_logged_off(self):
-        child = self.far_child("RouterSupplier.GetEnvelope", supplier=True)
-        wait_until(lambda: child.calls("RouterSupplier.GetEnvelope"), 10, "the poll")
-        self.cut()
-        self.box.wait_log("Failed to get messages, logging child off", 60)
+        self.stages["in_a_poll"].box.wait_log("Failed to get messages, logging agent-2 off", 60)
 
-    def test_one_that_vanishes_in_a_notification_holds_no_sender_for_ever(self):
-        sender = self.near_peer("agent-1")
-        near = self.near_peer("agent-3")
-        far = self.peer(self.box, "agent-2", host=self.far)
+    def in_a_notification(self):
+        far = self.far_peer()
         far("behave", method="NotifyConsumer.Notify", delay_ms=-1)
         far.log_on(form="Logon", consumer=False, notify=True)
-        sender("messages.SendMessage", destination="agent-2", text="a")
-        wait_until(lambda: far.calls("NotifyConsumer.Notify"), 10, "the notification")
-        self.cut()
-        # The only sender is in that call.
-        sender("messages.SendMessage", destination="agent-3", text="b")
-        near.wait_received(1, 30)
-        self.assertIn("Failed to notify agent-2", self.box.log())
-        wait_until(lambda: len(self.box.envelopes()) == 1, 10, "only the unfetched one to stay")
+        self.send("agent-2")
+        self.vanish_in(far, "NotifyConsumer.Notify")
+        self.send("agent-3")
+
+    def test_one_that_vanishes_in_a_notification_holds_no_sender_for_ever(self):
+        self.stages["in_a_notification"].assert_the_only_sender_is_free_again(
+            "Failed to notify agent-2")
 
 
 class Keys(SystemTest):
