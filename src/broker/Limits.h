@@ -51,19 +51,24 @@ static_assert(kMostHandshakes + kMaxStrangers < kPoolThreads);
 // The largest message, in and out.
 inline constexpr unsigned kMaxMessageBytes = 104857600;
 // An envelope that could come in and not go out would stop its link for ever, and it grows on its
-// way: a client's message by the sender's certificate, and all by a router's name or two at each
-// hop. So what is let in leaves room: a client's message to travel far, a router's envelope for
-// this hop.
-inline constexpr unsigned kMaxClientEnvelopeBytes = 64 * 1024 * 1024;
+// way: each router puts its name into the stamps and may put it in front of the originator. So what
+// a router takes grows with the stamps, by no less than that, and what one router has taken the
+// next one takes too. What begins here, a client's message or the router's own, leaves room
+// besides.
+inline constexpr unsigned kMaxOwnEnvelopeBytes = 64 * 1024 * 1024;
 inline constexpr unsigned kMaxRouterEnvelopeBytes = 96 * 1024 * 1024;
-static_assert(kMaxClientEnvelopeBytes < kMaxRouterEnvelopeBytes);
-static_assert(kMaxRouterEnvelopeBytes < kMaxMessageBytes);
+inline constexpr unsigned kHopBytes = 1024;  // for each stamp
+inline constexpr unsigned kMaxGrownHops = 3072;
+inline constexpr unsigned kRequestBytes = 64 * 1024;  // what stands around an envelope, and more
+static_assert(kMaxOwnEnvelopeBytes < kMaxRouterEnvelopeBytes);
+static_assert(kMaxRouterEnvelopeBytes + kHopBytes * kMaxGrownHops + kRequestBytes <
+              kMaxMessageBytes);
 // What a peer may send without completing a request: parts of many messages can be mixed.
 inline constexpr unsigned long kPeerMessageBytes = 2UL * kMaxMessageBytes;
 
 // A connection that is in the middle of a message for so long, a request that comes or a reply that
-// goes, is shut, unless it has a certificate and still makes progress: at least so many bytes a second since the message began, and some
-// within the time.
+// goes, is shut, unless it has a certificate and still makes progress: at least so many bytes a
+// second since the message began, and some within the time.
 inline constexpr unsigned kMessageSeconds = 30;
 inline constexpr unsigned kMinBytesPerSecond = 64 * 1024;
 

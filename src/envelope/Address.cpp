@@ -34,6 +34,16 @@ std::string JoinAddress(const std::vector<std::string>& components) {
   return address;
 }
 
+std::string TidyAddress(std::string_view text) {
+  std::string address;
+  address.reserve(text.size());
+  for (const char c : text) {
+    if (c != '.' || (!address.empty() && address.back() != '.')) address += c;
+  }
+  if (!address.empty() && address.back() == '.') address.pop_back();
+  return address;
+}
+
 std::string QualifyWithRouter(const std::string& name) {
   return OwnIdentity::CommonName() + "." + name;
 }

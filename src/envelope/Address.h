@@ -10,6 +10,8 @@ namespace MessageRouter {
 // In order, empty components dropped: "a..b." gives two.
 std::vector<std::string> SplitAddress(std::string_view text);
 std::string JoinAddress(const std::vector<std::string>& components);
+// What joining what was split gives, without the memory that a component takes.
+std::string TidyAddress(std::string_view text);
 
 std::string QualifyWithRouter(const std::string& name);  // "<router>.<name>"
 // Unchanged if the first component is the router's own name.

@@ -44,6 +44,9 @@ CORBA::Long WireTtl(std::int64_t ttl, std::int64_t now) {
 
 }  // namespace
 
+EnvelopeTooLarge::EnvelopeTooLarge(std::size_t size)
+    : runtime_error("An envelope of " + std::to_string(size) + " bytes can't be passed on") {}
+
 Envelope::Envelope()
     : shrinkState_(Settings::ShrinkEnvelopes() ? ShrinkState::Expanded
                                                : ShrinkState::ShrinkingOff) {}
@@ -66,16 +69,23 @@ std::string Envelope::FileName() const {
 
 BrelixMessaging::Envelope* Envelope::ToWire(bool qualifyOriginator) {
   auto wire = std::make_unique<BrelixMessaging::Envelope>();
-  wire->originator = (qualifyOriginator ? EnsureQualified(originator_) : originator_).c_str();
+  const std::string originator = qualifyOriginator ? EnsureQualified(originator_) : originator_;
+  wire->originator = originator.c_str();
 
   // The payload has to be decoded for its check when the envelope expands: that one is kept.
   LogTrace("Envelope::GetOriginatorCert\n");
   const bool decoded = ExpandWithData(wire->client_info.custom_data);
+  RequireRoom(originator, qualifyOriginator);
   if (heavy_) wire->originator_certificate = heavy_.get()->certificate.c_str();
   wire->message_id = static_cast<CORBA::Long>(messageId_);
-  const std::vector<std::string> hops = PhysicalDestination();
-  wire->physical_destination.length(static_cast<CORBA::ULong>(hops.size()));
-  for (CORBA::ULong i = 0; i < hops.size(); ++i) wire->physical_destination[i] = hops[i].c_str();
+  wire->physical_destination.length(static_cast<CORBA::ULong>(HopCount()));
+  std::size_t start = 0;
+  for (CORBA::ULong i = 0; i < wire->physical_destination.length(); ++i) {
+    const std::size_t end =
+        std::min(physicalDestination_.find('.', start), physicalDestination_.size());
+    wire->physical_destination[i] = physicalDestination_.substr(start, end - start).c_str();
+    start = end + 1;
+  }
   wire->client_info.destination = destination_.c_str();
   wire->client_info.prio = static_cast<CORBA::Long>(priority_);
   wire->client_info.type = type_.c_str();
@@ -194,11 +204,13 @@ std::vector<std::string> Envelope::PhysicalDestination() const {
 }
 
 bool IsDiscardableError(const std::exception& exception, const Envelope& envelope) {
-  if (typeid(exception) != typeid(std::runtime_error)) return false;
-  const std::string_view text = exception.what();
-  if (text.find("Encoding::DecodeAny") == std::string_view::npos &&
-      text.find("Envelope::FromPersistent") == std::string_view::npos) {
-    return false;
+  if (typeid(exception) != typeid(EnvelopeTooLarge)) {
+    if (typeid(exception) != typeid(std::runtime_error)) return false;
+    const std::string_view text = exception.what();
+    if (text.find("Encoding::DecodeAny") == std::string_view::npos &&
+        text.find("Envelope::FromPersistent") == std::string_view::npos) {
+      return false;
+    }
   }
   LogError("Discarding invalid envelope id=%08X, type=%s\n", envelope.MessageId(),
            Shown(envelope.Type()).c_str());

@@ -2,6 +2,7 @@
 
 #include <BrelixMessaging.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <stdexcept>
@@ -22,6 +23,12 @@ class PassingShortage : public std::runtime_error {
   using runtime_error::runtime_error;
 };
 
+// An envelope takes more on the wire than whoever is next may take.
+class EnvelopeTooLarge : public std::runtime_error {
+ public:
+  explicit EnvelopeTooLarge(std::size_t size);
+};
+
 // The unit of routing: one client message with all that the router needs to move it. A value: the
 // route queue and the entries' queues hold copies, and all copies share the one file that backs
 // them. The destructor never touches the file; only Retire removes it.
@@ -37,7 +44,7 @@ class Envelope {
 
   // The three creators, each on an envelope just constructed. On return the envelope is on disk.
   // They throw BrelixMessaging::Rejected for a type that this originator may not send, and for an
-  // envelope so large that it might not get out again, and
+  // envelope so large that it might not get out again (EnvelopeTooLarge for the router's own), and
   // std::runtime_error if the file can't be written or a text would not read back as it is; nothing
   // is left behind then.
   void CreateFromClient(const BrelixMessaging::Message& message, const std::string& originator,
@@ -48,8 +55,8 @@ class Envelope {
                    const std::string& type, const CORBA::Any& data, const std::string& options);
 
   // What leaves the router; the caller owns it. Reads the file if the envelope is shrunk; throws
-  // what IsDiscardableError knows if that or the decoding of the payload fails. A file that is
-  // there and can't be read has been set aside then.
+  // what IsDiscardableError knows if that or the decoding of the payload fails, or if the peer
+  // could not take the envelope. A file that is there and can't be read has been set aside then.
   BrelixMessaging::Envelope* ToWire(bool qualifyOriginator);
 
   // Fills the envelope from its file. False, with a warning, if a field can't be decoded. Throws
@@ -101,8 +108,9 @@ class Envelope {
   void FillFromMessage(const BrelixMessaging::Message& message, std::size_t largest);
   // What it takes on the wire, or a little more. Only while it is not shrunk.
   std::size_t WireSize() const;
-  // Both throw std::runtime_error for a text that would not read back.
-  void SetPhysicalDestination(const std::vector<std::string>& hops);
+  // Throws EnvelopeTooLarge for what a peer could never take, and the link would never get rid of.
+  void RequireRoom(const std::string& originator, bool toRouter) const;
+  // Throws std::runtime_error for a text that would not read back.
   void RequireTextsReadBack() const;
   // The file's text.
   std::string Compose() const;
@@ -135,8 +143,9 @@ class Envelope {
   CopiedPointer<HeavyFields> heavy_;
 };
 
-// Whether the exception says that the envelope's stored data is broken; logs it then, and the
-// caller drops the envelope. False means that the send failed for another reason.
+// Whether the exception says that the envelope's stored data is broken, or that it can never get
+// out; logs it then, and the caller drops the envelope. False means that the send failed for
+// another reason.
 bool IsDiscardableError(const std::exception& exception, const Envelope& envelope);
 
 // The value of MessageTimeoutSec (default 43200), read once in the life of the process.

@@ -1,6 +1,7 @@
 #include <stdexcept>
 
 #include "broker/Encoding.h"
+#include "broker/Limits.h"
 #include "envelope/Address.h"
 #include "envelope/Envelope.h"
 #include "envelope/EnvelopeText.h"
@@ -42,11 +43,11 @@ void Envelope::CreateFromClient(const BrelixMessaging::Message& message,
   messageId_ = MessageIdGenerator::Instance().NextMessageId();
   originator_ = QualifyWithRouter(originator);
   heavy_.Use().certificate = originatorCertificate;
-  SetPhysicalDestination(SplitAddress(message.destination.in()));
+  physicalDestination_ = TidyAddress(message.destination.in());
   timestamps_.stamps.reserve(2);
   timestamps_.Append(originator);
   timestamps_.Append(OwnIdentity::CommonName());
-  FillFromMessage(message, Settings::Largest().fromClient);
+  FillFromMessage(message, Settings::Largest().beginsHere);
 }
 
 void Envelope::CreateFromRouter(const BrelixMessaging::Envelope& wire, bool fromParent) {
@@ -59,12 +60,13 @@ void Envelope::CreateFromRouter(const BrelixMessaging::Envelope& wire, bool from
   messageId_ = static_cast<std::uint32_t>(wire.message_id);
   originator_ = wire.originator.in();
   heavy_.Use().certificate = wire.originator_certificate.in();
-  std::vector<std::string> hops;
-  hops.reserve(wire.physical_destination.length());
+  physicalDestination_.clear();
   for (CORBA::ULong i = 0; i < wire.physical_destination.length(); ++i) {
-    hops.emplace_back(wire.physical_destination[i]);
+    const std::string_view hop = wire.physical_destination[i].in();
+    Require("physical destination", !hop.empty() && hop.find('.') == std::string_view::npos);
+    if (i != 0) physicalDestination_ += '.';
+    physicalDestination_ += hop;
   }
-  SetPhysicalDestination(hops);
   const CORBA::ULong count = wire.timestamps.length();
   timestamps_.stamps.clear();
   timestamps_.stamps.reserve(count + 1);
@@ -72,7 +74,7 @@ void Envelope::CreateFromRouter(const BrelixMessaging::Envelope& wire, bool from
     timestamps_.Append(wire.timestamps[i].name.in(), wire.timestamps[i].utc_time);
   }
   timestamps_.Append(OwnIdentity::CommonName());
-  FillFromMessage(wire.client_info, Settings::Largest().fromRouter);
+  FillFromMessage(wire.client_info, Settings::LargestWithStamps(timestamps_.stamps.size()));
 }
 
 void Envelope::CreateLocal(const std::string& destination, std::uint32_t priority, TimeToLive ttl,
@@ -91,9 +93,12 @@ void Envelope::CreateLocal(const std::string& destination, std::uint32_t priorit
   // Both stamps: the pair is the shape that a client's message has.
   timestamps_.stamps.reserve(2);
   timestamps_.Append(router);
-  SetPhysicalDestination(SplitAddress(destination));
+  physicalDestination_ = TidyAddress(destination);
   timestamps_.Append(router);
   RequireTextsReadBack();
+  if (const std::size_t size = WireSize(); size > Settings::Largest().beginsHere) {
+    throw EnvelopeTooLarge(size);
+  }
   WritePersistent();
 }
 
@@ -130,11 +135,15 @@ std::size_t Envelope::WireSize() const {
   return size;
 }
 
-void Envelope::SetPhysicalDestination(const std::vector<std::string>& hops) {
-  for (const std::string& hop : hops) {
-    Require("physical destination", !hop.empty() && hop.find('.') == std::string::npos);
-  }
-  physicalDestination_ = JoinAddress(hops);
+void Envelope::RequireRoom(const std::string& originator, bool toRouter) const {
+  const std::size_t size = WireSize() - originator_.size() + originator.size();
+  const std::size_t stamps = timestamps_.stamps.size();
+  // The next router stamps before it measures. An envelope for a client has no measure but the
+  // ORB's.
+  const bool fits =
+      toRouter ? size + Broker::Limits::kHopBytes / 2 <= Settings::LargestWithStamps(stamps + 1)
+               : size <= Settings::LargestWithStamps(Broker::Limits::kMaxGrownHops);
+  if (!fits) throw EnvelopeTooLarge(size);
 }
 
 // A text that a peer chose must not turn into fields of its own in the file: a certificate of the

@@ -182,7 +182,7 @@ void Envelope::SetField(std::string_view key, std::string_view firstLine, std::s
     // What stands behind the encoded text doesn't count, so further lines can't change it.
     heavy_.Use().certificate = DecodeCertificate(firstLine);
   } else if (key == kPhysicalDestination) {
-    physicalDestination_ = JoinAddress(SplitAddress(value));
+    physicalDestination_ = TidyAddress(value);
   } else if (key == kMessageId) {
     messageId_ = EnvelopeText::ParseUnsigned(value);
   } else if (key == kDestination) {

@@ -1,5 +1,6 @@
 #include "envelope/Settings.h"
 
+#include <algorithm>
 #include <atomic>
 
 #include "broker/Limits.h"
@@ -13,9 +14,9 @@ constexpr std::int64_t kUnread = -1;
 std::atomic<std::int64_t> shrinkEnvelopes{kUnread};
 std::atomic<std::int64_t> messageTimeoutSec{kUnread};
 
-constexpr Settings::LargestEnvelopes kLargest{Broker::Limits::kMaxClientEnvelopeBytes,
+constexpr Settings::LargestEnvelopes kLargest{Broker::Limits::kMaxOwnEnvelopeBytes,
                                               Broker::Limits::kMaxRouterEnvelopeBytes};
-std::atomic<std::size_t> largestFromClient{kLargest.fromClient};
+std::atomic<std::size_t> largestThatBegins{kLargest.beginsHere};
 std::atomic<std::size_t> largestFromRouter{kLargest.fromRouter};
 
 std::uint32_t Kept(std::atomic<std::int64_t>& kept, const char* name, std::uint32_t defaultValue) {
@@ -40,8 +41,13 @@ std::uint32_t MessageTimeoutSec() {
 }
 
 LargestEnvelopes Largest() {
-  return {largestFromClient.load(std::memory_order_relaxed),
+  return {largestThatBegins.load(std::memory_order_relaxed),
           largestFromRouter.load(std::memory_order_relaxed)};
+}
+
+std::size_t LargestWithStamps(std::size_t stamps) {
+  using namespace Broker::Limits;
+  return Largest().fromRouter + kHopBytes * std::min<std::size_t>(stamps, kMaxGrownHops);
 }
 
 void Forget() {
@@ -51,7 +57,7 @@ void Forget() {
 }
 
 void SetLargest(const LargestEnvelopes& largest) {
-  largestFromClient = largest.fromClient;
+  largestThatBegins = largest.beginsHere;
   largestFromRouter = largest.fromRouter;
 }
 

@@ -10,12 +10,14 @@ namespace MessageRouter::Settings {
 bool ShrinkEnvelopes();
 std::uint32_t MessageTimeoutSec();
 
-// The largest envelopes that are taken, in bytes on the wire; those of Broker::Limits.
+// The largest envelopes, in bytes on the wire; those of Broker::Limits.
 struct LargestEnvelopes {
-  std::size_t fromClient;
-  std::size_t fromRouter;
+  std::size_t beginsHere;
+  std::size_t fromRouter;  // without what it may have grown by
 };
 LargestEnvelopes Largest();
+// What a router takes from another one with so many stamps, its own included.
+std::size_t LargestWithStamps(std::size_t stamps);
 
 // For tests: the next use reads the configuration again, and other limits until then.
 void Forget();

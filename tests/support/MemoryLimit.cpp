@@ -20,7 +20,9 @@
 namespace TestSupport {
 namespace {
 
+// From the start of the process on: what a heap has once grown to, it would give without asking.
 constexpr int kLargeBlock = 128 * 1024;
+[[maybe_unused]] const int largeBlocksApart = mallopt(M_MMAP_THRESHOLD, kLargeBlock);
 
 std::size_t AddressSpace() {
   std::size_t pages = 0;
@@ -31,8 +33,6 @@ std::size_t AddressSpace() {
 }  // namespace
 
 MemoryLimit::MemoryLimit(std::size_t bytes) {
-  // Set once, it no longer grows with what is freed.
-  mallopt(M_MMAP_THRESHOLD, kLargeBlock);
   rlimit limit{};
   getrlimit(RLIMIT_AS, &limit);
   before_ = limit.rlim_cur;

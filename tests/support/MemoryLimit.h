@@ -4,8 +4,8 @@
 
 namespace TestSupport {
 
-// While it lives, the process can get no more memory from the system than so many bytes, and large
-// blocks come from there.
+// While it lives, the process can get no more memory from the system than so many bytes. In a
+// program that uses it, large blocks always come from there.
 class MemoryLimit {
  public:
   explicit MemoryLimit(std::size_t bytes);

@@ -334,7 +334,7 @@ TEST_F(GetterWorkerTest, EnvelopeThatMayOnlyComeFromTheParentFailsThePollAndStay
 
 TEST_F(GetterWorkerTest, EnvelopeThatIsTooLargeEndsThePollAtOnceAndStaysWithThePeer) {
   Hold(2);
-  peer->waiting.back().client_info.custom_data <<= std::string(2000, 'x').c_str();
+  peer->waiting.back().client_info.custom_data <<= std::string(9000, 'x').c_str();
   MessageRouter::Settings::SetLargest({1000, 2000});
   TimedPoll();
   MessageRouter::Settings::Forget();

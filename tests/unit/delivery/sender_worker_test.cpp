@@ -3,6 +3,7 @@
 #include <semaphore>
 #include <thread>
 
+#include "envelope/Settings.h"
 #include "fixture.h"
 #include "threads/Mutex.h"
 
@@ -248,6 +249,19 @@ TEST_F(SenderTest, BrokenEnvelopeIsDroppedWithoutLoggingThePeerOffOrStoppingTheL
   EXPECT_TRUE(entry.IsLoggedOn());
   EXPECT_FALSE(OnDisk(1));
   EXPECT_TRUE(log.Has(kLogError, "Discarding invalid envelope id=00000001, type=Status.Report\n"));
+}
+
+TEST_F(SenderTest, EnvelopeThatNoPeerCouldTakeIsDroppedWithoutLoggingThePeerOff) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  Enqueue(entry, Stored(1).WithOptions(std::string(std::size_t{4} << 20, 'x')));
+  Enqueue(entry, Stored(2));
+  MessageRouter::Settings::SetLargest({1000, 1000});
+  Visit(entry);
+  MessageRouter::Settings::Forget();
+  EXPECT_THAT(peer->received, ElementsAre(2u));
+  EXPECT_TRUE(entry.IsLoggedOn());
+  EXPECT_FALSE(OnDisk(1));
 }
 
 TEST_F(SenderTest, BrokenEnvelopeUsesUpMaximumToSend) {

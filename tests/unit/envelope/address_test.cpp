@@ -26,6 +26,13 @@ TEST_F(AddressTest, SplitsAtDotsAndDropsEmptyComponents) {
   EXPECT_THAT(SplitAddress(""), IsEmpty());
 }
 
+TEST_F(AddressTest, ATidyAddressIsWhatJoiningItsComponentsGives) {
+  for (const char* const text :
+       {"", ".", "...", "a", ".a", "a.", "a..b", "..a...b..", "a.b.c", ":.:", "a b. "}) {
+    EXPECT_EQ(TidyAddress(text), JoinAddress(SplitAddress(text))) << text;
+  }
+}
+
 TEST_F(AddressTest, JoinsWithNoDotAtEitherEnd) {
   EXPECT_EQ(JoinAddress({"a", "b", "c"}), "a.b.c");
   EXPECT_EQ(JoinAddress({"a"}), "a");

@@ -48,59 +48,6 @@ TEST_F(EnvelopeCreate, AClientsMessageIsStampedQualifiedAndStored) {
   EXPECT_TRUE(log_.Has(kLogTrace, "Incoming message delivery options: slowly\n"));
 }
 
-TEST_F(EnvelopeCreate, AMessageThatIsTooLargeIsRejectedToldAndNotStored) {
-  Settings::SetLargest({3000, 4000});
-  BrelixMessaging::Message message = AMessage();
-  message.custom_data <<= std::string(3000, 'x').c_str();
-  EXPECT_THROW(Envelope().CreateFromClient(message, "agent-1", ""), BrelixMessaging::Rejected);
-  EXPECT_TRUE(log_.Contains("at most 3000 can be passed on"));
-  EXPECT_FALSE(std::filesystem::exists(Path("00000000.msg")));
-  message.custom_data <<= std::string(2000, 'x').c_str();
-  EXPECT_NO_THROW(Envelope().CreateFromClient(message, "agent-1", ""));
-  EXPECT_THROW(Envelope().CreateFromClient(message, "agent-1", std::string(1000, 'c')),
-               BrelixMessaging::Rejected);
-}
-
-TEST_F(EnvelopeCreate, ARoutersEnvelopeMayHaveGrownOnItsWay) {
-  Settings::SetLargest({3000, 4000});
-  BrelixMessaging::Envelope wire = AWireEnvelope();
-  wire.client_info.custom_data <<= std::string(3000, 'x').c_str();
-  EXPECT_NO_THROW(Envelope().CreateFromRouter(wire, false));
-  wire.client_info.custom_data <<= std::string(4000, 'x').c_str();
-  EXPECT_THROW(Envelope().CreateFromRouter(wire, false), BrelixMessaging::Rejected);
-  EXPECT_TRUE(log_.Contains("at most 4000 can be passed on"));
-}
-
-// What is counted is never less than what goes out, stamps and hops included.
-TEST_F(EnvelopeCreate, AnEnvelopeJustBelowTheLimitTakesNoMoreOnTheWireThanThat) {
-  BrelixMessaging::Envelope wire = AWireEnvelope();
-  wire.originator = std::string(51, 'o').c_str();
-  wire.originator_certificate = std::string(333, 'c').c_str();
-  wire.client_info.destination = std::string(77, 'd').c_str();
-  wire.client_info.type = std::string(41, 't').c_str();
-  wire.client_info.delivery_options = std::string(65, 'o').c_str();
-  wire.physical_destination.length(100);
-  wire.timestamps.length(100);
-  for (CORBA::ULong i = 0; i < 100; ++i) {
-    wire.physical_destination[i] = "r";
-    wire.timestamps[i].name = "r";
-    wire.timestamps[i].utc_time = 1;
-  }
-  const auto onWire = [](Envelope& envelope) {
-    const BrelixMessaging::Envelope_var sent = envelope.ToWire(false);
-    cdrMemoryStream stream;
-    sent.in() >>= stream;
-    return stream.bufSize();
-  };
-  Envelope envelope;
-  envelope.CreateFromRouter(wire, false);
-  const std::size_t size = onWire(envelope);
-  Settings::SetLargest({1, size - 1});
-  EXPECT_THROW(Envelope().CreateFromRouter(wire, false), BrelixMessaging::Rejected);
-  Settings::SetLargest({1, size + 2048});
-  EXPECT_NO_THROW(Envelope().CreateFromRouter(wire, false));
-}
-
 TEST_F(EnvelopeCreate, OptionsThatAreEmptyAreNotLogged) {
   Envelope().CreateFromClient(AMessage(), "agent-1", "");
   EXPECT_FALSE(log_.Contains("delivery options"));

@@ -1,5 +1,6 @@
 // The messages that this router answers itself.
 #include "routing/Dispatcher.h"
+#include "envelope/Settings.h"
 
 #include <fstream>
 
@@ -453,6 +454,25 @@ TEST_F(ManagementTest, AnOriginatorThatNoEnvelopeCanBeSentToIsAnErrorLine) {
   EXPECT_TRUE(log_.Contains("Dispatcher::Send: Caught "));
   EXPECT_TRUE(log_.Contains(" EM-Heartbeat-Reply for a?[Type] b\n"));
   EXPECT_FALSE(asker_.HasEnvelopes());
+}
+
+TEST_F(ManagementTest, AReplyThatWouldBeTooLargeIsNotMadeAndTheQuestionIsOver) {
+  std::string farAway = "router1.asker";
+  for (int i = 0; i < 500; ++i) farAway += ".a";
+  MessageRouter::Settings::SetLargest({4000, 4000});
+  const std::pair<std::string, std::string> questions[] = {
+      {"EM-Heartbeat", farAway}, {"EM-" + std::string(4000, 'x'), "router1.asker"}};
+  for (const auto& [type, originator] : questions) {
+    log_.Clear();
+    Arrive(AStoredEnvelope("1.msg")
+               .WithDestination(":")
+               .WithType(type)
+               .WithOriginator(originator)
+               .WithCertificate(ManagementRole()));
+    EXPECT_TRUE(log_.Contains("Dispatcher::Send: Caught An envelope of ")) << originator;
+    EXPECT_FALSE(asker_.HasEnvelopes());
+    EXPECT_FALSE(FileExists("1.msg"));
+  }
 }
 
 TEST_F(ManagementTest, APayloadsTextIsEmptyForAnyOtherType) {

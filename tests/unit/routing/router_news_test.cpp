@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "dispatcher_fixture.h"
+#include "envelope/Settings.h"
 
 namespace TestSupport {
 namespace {
@@ -50,6 +51,17 @@ TEST_F(RouterNewsTest, ANewNameIsMappedToTheChildAndGoesOnUp) {
   EXPECT_THAT(Registered("child1", TextPayload("leaf")), ElementsAre("leaf"));
   EXPECT_EQ(map.Lookup("leaf"), "child1");
   EXPECT_TRUE(Logged("MS-RouterRegistered originator child1\n"));
+}
+
+TEST_F(RouterNewsTest, AListThatWouldBeTooLargeToGoUpIsMappedAndStaysHere) {
+  MessageRouter::Logical& map = AMap();
+  const std::string name(60, 'x');
+  std::vector<std::string> names;
+  for (int i = 0; i < 100; ++i) names.push_back(name + std::to_string(i));
+  MessageRouter::Settings::SetLargest({4000, 4000});
+  EXPECT_THAT(Registered("child1", ListPayload(names)), IsEmpty());
+  EXPECT_TRUE(log_.Contains("Dispatcher::Send: Caught An envelope of "));
+  EXPECT_EQ(map.Lookup(name + "99"), "child1");
 }
 
 TEST_F(RouterNewsTest, ANameThatIsMappedToTheSameChildAlreadyStopsHere) {
