@@ -33,6 +33,7 @@ std::size_t AddressSpace() {
 }  // namespace
 
 MemoryLimit::MemoryLimit(std::size_t bytes) {
+  malloc_trim(0);
   rlimit limit{};
   getrlimit(RLIMIT_AS, &limit);
   before_ = limit.rlim_cur;

@@ -231,7 +231,7 @@ TEST_F(EnvelopeShrink, AFileThatIsThereAndCannotBeReadIsSetAsideAndNotLost) {
 
 TEST_F(EnvelopeShrink, HoweverLittleMemoryThereIsAnEnvelopeIsNotTakenForBroken) {
   if (!TestSupport::MemoryLimit::Works()) GTEST_SKIP() << "the sanitizer has a heap of its own";
-  constexpr std::size_t kStep = std::size_t{2} << 20;
+  constexpr std::size_t kStep = std::size_t{8} << 20;
   BrelixMessaging::Envelope wire = AWireEnvelope();
   wire.client_info.custom_data <<= std::string(2 * kStep, 'x').c_str();
   Envelope envelope;
