@@ -14,13 +14,12 @@ HeartbeatThread::~HeartbeatThread() {
 }
 
 void HeartbeatThread::Process() {
-  const bool answered = CallParent();
-  const Guard guard(mutex_);
-  if (!guard) return;
-  succeeded_ = answered;
+  finished_ = false;
+  succeeded_ = false;
+  succeeded_ = CallParent();
   // Kept, not only signalled: the waiter may come later than the answer.
   finished_ = true;
-  condition_.Broadcast();
+  Signal();
 }
 
 bool HeartbeatThread::CallParent() {
@@ -56,8 +55,7 @@ bool HeartbeatThread::WaitForEnd(std::chrono::seconds limit) {
 }
 
 bool HeartbeatThread::Succeeded() const {
-  const Guard guard(mutex_);
-  return guard && succeeded_;
+  return succeeded_;
 }
 
 }  // namespace MessageRouter

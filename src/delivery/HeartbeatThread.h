@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 
 #include "routing/RouterTable.h"
@@ -27,8 +28,9 @@ class HeartbeatThread : public ThreadHelper::StoppableThreadHelper {
   bool CallParent();
 
   RouterTable& table_;
-  bool succeeded_ GUARDED_BY(mutex_) = false;
-  bool finished_ GUARDED_BY(mutex_) = false;
+  // The result is there before the end is.
+  std::atomic<bool> succeeded_{false};
+  std::atomic<bool> finished_{false};
 };
 
 }  // namespace MessageRouter

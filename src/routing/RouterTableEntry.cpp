@@ -36,7 +36,7 @@ std::string RouterTableEntry::Name() const {
 std::optional<RouterTableEntry::Standing> RouterTableEntry::StandingOf(
     const std::string& name) const {
   ReadGuard guard(lock_);
-  if (!guard || !BelongsToLocked(name)) return std::nullopt;
+  if (!guard || !IsCallersLocked(name)) return std::nullopt;
   return Standing{IsLoggedOn(), IsRouter()};
 }
 
@@ -110,6 +110,10 @@ RouterTableEntry::Visitors RouterTableEntry::Visitors::Leave() {
   return std::exchange(*this, Visitors());
 }
 
+bool RouterTableEntry::IsCallersLocked(const std::string& name) const {
+  return !detached_ && name == name_;
+}
+
 bool RouterTableEntry::BelongsToLocked(const std::string& name) const {
   return !detached_ && (isParent_ || name == name_);
 }
@@ -153,7 +157,7 @@ bool RouterTableEntry::PopNext(Envelope& out, LogonGeneration session) {
 bool RouterTableEntry::PeekNext(Envelope& out, const std::string& name) {
   WriteGuard guard(lock_);
   if (!guard) return false;
-  if (!BelongsToLocked(name)) throw BrelixMessaging::Rejected();
+  if (!IsCallersLocked(name)) throw BrelixMessaging::Rejected();
   const Envelope* next = envelopes_.Next();
   if (next == nullptr) return false;
   out = *next;
@@ -163,7 +167,7 @@ bool RouterTableEntry::PeekNext(Envelope& out, const std::string& name) {
 void RouterTableEntry::PeekCertification(Envelope& out, const std::string& name) {
   WriteGuard guard(lock_);
   if (!guard) throw NoCertificationMessage();
-  if (!BelongsToLocked(name)) throw BrelixMessaging::Rejected();
+  if (!IsCallersLocked(name)) throw BrelixMessaging::Rejected();
   const Envelope* next = envelopes_.NextCertification();
   if (next == nullptr) throw NoCertificationMessage();
   out = *next;
@@ -186,7 +190,7 @@ bool RouterTableEntry::CancelSupplied(const std::vector<std::string>& originator
   {
     WriteGuard guard(lock_);
     if (!guard) return false;
-    if (!BelongsToLocked(name)) throw BrelixMessaging::Rejected();
+    if (!IsCallersLocked(name)) throw BrelixMessaging::Rejected();
     const auto isNext = [&](const std::string& originator) {
       return envelopes_.TakeIfNext(originator, messageId, cancelled);
     };
@@ -203,7 +207,7 @@ bool RouterTableEntry::CancelSupplied(const std::vector<std::string>& originator
 }
 
 // Few at a time: whoever brings or fetches an envelope does not wait for a million files to go.
-void RouterTableEntry::RetireExpired() {
+void RouterTableEntry::RetireExpired(const std::function<bool()>& goOn) {
   std::vector<Envelope> expired;
   do {
     expired.clear();
@@ -216,7 +220,7 @@ void RouterTableEntry::RetireExpired() {
       ReportDeliveryFailure(envelope, "Timeout");
       envelope.Retire();
     }
-  } while (expired.size() == kExpiredAtOnce);
+  } while (expired.size() == kExpiredAtOnce && (!goOn || goOn()));
 }
 
 std::vector<Envelope> RouterTableEntry::TakeAll() {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -132,8 +133,8 @@ class RouterTableEntry {
   // yet.
   bool CancelSupplied(const std::vector<std::string>& originators, std::uint32_t messageId,
                       const std::string& name);
-  // Reports and retires all that have expired.
-  void RetireExpired();
+  // Reports and retires all that have expired, or as many as there are until `goOn` says no.
+  void RetireExpired(const std::function<bool()>& goOn = nullptr);
   // Empties the queue without retiring anything.
   std::vector<Envelope> TakeAll();
 
@@ -202,9 +203,9 @@ class RouterTableEntry {
   // The failed call of a threshold worker: the back-off stays as it is.
   void ThresholdCallFailed(LogonGeneration generation);
   bool NotificationFinished(LogonGeneration generation);  // true: look again at once
-  void EnvelopePulledWithNothingThere();
-
-  void TouchLastPull();
+  // These two are for the peer of that name, and do nothing if the entry is not, or no longer, its.
+  void EnvelopePulledWithNothingThere(const std::string& name);
+  void TouchLastPull(const std::string& name);
   bool PullTimedOut() const;
   // False, too, if that session is over.
   bool PullTimedOut(LogonGeneration session) const;
@@ -258,7 +259,10 @@ class RouterTableEntry {
   void ResetLocked(Dismissed& dismissed) REQUIRES(lock_);
   // Deactivates and tells the parent logon; swallows what fails on the way.
   void Finish(Dismissed& dismissed);
-  // The parent's entry is the parent's under whatever name it was found.
+  // Whether this is the entry of the caller of that name. A former parent is not the parent, though
+  // its name still leads here.
+  bool IsCallersLocked(const std::string& name) const REQUIRES_SHARED(lock_);
+  // For what waits: the parent's entry is the parent's under whatever name it was found.
   bool BelongsToLocked(const std::string& name) const REQUIRES_SHARED(lock_);
   bool RoutableLocked(const std::string& name) const REQUIRES_SHARED(lock_);
 
@@ -286,7 +290,7 @@ class RouterTableEntry {
   bool BeginParentSession(LogonGeneration session, PeerReferences& references,
                           const ActiveObjects& active);
   void LogoffLocked(Dismissed& dismissed, LogoffNotice& notice) REQUIRES(lock_);
-  void AnnounceLogoff(const LogoffNotice& notice);
+  void EndSession(const LogoffNotice& notice, Dismissed& dismissed);
 
   std::uint32_t RandomisedLocked(std::uint32_t interval, bool randomise) REQUIRES(lock_);
   void unsafe_enablePolling(const Thresholds& thresholds) REQUIRES(lock_);

@@ -154,11 +154,12 @@ void RouterTableEntry::ThresholdCallFailed(LogonGeneration generation) {
   OfferAgain(turnedAway);
 }
 
-// A pull during the call may have made lastPull_ not applicable, and a router that is silent from
-// here on must still time out.
+// A pull during the call has made lastPull_ not applicable, and a router that is silent from here
+// on must still time out. Where there was no pull, what was not applicable before stays so.
 void RouterTableEntry::NoNotificationLocked() {
+  const bool pulled = consumerState_ != kNotifying;
   consumerState_ = kNoNotification;
-  if (!lastPull_) TouchLastPullLocked();
+  if (pulled && !lastPull_) TouchLastPullLocked();
 }
 
 bool RouterTableEntry::NotificationFinished(LogonGeneration generation) {
@@ -179,9 +180,10 @@ bool RouterTableEntry::NotificationFinished(LogonGeneration generation) {
   return again;
 }
 
-void RouterTableEntry::EnvelopePulledWithNothingThere() {
+void RouterTableEntry::EnvelopePulledWithNothingThere(const std::string& name) {
   WriteGuard guard(lock_);
-  if (guard && consumerState_ == kNotifying) consumerState_ = kNotifyingPulledEmpty;
+  if (!guard || !IsCallersLocked(name)) return;
+  if (consumerState_ == kNotifying) consumerState_ = kNotifyingPulledEmpty;
 }
 
 bool RouterTableEntry::CountsPulls() const {
@@ -191,9 +193,9 @@ bool RouterTableEntry::CountsPulls() const {
          state == kNotifying;
 }
 
-void RouterTableEntry::TouchLastPull() {
+void RouterTableEntry::TouchLastPull(const std::string& name) {
   WriteGuard guard(lock_);
-  if (guard) TouchLastPullLocked();
+  if (guard && IsCallersLocked(name)) TouchLastPullLocked();
 }
 
 void RouterTableEntry::TouchLastPullLocked() {

@@ -130,7 +130,7 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(const std::string
   {
     WriteGuard guard(lock_);
     if (!guard) return activated;
-    if (!registered_ || !BelongsToLocked(name)) throw BrelixMessaging::NotRegistered();
+    if (!registered_ || !IsCallersLocked(name)) throw BrelixMessaging::NotRegistered();
     ResetLocked(dismissed);
     isRouter_ = isRouter;
     Move(references.routerConsumer, references_.routerConsumer);
@@ -264,8 +264,15 @@ void RouterTableEntry::LogoffLocked(Dismissed& dismissed, LogoffNotice& notice) 
   ResetLocked(dismissed);
 }
 
-void RouterTableEntry::AnnounceLogoff(const LogoffNotice& notice) {
-  if (notice.due) table_.PeerLoggedOff(notice.name, notice.isRouter);
+// Whatever comes of the notice, nothing of the session stays active.
+void RouterTableEntry::EndSession(const LogoffNotice& notice, Dismissed& dismissed) {
+  try {
+    if (notice.due) table_.PeerLoggedOff(notice.name, notice.isRouter);
+  } catch (...) {
+    Finish(dismissed);
+    throw;
+  }
+  Finish(dismissed);
 }
 
 void RouterTableEntry::Logoff(const std::string& name) {
@@ -274,15 +281,21 @@ void RouterTableEntry::Logoff(const std::string& name) {
   {
     WriteGuard guard(lock_);
     if (!guard) return;
-    if (!BelongsToLocked(name)) throw BrelixMessaging::NotRegistered();
+    if (!IsCallersLocked(name)) throw BrelixMessaging::NotRegistered();
     LogoffLocked(dismissed, notice);
   }
-  AnnounceLogoff(notice);
-  Finish(dismissed);
+  EndSession(notice, dismissed);
 }
 
 void RouterTableEntry::Logoff() {
-  Logoff(Name());
+  Dismissed dismissed;
+  LogoffNotice notice;
+  {
+    WriteGuard guard(lock_);
+    if (!guard) return;
+    LogoffLocked(dismissed, notice);
+  }
+  EndSession(notice, dismissed);
 }
 
 bool RouterTableEntry::LogoffSession(LogonGeneration generation) {
@@ -293,8 +306,7 @@ bool RouterTableEntry::LogoffSession(LogonGeneration generation) {
     if (!guard || generation != generation_) return false;
     LogoffLocked(dismissed, notice);
   }
-  AnnounceLogoff(notice);
-  Finish(dismissed);
+  EndSession(notice, dismissed);
   return true;
 }
 

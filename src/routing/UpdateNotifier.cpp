@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
 #include "envelope/MessageType.h"
 #include "logging/Log.h"
@@ -66,6 +67,8 @@ void UpdateNotifier::Send(const char* event, const std::string& name) {
     data <<= name.c_str();
     routing_.SendLocalMessage(destination, ManagementMessageType(event), data, priority_,
                               TimeToLive::Stated(ttl_));
+  } catch (const CORBA::Exception& exception) {
+    LogCaughtCorbaException("UpdateNotifier::Send", exception, "");
   } catch (const std::exception& exception) {
     LogCaughtException("UpdateNotifier::Send", exception, "");
   }

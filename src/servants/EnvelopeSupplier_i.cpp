@@ -26,7 +26,7 @@ void PeekFor(const Caller& caller, Envelope& envelope) {
   if (entry.PeekNext(envelope, caller.name)) return;
   // From here on a newcomer causes another notification; one that came just before does not, so it
   // is looked for once more.
-  entry.EnvelopePulledWithNothingThere();
+  entry.EnvelopePulledWithNothingThere(caller.name);
   if (entry.PeekNext(envelope, caller.name)) return;
   LogTrace("EnvelopeSupplier::GetEnvelope() - no envelope to supply for %s\n",
            Shown(entry.Name()).c_str());
@@ -41,7 +41,7 @@ BrelixMessaging::Envelope* EnvelopeSupplier_i::GetEnvelope() {
       Envelope envelope;
       try {
         const Caller caller = Caller::LoggedOn();
-        caller.entry.TouchLastPull();
+        caller.entry.TouchLastPull(caller.name);
         PeekFor(caller, envelope);
         BrelixMessaging::Envelope_var wire = envelope.ToWire(isRouterSupplier_);
         if (MessageRouter::LogEnabled(MessageRouter::kLogInfo)) {
@@ -93,7 +93,7 @@ void EnvelopeSupplier_i::Acknowledge(const std::vector<std::string>& originators
                                      std::uint32_t messageId) {
   Framed("EnvelopeSupplier::AcknowledgeEnvelope", [&] {
     const Caller caller = Caller::LoggedOn();
-    caller.entry.TouchLastPull();
+    caller.entry.TouchLastPull(caller.name);
     if (!caller.entry.CancelSupplied(originators, messageId, caller.name)) {
       throw BrelixMessaging::NoEnvelope();
     }
@@ -104,7 +104,7 @@ void EnvelopeSupplier_i::Heartbeat() {
   OpenOperation("EnvelopeSupplier::Heartbeat", [] {
     const auto name = CallerNameIfAny();
     RouterTableEntry* entry = name ? FindEntry(*name) : nullptr;
-    if (entry != nullptr) entry->TouchLastPull();
+    if (entry != nullptr) entry->TouchLastPull(*name);
   });
 }
 

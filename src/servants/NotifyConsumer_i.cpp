@@ -48,7 +48,9 @@ void NotifyConsumer_i::Notify() {
     const auto name = CallerNameIfAny();
     if (routing == nullptr || !name) return;
     MessageRouter::RouterTableEntry* entry = routing->Table().Find(*name);
-    if (entry == nullptr) return;  // a stranger's notification is dropped without a word
+    // A stranger's notification is dropped without a word. One that comes too late for an entry
+    // that has just become another peer's means a poll of that one, which does no harm.
+    if (entry == nullptr || !entry->StandingOf(*name)) return;
     routing->Host().NotifiedPoll(*entry);
     MessageRouter::LogDebug("NotifyConsumer_i::Notify() notified by %s\n",
                             MessageRouter::Shown(*name).c_str());

@@ -1,5 +1,6 @@
 #include "servants/RouterConsumer_i.h"
 
+#include <string>
 #include <utility>
 
 #include "servants/Caller.h"
@@ -13,7 +14,7 @@ void RouterConsumer_i::SendEnvelope(const BrelixMessaging::Envelope& wire) {
     // A neighbour states who sent the message and with what certificate. A client that has guessed
     // the reference of a neighbour's object must not: it would gain any role.
     if (!caller.isRouter) throw BrelixMessaging::Rejected();
-    caller.entry.TouchLastPull();
+    caller.entry.TouchLastPull(caller.name);
     MessageRouter::Envelope envelope;
     envelope.CreateFromRouter(wire, caller.entry.IsParent());
     caller.routing.QueueForRouting(std::move(envelope));
@@ -22,8 +23,9 @@ void RouterConsumer_i::SendEnvelope(const BrelixMessaging::Envelope& wire) {
 
 void RouterConsumer_i::Heartbeat() {
   OpenOperation("RouterConsumer::Heartbeat", [] {
-    MessageRouter::RouterTableEntry* entry = FindEntry(CallerName());
-    if (entry != nullptr) entry->TouchLastPull();
+    const std::string name = CallerName();
+    MessageRouter::RouterTableEntry* entry = FindEntry(name);
+    if (entry != nullptr) entry->TouchLastPull(name);
   });
 }
 

@@ -1,6 +1,8 @@
 #include "delivery/GetterWorker.h"
 
+#include <functional>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 
 #include "delivery/ScanThreads.h"
@@ -367,14 +369,35 @@ TEST_F(GetterWorkerTest, PeerThatLogsOffBetweenTwoTurnsEndsThePollWithoutAFailur
 TEST_F(GetterWorkerTest, LogoffThatRaisesIsLoggedAndCostsNothingElse) {
   table.AddParent("boss");
   RouterTableEntry& parent = *table.Parent();
-  parent.LogonRouter(parent.Name(), BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
-                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
-  ASSERT_TRUE(parent.readyForNotifiedPoll());
-  host.onParentLinkLost = [] { throw BrelixMessaging::NotLoggedOn(); };
   peer->onCall = [](int) { throw BrelixMessaging::Rejected(); };
-  GetterWorker worker(pool, nullptr);
-  EXPECT_NO_THROW(worker.ProcessEntry(parent));
-  EXPECT_TRUE(log.Contains("during logoff"));
+  const auto lineOfALogoffThat = [&](std::function<void()> raises) {
+    host.onParentLinkLost = nullptr;
+    parent.LogonRouter(parent.Name(), BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
+                       BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+    EXPECT_TRUE(parent.readyForNotifiedPoll());
+    host.onParentLinkLost = std::move(raises);
+    GetterWorker worker(pool, nullptr);
+    EXPECT_NO_THROW(worker.ProcessEntry(parent));
+    return log.Lines().back();
+  };
+  const auto corba = lineOfALogoffThat([] { throw BrelixMessaging::NotLoggedOn(); });
+  EXPECT_THAT(corba.text, testing::StartsWith("GetterWorker: Caught CORBA "));
+  EXPECT_THAT(corba.text, testing::HasSubstr(" during logoff"));
+  EXPECT_EQ(lineOfALogoffThat([] { throw std::runtime_error("it broke"); }).text,
+            "GetterWorker: Caught it broke during logoff\n");
+  const auto unknown = lineOfALogoffThat([] { throw 1; });
+  EXPECT_EQ(unknown.text, "GetEntryGuard destructor caught unknown exception\n");
+  EXPECT_EQ(unknown.level, kLogError);
+}
+
+TEST_F(GetterWorkerTest, LogoffThatRaisesLetsThePollOfTheNextSessionIn) {
+  table.SetLoggedOffNotice([](const std::string&, bool) { throw std::runtime_error("no notice"); });
+  peer->UnreachableFor(2);
+  TimedPoll();
+  ASSERT_FALSE(entry.IsLoggedOn());
+  Logon(peer);
+  NotifiedPoll();
+  EXPECT_EQ(peer->count, 3);
 }
 
 TEST_F(GetterWorkerTest, FailedPollOfTheParentTellsTheParentLogon) {
@@ -431,6 +454,9 @@ TEST_F(GetterWorkerTest, LateSuccessLeavesTheRestAndThePollOfTheNewSessionAlone)
   TimedPoll();
   EXPECT_EQ(peer->count, 1);
   EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollNotified);
+  EXPECT_THAT(polls, ElementsAre(std::pair(false, true)));
+  EXPECT_EQ(peer->acknowledgements.count, 1);
+  EXPECT_THAT(Routed(), ElementsAre(1u));
 }
 
 TEST_F(GetterWorkerTest, NoSecondWorkerPollsAPeerThatHangsAndLogsOnAgain) {
@@ -463,6 +489,16 @@ TEST_F(GetterWorkerTest, HungAcknowledgementOfAnOldSessionThatFailsOffersTheNewO
   TimedPoll();
   EXPECT_TRUE(entry.IsLoggedOn());
   EXPECT_THAT(host.Getters(), ElementsAre(&entry));
+}
+
+TEST_F(GetterWorkerTest, WorkerThatIsToldToStopBeforeItsFirstTurnMakesThatTurn) {
+  Hold(2);
+  ASSERT_TRUE(entry.readyForTimedPoll());
+  GetterWorker worker(pool, [this](bool notified, bool got) { polls.emplace_back(notified, got); });
+  worker.RequestStop();
+  worker.ProcessEntry(entry);
+  EXPECT_THAT(Routed(), ElementsAre(1u));
+  EXPECT_THAT(polls, ElementsAre(std::pair(false, true)));
 }
 
 TEST_F(GetterWorkerTest, StopEndsThePollAfterTheEnvelopeInFlight) {

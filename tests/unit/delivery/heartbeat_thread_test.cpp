@@ -71,6 +71,26 @@ TEST_F(HeartbeatTest, ThatFailsTwiceHasFailed) {
   EXPECT_FALSE(log.Contains("succeeded"));
 }
 
+TEST_F(HeartbeatTest, ThatIsMadeAgainBeginsAnew) {
+  HeartbeatThread heartbeat(table);
+  heartbeat.Start();
+  ASSERT_TRUE(heartbeat.WaitForEnd(kLong));
+  ASSERT_TRUE(heartbeat.Succeeded());
+  heartbeat.Join();
+  std::promise<void> called;
+  std::promise<void> answer;
+  parent->onHeartbeat = [&](int) {
+    called.set_value();
+    answer.get_future().wait();
+  };
+  heartbeat.Start();
+  called.get_future().wait();
+  EXPECT_FALSE(heartbeat.Succeeded());
+  EXPECT_FALSE(heartbeat.WaitForEnd(seconds(0)));
+  answer.set_value();
+  EXPECT_TRUE(heartbeat.WaitForEnd(kLong));
+}
+
 TEST_F(HeartbeatTest, ToAParentThatCannotBePushedToFailsWithoutACall) {
   table.Parent()->LogonRouter("boss", BrelixMessaging::RouterConsumer::_nil(),
                               BrelixMessaging::RouterSupplier::_nil(),

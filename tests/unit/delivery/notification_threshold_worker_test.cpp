@@ -128,20 +128,6 @@ TEST_F(ThresholdTest, FailureLeavesTheBackOffAsItIsUnlikeAFailedNotification) {
   ExpectNextCallAfter(std::chrono::hours(1));
 }
 
-TEST_F(ThresholdTest, SuccessDoesNotResetTheBackOff) {
-  peer->thresholdCalls.UnreachableFor(4);
-  VisitForThreshold();
-  ExpectNextCallAfter(std::chrono::hours(1));
-  ExpectNextCallAfter(std::chrono::hours(2));  // answered; the next interval is four hours
-  ASSERT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
-  Enqueue(entry, Stored(1));
-  peer->UnreachableFor(2);
-  Visit(entry);  // one hour, as after every failed notification
-  peer->thresholdCalls.onCall = [](int) { throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO); };
-  ExpectNextCallAfter(std::chrono::hours(1));
-  ExpectNextCallAfter(std::chrono::hours(2));
-}
-
 TEST_F(ThresholdTest, BackOffStartsAnewAtTheNextLogon) {
   peer->thresholdCalls.UnreachableFor(1000);
   VisitForThreshold();
@@ -197,14 +183,14 @@ TEST_F(ThresholdTest, PeerThatNobodyNotifiedYetComesHereThroughTheOfferAfterItsL
 }
 
 TEST_F(ThresholdTest, EmptyPullDuringTheCallEndsAsNotified) {
-  peer->thresholdCalls.onCall = [this](int) { entry.EnvelopePulledWithNothingThere(); };
+  peer->thresholdCalls.onCall = [this](int) { entry.EnvelopePulledWithNothingThere(entry.Name()); };
   VisitForThreshold();
   EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
 }
 
 TEST_F(ThresholdTest, FailureAfterAnEmptyPullIsAFailure) {
   peer->thresholdCalls.onCall = [this](int) {
-    entry.EnvelopePulledWithNothingThere();
+    entry.EnvelopePulledWithNothingThere(entry.Name());
     throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
   };
   VisitForThreshold();

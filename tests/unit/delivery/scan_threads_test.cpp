@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <future>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -45,6 +46,15 @@ class ScanTest : public DeliveryTest {
     }
     return true;
   }
+  // Time enough for many scans, if there were any.
+  template <class Thread>
+  void BeVisitedOften(Exposed<Thread>& thread) {
+    RouterTableEntry& entry = AClient("often");
+    for (int visit = 0; visit < 200; ++visit) {
+      thread.Offer(entry);
+      ASSERT_TRUE(Eventually([&] { return thread.Queued() == 0; }));
+    }
+  }
   void VisitForTimeout(RouterTableEntry& entry) {
     TimeoutWorker worker(pool);
     worker.ProcessEntry(entry);
@@ -83,20 +93,22 @@ TEST_F(ScanTest, EntryUnderTwoNamesIsLookedAtOnce) {
 }
 
 TEST_F(ScanTest, PeriodOfZeroScansOnceAndSleepsUntilTheStop) {
-  TimeoutThread thread(table);
+  Exposed<TimeoutThread> thread(table);
   thread.Configure(0, 1);
   thread.Start();
   ASSERT_TRUE(Eventually([&] { return log.Contains("checking table"); }));
   clock.Advance(std::chrono::hours(1));
+  BeVisitedOften(thread);
   thread.Stop();
   EXPECT_EQ(log.Count("TimeoutThread::Process() checking table\n"), 1u);
 }
 
 TEST_F(ScanTest, NotificationThresholdPeriodOfZeroScansOnceToo) {
-  NotificationThresholdThread thread(table);
+  Exposed<NotificationThresholdThread> thread(table);
   thread.Configure(0, 1);
   thread.Start();
   ASSERT_TRUE(Eventually([&] { return log.Contains("checking table"); }));
+  BeVisitedOften(thread);
   thread.Stop();
   EXPECT_EQ(log.Count("NotificationThresholdThread::Process() checking table\n"), 1u);
 }
@@ -121,11 +133,11 @@ TEST_F(ScanTest, ThreadCanBeStartedAgain) {
 }
 
 TEST_F(ScanTest, EntryOfferedBetweenOpeningAndStartIsVisited) {
-  RouterTableEntry& entry = APolledRouter();
   Exposed<GetterThread> thread(table);
   thread.Configure(3600, 1);
   thread.Start();
   thread.Stop();
+  RouterTableEntry& entry = APolledRouter();  // no scan has seen it
   thread.Offer(entry);
   EXPECT_EQ(thread.Queued(), 0u);
   thread.Open();
@@ -213,7 +225,7 @@ TEST_F(ScanTest, RouterThatPullsAndStaysSilentFor1801SecondsIsLoggedOff) {
 TEST_F(ScanTest, RouterThatPulledMeanwhileStaysLoggedOn) {
   RouterTableEntry& entry = APullingRouter();
   clock.Advance(std::chrono::seconds(1801));
-  entry.TouchLastPull();
+  entry.TouchLastPull(entry.Name());
   VisitForTimeout(entry);
   EXPECT_TRUE(entry.IsLoggedOn());
 }
@@ -243,6 +255,58 @@ TEST_F(ScanTest, LogoffThatRaisesIsLoggedAndCostsTheVisitAlone) {
   EXPECT_TRUE(log.Contains("TimeoutWorker: Caught CORBA"));
 }
 
+// A router that was unregistered and asks for a certificate: nothing it can be logged off from.
+TEST_F(ScanTest, LogoffThatIsRefusedLeavesTheEntryAndIsTriedAgainAtTheNextScan) {
+  RouterTableEntry& entry = ARouter();
+  table.Unregister("child");
+  entry.LogonCertification("child");
+  const auto session = entry.Generation();
+  clock.Advance(std::chrono::seconds(1801));
+  Exposed<TimeoutThread> thread(table);
+  for (std::size_t scan = 1; scan <= 2; ++scan) {
+    thread.CheckEntry(entry);
+    ASSERT_EQ(thread.Queued(), 1u);
+    ASSERT_EQ(thread.Next(), &entry);
+    VisitForTimeout(entry);
+    EXPECT_EQ(log.Count("TimeoutWorker: Caught CORBA"), scan);
+    EXPECT_EQ(entry.Generation(), session);
+    EXPECT_EQ(entry.GetLogonState(), RouterTableEntry::kCertification);
+  }
+}
+
+TEST_F(ScanTest, LogoffWhoseNoticeFailsIsLoggedAndCostsTheVisitAlone) {
+  RouterTableEntry& entry = APullingRouter();
+  table.SetLoggedOffNotice([](const std::string&, bool) { throw std::runtime_error("no notice"); });
+  clock.Advance(std::chrono::seconds(1801));
+  EXPECT_NO_THROW(VisitForTimeout(entry));
+  EXPECT_TRUE(log.Has(MessageRouter::kLogError, "TimeoutWorker: Caught no notice \n"));
+  EXPECT_FALSE(entry.IsLoggedOn());
+}
+
+TEST_F(ScanTest, WhatHasExpiredIsRetiredBeforeTheSilentRouterIsLoggedOff) {
+  RouterTableEntry& entry = APullingRouter();
+  Enqueue(entry, Expired(1));
+  clock.Advance(std::chrono::seconds(1801));
+  VisitForTimeout(entry);
+  std::vector<std::string> told;
+  for (const auto& line : log.Lines()) {
+    for (const char* part : {"Delivery failed(Timeout)", "Communications timeout"}) {
+      if (line.text.find(part) != std::string::npos) told.emplace_back(part);
+    }
+  }
+  EXPECT_THAT(told, ElementsAre("Delivery failed(Timeout)", "Communications timeout"));
+}
+
+TEST_F(ScanTest, NamesOfPeersAreShownWithoutControlCharacters) {
+  RouterTableEntry& entry = APullingRouter("a\nb");
+  clock.Advance(std::chrono::seconds(1801));
+  Exposed<TimeoutThread> thread(table);
+  thread.CheckEntry(entry);
+  VisitForTimeout(entry);
+  EXPECT_TRUE(log.Has(kLogDebug, "TimeoutThread::CheckEntry() adding entry: a?b\n"));
+  EXPECT_TRUE(log.Has(kLogInfo, "Communications timeout, logging a?b off\n"));
+}
+
 TEST_F(ScanTest, ScanAndWorkerTogetherRetireWhatHasExpired) {
   RouterTableEntry& entry = AClient();
   Enqueue(entry, Expired(1));
@@ -256,15 +320,18 @@ TEST_F(ScanTest, ScanAndWorkerTogetherRetireWhatHasExpired) {
 TEST_F(ScanTest, ZeroTimeoutIntervalStopsExpiryAndPullTimeoutAfterTheFirstScan) {
   RouterTableEntry& offline = AClient();
   RouterTableEntry& silent = APullingRouter();
-  TimeoutThread thread(table);
+  Enqueue(offline, Expired(1));
+  Exposed<TimeoutThread> thread(table);
   thread.Configure(0, 1);
   thread.Start();
-  ASSERT_TRUE(Eventually([&] { return log.Contains("checking table"); }));
-  Enqueue(offline, Expired(1));
+  // The first scan is over when what it found has been visited.
+  ASSERT_TRUE(Eventually([&] { return !OnDisk(1); }));
+  Enqueue(offline, Expired(2));
   clock.Advance(std::chrono::seconds(1801));
+  BeVisitedOften(thread);
   thread.Stop();
+  EXPECT_TRUE(OnDisk(2));
   EXPECT_TRUE(silent.IsLoggedOn());
-  EXPECT_EQ(log.Count("checking table"), 1u);
 }
 
 // What the getter thread looks at.
@@ -309,6 +376,40 @@ TEST_F(ScanTest, ScanAndWorkersTogetherPollAPeerThatIsDueAndTellHowItWent) {
   thread.Stop();
   EXPECT_EQ(peer->count, 1);
   EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollWaiting);
+}
+
+TEST_F(ScanTest, PeerThatHangsInAPollKeepsNobodyElseFromBeingPolled) {
+  SupplierPeer hanging;
+  SupplierPeer other;
+  std::promise<void> called;
+  std::promise<void> mayAnswer;
+  hanging->onCall = [&](int) {
+    called.set_value();
+    mayAnswer.get_future().wait();
+  };
+  RouterTableEntry& stuck = ARouter("hanging");
+  stuck.LogonRouter("hanging", BrelixMessaging::RouterConsumer::_nil(), hanging.Reference(),
+                    BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+  GetterThread thread(table);
+  thread.Configure(3600, 2);
+  thread.Start();
+  called.get_future().wait();
+  // However often it logs on: the second worker is everybody's.
+  for (int logon = 0; logon < 3; ++logon) {
+    stuck.LogonRouter("hanging", BrelixMessaging::RouterConsumer::_nil(), hanging.Reference(),
+                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+    thread.NotifiedPoll(stuck);
+  }
+  RouterTableEntry& entry = ARouter("other");
+  entry.LogonRouter("other", BrelixMessaging::RouterConsumer::_nil(), other.Reference(),
+                    BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+  thread.NotifiedPoll(entry);
+  EXPECT_TRUE(
+      Eventually([&] { return entry.GetSupplierState() == RouterTableEntry::kPollWaiting; }));
+  mayAnswer.set_value();
+  thread.Stop();
+  EXPECT_EQ(hanging->count, 1);
+  EXPECT_EQ(other->count, 1);
 }
 
 // What the notification threshold thread looks at.

@@ -55,7 +55,7 @@ TEST_F(SenderNotifyTest, EnvelopeThatArrivesAfterAnEmptyPullIsNotifiedOnceMore) 
   Enqueue(entry, Stored(1));
   peer->onCall = [&](int call) {
     if (call > 1) return;
-    entry.EnvelopePulledWithNothingThere();
+    entry.EnvelopePulledWithNothingThere(entry.Name());
     EXPECT_FALSE(entry.NotificationWanted().acquired);
   };
   Visit(entry);
@@ -72,7 +72,7 @@ TEST_F(SenderNotifyTest, FailureOfTheSecondNotificationIsRecorded) {
       EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotifying);
       throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
     }
-    entry.EnvelopePulledWithNothingThere();
+    entry.EnvelopePulledWithNothingThere(entry.Name());
     EXPECT_FALSE(entry.NotificationWanted().acquired);
   };
   Visit(entry);
@@ -87,7 +87,7 @@ TEST_F(SenderNotifyTest, EnvelopeThatIsFetchedBeforeTheSecondNotificationNeedsNo
   RouterTableEntry& entry = ANotifiedClient(peer);
   Enqueue(entry, Stored(1));
   peer->onCall = [&](int) {
-    entry.EnvelopePulledWithNothingThere();
+    entry.EnvelopePulledWithNothingThere(entry.Name());
     EXPECT_FALSE(entry.NotificationWanted().acquired);
     entry.TakeAll();
   };

@@ -46,6 +46,15 @@ TEST_F(ParentLogonTest, AfterTheLogonTheParentIsPolledAndWhatWaitsIsOffered) {
   EXPECT_THAT(host_.Senders(), ElementsAre(table_.Parent()));
 }
 
+TEST_F(ParentLogonTest, AfterTheLogonAParentThatCanBeNotifiedIsOwedAThresholdCallFirst) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.StopLogon(false);
+  EXPECT_THAT(host_.ThresholdCalls(), ElementsAre(table_.Parent()));
+  EXPECT_THAT(host_.Senders(), testing::IsEmpty());
+}
+
 TEST_F(ParentLogonTest, AlreadyRegisteredIsSuccess) {
   parent_.SetOnCall([](const std::string& operation) {
     if (operation == "Register") throw BrelixMessaging::AlreadyRegistered();

@@ -1,6 +1,7 @@
 #include <functional>
 
 #include "fixture.h"
+#include "support/FakeParent.h"
 
 namespace TestSupport {
 namespace {
@@ -157,7 +158,7 @@ TEST_F(EntryNotificationTest, ThePriorityComparesSignedWithTheThreshold) {
 
 TEST_F(EntryNotificationTest, APullThatFoundNothingMeanwhileAsksForOneMoreNotification) {
   const auto generation = Begin();
-  peer_.EnvelopePulledWithNothingThere();
+  peer_.EnvelopePulledWithNothingThere(peer_.Name());
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyingPulledEmpty);
   EXPECT_FALSE(peer_.NotificationWanted().acquired);
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyAgain);
@@ -170,7 +171,7 @@ TEST_F(EntryNotificationTest, AFinishedOneLeavesThePeerNotifiedAndItCanBeNotifie
   EXPECT_FALSE(peer_.NotificationFinished(Begin()));
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
   EXPECT_TRUE(peer_.NotificationWanted().acquired);
-  peer_.EnvelopePulledWithNothingThere();
+  peer_.EnvelopePulledWithNothingThere(peer_.Name());
   EXPECT_FALSE(peer_.NotificationFinished(peer_.Generation()));
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
 }
@@ -178,12 +179,12 @@ TEST_F(EntryNotificationTest, AFinishedOneLeavesThePeerNotifiedAndItCanBeNotifie
 TEST_F(EntryNotificationTest, APullOutsideOfANotificationChangesNoState) {
   const auto expectToStay = [this](Entry::ConsumerState state) {
     ASSERT_EQ(peer_.GetConsumerState(), state);
-    peer_.EnvelopePulledWithNothingThere();
+    peer_.EnvelopePulledWithNothingThere(peer_.Name());
     EXPECT_EQ(peer_.GetConsumerState(), state);
   };
   expectToStay(Entry::kNothingSent);
   const auto generation = Begin();
-  peer_.EnvelopePulledWithNothingThere();
+  peer_.EnvelopePulledWithNothingThere(peer_.Name());
   expectToStay(Entry::kNotifyingPulledEmpty);
   peer_.NotificationWanted();
   expectToStay(Entry::kNotifyAgain);
@@ -289,7 +290,7 @@ TEST_F(EntryNotificationTest, ASilentActiveConsumerTimesOutAfterTheTimeAndNotAtI
   EXPECT_TRUE(peer_.PullTimedOut());
   clock_.AdvanceWall(-100000);
   EXPECT_TRUE(peer_.PullTimedOut());
-  peer_.TouchLastPull();
+  peer_.TouchLastPull(peer_.Name());
   EXPECT_FALSE(peer_.PullTimedOut());
 }
 
@@ -298,8 +299,8 @@ TEST_F(EntryNotificationTest,
   for (const bool pulledEmpty : {false, true}) {
     const auto generation = Begin();
     if (pulledEmpty) {
-      peer_.EnvelopePulledWithNothingThere();
-      peer_.TouchLastPull();
+      peer_.EnvelopePulledWithNothingThere(peer_.Name());
+      peer_.TouchLastPull(peer_.Name());
     }
     clock_.Advance(seconds(1801));
     peer_.NotificationFinished(generation);
@@ -320,9 +321,9 @@ TEST_F(EntryNotificationTest, ASilentRouterTimesOutWhileItIsBeingNotified) {
 TEST_F(EntryNotificationTest, OneThatPulledDuringTheCallDoesNotTimeOutBeforeItsEnd) {
   Begin();
   for (const bool again : {false, true}) {
-    peer_.EnvelopePulledWithNothingThere();
+    peer_.EnvelopePulledWithNothingThere(peer_.Name());
     if (again) peer_.NotificationWanted();
-    peer_.TouchLastPull();
+    peer_.TouchLastPull(peer_.Name());
     clock_.Advance(seconds(1801));
     EXPECT_FALSE(peer_.PullTimedOut()) << again;
   }
@@ -334,9 +335,9 @@ TEST_F(EntryNotificationTest, AfterAFailedCallTheTimeRunsFromThereIfThePeerPulle
     for (const auto fail : {&Entry::NotificationFailed, &Entry::ThresholdCallFailed}) {
       Logon(0);
       const auto generation = Begin();
-      peer_.EnvelopePulledWithNothingThere();
+      peer_.EnvelopePulledWithNothingThere(peer_.Name());
       if (again) peer_.NotificationWanted();
-      peer_.TouchLastPull();
+      peer_.TouchLastPull(peer_.Name());
       clock_.Advance(seconds(1801));
       std::invoke(fail, peer_, generation);
       EXPECT_EQ(peer_.GetConsumerState(), Entry::kNoNotification);
@@ -345,6 +346,27 @@ TEST_F(EntryNotificationTest, AfterAFailedCallTheTimeRunsFromThereIfThePeerPulle
       EXPECT_TRUE(peer_.PullTimedOut()) << again;
     }
   }
+}
+
+// The parent, which has not pulled yet, is such a peer.
+TEST_F(EntryNotificationTest, AFailedCallMakesNobodyTimeOutWhoCouldNotBefore) {
+  FakeParent parent;
+  parent.notify = AReferenceTo<BrelixMessaging::NotifyConsumer>("parent-notify");
+  table_.AddParent("");
+  Entry& entry = *table_.Parent();
+  for (const auto fail : {&Entry::NotificationFailed, &Entry::ThresholdCallFailed}) {
+    ASSERT_TRUE(entry.LogonToParentRouter(parent.Door()));
+    std::invoke(fail, entry, entry.NotificationRetryDue().generation);
+    ASSERT_EQ(entry.GetConsumerState(), Entry::kNoNotification);
+    clock_.Advance(seconds(1801));
+    EXPECT_FALSE(entry.PullTimedOut());
+  }
+}
+
+TEST_F(EntryNotificationTest, APullOfAnotherPeerIsNoneOfThisOnes) {
+  Begin();
+  peer_.EnvelopePulledWithNothingThere("stranger");
+  EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifying);
 }
 
 TEST_F(EntryNotificationTest, AFailedCallIsNoSignOfLife) {
@@ -388,7 +410,7 @@ TEST_F(EntryNotificationTest, EveryOutcomeEndsACallDuringWhichAnotherWasWanted) 
   const auto begin = [this] {
     Logon(0);
     const auto generation = Begin();
-    peer_.EnvelopePulledWithNothingThere();
+    peer_.EnvelopePulledWithNothingThere(peer_.Name());
     peer_.NotificationWanted();
     EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyAgain);
     return generation;
@@ -406,7 +428,7 @@ TEST_F(EntryNotificationTest, EveryOutcomeEndsACallDuringWhichAnotherWasWanted) 
 TEST_F(EntryNotificationTest, AClientNeverTimesOut) {
   Entry& client = AClient("agent");
   LogonPulling(client);
-  client.TouchLastPull();
+  client.TouchLastPull(client.Name());
   clock_.Advance(seconds(100000));
   EXPECT_FALSE(client.PullTimedOut());
 }
@@ -416,7 +438,7 @@ TEST_F(EntryNotificationTest, APassiveConsumerNeverTimesOut) {
       AReferenceTo<BrelixMessaging::RouterConsumer>("pushed");
   peer_.LogonRouter(peer_.Name(), consumer, BrelixMessaging::RouterSupplier::_nil(),
                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
-  peer_.TouchLastPull();
+  peer_.TouchLastPull(peer_.Name());
   clock_.Advance(seconds(100000));
   EXPECT_FALSE(peer_.PullTimedOut());
 }

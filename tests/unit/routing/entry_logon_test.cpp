@@ -159,7 +159,7 @@ TEST_F(EntryLogonTest, ObjectsAreMadeAndDeactivatedWhileNoLockIsHeld) {
   const auto touch = [&] {
     ++calls;
     table_.AddCertificationEntry("other");
-    client_.TouchLastPull();
+    client_.TouchLastPull(client_.Name());
   };
   host_.objects.onCreate = touch;
   host_.objects.onDeactivate = touch;
@@ -282,15 +282,52 @@ TEST_F(EntryLogonTest, AStandingIsThatOfThePeerAskedForAlone) {
   EXPECT_TRUE(client_.StandingOf("other"));
 }
 
-TEST_F(EntryLogonTest, TheParentStandsUnderEveryNameThatLeadsToIt) {
+// Its name still leads to the parent's entry.
+TEST_F(EntryLogonTest, AFormerParentIsAStrangerToWhatIsTheParents) {
   table_.AddParent("");
+  table_.SetParentName("former");
   table_.SetParentName("boss");
   Entry& parent = *table_.Parent();
+  ASSERT_EQ(table_.Find("former"), &parent);
   LogonPolled(parent);
+  Enqueue(parent, AnEnvelope().WithId(1).WithOriginator("router1.a"));
+  Envelope out;
+  for (const char* name : {"former", ""}) {
+    EXPECT_FALSE(parent.StandingOf(name));
+    EXPECT_THROW(parent.PeekNext(out, name), BrelixMessaging::Rejected);
+    EXPECT_THROW(parent.CancelSupplied({"router1.a"}, 1, name), BrelixMessaging::Rejected);
+    EXPECT_THROW(parent.Logoff(name), NotRegistered);
+    EXPECT_THROW(routing_.LogonRouterPeer(name, BrelixMessaging::RouterConsumer::_nil(),
+                                          BrelixMessaging::RouterSupplier::_nil(),
+                                          BrelixMessaging::NotifyConsumer::_nil(), 0),
+                 NotRegistered);
+  }
+  EXPECT_TRUE(parent.IsLoggedOn());
   EXPECT_TRUE(parent.StandingOf("boss"));
-  EXPECT_TRUE(parent.StandingOf(""));
+  EXPECT_TRUE(parent.PeekNext(out, "boss"));
   table_.Clear();
   EXPECT_FALSE(parent.StandingOf("boss"));
+}
+
+TEST_F(EntryLogonTest, APullOfAnotherPeerIsNoSignOfLife) {
+  LogonPolled(router_);
+  clock_.Advance(std::chrono::seconds(1801));
+  router_.TouchLastPull("stranger");
+  EXPECT_TRUE(router_.PullTimedOut());
+  router_.TouchLastPull("child");
+  EXPECT_FALSE(router_.PullTimedOut());
+}
+
+TEST_F(EntryLogonTest, ALogoffWhoseNoticeFailsLeavesNothingActive) {
+  LogonPulling(client_);
+  table_.SetLoggedOffNotice([](const std::string&, bool) { throw CORBA::NO_MEMORY(); });
+  EXPECT_THROW(client_.Logoff("agent"), CORBA::NO_MEMORY);
+  LogonPulling(client_);
+  EXPECT_THROW(client_.Logoff(), CORBA::NO_MEMORY);
+  LogonPulling(client_);
+  EXPECT_THROW(client_.LogoffSession(client_.Generation()), CORBA::NO_MEMORY);
+  EXPECT_FALSE(client_.IsLoggedOn());
+  EXPECT_THAT(host_.objects.Active(), testing::IsEmpty());
 }
 
 TEST_F(EntryLogonTest, AFailingDeactivationIsNoConcernOfThePeer) {
@@ -319,8 +356,8 @@ TEST_F(EntryLogonTest, LogoffTellsSubscribersOfClientsAndRoutersButNotOfTheParen
   std::vector<std::string> told;
   table_.SetLoggedOffNotice([&](const std::string& name, bool isRouter) {
     // No lock is held meanwhile.
-    client_.TouchLastPull();
-    router_.TouchLastPull();
+    client_.TouchLastPull(client_.Name());
+    router_.TouchLastPull(router_.Name());
     told.push_back(name + (isRouter ? " router" : " client"));
   });
   LogonPushed(client_);
@@ -356,7 +393,7 @@ TEST_F(EntryLogonTest, AStaleSessionCannotLogOffTheNewOne) {
 TEST_F(EntryLogonTest, EveryResetOfTheParentsEntryTellsTheParentLogon) {
   table_.AddParent("");
   Entry& parent = *table_.Parent();
-  host_.onParentLinkLost = [&] { parent.TouchLastPull(); };  // no lock is held
+  host_.onParentLinkLost = [&] { parent.TouchLastPull(parent.Name()); };  // no lock is held
   LogonPolled(parent);
   EXPECT_EQ(host_.LinksLost(), 1u);
   parent.Logoff();

@@ -97,7 +97,7 @@ TEST_F(EntryParentTest, TheEntryCountsAsLoggedOnWhileTheParentThinks) {
 
 TEST_F(EntryParentTest, TheParentMayCallBackWhileItThinks) {
   AnswerAsPolledAndNotified();
-  parent_.SetOnCall([&](const std::string&) { entry_->TouchLastPull(); });
+  parent_.SetOnCall([&](const std::string&) { entry_->TouchLastPull(entry_->Name()); });
   EXPECT_TRUE(entry_->LogonToParentRouter(parent_.Door()));
 }
 
@@ -205,7 +205,7 @@ TEST_F(EntryParentTest, WhoeverAsksForACertificateIsNotTheParent) {
 TEST_F(EntryParentTest, AnOldSessionsPullsDoNotTimeTheNewOneOut) {
   AnswerAsPolledAndNotified();
   entry_->LogonToParentRouter(parent_.Door());
-  entry_->TouchLastPull();
+  entry_->TouchLastPull(entry_->Name());
   const std::chrono::seconds limit(host_.GetThresholds().activeConsumerConnectionTimeout);
   clock_.Advance(limit + std::chrono::seconds(1));
   ASSERT_TRUE(entry_->PullTimedOut());

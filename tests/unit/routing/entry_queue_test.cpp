@@ -173,5 +173,16 @@ TEST_F(EntryQueueTest, ALockThatFailsMakesAQueryFalseAndAnUpdateANoOp) {
   EXPECT_TRUE(entry.HasEnvelopes());
 }
 
+TEST_F(EntryQueueTest, WhoIsToldToStopRetiresNoMoreThanOneHandful) {
+  Entry& entry = AClient("agent");
+  for (std::uint32_t id = 0; id < 1500; ++id) {
+    Enqueue(entry, AnEnvelope().WithId(id).WithTtl(clock_.WallSeconds() - 1));
+  }
+  entry.RetireExpired([] { return false; });
+  EXPECT_EQ(log_.Count("Delivery failed(Timeout)"), 1000u);
+  entry.RetireExpired();
+  EXPECT_FALSE(entry.HasEnvelopes());
+}
+
 }  // namespace
 }  // namespace TestSupport

@@ -296,7 +296,7 @@ TEST_F(TableFileTest, NoLockOfTheTableIsHeldWhileTheFileIsMade) {
   host_.onObjectToString = [&] {
     ++calls;
     table_.Register("other", false);
-    child.TouchLastPull();
+    child.TouchLastPull(child.Name());
   };
   table_.WriteTable(false);
   EXPECT_EQ(calls, 1u);
