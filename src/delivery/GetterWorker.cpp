@@ -2,6 +2,8 @@
 
 #include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
+#include "delivery/VisitFailure.h"
+#include "envelope/Address.h"
 #include "logging/Log.h"
 #include "routing/Routing.h"
 
@@ -28,7 +30,7 @@ std::uint32_t ReadMaximumToGet() {
 // One envelope: fetched, stored, queued, and only then acknowledged.
 void Fetch(BrelixMessaging::RouterSupplier_ptr supplier, const RouterTableEntry& entry,
            const std::string& name, GetEntryGuard& guard) {
-  LogDebug("GetterWorker::ProcessEntry() - polling %s\n", name.c_str());
+  LogDebug("GetterWorker::ProcessEntry() - polling %s\n", Shown(name).c_str());
   const BrelixMessaging::Envelope_var wire =
       Broker::RepeatOnce([supplier] { return supplier->GetEnvelope(); });
   guard.GotSomething();
@@ -64,24 +66,22 @@ void GetterWorker::ProcessEntry(RouterTableEntry& entry) {
     guard.Succeeded();
   } catch (const BrelixMessaging::NoEnvelope&) {
     guard.Succeeded();
-  } catch (const BrelixMessaging::CertificateExpired& exception) {
-    LogCaughtCorbaException(kWorkerName, exception, "certificate expiry");
-  } catch (const CORBA::Exception& exception) {
-    LogCaughtCorbaException(kWorkerName, exception, "");
-  } catch (const std::exception& exception) {
-    LogCaughtException(kWorkerName, exception, "");
+  } catch (...) {
+    LogVisitFailure(kWorkerName);
   }
 }
 
 void GetterWorker::Poll(RouterTableEntry& entry, GetEntryGuard& guard) {
+  if (!guard.Acquired()) return;
   const RouterTableEntry::PeerReferences peer = entry.References();
   // The references of a new session are not this claim's.
-  if (!guard.Acquired() || !guard.SameSession()) return;
+  if (!guard.SameSession()) return;
   if (CORBA::is_nil(peer.routerSupplier)) return;
   const std::string name = entry.Name();
-  // A stop waits for this visit, and must not wait for all that a peer may have.
-  for (std::uint32_t count = 0;
-       !IsTerminated() && entry.IsLoggedOn() && guard.SameSession() && count < maximumToGet_;
+  // A stop waits for this visit, and must not wait for all that a peer may have. A first turn there
+  // is: what counts as a poll has asked the peer.
+  for (std::uint32_t count = 0; (count == 0 || !IsTerminated()) && entry.IsLoggedOn() &&
+                                guard.SameSession() && count < maximumToGet_;
        ++count) {
     Fetch(peer.routerSupplier.in(), entry, name, guard);
   }

@@ -5,6 +5,7 @@
 #include "delivery/GetterWorker.h"
 #include "delivery/NotificationThresholdWorker.h"
 #include "delivery/TimeoutWorker.h"
+#include "envelope/Address.h"
 #include "logging/Log.h"
 
 namespace MessageRouter {
@@ -45,7 +46,7 @@ void ScanThread::Process() {
 
 void ScanThread::AddEntry(RouterTableEntry& entry) {
   if (LogEnabled(kLogDebug)) {
-    LogDebug("%s::CheckEntry() adding entry: %s\n", name_, entry.Name().c_str());
+    LogDebug("%s::CheckEntry() adding entry: %s\n", name_, Shown(entry.Name()).c_str());
   }
   // Scan after scan may find the same while all workers hang.
   manager_.AddOnce(entry);

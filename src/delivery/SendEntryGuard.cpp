@@ -1,6 +1,7 @@
 #include "delivery/SendEntryGuard.h"
 
 #include "delivery/EndOfVisit.h"
+#include "envelope/Address.h"
 
 namespace MessageRouter {
 
@@ -27,7 +28,7 @@ void SendEntryGuard::Fail() {
     manager_.Add(entry_);
     return;
   }
-  LogError("Failed to send messages, logging %s off\n", entry_.Name().c_str());
+  LogError("Failed to send messages, logging %s off\n", Shown(entry_.Name()).c_str());
   entry_.LogoffSession(claim_.generation);
 }
 

@@ -4,6 +4,7 @@
 #include "config/Configuration.h"
 #include "delivery/SendEntryGuard.h"
 #include "delivery/SendFailureRecord.h"
+#include "delivery/VisitFailure.h"
 #include "envelope/Address.h"
 #include "logging/Log.h"
 #include "routing/Routing.h"
@@ -50,12 +51,8 @@ void SenderWorker::ProcessEntry(RouterTableEntry& entry) {
   try {
     guard.Claim();
     if (!entry.IsLoggedOn() || Serve(entry, guard)) guard.Succeeded();
-  } catch (const BrelixMessaging::CertificateExpired& exception) {
-    LogCaughtCorbaException(kWorkerName, exception, "certificate expiry");
-  } catch (const CORBA::Exception& exception) {
-    LogCaughtCorbaException(kWorkerName, exception, "");
-  } catch (const std::exception& exception) {
-    LogCaughtException(kWorkerName, exception, "");
+  } catch (...) {
+    LogVisitFailure(kWorkerName);
   }
 }
 
@@ -116,12 +113,13 @@ bool SenderWorker::Send(const Visit& visit, Consumer* consumer, Envelope& envelo
     const BrelixMessaging::Envelope_var wire = envelope.ToWire(Kind::kQualifyOriginator);
     if (LogEnabled(kLogTrace)) {
       LogTrace("Sending message (%s) to %s\n", envelope.DescribeShort().c_str(),
-               visit.name.c_str());
+               Shown(visit.name).c_str());
     }
     Broker::RepeatOnce([&] { consumer->SendEnvelope(wire.in()); });
     if (visit.monitored && !SendFailureRecord::Instance().Clear()) return false;
     if (LogEnabled(kLogInfo)) {
-      LogInfo("Sent message (%s) to %s\n", envelope.DescribeShort().c_str(), visit.name.c_str());
+      LogInfo("Sent message (%s) to %s\n", envelope.DescribeShort().c_str(),
+              Shown(visit.name).c_str());
     }
   } catch (const std::exception& exception) {
     LogCaughtException(kWorkerName, exception, "");
@@ -156,10 +154,10 @@ void SenderWorker::NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
     const RouterTableEntry::Claim claim = entry.NotificationWanted(session);
     if (!claim.acquired) return;
     try {
-      LogDebug("Notifying %s\n", name.c_str());
+      LogDebug("Notifying %s\n", Shown(name).c_str());
       Broker::RepeatOnce([notify] { notify->Notify(); });
     } catch (const CORBA::Exception&) {
-      LogDebug("Failed to notify %s\n", name.c_str());
+      LogDebug("Failed to notify %s\n", Shown(name).c_str());
       entry.NotificationFailed(session);
       return;
     } catch (...) {
@@ -167,7 +165,7 @@ void SenderWorker::NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
       entry.NotificationFailed(session);
       throw;
     }
-    LogDebug("Successfully notified %s\n", name.c_str());
+    LogDebug("Successfully notified %s\n", Shown(name).c_str());
     again = entry.NotificationFinished(session);
   }
 }

@@ -1,6 +1,7 @@
 #include "delivery/TimeoutWorker.h"
 
-#include "broker/CorbaExceptions.h"
+#include "delivery/VisitFailure.h"
+#include "envelope/Address.h"
 #include "logging/Log.h"
 
 namespace MessageRouter {
@@ -13,15 +14,15 @@ void TimeoutWorker::ProcessEntry(RouterTableEntry& entry) {
   try {
     // Read first: a peer that logs on again meanwhile must not be logged off for its past.
     const LogonGeneration session = entry.Generation();
-    if (!entry.IsLoggedOn() || !entry.IsPassiveConsumer()) entry.RetireExpired();
+    if (!entry.IsLoggedOn() || !entry.IsPassiveConsumer()) {
+      entry.RetireExpired([this] { return !IsTerminated(); });
+    }
     if (entry.PullTimedOut(session)) {
-      LogInfo("Communications timeout, logging %s off\n", entry.Name().c_str());
+      LogInfo("Communications timeout, logging %s off\n", Shown(entry.Name()).c_str());
       entry.LogoffSession(session);
     }
-  } catch (const CORBA::Exception& exception) {
-    LogCaughtCorbaException("TimeoutWorker", exception, "");
-  } catch (const std::exception& exception) {
-    LogCaughtException("TimeoutWorker", exception, "");
+  } catch (...) {
+    LogVisitFailure("TimeoutWorker");
   }
 }
 
