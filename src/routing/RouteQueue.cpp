@@ -18,6 +18,11 @@ void RouteQueue::Append(Envelope envelope) {
   condition_.Broadcast();
 }
 
+void RouteQueue::PutBack(Envelope envelope) {
+  ThreadHelper::Guard guard(mutex_);
+  if (guard) queue_.push_front(std::move(envelope));
+}
+
 bool RouteQueue::Take(unsigned seconds, unsigned milliseconds, Envelope& out) {
   ThreadHelper::Guard guard(mutex_);
   if (!guard) return false;

@@ -14,6 +14,8 @@ class RouteQueue {
   RouteQueue();
 
   void Append(Envelope envelope);
+  // The next one again.
+  void PutBack(Envelope envelope);
   // Waits for one at most that long. False if none came.
   bool Take(unsigned seconds, unsigned milliseconds, Envelope& out);
   // Takes out the first from the front with that id and exactly that originator.

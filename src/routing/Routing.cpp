@@ -11,6 +11,7 @@
 #include "envelope/Address.h"
 #include "envelope/MessageType.h"
 #include "logging/Log.h"
+#include "platform/Process.h"
 #include "routing/NameList.h"
 
 namespace MessageRouter {
@@ -119,7 +120,14 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest&
   if (!local && IsThisRouter(hop)) {
     if (envelope.HopCount() < 2) {
       LogInfo("Received message for this router\n");
-      if (dispatcher_.DispatchLocal(envelope, table_, logical_, stopping)) envelope.Retire();
+      try {
+        if (dispatcher_.DispatchLocal(envelope, table_, logical_, stopping)) envelope.Retire();
+      } catch (const PassingShortage& shortage) {
+        // Nothing has been done about it yet, and none may overtake another's news.
+        LogCaughtException("Routing::RouteNext", shortage, "");
+        queue_.PutBack(std::move(envelope));
+        Platform::SleepMilliseconds(1000 * seconds + milliseconds);
+      }
       return;
     }
     local = true;

@@ -7,6 +7,7 @@
 #include "config/Configuration.h"
 #include "dispatcher_fixture.h"
 #include "envelope/EnvelopeStore.h"
+#include "support/NoDescriptors.h"
 
 namespace TestSupport {
 namespace {
@@ -418,6 +419,24 @@ TEST_F(ManagementTest, APayloadThatCannotBeDecodedLeavesTheRouteThreadAndItsFile
     EXPECT_THROW(Route(message), std::runtime_error) << type;
     EXPECT_TRUE(FileExists("1.msg"));
   }
+}
+
+TEST_F(ManagementTest, AMessageWhoseFileCannotBeOpenedForNowIsTheNextOneAgain) {
+  Envelope question;
+  question.CreateLocal(":", 9, MessageRouter::TimeToLive::Stated(60), "EM-Unknown", CORBA::Any(),
+                       "");
+  routing_.QueueForRouting(question);
+  routing_.QueueForRouting(AMessage("EM-GetClientStatus", NoRole()));
+  {
+    const NoDescriptors none;
+    routing_.RouteNext(0, 0);
+  }
+  EXPECT_TRUE(log_.Contains("Routing::RouteNext: Caught The envelope file "));
+  EXPECT_EQ(routing_.RouteQueueSize(), 2u);
+  log_.Clear();
+  routing_.RouteNext(0, 0);
+  EXPECT_TRUE(log_.Contains("Management message (EM-Unknown) UNAUTHORISED"));
+  EXPECT_EQ(routing_.RouteQueueSize(), 1u);
 }
 
 TEST_F(ManagementTest, AStoredMessageToThisRouterThatCannotBeDecodedIsSetAsideAtTheNextStart) {

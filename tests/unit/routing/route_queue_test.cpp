@@ -21,6 +21,17 @@ TEST(RouteQueue, GivesEnvelopesInOrderOfArrivalWhateverTheirPriority) {
   EXPECT_EQ(out.MessageId(), 2u);
 }
 
+TEST(RouteQueue, WhatIsPutBackIsTheNextOneAgain) {
+  RouteQueue queue;
+  queue.Append(AnEnvelope().WithId(1));
+  queue.Append(AnEnvelope().WithId(2));
+  Envelope out;
+  ASSERT_TRUE(queue.Take(0, 0, out));
+  queue.PutBack(out);
+  ASSERT_TRUE(queue.Take(0, 0, out));
+  EXPECT_EQ(out.MessageId(), 1u);
+}
+
 TEST(RouteQueue, AWaitThatEndsWithoutAnEnvelopeReturnsQuietly) {
   RouteQueue queue;
   Envelope out;

@@ -1,7 +1,6 @@
 #include "servants/EnvelopeSupplier_i.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -11,6 +10,7 @@
 #include "ServantWorld.h"
 #include "broker/Gate.h"
 #include "support/FakeClock.h"
+#include "support/NoDescriptors.h"
 
 namespace ServantTests {
 namespace {
@@ -24,22 +24,6 @@ using MessageRouter::kLogInfo;
 using MessageRouter::kLogTrace;
 using MessageRouter::RouterTableEntry;
 using RouterServants::EnvelopeSupplier_i;
-
-// No file can be opened while this lives.
-class NoDescriptors {
- public:
-  NoDescriptors() {
-    getrlimit(RLIMIT_NOFILE, &limit_);
-    const rlimit none{0, limit_.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-  }
-  ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &limit_); }
-  NoDescriptors(const NoDescriptors&) = delete;
-  NoDescriptors& operator=(const NoDescriptors&) = delete;
-
- private:
-  rlimit limit_{};
-};
 
 class EnvelopeSupplierTest : public ServantWorld {
  protected:
@@ -228,7 +212,7 @@ TEST_F(EnvelopeSupplierTest, AnEnvelopeWhoseFileCannotBeReadAtPresentStaysAndIsS
   const std::uint32_t id = QueueFor("agent-1");
   const CallFrom call("agent-1");
   {
-    const NoDescriptors none;
+    const TestSupport::NoDescriptors none;
     EXPECT_THROW(forClients->GetEnvelope(), Rejected);
   }
   EXPECT_TRUE(log.Contains("cannot be read at present"));
