@@ -1,6 +1,5 @@
 #include "routing/RouterTableEntry.h"
 
-#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -191,16 +190,14 @@ bool RouterTableEntry::CancelSupplied(const std::vector<std::string>& originator
     WriteGuard guard(lock_);
     if (!guard) return false;
     if (!IsCallersLocked(name)) throw BrelixMessaging::Rejected();
-    const auto isNext = [&](const std::string& originator) {
-      return envelopes_.TakeIfNext(originator, messageId, cancelled);
-    };
-    const auto waits = [&](const std::string& originator) {
-      return envelopes_.Take(originator, messageId, cancelled);
-    };
-    if (std::none_of(originators.begin(), originators.end(), isNext) &&
-        std::none_of(originators.begin(), originators.end(), waits)) {
-      return false;
+    bool taken = false;
+    for (const std::string& originator : originators) {
+      taken = taken || envelopes_.TakeIfNext(originator, messageId, cancelled);
     }
+    for (const std::string& originator : originators) {
+      taken = taken || envelopes_.Take(originator, messageId, cancelled);
+    }
+    if (!taken) return false;
   }
   cancelled.Retire();
   return true;
