@@ -1,3 +1,4 @@
+#include <omniORB4/CORBA.h>
 #include <omniORB4/cdrStream.h>
 
 #include <filesystem>
