@@ -5,10 +5,6 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr char kForced[] =
-    "Registering with parent failed after resetting router. Forcing router shutdown. Router should "
-    "restart automatically.";
-
 TEST_F(ParentLogonTest, WithoutACertificateItIsIdleAndLogsNothing) {
   ParentLogon logon(routing_, router_, kShortSecond);
   logon.Start();
@@ -65,128 +61,6 @@ TEST_F(ParentLogonTest, AlreadyRegisteredIsSuccess) {
   EXPECT_TRUE(log_.Has(kLogDebug, "Already registered with parent router\n"));
   EXPECT_FALSE(ParentLogon::TheEscalation().registerResetTried);
   logon.StopLogon(false);
-}
-
-TEST_F(ParentLogonTest, AnInvalidIorElevenTimesResetsTheRouterAndElevenMoreEndTheProcess) {
-  ServeIor("IOR:00");
-  {
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    ASSERT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-    logon.StopLogon(false);
-  }
-  const std::string complaint = "Cannot log on to the parent router, because its IOR is invalid\n";
-  EXPECT_EQ(log_.Count(complaint), 11u);
-  EXPECT_TRUE(
-      log_.Has(kLogWarning, "Register parent retry failed after 10 attempts. Resetting router..."));
-  EXPECT_EQ(router_.ended, 0);
-
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
-  EXPECT_EQ(log_.Count(complaint), 22u);
-  EXPECT_TRUE(log_.Has(kLogWarning, kForced));
-  EXPECT_EQ(router_.exitStatus, 0);
-  EXPECT_EQ(router_.reinitialised, 1);
-}
-
-TEST_F(ParentLogonTest, ASuccessAfterAResetStartsTheLadderAfresh) {
-  RefuseRegistration();
-  {
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    ASSERT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-    EXPECT_TRUE(ParentLogon::TheEscalation().registerResetTried);
-    logon.StopLogon(false);
-  }
-  parent_.SetOnCall(nullptr);
-  {
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    ASSERT_TRUE(LogsOn());
-    EXPECT_FALSE(ParentLogon::TheEscalation().registerResetTried);
-    logon.StopLogon(true);
-  }
-  RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 2; }));
-  logon.StopLogon(false);
-  EXPECT_EQ(router_.ended, 0);
-}
-
-TEST_F(ParentLogonTest, ElevenFailedLogonsResetTheRouterAndElevenMoreEndTheProcess) {
-  RefuseLogon();
-  {
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    ASSERT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-    logon.StopLogon(false);
-  }
-  EXPECT_EQ(parent_.Calls("Logon"), 11u);
-  EXPECT_EQ(parent_.Calls("Register"), 1u);
-  EXPECT_TRUE(log_.Has(kLogWarning, "Parent logon failed after 10 attempts. Resetting router..."));
-  EXPECT_FALSE(ParentLogon::TheEscalation().registerResetTried);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
-  EXPECT_EQ(parent_.Calls("Logon"), 22u);
-  EXPECT_TRUE(log_.Has(kLogWarning, kForced));
-}
-
-TEST_F(ParentLogonTest, AResetThatDoesNotStopItEndsTheProcess) {
-  SetConfigInt("ResetTimeout", 3);
-  RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
-  EXPECT_TRUE(log_.Has(kLogWarning,
-                       "Resetting router failed to terminate parent logon thread after 3 seconds. "
-                       "Forcing router shutdown. Router should restart automatically."));
-  EXPECT_EQ(router_.exitStatus, 0);
-}
-
-TEST_F(ParentLogonTest, AStopBeforeTheRegistrationSetsItsFlag) {
-  RefuseRegistration();
-  SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") == 1; }));
-  logon.StopLogon(false);
-  EXPECT_TRUE(ParentLogon::TheEscalation().registerResetTried);
-  EXPECT_TRUE(ParentLogon::TheEscalation().logonResetTried);
-  EXPECT_EQ(parent_.Calls("Logon"), 0u);
-}
-
-TEST_F(ParentLogonTest, AStopBeforeTheLogonSetsItsFlagAlone) {
-  RefuseLogon();
-  SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
-  logon.StopLogon(false);
-  EXPECT_FALSE(ParentLogon::TheEscalation().registerResetTried);
-  EXPECT_TRUE(ParentLogon::TheEscalation().logonResetTried);
-}
-
-TEST_F(ParentLogonTest, AfterSuchAStopTheNextSeriesOfFailuresEndsTheProcess) {
-  RefuseRegistration();
-  SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  {
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") == 1; }));
-    logon.StopLogon(false);
-  }
-  SetConfigInt("LogonRetryInterval", 1);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
-  EXPECT_EQ(router_.reinitialised, 0);
 }
 
 TEST_F(ParentLogonTest, AStopWhileLoggedOnTakesLeaveOnce) {
@@ -250,56 +124,6 @@ TEST_F(ParentLogonTest, ALinkLostDuringTheLogonIsNotForgotten) {
   logon.StopLogon(false);
 }
 
-class ShortestRetryInterval : public ParentLogonTest, public testing::WithParamInterface<int> {};
-
-TEST_P(ShortestRetryInterval, IsOneSecond) {
-  SetConfigInt("LogonRetryInterval", static_cast<std::uint32_t>(GetParam()));
-  RefuseRegistration();
-  ParentLogon logon(routing_, router_, 20ms);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 1; }));
-  const auto begin = Clock::now();
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-  // Ten pauses; the first may have begun before the look at the clock.
-  EXPECT_GE(Clock::now() - begin, 180ms);
-  logon.StopLogon(false);
-}
-
-INSTANTIATE_TEST_SUITE_P(Below, ShortestRetryInterval, testing::Values(0, -5));
-
-TEST_F(ParentLogonTest, ThePauseIsOfThirtySecondsUnlessSetOtherwise) {
-  ConfigureNothing();
-  std::atomic<Clock::rep> times[2] = {0, 0};
-  parent_.SetOnCall([&](const std::string& operation) {
-    if (operation != "Register") return;
-    const std::size_t call = parent_.Calls(operation);
-    if (call <= 2) times[call - 1] = Clock::now().time_since_epoch().count();
-    throw BrelixMessaging::Rejected();
-  });
-  ParentLogon logon(routing_, router_, 20ms);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return times[1] != 0; }));
-  logon.StopLogon(false);
-  const Clock::duration passed(times[1] - times[0]);
-  EXPECT_GE(passed, 600ms);
-  EXPECT_LT(passed, 1200ms);
-}
-
-TEST_F(ParentLogonTest, APauseThatIsSetMeanwhileCountsFromTheNextOn) {
-  parent_.SetOnCall([&](const std::string& operation) {
-    if (operation != "Register") return;
-    if (parent_.Calls(operation) == 3) SetConfigInt("LogonRetryInterval", 200);
-    throw BrelixMessaging::Rejected();
-  });
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 3; }));
-  const auto begin = Clock::now();
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 5; }));
-  EXPECT_GE(Clock::now() - begin, 300ms);
-  logon.StopLogon(false);
-}
-
 TEST_F(ParentLogonTest, AParentAddressThatIsSetMeanwhileIsTheNextToBeTried) {
   SetConfigString("ParentAddress", "no-such-host.invalid");
   SetConfigInt("LogonRetryInterval", 50);
@@ -309,30 +133,6 @@ TEST_F(ParentLogonTest, AParentAddressThatIsSetMeanwhileIsTheNextToBeTried) {
   SetConfigString("ParentAddress", "127.0.0.1");
   EXPECT_TRUE(LogsOn());
   logon.StopLogon(false);
-}
-
-TEST_F(ParentLogonTest, AResetIsWaitedForTwoMinutesUnlessSetOtherwise) {
-  ConfigureNothing();
-  SetConfigInt("LogonRetryInterval", 1);
-  RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
-  EXPECT_TRUE(log_.Contains("failed to terminate parent logon thread after 120 seconds."));
-}
-
-TEST_F(ParentLogonTest, AResetTimeoutThatIsSetMeanwhileCounts) {
-  parent_.SetOnCall([&](const std::string& operation) {
-    if (operation != "Register") return;
-    if (parent_.Calls(operation) == 11) SetConfigInt("ResetTimeout", 3);
-    throw BrelixMessaging::Rejected();
-  });
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
-  EXPECT_TRUE(log_.Contains("failed to terminate parent logon thread after 3 seconds."));
 }
 
 TEST_F(ParentLogonTest, AStopBetweenRegistrationAndLogonTakesNoLeave) {
@@ -346,17 +146,6 @@ TEST_F(ParentLogonTest, AStopBetweenRegistrationAndLogonTakesNoLeave) {
   EXPECT_EQ(parent_.Calls("Logoff"), 0u);
 }
 
-TEST_F(ParentLogonTest, ARegistrationClearsItsMemoryOfTheResetEvenIfTheLogonFails) {
-  ParentLogon::TheEscalation().registerResetTried = true;
-  RefuseLogon();
-  SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
-  EXPECT_FALSE(ParentLogon::TheEscalation().registerResetTried);
-  logon.StopLogon(false);
-}
-
 TEST_F(ParentLogonTest, AStopAfterTheParentAddressWasEmptiedTakesLeave) {
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
@@ -364,129 +153,6 @@ TEST_F(ParentLogonTest, AStopAfterTheParentAddressWasEmptiedTakesLeave) {
   SetConfigString("ParentAddress", "");
   logon.StopLogon(true);
   EXPECT_EQ(parent_.Calls("Logoff"), 1u);
-}
-
-TEST_F(ParentLogonTest, ANegativeResetTimeoutIsNoTimeAndIsShownAsItIs) {
-  SetConfigInt("ResetTimeout", static_cast<std::uint32_t>(-5));
-  RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
-  EXPECT_TRUE(log_.Contains("failed to terminate parent logon thread after -5 seconds."));
-}
-
-TEST_F(ParentLogonTest, BetweenAttemptsToRegisterTheIntervalPasses) {
-  SetConfigInt("LogonRetryInterval", 20);
-  RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 1; }));
-  const auto begin = Clock::now();
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 6; }));
-  // The first of the five may have begun before the look at the clock.
-  EXPECT_GE(Clock::now() - begin, 80ms);
-  logon.StopLogon(false);
-}
-
-TEST_F(ParentLogonTest, BetweenAttemptsToLogOnTheIntervalPasses) {
-  SetConfigInt("LogonRetryInterval", 20);
-  RefuseLogon();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 1; }));
-  const auto begin = Clock::now();
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 6; }));
-  EXPECT_GE(Clock::now() - begin, 80ms);
-  logon.StopLogon(false);
-}
-
-TEST_F(ParentLogonTest, NoNewsCutsAPauseShort) {
-  SetConfigInt("LogonRetryInterval", 100);
-  RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 1; }));
-  const auto begin = Clock::now();
-  ASSERT_TRUE(Eventually([&] {
-    logon.LinkLost();
-    logon.Enable();
-    return parent_.Calls("Register") >= 4;
-  }));
-  EXPECT_GE(Clock::now() - begin, 200ms);
-  logon.StopLogon(false);
-}
-
-TEST_F(ParentLogonTest, ASessionThatEndsAtOnceIsNotBegunAnewAtOnce) {
-  SetConfigInt("LogonRetryInterval", 20);
-  router_.status.onReport = [this] { table_.Parent()->Logoff(); };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 1; }));
-  const auto begin = Clock::now();
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 6; }));
-  EXPECT_GE(Clock::now() - begin, 80ms);
-  logon.StopLogon(false);
-  EXPECT_EQ(router_.reinitialised, 0);
-}
-
-TEST_F(ParentLogonTest, AfterALostLinkTheIntervalPasses) {
-  SetConfigInt("LogonRetryInterval", 50);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  const auto begin = Clock::now();
-  table_.Parent()->Logoff();
-  ASSERT_TRUE(LogsOn(2));
-  EXPECT_GE(Clock::now() - begin, 50ms);
-  logon.StopLogon(false);
-}
-
-TEST_F(ParentLogonTest, ThePauseOfAnEarlierWakeUpIsNotThatOfALostLink) {
-  SetConfigInt("LogonRetryInterval", 100);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  logon.Enable();
-  const auto woken = Clock::now();
-  ASSERT_TRUE(Eventually([&] { return Clock::now() - woken >= 60ms; }));
-  const auto begin = Clock::now();
-  table_.Parent()->Logoff();
-  ASSERT_TRUE(LogsOn(2));
-  EXPECT_GE(Clock::now() - begin, 100ms);
-  logon.StopLogon(false);
-}
-
-TEST_F(ParentLogonTest, AFailureThatEndsTheSessionIsFollowedByOnePause) {
-  SetConfigInt("LogonRetryInterval", 1000);
-  std::atomic<bool> failed{false};
-  router_.status.onReport = [&] {
-    if (failed.exchange(true)) return;
-    table_.Parent()->Logoff();
-    throw std::runtime_error("no report");
-  };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return log_.Contains("no report"); }));
-  const auto begin = Clock::now();
-  ASSERT_TRUE(LogsOn(2));
-  const auto passed = Clock::now() - begin;
-  EXPECT_GE(passed, 900ms);
-  EXPECT_LT(passed, 1900ms);
-  logon.StopLogon(false);
-}
-
-TEST_F(ParentLogonTest, ALogonClearsTheMemoryOfTheResetEvenIfItsSessionEndsAtOnce) {
-  ParentLogon::TheEscalation().logonResetTried = true;
-  router_.status.onReport = [this] {
-    RefuseLogon();
-    table_.Parent()->Logoff();
-  };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised + router_.ended != 0; }));
-  EXPECT_EQ(router_.ended, 0);
-  logon.StopLogon(false);
 }
 
 TEST_F(ParentLogonTest, ANameThatNoRouterHasIsAFailedAttempt) {
@@ -544,23 +210,6 @@ TEST_F(ParentLogonTest, EnablingItAgainWhileItIsLoggedOnChangesNothing) {
   EXPECT_EQ(parent_.Calls("Register"), 1u);
   EXPECT_EQ(parent_.Calls("Logon"), 1u);
   EXPECT_EQ(parent_.Calls("Logoff"), 1u);
-}
-
-TEST_F(ParentLogonTest, AThreadThatEndsForAResetForgetsItsSession) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  parent_.CloseDoor();
-  // Woken without need, it finds that the parent doesn't know it any more.
-  ASSERT_TRUE(Eventually([&] {
-    logon.Enable();
-    return router_.reinitialised == 1;
-  }));
-  logon.StopLogon(true);
-  parent_.OpenDoor();
-  logon.Start();
-  EXPECT_TRUE(LogsOn(2));
-  logon.StopLogon(false);
 }
 
 TEST_F(ParentLogonTest, AReinitialisationDuringTheLogonTakesNoLeave) {
@@ -628,15 +277,6 @@ TEST_F(ParentLogonTest, ASecondFailureOfACallIsAFailedAttempt) {
     EXPECT_EQ(parent_.Calls(failing), before + 2) << failing;
     EXPECT_FALSE(log_.Contains("Logged on to parent router as")) << failing;
   }
-}
-
-TEST_F(ParentLogonTest, ASuccessfulLogonClearsTheMemoryOfTheReset) {
-  ParentLogon::TheEscalation().logonResetTried = true;
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  EXPECT_FALSE(ParentLogon::TheEscalation().logonResetTried);
-  logon.StopLogon(false);
 }
 
 TEST_F(ParentLogonTest, AReferenceToNothingIsAFailedAttempt) {
@@ -720,20 +360,6 @@ TEST_F(ParentLogonTest, WhatFailsInTheMiddleOfALogonIsTriedAgain) {
   EXPECT_EQ(parent_.Calls("Logon"), 2u);
   EXPECT_TRUE(table_.Parent()->IsLoggedOn());
   logon.StopLogon(false);
-}
-
-TEST_F(ParentLogonTest, WhatFailsUnexpectedlyIsTriedAgainAfterTheInterval) {
-  SetConfigInt("LogonRetryInterval", 20);
-  host_.NoObjects();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  const std::string failure = "ParentLogon::Process: Caught ServantHelper not initialized";
-  ASSERT_TRUE(Eventually([&] { return log_.Count(failure) >= 1; }));
-  const auto begin = Clock::now();
-  EXPECT_TRUE(Eventually([&] { return log_.Count(failure) >= 6; }));
-  EXPECT_GE(Clock::now() - begin, 80ms);
-  logon.StopLogon(false);
-  EXPECT_EQ(router_.reinitialised, 0);
 }
 
 TEST(GetParentIor, FetchesTheTextFromTheConfiguredParent) {

@@ -1,0 +1,172 @@
+// The pauses between attempts, and between a session and the next.
+#include "parent_logon_fixture.h"
+
+namespace MessageRouter {
+namespace {
+
+class ShortestRetryInterval : public ParentLogonTest, public testing::WithParamInterface<int> {};
+
+TEST_P(ShortestRetryInterval, IsOneSecond) {
+  SetConfigInt("LogonRetryInterval", static_cast<std::uint32_t>(GetParam()));
+  RefuseRegistration();
+  ParentLogon logon(routing_, router_, 20ms);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 1; }));
+  const auto begin = Clock::now();
+  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
+  // Ten pauses; the first may have begun before the look at the clock.
+  EXPECT_GE(Clock::now() - begin, 180ms);
+  logon.StopLogon(false);
+}
+
+INSTANTIATE_TEST_SUITE_P(Below, ShortestRetryInterval, testing::Values(0, -5));
+
+TEST_F(ParentLogonTest, ThePauseIsOfThirtySecondsUnlessSetOtherwise) {
+  ConfigureNothing();
+  std::atomic<Clock::rep> times[2] = {0, 0};
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (operation != "Register") return;
+    const std::size_t call = parent_.Calls(operation);
+    if (call <= 2) times[call - 1] = Clock::now().time_since_epoch().count();
+    throw BrelixMessaging::Rejected();
+  });
+  ParentLogon logon(routing_, router_, 20ms);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return times[1] != 0; }));
+  logon.StopLogon(false);
+  const Clock::duration passed(times[1] - times[0]);
+  EXPECT_GE(passed, 600ms);
+  EXPECT_LT(passed, 1200ms);
+}
+
+TEST_F(ParentLogonTest, APauseThatIsSetMeanwhileCountsFromTheNextOn) {
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (operation != "Register") return;
+    if (parent_.Calls(operation) == 3) SetConfigInt("LogonRetryInterval", 200);
+    throw BrelixMessaging::Rejected();
+  });
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 3; }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 5; }));
+  EXPECT_GE(Clock::now() - begin, 300ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, BetweenAttemptsToRegisterTheIntervalPasses) {
+  SetConfigInt("LogonRetryInterval", 20);
+  RefuseRegistration();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 1; }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 6; }));
+  // The first of the five may have begun before the look at the clock.
+  EXPECT_GE(Clock::now() - begin, 80ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, BetweenAttemptsToLogOnTheIntervalPasses) {
+  SetConfigInt("LogonRetryInterval", 20);
+  RefuseLogon();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 1; }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 6; }));
+  EXPECT_GE(Clock::now() - begin, 80ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, NoNewsCutsAPauseShort) {
+  SetConfigInt("LogonRetryInterval", 100);
+  RefuseRegistration();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") >= 1; }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(Eventually([&] {
+    logon.LinkLost();
+    logon.Enable();
+    return parent_.Calls("Register") >= 4;
+  }));
+  EXPECT_GE(Clock::now() - begin, 200ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, ASessionThatEndsAtOnceIsNotBegunAnewAtOnce) {
+  SetConfigInt("LogonRetryInterval", 20);
+  router_.status.onReport = [this] { table_.Parent()->Logoff(); };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 1; }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") >= 6; }));
+  EXPECT_GE(Clock::now() - begin, 80ms);
+  logon.StopLogon(false);
+  EXPECT_EQ(router_.reinitialised, 0);
+}
+
+TEST_F(ParentLogonTest, AfterALostLinkTheIntervalPasses) {
+  SetConfigInt("LogonRetryInterval", 50);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  const auto begin = Clock::now();
+  table_.Parent()->Logoff();
+  ASSERT_TRUE(LogsOn(2));
+  EXPECT_GE(Clock::now() - begin, 50ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, ThePauseOfAnEarlierWakeUpIsNotThatOfALostLink) {
+  SetConfigInt("LogonRetryInterval", 100);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.Enable();
+  const auto woken = Clock::now();
+  ASSERT_TRUE(Eventually([&] { return Clock::now() - woken >= 60ms; }));
+  const auto begin = Clock::now();
+  table_.Parent()->Logoff();
+  ASSERT_TRUE(LogsOn(2));
+  EXPECT_GE(Clock::now() - begin, 100ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, AFailureThatEndsTheSessionIsFollowedByOnePause) {
+  SetConfigInt("LogonRetryInterval", 1000);
+  std::atomic<bool> failed{false};
+  router_.status.onReport = [&] {
+    if (failed.exchange(true)) return;
+    table_.Parent()->Logoff();
+    throw std::runtime_error("no report");
+  };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return log_.Contains("no report"); }));
+  const auto begin = Clock::now();
+  ASSERT_TRUE(LogsOn(2));
+  const auto passed = Clock::now() - begin;
+  EXPECT_GE(passed, 900ms);
+  EXPECT_LT(passed, 1900ms);
+  logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, WhatFailsUnexpectedlyIsTriedAgainAfterTheInterval) {
+  SetConfigInt("LogonRetryInterval", 20);
+  host_.NoObjects();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  const std::string failure = "ParentLogon::Process: Caught ServantHelper not initialized";
+  ASSERT_TRUE(Eventually([&] { return log_.Count(failure) >= 1; }));
+  const auto begin = Clock::now();
+  EXPECT_TRUE(Eventually([&] { return log_.Count(failure) >= 6; }));
+  EXPECT_GE(Clock::now() - begin, 80ms);
+  logon.StopLogon(false);
+  EXPECT_EQ(router_.reinitialised, 0);
+}
+
+}  // namespace
+}  // namespace MessageRouter
