@@ -127,7 +127,7 @@ class Storm:
         for fault in faults:
             # Some overlap, and now and then all recover.
             lull = self.random.random() < 0.3
-            time.sleep(self.random.uniform(2, 4) if lull else self.random.uniform(0.1, 1))
+            time.sleep(self.random.uniform(3, 5) if lull else self.random.uniform(0.1, 1))
             self.mend()
             if fault == "cut":
                 self.cut()
@@ -289,7 +289,7 @@ class Storm:
             self.test.assertIn(tag, at_risk, f"came twice: {sent[tag]}, {received[tag]}")
         self.untouched = 1 - len(at_risk) / len(sent)
         # Otherwise the comparison would say nothing.
-        self.test.assertGreater(self.untouched, 0.05)
+        self.test.assertGreater(self.untouched, 0.02)
         self.test.assertLessEqual(self.copies(), self.kills + self.cuts)
 
     def at_risk(self, sent, received):
