@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Kills routers of a tree of seven with SIGKILL and cuts its lines, under load, and compares what was
-# accepted with what arrived. About four minutes with the default numbers; root is needed.
+# accepted with what arrived. About five minutes with the default numbers; root is needed.
 # Usage: scripts/soak.sh [KILLS [CUTS [SEED]]]
 # With BRELIX_BIN set, takes the programs from that folder instead of building them.
 set -euo pipefail
