@@ -50,7 +50,7 @@ class ScanTest : public DeliveryTest {
   template <class Thread>
   void BeVisitedOften(Exposed<Thread>& thread) {
     RouterTableEntry& entry = AClient("often");
-    for (int visit = 0; visit < 200; ++visit) {
+    for (int visit = 0; visit < 2000; ++visit) {
       thread.Offer(entry);
       ASSERT_TRUE(Eventually([&] { return thread.Queued() == 0; }));
     }
