@@ -47,8 +47,8 @@ std::optional<std::string_view> sdbm_fetch(HashDatabase* database, std::string_v
 // 0; 1 if the key is there and was not to be replaced; -1 for a failure.
 int sdbm_store(HashDatabase* database, std::string_view key, std::string_view value, int flags);
 int sdbm_delete(HashDatabase* database, std::string_view key);  // 0; -1 also if there is none
-// All keys, page by page; damaged pages are passed over, and show in sdbm_error. A walk during which something is stored or deleted may miss keys or meet
-// them twice.
+// All keys, page by page; damaged pages are passed over, and show in sdbm_error. A walk during
+// which something is stored or deleted may miss keys or meet them twice.
 std::optional<std::string_view> sdbm_firstkey(HashDatabase* database);
 std::optional<std::string_view> sdbm_nextkey(HashDatabase* database);
 // The number of the first error that the files gave, EIO for damaged pages, EFBIG for keys that no
