@@ -87,7 +87,8 @@ bool Dispatcher::HandleRouterRegistered(Envelope& envelope, RouterTable& table, 
   return true;
 }
 
-// As above: what is no longer in the map is not told.
+// As above: what is no longer in the map is not told. Nor is what became a child of ours, to which the
+// routers above go on to come through here.
 bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table, Logical* logical,
                                           const StopTest& stopping, std::string& line) {
   const std::string& originator = envelope.Originator();
@@ -110,6 +111,7 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
   // Of a list only the names that do not lead through another child by now.
   const CORBA::ULong all = isList ? names->length() : 0;
   std::vector<const char*> gone;
+  std::vector<const char*> told;
   {
     const ThreadHelper::Guard guard(routing_.MapMutex());
     if (!table.HasChildRouter(originator)) {
@@ -118,7 +120,7 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
     }
     if (!name.empty()) {
       if (logical->MayRemove(name, originator) == Logical::kOtherOwner) return true;
-      if (forward) Forward(envelope, "RouterUnregistered", data);
+      if (forward && !table.HasChildRouter(name)) Forward(envelope, "RouterUnregistered", data);
       logical->Remove(name, originator);
       return true;
     }
@@ -135,13 +137,10 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
       // The second of two has no owner any more.
       if (result == 0 && !removable.insert(text).second) continue;
       gone.push_back(text);
+      if (!table.HasChildRouter(text)) told.push_back(text);
     }
-    if (forward && !gone.empty()) {
-      if (gone.size() == all) {
-        Forward(envelope, "RouterUnregistered", data);
-      } else {
-        Forward(envelope, "RouterUnregistered", AsNameList(gone));
-      }
+    if (forward && !told.empty()) {
+      Forward(envelope, "RouterUnregistered", told.size() == all ? data : AsNameList(told));
     }
   }
   for (std::size_t i = 0; i < gone.size(); ++i) {

@@ -175,13 +175,20 @@ void Routing::SendLocalMessage(const std::string& destination, const std::string
   QueueForRouting(std::move(envelope));
 }
 
-void Routing::TellParent(const std::string& event, const CORBA::Any& data) {
+bool Routing::MakeNews(const std::string& event, const CORBA::Any& data, Envelope& news) {
   const std::string type = SystemMessageType(event);
   try {
-    SendLocalMessage(kParentAddress, type, data, 0, TimeToLive::Stated(MessageTimeoutSeconds()));
+    news.CreateLocal(kParentAddress, 0, TimeToLive::Stated(MessageTimeoutSeconds()), type, data, "");
+    return true;
   } catch (const std::exception& exception) {
-    LogCaughtException("Routing::TellParent", exception, type.c_str());
+    LogCaughtException("Routing::MakeNews", exception, type.c_str());
+    return false;
   }
+}
+
+void Routing::TellParent(const std::string& event, const CORBA::Any& data) {
+  Envelope news;
+  if (MakeNews(event, data, news)) QueueForRouting(std::move(news));
 }
 
 bool Routing::IsParentsName(const std::string& name) const {
@@ -190,14 +197,6 @@ bool Routing::IsParentsName(const std::string& name) const {
 }
 
 void Routing::ChildIsHere(const std::string& name, bool again) {
-  const ThreadHelper::Guard guard(mapMutex_);
-  // Its former way here would take it along when it ends.
-  if (Logical* const logical = logical_) {
-    if (const std::string child = logical->Lookup(name); !child.empty()) {
-      logical->Remove(name, child);
-    }
-  }
-  if (table_.Parent() == nullptr) return;
   CORBA::Any data;
   if (again) {
     // A list goes up to the top, whoever on the way believes to know it already.
@@ -205,7 +204,21 @@ void Routing::ChildIsHere(const std::string& name, bool again) {
   } else {
     data <<= name.c_str();
   }
-  TellParent("RouterRegistered", data);
+  // Made before the lock is taken: its id can take a moment, and it is written to disk.
+  Envelope news;
+  const bool tell = table_.Parent() != nullptr && MakeNews("RouterRegistered", data, news);
+  const ThreadHelper::Guard guard(mapMutex_);
+  if (!table_.HasChildRouter(name)) {
+    if (tell) news.Retire();
+    return;
+  }
+  // Its former way here would take it along when it ends.
+  if (Logical* const logical = logical_) {
+    if (const std::string child = logical->Lookup(name); !child.empty()) {
+      logical->Remove(name, child);
+    }
+  }
+  if (tell) QueueForRouting(std::move(news));
 }
 
 void Routing::RegisterPeer(const std::string& name, bool isRouter) {
@@ -257,6 +270,8 @@ void Routing::ChildIsGone(const std::string& name) {
     for (std::size_t size = 0; next < keys.size() && size < kNewsSize; ++next) {
       // Another child may have announced it since the lock was let go.
       if (logical->Lookup(keys[next]) != name) continue;
+      // It is a child of ours by now, and above it leads here.
+      if (table_.HasChildRouter(keys[next])) continue;
       names.push_back(keys[next].c_str());
       size += keys[next].size() + sizeof(CORBA::ULong);
     }

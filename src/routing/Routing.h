@@ -79,7 +79,8 @@ class Routing {
   RouterTableEntry& FindForLogon(const std::string& name);
   // Under which no client can be known.
   bool IsParentsName(const std::string& name) const;
-  // What can't be told is logged.
+  // A message for the parent. What can't be told is logged, and false.
+  bool MakeNews(const std::string& event, const CORBA::Any& data, Envelope& news);
   void TellParent(const std::string& event, const CORBA::Any& data);
   // The parts of a registration and of its end that concern the map and the parent.
   void ChildIsHere(const std::string& name, bool again);

@@ -196,6 +196,28 @@ TEST_F(PeersTest, ARouterThatRegistersHereNoLongerLeadsThroughAnotherChild) {
   EXPECT_EQ(map.Lookup("known"), "");
 }
 
+TEST_F(PeersTest, AChildThatGoesWhileItsNewsIsMadeIsNotAnnounced) {
+  table_.AddParent("");
+  StoreThatLooks looks(*this, [this] {
+    table_.Unregister("child");
+    return true;
+  });
+  routing_.RegisterPeer("child", true);
+  EXPECT_THAT(looks.Seen(), ElementsAre(true));
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+}
+
+TEST_F(PeersTest, AChildRouterThatOnceLedThroughTheOneThatEndsIsNotTakenAlong) {
+  table_.AddParent("");
+  MessageRouter::Logical& map = AMap();
+  ARouter("child");
+  ARouter("moved");
+  map.Store("moved", "child");  // late news
+  routing_.UnregisterPeer("child", true);
+  EXPECT_THAT(ListsSentUp(), ElementsAre(ElementsAre("child")));
+  EXPECT_EQ(map.Lookup("moved"), "");
+}
+
 TEST_F(PeersTest, AClientThatRegistersLeavesTheMapAsItIs) {
   MessageRouter::Logical& map = AMap();
   map.Store("name", "child");
@@ -266,7 +288,7 @@ TEST_F(PeersTest, NewsThatCannotBeToldIsLoggedAndKeepsNobodyFromRegistering) {
   AMap();
   StoreThatLooks broken(*this, []() -> bool { throw std::runtime_error("no news"); });
   EXPECT_NO_THROW(routing_.RegisterPeer("child", true));
-  EXPECT_TRUE(log_.Contains("Routing::TellParent: Caught no news MS-RouterRegistered"));
+  EXPECT_TRUE(log_.Contains("Routing::MakeNews: Caught no news MS-RouterRegistered"));
   EXPECT_NO_THROW(routing_.UnregisterPeer("child", true));
   EXPECT_FALSE(table_.HasChildRouter("child"));
 }

@@ -128,6 +128,18 @@ TEST_F(RouterNewsTest, OfAListOfGoneNamesOnlyThoseOfNoOtherOwnerGoOnUp) {
   EXPECT_THAT(left, testing::UnorderedElementsAre("b", "d"));
 }
 
+// It was announced late: by now it is a child of ours, and the routers above come to it through us.
+TEST_F(RouterNewsTest, TheEndOfTheFormerWayToAChildOfOursStopsHere) {
+  MessageRouter::Logical& map = AMap();
+  ARouter("near");
+  Registered("child1", TextPayload("near"));
+  EXPECT_THAT(Unregistered("child1", TextPayload("near")), IsEmpty());
+  EXPECT_EQ(map.Lookup("near"), "");
+  Registered("child1", ListPayload({"near", "leaf"}));
+  EXPECT_THAT(Unregistered("child1", ListPayload({"near", "leaf"})), ElementsAre("[leaf]"));
+  EXPECT_EQ(map.Lookup("near"), "");
+}
+
 TEST_F(RouterNewsTest, AListOfGoneNamesThatAllHaveAnotherOwnerStopsHere) {
   MessageRouter::Logical& map = AMap();
   map.Store("a", "child2");
