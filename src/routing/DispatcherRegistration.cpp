@@ -87,8 +87,8 @@ bool Dispatcher::HandleRouterRegistered(Envelope& envelope, RouterTable& table, 
   return true;
 }
 
-// As above: what is no longer in the map is not told. Nor is what became a child of ours, to which the
-// routers above go on to come through here.
+// As above: what is no longer in the map is not told. Nor is what became a child of ours, to which
+// the routers above go on to come through here.
 bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table, Logical* logical,
                                           const StopTest& stopping, std::string& line) {
   const std::string& originator = envelope.Originator();
