@@ -17,12 +17,14 @@ thread_local std::optional<Clock::time_point> end;
 }  // namespace
 
 CallTimeout::CallTimeout(std::chrono::milliseconds time) {
-  end = Clock::now() + time - kSlack;
+  const Clock::time_point begin = Clock::now();
   const auto count = time.count();
   const omni_time_t relative(count / 1000, (count % 1000) * 1'000'000);
   omni_time_t deadline;
   omni_thread::get_time(deadline, relative);
   omniORB::setClientThreadCallDeadline(deadline);
+  // Last: where the ORB throws, nothing takes it back.
+  end = begin + time - kSlack;
 }
 
 bool CallTimeout::IsOver() {

@@ -1,11 +1,11 @@
 // A parent that is there and does not answer, as a frozen process does.
 #include "parent_logon_fixture.h"
-#include "remote_door.h"
+#include "support/RemoteDoor.h"
 
 namespace MessageRouter {
 namespace {
 
-using ParentTests::RemoteDoor;
+using TestSupport::RemoteDoor;
 
 class SilentParentTest : public ParentLogonTest {
  protected:
@@ -36,7 +36,7 @@ TEST_F(SilentParentTest, ToTheRegistrationIsAFailedAttempt) {
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
   EXPECT_TRUE(Eventually([&] {
-    return log_.Count("ParentLogon::RegisterParent: Caught CORBA TIMEOUT") == 2 &&
+    return log_.Count("ParentLogon::RegisterParent: Caught CORBA TIMEOUT") >= 2 &&
            door_.Calls("Register") >= 2;
   }));
   door_.Answer();
@@ -49,7 +49,7 @@ TEST_F(SilentParentTest, ToTheLogonIsAFailedAttempt) {
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
   EXPECT_TRUE(Eventually([&] {
-    return log_.Count("RouterTableEntry: Caught CORBA TIMEOUT") == 2 && door_.Calls("Logon") >= 2;
+    return log_.Count("RouterTableEntry: Caught CORBA TIMEOUT") >= 2 && door_.Calls("Logon") >= 2;
   }));
   door_.Answer();
   EXPECT_TRUE(LogsOn());
@@ -106,6 +106,7 @@ TEST_F(SilentParentTest, IsWaitedForHalfAnHourUnlessSetOtherwise) {
 }
 
 TEST_F(SilentParentTest, ThatBreaksTheConnectionOnceIsAskedAgain) {
+  SetConfigInt("HeartbeatTimeout", 20000);
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
   ASSERT_TRUE(LogsOn());
@@ -119,6 +120,7 @@ TEST_F(SilentParentTest, ThatBreaksTheConnectionOnceIsAskedAgain) {
 }
 
 TEST_F(SilentParentTest, ThatBreaksTheConnectionTwiceIsRegisteredWithAnew) {
+  SetConfigInt("HeartbeatTimeout", 20000);
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
   ASSERT_TRUE(LogsOn());
@@ -132,9 +134,11 @@ TEST_F(SilentParentTest, ThatBreaksTheConnectionTwiceIsRegisteredWithAnew) {
 }
 
 TEST_F(SilentParentTest, ToItsLeaveLetsAStopThrough) {
+  SetConfigInt("HeartbeatTimeout", 20000);
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
   ASSERT_TRUE(LogsOn());
+  SetConfigInt("HeartbeatTimeout", 300);
   door_.FallSilentAt("Logoff");
   logon.StopLogon(true);
   EXPECT_EQ(log_.Count("ParentLogon::Process: Caught CORBA TIMEOUT"), 1u);
@@ -146,9 +150,12 @@ TEST_F(SilentParentTest, IsWaitedForWithoutLimitWhereHeartbeatsAre) {
     const std::size_t before = door_.Calls("Logon");
     log_.Clear();
     door_.FallSilentAt("Logon");
-    ParentLogon logon(routing_, router_, kShortSecond);
+    ParentLogon logon(routing_, router_, std::chrono::microseconds(100));
     Begin(logon);
-    ASSERT_TRUE(Eventually([&] { return door_.Calls("Logon") == before + 1; })) << timeout;
+    ASSERT_TRUE(Eventually([&] { return door_.Calls("Logon") > before; })) << timeout;
+    // The limit where none is set takes 180 ms.
+    const auto begin = Clock::now();
+    ASSERT_TRUE(Eventually([&] { return Clock::now() - begin >= 250ms; }));
     door_.Answer();
     EXPECT_TRUE(LogsOn()) << timeout;
     logon.StopLogon(false);

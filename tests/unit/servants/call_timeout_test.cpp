@@ -15,6 +15,7 @@
 #include "broker/CorbaExceptions.h"
 #include "servants/CallBack.h"
 #include "support/LogCapture.h"
+#include "support/RemoteDoor.h"
 
 namespace ServantTests {
 namespace {
@@ -89,6 +90,23 @@ TEST(CallTimeout, EndsWithItsObject) {
                }),
                CORBA::TRANSIENT);
   EXPECT_EQ(calls, 2);
+}
+
+TEST(CallTimeout, ALaterCallIsWaitedForBeyondItsEnd) {
+  TestOrb();
+  TestSupport::RemoteDoor door;
+  const BrelixMessaging::EnvelopeConsumer_var peer =
+      door.Reference<BrelixMessaging::EnvelopeConsumer>();
+  door.FallSilentAt("Heartbeat");
+  const auto end = steady_clock::now() + milliseconds(100);
+  { const Broker::CallTimeout limit(milliseconds(100)); }
+  std::thread answering([&] {
+    while (steady_clock::now() < end + milliseconds(300)) std::this_thread::yield();
+    door.Answer();
+  });
+  EXPECT_NO_THROW(peer->Heartbeat());
+  EXPECT_GE(steady_clock::now(), end + milliseconds(300));
+  answering.join();
 }
 
 TEST(CallBack, ToASilentPeerEndsAtItsLimitForBothTriesTogether) {

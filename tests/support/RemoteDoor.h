@@ -16,7 +16,7 @@
 #include "support/FakeRoutingHost.h"
 #include "support/Giop.h"
 
-namespace ParentTests {
+namespace TestSupport {
 
 // A parent's door for routers behind a real connection, which can fall silent as a frozen process
 // does: what it is asked then stays without an answer, while its host still takes everything.
@@ -51,7 +51,7 @@ class RemoteDoor {
   typename Interface::_ptr_type Reference() const {
     const std::string place =
         "corbaloc::1.2@127.0.0.1:" + std::to_string(ntohs(address_.sin_port)) + "/Door";
-    const CORBA::Object_var object = TestSupport::ReferenceOrb()->string_to_object(place.c_str());
+    const CORBA::Object_var object = ReferenceOrb()->string_to_object(place.c_str());
     return Interface::_unchecked_narrow(object);
   }
 
@@ -98,10 +98,10 @@ class RemoteDoor {
 
   void Serve(int connection) {
     for (std::string header, body; Read(connection, header, 12);) {
-      if (!Read(connection, body, TestSupport::CdrReader(header, 8).ULong())) return;
-      TestSupport::CdrReader request(body);
+      if (!Read(connection, body, CdrReader(header, 8).ULong())) return;
+      CdrReader request(body);
       const std::uint32_t id = request.ULong();
-      const bool locates = header[7] == TestSupport::kGiopLocateRequest;
+      const bool locates = header[7] == kGiopLocateRequest;
       std::string operation = kPlace;
       if (!locates) {
         request.ULong();   // flags
@@ -130,18 +130,18 @@ class RemoteDoor {
 
   static std::string PlaceReply(std::uint32_t id) {
     constexpr unsigned kLocateReply = 4;
-    TestSupport::CdrWriter body;
+    CdrWriter body;
     body.ULong(id).ULong(1);  // here
-    return TestSupport::GiopHeader(kLocateReply, 8) + body.Bytes();
+    return GiopHeader(kLocateReply, 8) + body.Bytes();
   }
 
   static std::string Reply(std::uint32_t id, const std::string& operation) {
-    TestSupport::CdrWriter body;
+    CdrWriter body;
     body.ULong(id).ULong(0).ULong(0);  // no exception, no service contexts
     // A logon brings three references that are nil.
     for (int i = 0; operation == "Logon" && i < 3; ++i) body.Text("").ULong(0);
     const auto size = static_cast<std::uint32_t>(body.Bytes().size());
-    return TestSupport::GiopHeader(TestSupport::kGiopReply, size) + body.Bytes();
+    return GiopHeader(kGiopReply, size) + body.Bytes();
   }
 
   const int listener_;
@@ -158,4 +158,4 @@ class RemoteDoor {
   std::map<std::string, std::size_t> calls_;
 };
 
-}  // namespace ParentTests
+}  // namespace TestSupport
