@@ -38,7 +38,7 @@ class HeartbeatTest : public ParentLogonTest {
 TEST_F(HeartbeatTest, ComesAgainAndAgain) {
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return servant_->heartbeats == 2; }));
+  EXPECT_TRUE(Eventually([&] { return servant_->heartbeats >= 2; }));
   logon.StopLogon(false);
   EXPECT_TRUE(log_.Has(kLogInfo, "Calling parent with heartbeat..."));
   EXPECT_TRUE(log_.Has(kLogInfo, "Heartbeat to parent succeeded."));
@@ -46,14 +46,15 @@ TEST_F(HeartbeatTest, ComesAgainAndAgain) {
 }
 
 TEST_F(HeartbeatTest, DoesNotComeBeforeTheBasePeriodIsOver) {
+  router_.status.onReport = [&] { moments_.Note(); };
+  servant_->onHeartbeat = [&] { moments_.Note(); };
   ParentLogon logon(routing_, router_, std::chrono::milliseconds(5));
   Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  const auto begin = std::chrono::steady_clock::now();
-  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
-  // Sixty of these seconds; the logon was seen a little late.
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(250));
+  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats >= 1; }));
   logon.StopLogon(false);
+  ASSERT_GE(moments_.Count(), 2u);
+  // Sixty of these seconds.
+  EXPECT_GE(moments_.Between(0, 1), 300ms);
 }
 
 TEST_F(HeartbeatTest, WithAnIntervalOfZeroItIsNeverSent) {
@@ -125,7 +126,7 @@ TEST_F(HeartbeatTest, AStopDuringItLetsItEndAndTakesLeave) {
   ParentLogon logon(routing_, router_, kShortSecond);
   servant_->onHeartbeat = [&] { logon.RequestStopLogon(true); };
   Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
+  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats >= 1; }));
   logon.StopLogon(true);
   EXPECT_TRUE(log_.Contains("Heartbeat to parent succeeded."));
   EXPECT_EQ(servant_->heartbeats, 1);
@@ -135,16 +136,19 @@ TEST_F(HeartbeatTest, AStopDuringItLetsItEndAndTakesLeave) {
 TEST_F(HeartbeatTest, ALinkLostDuringItIsLoggedOnAgainAfterTheInterval) {
   SetConfigInt("LogonRetryInterval", 50);
   servant_->onHeartbeat = [&] {
-    if (servant_->heartbeats == 1) table_.Parent()->Logoff();
+    if (servant_->heartbeats != 1) return;
+    moments_.Note();
+    table_.Parent()->Logoff();
   };
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (operation == "Logon" && moments_.Count() == 1) moments_.Note();
+  });
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
-  const auto begin = Clock::now();
   EXPECT_TRUE(LogsOn(2));
-  // The link was lost a little before the look at the clock.
-  EXPECT_GE(Clock::now() - begin, 25ms);
   logon.StopLogon(false);
+  ASSERT_EQ(moments_.Count(), 2u);
+  EXPECT_GE(moments_.Between(0, 1), 50ms);
   EXPECT_EQ(parent_.Calls("Register"), 1u);
 }
 
@@ -170,7 +174,7 @@ TEST_P(UnlimitedHeartbeat, IsWaitedForWithATimeoutBelowOne) {
   servant_->onHeartbeat = [&] { answer.wait(false); };
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
+  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats >= 1; }));
   EXPECT_FALSE(log_.Contains("Heartbeat to parent succeeded."));
   answer = true;
   answer.notify_all();
@@ -204,7 +208,7 @@ TEST_F(HeartbeatTest, AnIntervalThatIsSetMeanwhileCountsFromTheNextWaitOn) {
   ASSERT_TRUE(LogsOn());
   SetConfigInt("HeartbeatInterval", 1);
   table_.Parent()->Logoff();
-  EXPECT_TRUE(Eventually([&] { return servant_->heartbeats == 1; }));
+  EXPECT_TRUE(Eventually([&] { return servant_->heartbeats >= 1; }));
   logon.StopLogon(false);
 }
 

@@ -41,6 +41,29 @@ bool Eventually(Condition&& condition) {
   return true;
 }
 
+// Moments that the thread under test passes, noted where it does: whoever waits for it may look
+// late.
+class Moments {
+ public:
+  void Note() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    moments_.push_back(Clock::now());
+  }
+  std::size_t Count() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return moments_.size();
+  }
+  // From one to another, counted from 0.
+  Clock::duration Between(std::size_t from, std::size_t to) const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return moments_.at(to) - moments_.at(from);
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Clock::time_point> moments_;
+};
+
 // Takes the place of the health report: notes what it is told, in words.
 class ListeningReporter : public StatusReporting::StatusReporter {
  public:
@@ -109,6 +132,10 @@ class FakeHost : public TestSupport::FakeRoutingHost {
     if (!CORBA::is_nil(root)) return CORBA::Object::_duplicate(root);
     return CORBA::Object::_duplicate(parent_.Root());
   }
+  LocalObjects& Objects() override {
+    if (onObjects) onObjects();
+    return FakeRoutingHost::Objects();
+  }
   void ParentLinkLost() override {
     FakeRoutingHost::ParentLinkLost();
     if (logon != nullptr) logon->LinkLost();
@@ -116,8 +143,9 @@ class FakeHost : public TestSupport::FakeRoutingHost {
   ParentLogon* logon = nullptr;
   std::atomic<bool> nothingThere{false};
   CORBA::Object_var root;  // in place of the parent's
-  // Runs in StringToObject, before its effect.
+  // Run in the calls, before their effect.
   std::function<void()> onStringToObject;
+  std::function<void()> onObjects;
 
  private:
   TestSupport::FakeParent& parent_;
@@ -168,17 +196,22 @@ class ParentLogonTest : public testing::Test {
     logon.Enable();
   }
   bool LogsOn(std::size_t times = 1) {
-    return Eventually([&] { return log_.Count("Logged on to parent router as") == times; });
+    return Eventually([&] { return log_.Count("Logged on to parent router as") >= times; });
   }
-  // Every registration fails.
+  // Every registration fails; each is noted.
   void RefuseRegistration() {
-    parent_.SetOnCall([](const std::string& operation) {
-      if (operation == "Register") throw BrelixMessaging::Rejected();
+    parent_.SetOnCall([this](const std::string& operation) {
+      if (operation != "Register") return;
+      moments_.Note();
+      throw BrelixMessaging::Rejected();
     });
   }
+  // The same for the logon.
   void RefuseLogon() {
-    parent_.SetOnCall([](const std::string& operation) {
-      if (operation == "Logon") throw BrelixMessaging::NotRegistered();
+    parent_.SetOnCall([this](const std::string& operation) {
+      if (operation != "Logon") return;
+      moments_.Note();
+      throw BrelixMessaging::NotRegistered();
     });
   }
   // A parent that is pushed to, and so has a consumer for the heartbeat.
@@ -190,6 +223,7 @@ class ParentLogonTest : public testing::Test {
   TestSupport::ScratchConfiguration configuration_;
   std::optional<TestSupport::ScratchConfiguration> unset_;
   TestSupport::LogCapture log_;
+  Moments moments_;
   TestSupport::FakeParent parent_;
   FakeHost host_;
   RouterTable table_;
