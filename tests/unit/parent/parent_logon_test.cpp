@@ -1,4 +1,5 @@
 #include "parent_logon_fixture.h"
+#include "support/RemoteDoor.h"
 
 namespace MessageRouter {
 namespace {
@@ -202,14 +203,23 @@ TEST_F(ParentLogonTest, WhatCannotMakeAReferenceIsAFailedAttempt) {
 }
 
 TEST_F(ParentLogonTest, EnablingItAgainWhileItIsLoggedOnChangesNothing) {
+  using TestSupport::RemoteDoor;
+  const RemoteDoor door;
+  parent_.ShowDoor(BrelixMessaging::Router_var(door.Reference<BrelixMessaging::Router>()));
+  SetConfigInt("HeartbeatTimeout", 20000);
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
   ASSERT_TRUE(LogsOn());
-  logon.Enable();
+  const std::size_t before = door.Calls(RemoteDoor::kPlace);
+  // By the second question the answer to the first has had its effect.
+  ASSERT_TRUE(Eventually([&] {
+    logon.Enable();
+    return door.Calls(RemoteDoor::kPlace) >= before + 2;
+  }));
   logon.StopLogon(true);
-  EXPECT_EQ(parent_.Calls("Register"), 1u);
-  EXPECT_EQ(parent_.Calls("Logon"), 1u);
-  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
+  EXPECT_EQ(door.Calls("Register"), 1u);
+  EXPECT_EQ(door.Calls("Logon"), 1u);
+  EXPECT_EQ(door.Calls("Logoff"), 1u);
 }
 
 TEST_F(ParentLogonTest, AReinitialisationDuringTheLogonTakesNoLeave) {
