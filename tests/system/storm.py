@@ -13,7 +13,7 @@ hosts nothing is cut.
 import random
 import time
 
-from harness import wait_until
+from harness import PATIENCE, wait_until
 from tree import Tree
 
 ROUTERS = {
@@ -36,13 +36,16 @@ FLOWS = {
 }
 RATE = 8  # a second, each flow
 CALM = 3  # seconds before and after
+LULLS = 3  # among the faults, at least
 # A child that neither fetches nor pushes learns only by its heartbeat that its parent has forgotten
 # its session, so that this takes a minute or two.
 SLOW_TO_LEARN = {"west-2": {"parent": "west", "ActiveConsumer": 0, "HeartbeatInterval": 1}}
+# Programs under sanitizers are so many times as slow.
+SLOWNESS = max(1, PATIENCE / 2)
 # A connection over which nothing came through is given up so long after a cut.
-NOTICED = 3000
+NOTICED = 3000 * SLOWNESS
 # How exactly the moments of different programs, and of a log in whole seconds, can be compared.
-MARGIN = 500
+MARGIN = 500 * SLOWNESS
 
 
 def now():
@@ -65,7 +68,7 @@ class Storm:
         self.tree = Tree(test, routers, test.hosts, LogicalRouting=1, LogLevel=0,
                          PeerTimeoutSecs=2, GetterInterval=1, GetterShortInterval=1)
         self.peers = {}
-        self.cut_until = {}
+        self.cuts_now = {}  # {line: (its begin, when it is to be mended)}
         # What can interrupt a message's way from one place to the next, as (begin, end) in
         # milliseconds of the steady clock: of each router, and of each line by the router below.
         self.interruptions = {name: [] for name in routers}
@@ -124,16 +127,18 @@ class Storm:
             faults.append(self.random.choice(["kill", "kill", "pair"]) if left > 1 else "kill")
         faults += ["cut"] * self.cuts
         self.random.shuffle(faults)
-        for fault in faults:
-            # Some overlap, and now and then all recover.
-            lull = self.random.random() < 0.3
-            time.sleep(self.random.uniform(3, 5) if lull else self.random.uniform(0.1, 1))
+        # Some overlap, and now and then all recover. Without lulls nothing would be out of reach.
+        lulls = sum(self.random.random() < 0.3 for _ in faults)
+        lulls = self.random.sample(range(len(faults)), max(lulls, min(LULLS, len(faults))))
+        for number, fault in enumerate(faults):
+            time.sleep(self.random.uniform(3, 5) * SLOWNESS if number in lulls
+                       else self.random.uniform(0.1, 1))
             self.mend()
             if fault == "cut":
                 self.cut()
             else:
                 self.kill(self.random.sample(list(ROUTERS), 2 if fault == "pair" else 1))
-        while self.cut_until:
+        while self.cuts_now:
             self.mend()
             time.sleep(0.1)
         self.stop_sending()
@@ -167,17 +172,18 @@ class Storm:
         self.marks[name] = len(self.tree[name].log())
 
     def cut(self):
-        line = self.random.choice([one for one in self.tree.parents if one not in self.cut_until])
+        line = self.random.choice([one for one in self.tree.parents if one not in self.cuts_now])
+        begin = now()
         self.tree.cut(line, self.tree.parents[line])
-        length = self.random.randint(1000, 7000)
-        self.cut_until[line] = now() + length
-        self.line_interruptions[line].append((now(), now() + length + NOTICED))
+        self.cuts_now[line] = (begin, now() + self.random.randint(1000, 7000))
 
     def mend(self):
-        for line, end in list(self.cut_until.items()):
+        for line, (begin, end) in list(self.cuts_now.items()):
             if end <= now():
                 self.tree.mend(line, self.tree.parents[line])
-                del self.cut_until[line]
+                del self.cuts_now[line]
+                # It may last longer than was meant, while killed routers start.
+                self.line_interruptions[line].append((begin, now() + NOTICED))
 
     # The ledgers
 
