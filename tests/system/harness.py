@@ -16,6 +16,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import traceback
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -242,9 +243,11 @@ class Router:
             return False
         wait_until(seen, seconds, f"the log line {text!r}")
 
-    def logged_at(self, text):
-        """The time of the first line with the text, in whole seconds."""
-        line = next(line for line in self.log().splitlines() if text in line)
+    def logged_at(self, text, since=0):
+        """The time of the first line with the text, in whole seconds; `since` may stand within it."""
+        log = self.log()
+        lines = log[log.rfind("\n", 0, since) + 1:].splitlines()
+        line = next(line for line in lines if text in line)
         return time.mktime(time.strptime(line[:19], "%d.%m.%Y %H:%M:%S"))
 
     def stderr(self):
@@ -396,7 +399,7 @@ class SystemTest(unittest.TestCase):
         self.folder.mkdir()
         self._routers = []
         self._tails = []
-        self._reports = []
+        self._reports = []  # what went wrong in its clean-ups
         # Added first, so it runs last: peers have left by then.
         self.addCleanup(self._clean_up_routers)
 
@@ -410,6 +413,16 @@ class SystemTest(unittest.TestCase):
         stage.setUp()
         return stage
 
+    def addCleanup(self, function, /, *arguments, **keywords):
+        super().addCleanup(self._note_failure, function, *arguments, **keywords)
+
+    def _note_failure(self, function, /, *arguments, **keywords):
+        try:
+            function(*arguments, **keywords)
+        except Exception:
+            self._reports.append(traceback.format_exc())
+            raise
+
     def _end_stage(self):
         # Of an instance that is no test nobody is told what went wrong at its end.
         if not self.doCleanups():
@@ -419,7 +432,7 @@ class SystemTest(unittest.TestCase):
         self._routers.append(router)
 
     def _clean_up_routers(self):
-        self._reports = reports = []
+        reports = []
         for router in self._routers:
             router.ask_to_end()
         for router in self._routers:

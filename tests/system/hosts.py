@@ -4,6 +4,7 @@ The namespaces have no names. They are held open by this process and end with it
 in them, however it ends, and routers elsewhere see nothing of their devices and addresses.
 """
 
+import contextlib
 import ctypes
 import os
 import shutil
@@ -141,7 +142,11 @@ class Host(Place):
     def close(self):
         if self._relay is not None:
             self._relay.stdin.close()  # it ends with its input
-            self._relay.wait(10)
+            try:
+                self._relay.wait(10)
+            except subprocess.TimeoutExpired:
+                self._relay.kill()
+                self._relay.wait()
             self._relay.stdout.close()
         super().close()
 
@@ -187,5 +192,6 @@ class Hosts:
         other.hear(one)
 
     def close(self):
-        for place in (*self._hosts, self._switch):
-            place.close()
+        with contextlib.ExitStack() as stack:  # one that fails doesn't keep the others open
+            for place in (self._switch, *reversed(self._hosts)):
+                stack.callback(place.close)
