@@ -10,6 +10,15 @@ namespace MessageRouter {
 using ThreadHelper::ReadGuard;
 using ThreadHelper::WriteGuard;
 
+namespace {
+
+// The empty name, under which the parent begins, goes on being its own.
+bool IsFormerParentsName(const RouterTableEntry& entry, const std::string& name) {
+  return !name.empty() && entry.IsParent() && entry.Name() != name;
+}
+
+}  // namespace
+
 RouterTable::RouterTable(RoutingHost& host, std::string filePath)
     : host_(host), filePath_(std::move(filePath)) {}
 
@@ -69,14 +78,18 @@ bool RouterTable::IsClosed() const {
 
 void RouterTable::Register(const std::string& name, bool isRouter) {
   RouterTableEntry* entry = Find(name);
-  if (entry != nullptr && entry->IsRegistered()) throw BrelixMessaging::AlreadyRegistered();
+  // A former parent may come below; the row of its name is not the parent's any more then.
+  const auto isOthers = [&] { return isRouter && IsFormerParentsName(*entry, name); };
+  if (entry != nullptr && entry->IsRegistered() && !isOthers()) {
+    throw BrelixMessaging::AlreadyRegistered();
+  }
   RouterTableEntry::Dismissed dismissed;
   {
     WriteGuard guard(mutex_);
     if (!guard) return;
     if (closed_) throw BrelixMessaging::Rejected();
     entry = FindLocked(name);
-    if (entry == nullptr) {
+    if (entry == nullptr || isOthers()) {
       entry = &AddLocked(name, isRouter, false);
     } else if (entry->IsRegistered()) {
       throw BrelixMessaging::AlreadyRegistered();
@@ -94,7 +107,7 @@ void RouterTable::Unregister(const std::string& name) {
     ReadGuard guard(mutex_);
     if (!guard) return;
     entry = FindLocked(name);
-    if (entry == nullptr || !entry->IsRegistered() || !entry->MarkUnregistered(dismissed)) {
+    if (entry == nullptr || !entry->IsRegistered() || !entry->MarkUnregistered(name, dismissed)) {
       throw BrelixMessaging::NotRegistered();
     }
   }

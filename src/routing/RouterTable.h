@@ -51,9 +51,11 @@ class RouterTable {
   RouterTableEntry* Parent() const;                       // no lock
   // Whether a router of that name is registered below this one.
   bool HasChildRouter(const std::string& name) const;
-  // Throws AlreadyRegistered; Rejected while the table is closed.
+  // Throws AlreadyRegistered; Rejected while the table is closed. A router that was the parent
+  // before gets an entry of its own.
   void Register(const std::string& name, bool isRouter);
-  void Unregister(const std::string& name);  // throws NotRegistered
+  // Throws NotRegistered, for a former parent too.
+  void Unregister(const std::string& name);
   void AddParent(const std::string& name);
   void SetParentName(const std::string& name);
   // Makes room for a peer that wants a certificate before it is registered; LogonCertification must

@@ -250,13 +250,13 @@ void RouterTableEntry::MarkRegistered(bool isRouter, Dismissed& dismissed) {
 
 void RouterTableEntry::MarkUnregistered() {
   Dismissed dismissed;
-  MarkUnregistered(dismissed);
+  MarkUnregistered(Name(), dismissed);
   Finish(dismissed);
 }
 
-bool RouterTableEntry::MarkUnregistered(Dismissed& dismissed) {
+bool RouterTableEntry::MarkUnregistered(const std::string& name, Dismissed& dismissed) {
   WriteGuard guard(lock_);
-  if (!guard) return false;
+  if (!guard || !IsCallersLocked(name)) return false;
   ResetLocked(dismissed);
   return registered_.exchange(false);
 }

@@ -178,6 +178,8 @@ class RouterTableEntry {
   bool readyForTimedPoll();
   // False, too, while a poll runs; its successful end then asks for one more notified poll.
   bool readyForNotifiedPoll();
+  // What either of these said has reached no getter: it is said again.
+  void pollNotOffered();
   // The outcome of a poll whose session is over offers the entry to the getters again if a poll of
   // the new one was turned away meanwhile.
   Claim ClaimForPolling();
@@ -267,9 +269,9 @@ class RouterTableEntry {
   bool RoutableLocked(const std::string& name) const REQUIRES_SHARED(lock_);
 
   // The caller runs Finish when it holds no lock. The second returns whether the entry was
-  // registered.
+  // registered, and does nothing if it is not, or no longer, that peer's.
   void MarkRegistered(bool isRouter, Dismissed& dismissed);
-  bool MarkUnregistered(Dismissed& dismissed);
+  bool MarkUnregistered(const std::string& name, Dismissed& dismissed);
   // The table forgets this entry: it takes nothing from here on, and nobody can log on to it.
   void Detach(Dismissed& dismissed, std::vector<Envelope>& leftovers);
   // As Enqueue, but moves the envelope in; left as it is where false is returned.
@@ -283,6 +285,8 @@ class RouterTableEntry {
   void ActivateObjects(bool isRouter, const PeerReferences& references, LocalPeerObjects& objects);
   // After a failed activation: the old session is gone, as if it had been reset first.
   void AbandonLogon(const std::string& name, LogonGeneration before);
+  // The same for this router's logon to its parent, whatever has become of the name.
+  void AbandonParentLogon(LogonGeneration before);
   SessionReport ApplyReferencesLocked(std::int32_t threshold, const Thresholds& thresholds)
       REQUIRES(lock_);
   void Announce(const SessionReport& report, bool loggingOn);

@@ -183,7 +183,17 @@ void RouterTableEntry::AbandonLogon(const std::string& name, LogonGeneration bef
   Dismissed dismissed;
   {
     WriteGuard guard(lock_);
-    if (!guard || generation_ != before || !BelongsToLocked(name)) return;
+    if (!guard || generation_ != before || !IsCallersLocked(name)) return;
+    ResetLocked(dismissed);
+  }
+  Finish(dismissed);
+}
+
+void RouterTableEntry::AbandonParentLogon(LogonGeneration before) {
+  Dismissed dismissed;
+  {
+    WriteGuard guard(lock_);
+    if (!guard || generation_ != before) return;
     ResetLocked(dismissed);
   }
   Finish(dismissed);
@@ -373,7 +383,7 @@ bool RouterTableEntry::LogonToParentRouter(BrelixMessaging::Router_ptr parent) {
     LogCaughtCorbaException("RouterTableEntry", exception, "LogonToParentRouter");
     return false;
   } catch (...) {
-    AbandonLogon(Name(), session);
+    AbandonParentLogon(session);
     throw;
   }
   try {
@@ -382,7 +392,7 @@ bool RouterTableEntry::LogonToParentRouter(BrelixMessaging::Router_ptr parent) {
                                .notify = !CORBA::is_nil(notify),
                                .supplier = !CORBA::is_nil(supplier)});
   } catch (...) {
-    AbandonLogon(Name(), session);
+    AbandonParentLogon(session);
     throw;
   }
 }

@@ -309,6 +309,20 @@ TEST_F(EntryLogonTest, AFormerParentIsAStrangerToWhatIsTheParents) {
   EXPECT_FALSE(parent.StandingOf("boss"));
 }
 
+TEST_F(EntryLogonTest, AFailingLogonOfAFormerParentDoesNotEndTheParentsSession) {
+  table_.AddParent("");
+  table_.SetParentName("former");
+  table_.SetParentName("boss");
+  Entry& parent = *table_.Parent();
+  LogonPolled(parent);
+  host_.objects.FailCreationAfter(0);
+  EXPECT_THROW(
+      parent.LogonRouter("former", BrelixMessaging::RouterConsumer::_nil(),
+                         BrelixMessaging::RouterSupplier::_nil(), NotifyConsumer::_nil(), 0, true),
+      std::runtime_error);
+  EXPECT_TRUE(parent.IsLoggedOn());
+}
+
 TEST_F(EntryLogonTest, APullOfAnotherPeerIsNoSignOfLife) {
   LogonPolled(router_);
   clock_.Advance(std::chrono::seconds(1801));

@@ -117,6 +117,14 @@ TEST_F(PeersTest, ARoutersUnregisteringIsToldToTheParentByNameWhereNothingLedThr
   }
 }
 
+TEST_F(PeersTest, AFormerParentsUnregisteringIsRefusedAndNoNews) {
+  table_.AddParent("");
+  table_.SetParentName("former");
+  table_.SetParentName("boss");
+  EXPECT_THROW(routing_.UnregisterPeer("former", true), NotRegistered);
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+}
+
 TEST_F(PeersTest, ARoutersUnregisteringTellsTheParentOfAllThatLedThroughIt) {
   table_.AddParent("");
   MessageRouter::Logical& map = AMap();

@@ -126,6 +126,55 @@ TEST_F(TableTest, AfterSetParentNameBothNamesYieldTheParentAndClearDeletesItOnce
   table_.FreeDetached();
 }
 
+TEST_F(TableTest, AFormerParentCannotUnregisterTheParent) {
+  table_.AddParent("");
+  table_.SetParentName("former");
+  table_.SetParentName("boss");
+  Entry& parent = *table_.Parent();
+  LogonPolled(parent);
+  EXPECT_THROW(table_.Unregister("former"), NotRegistered);
+  EXPECT_TRUE(parent.IsRegistered());
+  EXPECT_TRUE(parent.IsLoggedOn());
+}
+
+TEST_F(TableTest, AFormerParentBecomesAChildAndTheParentStaysWhatItIs) {
+  table_.AddParent("");
+  table_.SetParentName("former");
+  table_.SetParentName("boss");
+  Entry& parent = *table_.Parent();
+  LogonPolled(parent);
+  table_.Register("former", true);
+  EXPECT_TRUE(table_.HasChildRouter("former"));
+  EXPECT_NE(table_.Find("former"), &parent);
+  EXPECT_EQ(table_.Find("boss"), &parent);
+  EXPECT_EQ(table_.Find(""), &parent);
+  EXPECT_TRUE(parent.IsLoggedOn());
+  LogonPolled(*table_.Find("former"));
+  EXPECT_THROW(table_.Register("former", true), AlreadyRegistered);
+  table_.Unregister("former");
+  EXPECT_FALSE(table_.HasChildRouter("former"));
+  EXPECT_TRUE(parent.IsLoggedOn());
+}
+
+TEST_F(TableTest, AFormerParentThatRegistersDoesNotRegisterAnUnregisteredParent) {
+  table_.AddParent("");
+  table_.SetParentName("former");
+  table_.SetParentName("boss");
+  table_.Unregister("boss");
+  table_.Register("former", true);
+  EXPECT_FALSE(table_.Parent()->IsRegistered());
+  EXPECT_TRUE(table_.HasChildRouter("former"));
+}
+
+TEST_F(TableTest, TheEmptyAndThePresentNameOfTheParentStayTaken) {
+  table_.AddParent("");
+  table_.SetParentName("boss");
+  for (const char* name : {"", "boss"}) {
+    EXPECT_THROW(table_.Register(name, true), AlreadyRegistered) << name;
+    EXPECT_EQ(table_.Find(name), table_.Parent()) << name;
+  }
+}
+
 TEST_F(TableTest, WithoutAParentSetParentNameDoesNothing) {
   table_.SetParentName("boss");
   EXPECT_EQ(table_.Find("boss"), nullptr);
