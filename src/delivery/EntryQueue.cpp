@@ -17,8 +17,10 @@ void EntryQueue::Put(RouterTableEntry* entry) {
 void EntryQueue::PutOnce(RouterTableEntry* entry) {
   {
     ThreadHelper::Guard guard(mutex_);
-    if (!guard || stopping_ || !once_.insert(entry).second) return;
+    if (!guard || stopping_ || once_.contains(entry)) return;
+    // In this order: what is noted and does not stand in the queue would never come in again.
     queue_.push_back(entry);
+    once_.insert(entry);
   }
   condition_.Signal();
 }

@@ -1,6 +1,7 @@
 #include "delivery/NotificationThresholdWorker.h"
 
 #include "broker/CorbaExceptions.h"
+#include "delivery/EndOfVisit.h"
 #include "envelope/Address.h"
 #include "logging/Log.h"
 #include "routing/Routing.h"
@@ -14,7 +15,9 @@ class ThresholdCall {
   explicit ThresholdCall(RouterTableEntry& entry)
       : entry_(entry), claim_(entry.NotificationRetryDue()), open_(claim_.acquired) {}
   ~ThresholdCall() {
-    if (open_) entry_.ThresholdCallFailed(claim_.generation);
+    if (!open_) return;
+    EndVisit("NotificationThresholdWorker", "ThresholdCall",
+             [this] { entry_.ThresholdCallFailed(claim_.generation); });
   }
   ThresholdCall(const ThresholdCall&) = delete;
   ThresholdCall& operator=(const ThresholdCall&) = delete;

@@ -10,6 +10,21 @@
 
 namespace MessageRouter {
 
+namespace {
+
+// An entry whose poll is due, and that no getter knows of, would never be polled again.
+template <class Function>
+void OrPollLater(RouterTableEntry& entry, Function&& offer) {
+  try {
+    offer();
+  } catch (...) {
+    entry.pollNotOffered();
+    throw;
+  }
+}
+
+}  // namespace
+
 void RouterTableScanner::operator()(std::string name, RouterTableEntry& entry) {
   // The parent can stand under two names.
   if (name == entry.Name()) CheckEntry(entry);
@@ -59,11 +74,13 @@ GetterThread::~GetterThread() {
 }
 
 void GetterThread::CheckEntry(RouterTableEntry& entry) {
-  if (entry.readyForTimedPoll()) AddEntry(entry);
+  if (!entry.readyForTimedPoll()) return;
+  OrPollLater(entry, [&] { AddEntry(entry); });
 }
 
 void GetterThread::NotifiedPoll(RouterTableEntry& entry) {
-  if (entry.readyForNotifiedPoll()) manager_.Add(entry);
+  if (!entry.readyForNotifiedPoll()) return;
+  OrPollLater(entry, [&] { manager_.Add(entry); });
 }
 
 void GetterThread::Offer(RouterTableEntry& entry) {

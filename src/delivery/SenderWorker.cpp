@@ -148,16 +148,19 @@ void SenderWorker::PutBack(const Visit& visit, const Envelope& envelope) {
 
 void SenderWorker::NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
                               BrelixMessaging::NotifyConsumer_ptr notify, const std::string& name) {
+  // Made before the state is taken: nothing may fail between the call and the report of its
+  // outcome.
+  const std::string shown = Shown(name);
   // Wanted anew each time, so that a second one runs in the same state as the first, and its
   // failure counts.
   for (bool again = true; again;) {
     const RouterTableEntry::Claim claim = entry.NotificationWanted(session);
     if (!claim.acquired) return;
     try {
-      LogDebug("Notifying %s\n", Shown(name).c_str());
+      LogDebug("Notifying %s\n", shown.c_str());
       Broker::RepeatOnce([notify] { notify->Notify(); });
     } catch (const CORBA::Exception&) {
-      LogDebug("Failed to notify %s\n", Shown(name).c_str());
+      LogDebug("Failed to notify %s\n", shown.c_str());
       entry.NotificationFailed(session);
       return;
     } catch (...) {
@@ -165,7 +168,7 @@ void SenderWorker::NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
       entry.NotificationFailed(session);
       throw;
     }
-    LogDebug("Successfully notified %s\n", Shown(name).c_str());
+    LogDebug("Successfully notified %s\n", shown.c_str());
     again = entry.NotificationFinished(session);
   }
 }

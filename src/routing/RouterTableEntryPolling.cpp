@@ -152,6 +152,12 @@ bool RouterTableEntry::readyForNotifiedPoll() {
   return true;
 }
 
+void RouterTableEntry::pollNotOffered() {
+  WriteGuard guard(lock_);
+  if (!guard) return;
+  if (supplierState_ == kPollNotified || supplierState_ == kPollDue) supplierState_ = kPollWaiting;
+}
+
 RouterTableEntry::Claim RouterTableEntry::ClaimForPolling() {
   Claim claim;
   WriteGuard guard(lock_);

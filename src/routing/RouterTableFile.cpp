@@ -237,9 +237,16 @@ void RouterTable::Write(bool close) {
   LogInfo("Writing router table file\n");
   Guard guard(fileMutex_);
   if (!guard) return;
-  std::vector<Row> rows;
-  if (!CollectRows(close, rows)) return;
-  const int error = Platform::ReplaceFile(filePath_, ComposeFile(rows), kFileMode);
+  int error = 0;
+  try {
+    std::vector<Row> rows;
+    if (!CollectRows(close, rows)) return;
+    error = Platform::ReplaceFile(filePath_, ComposeFile(rows), kFileMode);
+  } catch (...) {
+    // Still owed, though the claim has cleared that.
+    WriteDone(false);
+    throw;
+  }
   if (error != 0) {
     if (IsOpenFailure(error)) {
       LogWarning("Cannot open the router table file for writing.\n");

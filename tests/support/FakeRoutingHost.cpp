@@ -122,6 +122,7 @@ void FakeRoutingHost::SetThresholds(const Thresholds& thresholds) {
 }
 
 void FakeRoutingHost::OfferToSenders(RouterTableEntry& entry) {
+  if (onOfferToSenders) onOfferToSenders();
   std::lock_guard<std::mutex> guard(mutex_);
   senders_.push_back(&entry);
 }

@@ -99,6 +99,7 @@ class FakeRoutingHost : public MessageRouter::RoutingHost {
   // Run in the calls, before their effect.
   std::function<void()> onParentLinkLost;
   std::function<void()> onObjectToString;
+  std::function<void()> onOfferToSenders;
 
  private:
   using Offers = std::vector<MessageRouter::RouterTableEntry*>;

@@ -92,6 +92,22 @@ TEST_F(ThresholdTest, RefusalIsAFailureToo) {
   EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
 }
 
+TEST_F(ThresholdTest, FailureWhoseOfferToTheSendersFailsTooCostsNotTheProcess) {
+  peer->thresholdCalls.onCall = [this](int) {
+    entry.Logoff();
+    Logon(peer);
+    Enqueue(entry, Stored(1));
+    // A sender of the new session is turned away, and to be sent again.
+    EXPECT_FALSE(entry.NotificationWanted().acquired);
+    throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
+  };
+  host.onOfferToSenders = [] { throw std::bad_alloc(); };
+  VisitForThreshold();
+  EXPECT_TRUE(log.Contains("NotificationThresholdWorker: Caught"));
+  // Nobody is at the peer any more.
+  EXPECT_TRUE(entry.NotificationWanted().acquired);
+}
+
 TEST_F(ThresholdTest, CallsThatKeepFailingComeAfterOneTwoAndFourHoursUpTo48) {
   peer->thresholdCalls.UnreachableFor(1000);
   VisitForThreshold();

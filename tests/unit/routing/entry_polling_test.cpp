@@ -77,6 +77,25 @@ TEST_F(EntryPollingTest, ANotifiedPollComesAtOnceAndOnlyWhileThePeerWaits) {
   EXPECT_FALSE(peer_.readyForTimedPoll());
 }
 
+TEST_F(EntryPollingTest, APollThatNoGetterLearnedOfIsAnnouncedAgain) {
+  LogonPolled(peer_);
+  EXPECT_TRUE(peer_.readyForTimedPoll());
+  peer_.pollNotOffered();
+  EXPECT_TRUE(peer_.readyForTimedPoll());
+  peer_.pollNotOffered();
+  EXPECT_TRUE(peer_.readyForNotifiedPoll());
+  peer_.pollNotOffered();
+  EXPECT_TRUE(peer_.readyForNotifiedPoll());
+}
+
+TEST_F(EntryPollingTest, APollUnderWayIsNotAnnouncedAgain) {
+  LogonPolled(peer_);
+  ASSERT_TRUE(peer_.readyForTimedPoll());
+  ASSERT_TRUE(peer_.ClaimForPolling().acquired);
+  peer_.pollNotOffered();
+  EXPECT_EQ(peer_.GetSupplierState(), Entry::kPollRunning);
+}
+
 TEST_F(EntryPollingTest, NotificationsDuringAPollAreOneMorePollAfterIt) {
   LogonPolled(peer_);
   ASSERT_TRUE(peer_.readyForTimedPoll());

@@ -287,6 +287,18 @@ TEST_F(TableFileTest, AReferenceThatCannotBeWrittenCostsNoRegistration) {
   EXPECT_EQ(TableText(), "child.1..\n");
 }
 
+TEST_F(TableFileTest, AWriteThatAnExceptionEndedIsOwed) {
+  const RouterConsumer::_var_type consumer = AReferenceTo<RouterConsumer>("consumer");
+  ARouter("child").LogonRouter("child", consumer, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0,
+                               true);
+  host_.onObjectToString = [] { throw std::bad_alloc(); };
+  EXPECT_THROW(table_.WriteTable(false), std::bad_alloc);
+  host_.onObjectToString = nullptr;
+  PassAMinute();
+  table_.Tick();
+  EXPECT_TRUE(TableText().starts_with("child.1."));
+}
+
 TEST_F(TableFileTest, NoLockOfTheTableIsHeldWhileTheFileIsMade) {
   const RouterConsumer::_var_type consumer = AReferenceTo<RouterConsumer>("consumer");
   Entry& child = ARouter("child");
