@@ -19,10 +19,16 @@ inline std::int32_t HeartbeatTimeout() {
 // that is there and doesn't answer would hold the thread, and with it the escalation, for ever.
 class ParentCallLimit {
  public:
-  // `second`: how long a second takes.
-  explicit ParentCallLimit(std::chrono::microseconds second) {
-    const std::int32_t seconds = std::min(HeartbeatTimeout(), kLongest);
-    if (seconds < 1) return;
+  // Seconds. The parent calls back twice before it answers a logon, for a minute at most each
+  // (kCallBackLimit), and its connections take their time.
+  static constexpr std::int32_t kLogon = 150;
+
+  // `second`: how long a second takes. `least`: the seconds that a limit, where there is one,
+  // leaves in any case.
+  explicit ParentCallLimit(std::chrono::microseconds second, std::int32_t least = 0) {
+    const std::int32_t timeout = HeartbeatTimeout();
+    if (timeout < 1) return;
+    const std::int32_t seconds = std::clamp(timeout, least, kLongest);
     limit_.emplace(std::chrono::ceil<std::chrono::milliseconds>(seconds * second));
   }
 

@@ -137,7 +137,7 @@ bool ParentLogon::LogOnOnce() {
   RouterTableEntry* const parent = routing_.Table().Parent();
   if (parent == nullptr) return false;
   {
-    const ParentCallLimit limit(second_);
+    const ParentCallLimit limit(second_, ParentCallLimit::kLogon);
     if (!parent->LogonToParentRouter(parentRouter_)) return false;
   }
   if (!NoteLogon(*parent)) return false;

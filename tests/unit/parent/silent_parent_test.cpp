@@ -105,6 +105,20 @@ TEST_F(SilentParentTest, IsWaitedForHalfAnHourUnlessSetOtherwise) {
   EXPECT_LT(passed, 3500ms);
 }
 
+// It may be calling back meanwhile.
+TEST_F(SilentParentTest, ToTheLogonIsWaitedForTwoMinutesAndAHalfAtLeast) {
+  SetConfigInt("HeartbeatTimeout", 50);
+  door_.FallSilentAt("Logon");
+  const auto begin = Clock::now();
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(
+      Eventually([&] { return log_.Count("RouterTableEntry: Caught CORBA TIMEOUT") == 3; }));
+  const auto passed = Clock::now() - begin;
+  logon.StopLogon(false);
+  EXPECT_GE(passed, 450ms);
+}
+
 TEST_F(SilentParentTest, ThatBreaksTheConnectionOnceIsAskedAgain) {
   SetConfigInt("HeartbeatTimeout", 20000);
   ParentLogon logon(routing_, router_, kShortSecond);
