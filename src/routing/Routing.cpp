@@ -178,7 +178,8 @@ void Routing::SendLocalMessage(const std::string& destination, const std::string
 bool Routing::MakeNews(const std::string& event, const CORBA::Any& data, Envelope& news) {
   const std::string type = SystemMessageType(event);
   try {
-    news.CreateLocal(kParentAddress, 0, TimeToLive::Stated(MessageTimeoutSeconds()), type, data, "");
+    news.CreateLocal(kParentAddress, 0, TimeToLive::Stated(MessageTimeoutSeconds()), type, data,
+                     "");
     return true;
   } catch (const std::exception& exception) {
     LogCaughtException("Routing::MakeNews", exception, type.c_str());
