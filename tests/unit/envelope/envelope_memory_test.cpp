@@ -2,17 +2,7 @@
 
 #include "fixture.h"
 #include "logging/Log.h"
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define BRELIX_OWN_HEAP 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define BRELIX_OWN_HEAP 0
-#endif
-#endif
-#ifndef BRELIX_OWN_HEAP
-#define BRELIX_OWN_HEAP 1
-#endif
+#include "support/MemoryLimit.h"
 
 namespace MessageRouter {
 namespace {
@@ -29,7 +19,7 @@ std::size_t HeapInUse() {
 class EnvelopeMemory : public TestSupport::EnvelopeTest {
  protected:
   void SetUp() override {
-    if (!BRELIX_OWN_HEAP) GTEST_SKIP() << "the sanitizer has a heap of its own";
+    if (!TestSupport::MemoryLimit::Works()) GTEST_SKIP() << "the sanitizer has a heap of its own";
     SetLogMask(kLogError);  // no captured lines among what is counted
   }
 };
