@@ -36,7 +36,7 @@ class Delivery(SystemTest):
         self.assertEqual(
             {"id": number, "originator": "router.agent-1", "destination": "agent-2",
              "type": "Greeting", "priority": 7, "ttl": envelope["ttl"], "options": "colour=blue",
-             "payload": "hello"}, envelope)
+             "payload": "hello", "hops": 1}, envelope)
         self.assertTrue(590 <= envelope["ttl"] <= 600, envelope["ttl"])
         self.assertEqual(["agent-1", "router"], [stamp["name"] for stamp in stamps])
         self.assertTrue(before <= stamps[0]["time"] <= before + 60, stamps)
