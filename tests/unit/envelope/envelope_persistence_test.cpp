@@ -5,6 +5,7 @@
 #include "fixture.h"
 #include "logging/Log.h"
 #include "support/EnvelopeBuilder.h"
+#include "support/NoDescriptors.h"
 
 namespace MessageRouter {
 namespace {
@@ -326,26 +327,11 @@ TEST_F(EnvelopeInvalid, ThatCannotBeRenamedIsReported) {
                                         "'\n"));
 }
 
-// Leaves the process no descriptor to open while it lives.
-class NoDescriptors {
- public:
-  NoDescriptors() {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    rlimit none = before_;
-    none.rlim_cur = 0;
-    setrlimit(RLIMIT_NOFILE, &none);
-  }
-  ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_{};
-};
-
 TEST_F(EnvelopeFile, AShortageOfDescriptorsDoesNotPassForABrokenEnvelope) {
   Envelope envelope;
   envelope.CreateFromClient(AMessage(), "agent-1", "");
   try {
-    const NoDescriptors shortage;
+    const TestSupport::NoDescriptors shortage;
     envelope.Expand();
     FAIL() << "expanded without a descriptor";
   } catch (const std::exception& exception) {
