@@ -1,4 +1,6 @@
 // Starting and stopping the threads that route, and what routing asks of the router.
+
+#include <chrono>
 #include <memory>
 #include <utility>
 
@@ -12,6 +14,11 @@
 #include "servants/ServantHelper.h"
 
 namespace MessageRouter {
+namespace {
+
+constexpr std::chrono::seconds kIorPortTime{5};
+
+}  // namespace
 
 void Router::ReadConnectRetry() {
   const auto apply = [](const char* key, std::uint32_t defaultValue,
@@ -69,6 +76,8 @@ void Router::doStartRouting() {
 
   iorSender_.SetPort(static_cast<std::uint16_t>(GetConfigInt("IORSenderPort", 8192)));
   iorSender_.Start();
+  // Whoever reads that the router waits for messages may come at once.
+  iorSender_.WaitUntilOpen(kIorPortTime);
   if (hasParent_ && iorValid_) parentLogon_.Start();
 }
 

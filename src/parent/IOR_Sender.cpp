@@ -31,10 +31,30 @@ IOR_Sender::~IOR_Sender() {
 
 void IOR_Sender::SetPort(std::uint16_t port) {
   port_ = port;
+  const ThreadHelper::Guard guard(mutex_);
+  tried_ = false;
 }
 
 void IOR_Sender::SetIOR(const std::string& ior) {
   ior_ = ior;
+}
+
+void IOR_Sender::Tried(std::uint16_t port) {
+  const ThreadHelper::Guard guard(mutex_);
+  listeningPort_ = port;
+  tried_ = true;
+  condition_.Broadcast();
+}
+
+bool IOR_Sender::WaitUntilOpen(std::chrono::milliseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  const ThreadHelper::Guard guard(mutex_);
+  while (guard && !tried_) {
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+        end - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || !condition_.WaitFor(left)) break;
+  }
+  return listeningPort_ != 0;
 }
 
 void IOR_Sender::Process() {
@@ -46,10 +66,11 @@ void IOR_Sender::Process() {
   const ACE_INET_Addr anyAddress(port_, static_cast<ACE_UINT32>(INADDR_ANY));
   if (acceptor.open(anyAddress, &reactor, ACE_NONBLOCK, 1, 1) == -1) {
     LogError("IOR_Sender::Process: Failed to create acceptor");
+    Tried(0);
     return;
   }
   ACE_INET_Addr bound;
-  if (acceptor.acceptor().get_local_addr(bound) == 0) listeningPort_ = bound.get_port_number();
+  Tried(acceptor.acceptor().get_local_addr(bound) == 0 ? bound.get_port_number() : 0);
 
   while (!IsTerminated()) {
     ACE_Time_Value tick(0, kTickMicroseconds);

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "logging/Log.h"
@@ -81,10 +80,7 @@ class IorSender : public testing::Test {
     sender.SetIOR(ior);
     sender.SetPort(0);
     sender.Start();
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (sender.ListeningPort() == 0 && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::yield();
-    }
+    ASSERT_TRUE(sender.WaitUntilOpen(kPatience));
     ASSERT_NE(sender.ListeningPort(), 0);
   }
 
@@ -162,6 +158,7 @@ TEST_F(IorSender, PortInUseIsLoggedAndEndsTheThread) {
   TestSupport::LogCapture log;
   sender.SetPort(address.get_port_number());
   sender.Start();
+  EXPECT_FALSE(sender.WaitUntilOpen(kPatience));
   sender.Join();
   EXPECT_TRUE(log.Has(kLogError, "IOR_Sender::Process: Failed to create acceptor"));
   other.close();
