@@ -92,8 +92,9 @@ void LyingServer::Serve(int connection) {
       Write(tls.get(), TestSupport::GiopHeader(kGiopLocateReply, 8) +
                            CdrWriter().ULong(id).ULong(kObjectHere).Bytes());
     } else if (header[kTypeAt] == static_cast<char>(TestSupport::kGiopRequest)) {
+      const Then then = then_;  // the next one may be set as soon as the answer is there
       Write(tls.get(), answer_(id));
-      if (then_ == Then::GoOn) continue;
+      if (then == Then::GoOn) continue;
       SSL_shutdown(tls.get());
       return;
     }
