@@ -184,7 +184,8 @@ class Round:
               f"one message through three hops: median {latency['median_us']:.0f} us, 99th "
               f"percentile {latency['p99_us']:.0f} us, "
               f"{self.ratio('latency', latency['median_us'], paced['median_us'])} bare calls at the "
-              f"same pace, {self.ratio('latency, full speed', latency['median_us'], full['median_us'])} "
+              "same pace, "
+              f"{self.ratio('latency, full speed', latency['median_us'], full['median_us'])} "
               "at full speed", flush=True)
 
 
