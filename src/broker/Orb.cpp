@@ -3,10 +3,12 @@
 #include <omniORB4/minorCode.h>
 #include <omniORB4/omniORB.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -34,6 +36,7 @@ constexpr char kPublishArgument[] = "-ORBendPointPublish";  // names no endpoint
 // Without an endpoint of our own the ORB would open one without TLS.
 constexpr char kAnyPort[] = "giop:ssl::";
 constexpr char kLocalOnly[] = "giop:ssl:127.0.0.1:";
+constexpr char kIpv6[] = "giop:ssl:[";
 constexpr unsigned kMillisecondsPerSecond = 1000;
 constexpr unsigned kPollMilliseconds = 50;
 
@@ -172,11 +175,21 @@ unsigned short Orb::ListeningPort() const {
   return port == nullptr ? 0 : static_cast<unsigned short>(std::strtoul(port + 1, nullptr, 10));
 }
 
+std::vector<std::string> PublishedEndpoints(const std::vector<std::string>& listening) {
+  std::vector<std::string> published;
+  std::remove_copy_if(listening.begin(), listening.end(), std::back_inserter(published),
+                      [](const std::string& name) { return StartsWith(name.c_str(), kIpv6); });
+  return published.empty() ? listening : published;
+}
+
 CORBA::Policy_ptr Orb::PublishPolicy() const {
   const auto& endpoints = omni::omniObjAdapter::listMyEndpoints();
+  std::vector<std::string> listening;
+  for (CORBA::ULong i = 0; i < endpoints.length(); ++i) listening.emplace_back(endpoints[i]);
+  const std::vector<std::string> published = PublishedEndpoints(listening);
   omniPolicy::EndPointPublishPolicyValue value;
-  value.length(endpoints.length());
-  for (CORBA::ULong i = 0; i < endpoints.length(); ++i) value[i] = endpoints[i];
+  value.length(static_cast<CORBA::ULong>(published.size()));
+  for (CORBA::ULong i = 0; i < value.length(); ++i) value[i] = published[i].c_str();
   return omniPolicy::create_endpoint_publish_policy(value);
 }
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Broker {
 
@@ -46,9 +47,9 @@ class Orb {
   SSL_CTX* TlsContext() const;
   // The bound port, 0 before RootPOA is resolved.
   unsigned short ListeningPort() const;
-  // For each adapter whose references leave the process: that they name this ORB's endpoints. By
-  // itself the ORB names those of all ORBs that the process has had. After RootPOA is resolved; the
-  // caller owns it.
+  // For each adapter whose references leave the process: that they name this ORB's endpoints (see
+  // PublishedEndpoints). By itself the ORB names those of all ORBs that the process has had. After
+  // RootPOA is resolved; the caller owns it.
   CORBA::Policy_ptr PublishPolicy() const;
   // Closes all idle outgoing connections, so that later calls use the present credentials; waits
   // until they are closed, at most `seconds`.
@@ -59,6 +60,11 @@ class Orb {
   struct State;
   std::unique_ptr<State> state_;
 };
+
+// Of the endpoints that an ORB listens at those that its references name: the IPv4 ones, or all if
+// there are no others. Whether a peer is local or the host has moved is told by IPv4 addresses, and
+// a peer that once fails to connect would take the next address in its reference and stay there.
+std::vector<std::string> PublishedEndpoints(const std::vector<std::string>& listening);
 
 // True for the failure to open or bind an endpoint: a port in use, an address that isn't ours.
 bool IsEndpointFailure(const CORBA::SystemException& exception);

@@ -33,6 +33,12 @@ table inet brelix {
   }
 }
 """
+# Connections to one port, by IPv4 alone.
+REFUSED = """
+table ip brelix_refused {
+  chain input { type filter hook input priority 2; tcp dport %d reject with tcp reset; }
+}
+"""
 # To the caller a firewall that refuses is a closed port; one that drops is silence.
 REFUSE = "meta l4proto tcp reject with tcp reset"
 DROP = "drop"
@@ -127,6 +133,21 @@ class Host(Place):
 
     def raise_firewall(self, answer=REFUSE):
         self.run("nft", "-f", "-", text=FIREWALL % answer)
+
+    def add_ipv6(self, address):
+        """Besides the IPv4 address."""
+        self.run("sh", "-c", "echo 0 > /proc/sys/net/ipv6/conf/lo/disable_ipv6 && "
+                             "echo 0 > /proc/sys/net/ipv6/conf/net/disable_ipv6")
+        self.ip(f"address add {address}/64 dev net nodad")
+
+    @contextlib.contextmanager
+    def refusing(self, port):
+        """Meanwhile nobody can open a connection to the port by IPv4, this host included."""
+        self.run("nft", "-f", "-", text=REFUSED % port)
+        try:
+            yield
+        finally:
+            self.run("nft", "delete", "table", "ip", "brelix_refused")
 
     def slow_down(self, other, milliseconds):
         """On connections that begin here everything takes so long, each way. One such other a host."""

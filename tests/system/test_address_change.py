@@ -3,10 +3,11 @@
 import re
 import unittest
 
-from harness import SystemTest, run
+from harness import PeerException, SystemTest, run
 from hosts import Hosts
 
 NEW_ADDRESS = "198.18.0.99"
+IPV6_ADDRESS = "fd00::1"
 
 
 class AddressChange(SystemTest):
@@ -38,6 +39,26 @@ class AddressChange(SystemTest):
         self.move()
         self.assertIn(NEW_ADDRESS + " ", self.reference())
         self.assertNotIn(old + " ", self.reference())
+
+    def give_both_kinds(self):
+        self.home.add_ipv6(IPV6_ADDRESS)
+        self.box.write_settings(LocalClientsOnly=1)
+        self.box.reload()
+
+    def test_the_reference_names_no_address_of_another_kind(self):
+        self.give_both_kinds()
+        self.assertIn(self.home.address + " ", self.reference())
+        self.assertNotIn(IPV6_ADDRESS, self.reference())
+
+    def test_a_local_client_that_is_refused_once_is_local_afterwards(self):
+        self.give_both_kinds()
+        peer = self.peer(self.box, "agent-1", host=self.home).log_on()
+        with self.home.refusing(self.box.tls_port):
+            self.box.reload()
+            with self.assertRaises(PeerException) as refused:
+                peer("reconnect")
+            self.assertEqual("TRANSIENT", refused.exception.name)
+        peer.retry("reconnect")
 
     def test_a_client_finds_the_router_again(self):
         self.move()

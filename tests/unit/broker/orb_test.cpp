@@ -56,6 +56,16 @@ TEST(Orb, OpensAnEndpointWithTlsIfTheArgumentsNameNone) {
   EXPECT_EQ(NameIn(server.Peer().Call(kRouterKey, "GetName")), "router");
 }
 
+TEST(Orb, PublishesTheIpv4EndpointsAndOthersOnlyIfThereAreNone) {
+  using Names = std::vector<std::string>;
+  const std::string four = "giop:ssl:192.0.2.2:24590";
+  const std::string otherFour = "giop:ssl:198.51.100.7:24590";
+  const std::string six = "giop:ssl:[fd00::2]:24590";
+  EXPECT_EQ(Broker::PublishedEndpoints({six, four, otherFour}), (Names{four, otherFour}));
+  EXPECT_EQ(Broker::PublishedEndpoints({six}), (Names{six}));
+  EXPECT_EQ(Broker::PublishedEndpoints({}), Names());
+}
+
 TEST(Orb, TakesItsArgumentsOut) {
   std::string program = "program";
   std::string mine = "-service";
