@@ -1,3 +1,4 @@
+// The way of a router to its parent, and what ends a session.
 #include "parent_logon_fixture.h"
 #include "support/RemoteDoor.h"
 
@@ -52,45 +53,6 @@ TEST_F(ParentLogonTest, AfterTheLogonAParentThatCanBeNotifiedIsOwedAThresholdCal
   EXPECT_THAT(host_.Senders(), testing::IsEmpty());
 }
 
-TEST_F(ParentLogonTest, AlreadyRegisteredIsSuccess) {
-  parent_.SetOnCall([](const std::string& operation) {
-    if (operation == "Register") throw BrelixMessaging::AlreadyRegistered();
-  });
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(LogsOn());
-  EXPECT_TRUE(log_.Has(kLogDebug, "Already registered with parent router\n"));
-  EXPECT_FALSE(ParentLogon::TheEscalation().registerResetTried);
-  logon.StopLogon(false);
-}
-
-TEST_F(ParentLogonTest, AStopWhileLoggedOnTakesLeaveOnce) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  logon.StopLogon(true);
-  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
-  EXPECT_TRUE(log_.Has(kLogInfo, "Logged off from parent router\n"));
-}
-
-TEST_F(ParentLogonTest, AReinitialisationTakesNoLeave) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  logon.StopLogon(false);
-  EXPECT_EQ(parent_.Calls("Logoff"), 0u);
-}
-
-TEST_F(ParentLogonTest, ALeaveThatFailsIsLogged) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  parent_.SetOnCall([](const std::string&) { throw BrelixMessaging::NotLoggedOn(); });
-  logon.StopLogon(true);
-  EXPECT_EQ(log_.Count("ParentLogon::Process: Caught CORBA"), 1u);
-  EXPECT_FALSE(log_.Contains("Logged off from parent router\n"));
-}
-
 TEST_F(ParentLogonTest, ALostLinkIsLoggedOnAgainWithoutANewRegistration) {
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
@@ -125,83 +87,6 @@ TEST_F(ParentLogonTest, ALinkLostDuringTheLogonIsNotForgotten) {
   logon.StopLogon(false);
 }
 
-TEST_F(ParentLogonTest, AParentAddressThatIsSetMeanwhileIsTheNextToBeTried) {
-  SetConfigString("ParentAddress", "no-such-host.invalid");
-  SetConfigInt("LogonRetryInterval", 50);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return log_.Contains("IOR from no-such-host.invalid:"); }));
-  SetConfigString("ParentAddress", "127.0.0.1");
-  EXPECT_TRUE(LogsOn());
-  logon.StopLogon(false);
-}
-
-TEST_F(ParentLogonTest, AStopBetweenRegistrationAndLogonTakesNoLeave) {
-  RefuseLogon();
-  SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
-  logon.StopLogon(true);
-  EXPECT_EQ(parent_.Calls("Register"), 1u);
-  EXPECT_EQ(parent_.Calls("Logoff"), 0u);
-}
-
-TEST_F(ParentLogonTest, AStopAfterTheParentAddressWasEmptiedTakesLeave) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  SetConfigString("ParentAddress", "");
-  logon.StopLogon(true);
-  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
-}
-
-TEST_F(ParentLogonTest, ANameThatNoRouterHasIsAFailedAttempt) {
-  SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  const struct {
-    std::string name;
-    std::string shown;
-  } rows[] = {{"boss\nforged", "boss?forged"},
-              {"boss\x7F", "boss?"},
-              {":", ":"},
-              {std::string(4097, 'b'), std::string(1024, 'b') + "..."}};
-  for (const auto& row : rows) {
-    log_.Clear();
-    parent_.name = row.name;
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    EXPECT_TRUE(Eventually([&] {
-      return log_.Has(kLogError, "Cannot register with the parent router, because of its name\n");
-    })) << row.shown;
-    logon.StopLogon(false);
-    EXPECT_TRUE(log_.Has(kLogInfo, "Parent is " + row.shown + "\n"));
-    EXPECT_EQ(table_.Find(row.name), nullptr) << row.shown;
-  }
-  EXPECT_EQ(parent_.Calls("GetName"), 4u);
-  EXPECT_EQ(parent_.Calls("Register"), 0u);
-}
-
-TEST_F(ParentLogonTest, AnyOtherNameIsTheParents) {
-  for (const std::string& name : {std::string("a:b"), std::string(4096, 'b')}) {
-    log_.Clear();
-    parent_.name = name;
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    EXPECT_TRUE(LogsOn());
-    logon.StopLogon(false);
-    EXPECT_EQ(table_.Find(name), table_.Parent());
-  }
-}
-
-TEST_F(ParentLogonTest, WhatCannotMakeAReferenceIsAFailedAttempt) {
-  host_.onStringToObject = [] { throw omniORB::fatalException("file", 1, "check failed"); };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-  logon.StopLogon(false);
-  EXPECT_EQ(log_.Count("ParentLogon::RegisterParent: Caught CORBA INTERNAL"), 11u);
-}
-
 TEST_F(ParentLogonTest, EnablingItAgainWhileItIsLoggedOnChangesNothing) {
   using TestSupport::RemoteDoor;
   const RemoteDoor door;
@@ -220,41 +105,6 @@ TEST_F(ParentLogonTest, EnablingItAgainWhileItIsLoggedOnChangesNothing) {
   EXPECT_EQ(door.Calls("Register"), 1u);
   EXPECT_EQ(door.Calls("Logon"), 1u);
   EXPECT_EQ(door.Calls("Logoff"), 1u);
-}
-
-TEST_F(ParentLogonTest, AReinitialisationDuringTheLogonTakesNoLeave) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  parent_.SetOnCall([&](const std::string& operation) {
-    if (operation == "Logon") logon.RequestStopLogon(false);
-  });
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
-  logon.StopLogon(false);
-  EXPECT_EQ(parent_.Calls("Logoff"), 0u);
-  EXPECT_FALSE(log_.Contains("Logged on to parent router as"));
-  EXPECT_TRUE(ParentLogon::TheEscalation().logonResetTried);
-}
-
-TEST_F(ParentLogonTest, AStopDuringTheLogonTakesLeave) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  parent_.SetOnCall([&](const std::string& operation) {
-    if (operation == "Logon") logon.RequestStopLogon(true);
-  });
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
-  logon.StopLogon(true);
-  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
-}
-
-TEST_F(ParentLogonTest, AfterAReinitialisationItTakesLeaveAgain) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  logon.StopLogon(false);
-  logon.Start();
-  ASSERT_TRUE(LogsOn(2));
-  logon.StopLogon(true);
-  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
 }
 
 TEST_F(ParentLogonTest, EachCallIsRepeatedOnceAtOnce) {
@@ -289,47 +139,6 @@ TEST_F(ParentLogonTest, ASecondFailureOfACallIsAFailedAttempt) {
   }
 }
 
-TEST_F(ParentLogonTest, AReferenceToNothingIsAFailedAttempt) {
-  host_.nothingThere = true;
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-  logon.StopLogon(false);
-  EXPECT_EQ(log_.Count("Successfully validated parent router's IOR\n"), 11u);
-  EXPECT_TRUE(parent_.AllCalls().empty());
-}
-
-TEST_F(ParentLogonTest, AParentWithoutADoorForRoutersIsAFailedAttempt) {
-  parent_.HideDoor();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-  logon.StopLogon(false);
-  EXPECT_EQ(parent_.Calls("GetRouter"), 11u);
-  EXPECT_EQ(parent_.Calls("Register"), 0u);
-}
-
-TEST_F(ParentLogonTest, TheHealthReportHearsOfAnInvalidIorAndOfItsEnd) {
-  ServeIor("IOR:00");
-  SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  {
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    ASSERT_TRUE(Eventually([&] { return router_.status.All().size() >= 4; }));
-    logon.StopLogon(false);
-  }
-  EXPECT_THAT(router_.status.All(),
-              ElementsAre("parent 127.0.0.1", "clear 1", "parent ", "raise 2 "));
-  ServeIor(ParentTests::IorOf("192.0.2.1"));
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return router_.status.All().size() >= 8; }));
-  logon.StopLogon(false);
-  EXPECT_THAT(router_.status.All(),
-              ElementsAre("parent 127.0.0.1", "clear 1", "parent ", "raise 2 ", "parent 127.0.0.1",
-                          "clear 1", "clear 2", "report"));
-}
-
 TEST_F(ParentLogonTest, TheReportIsWrittenWhenEverythingElseOfTheLogonIsDone) {
   LetItBePushedTo(AReferenceTo<BrelixMessaging::RouterConsumer>("parent-consumer"));
   bool offered = false;
@@ -349,16 +158,6 @@ TEST_F(ParentLogonTest, TheReportIsWrittenWhenEverythingElseOfTheLogonIsDone) {
   EXPECT_TRUE(logged);
 }
 
-TEST_F(ParentLogonTest, WhoeverAnswersAtTheIorPortMakesNoLogLines) {
-  ServeIor("IOR:\nforged\r\x1B\x7F.");
-  SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return log_.Contains("its IOR is invalid"); }));
-  logon.StopLogon(false);
-  EXPECT_TRUE(log_.Has(kLogInfo, "Received parent router's IOR:\nIOR:?forged???.\n"));
-}
-
 TEST_F(ParentLogonTest, WhatFailsInTheMiddleOfALogonIsTriedAgain) {
   // Nothing but the answer makes objects now: its notifier is there before the call.
   SetConfigBool("ActiveSupplier", false);
@@ -370,47 +169,6 @@ TEST_F(ParentLogonTest, WhatFailsInTheMiddleOfALogonIsTriedAgain) {
   EXPECT_EQ(parent_.Calls("Logon"), 2u);
   EXPECT_TRUE(table_.Parent()->IsLoggedOn());
   logon.StopLogon(false);
-}
-
-TEST(GetParentIor, FetchesTheTextFromTheConfiguredParent) {
-  TestSupport::ScratchConfiguration configuration;
-  IOR_Sender parent;
-  parent.SetPort(0);
-  parent.SetIOR("IOR:0102");
-  parent.Start();
-  ASSERT_TRUE(Eventually([&] { return parent.ListeningPort() != 0; }));
-  SetConfigString("ParentAddress", "127.0.0.1");
-  SetConfigInt("ParentPort", parent.ListeningPort());
-  StatusReporting::StatusReporter reporter("");
-  EXPECT_EQ(ParentLogon::GetParentIOR({&reporter, nullptr}), "IOR:0102");
-}
-
-TEST(GetParentIor, FetchesTheTextForTwoAtOnce) {
-  TestSupport::ScratchConfiguration configuration;
-  const std::string text = "IOR:" + std::string(20000, '1');
-  IOR_Sender parent;
-  parent.SetPort(0);
-  parent.SetIOR(text);
-  parent.Start();
-  ASSERT_TRUE(Eventually([&] { return parent.ListeningPort() != 0; }));
-  SetConfigString("ParentAddress", "127.0.0.1");
-  SetConfigInt("ParentPort", parent.ListeningPort());
-  StatusReporting::StatusReporter reporter("");
-  std::atomic<int> right{0};
-  const auto fetch = [&] {
-    for (int i = 0; i < 20; ++i) right += ParentLogon::GetParentIOR({&reporter, nullptr}) == text;
-  };
-  std::thread other(fetch);
-  fetch();
-  other.join();
-  EXPECT_EQ(right, 40);
-}
-
-TEST(GetParentIor, EmptyParentAddressGivesAnEmptyResult) {
-  TestSupport::ScratchConfiguration configuration;
-  TestSupport::LogCapture log;
-  EXPECT_EQ(ParentLogon::GetParentIOR({}), "");
-  EXPECT_FALSE(log.Contains("Getting parent router IOR"));
 }
 
 }  // namespace

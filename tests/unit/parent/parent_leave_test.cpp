@@ -1,0 +1,90 @@
+// How the thread ends, and whether it takes leave of the parent.
+#include "parent_logon_fixture.h"
+
+namespace MessageRouter {
+namespace {
+
+TEST_F(ParentLogonTest, AStopWhileLoggedOnTakesLeaveOnce) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.StopLogon(true);
+  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
+  EXPECT_TRUE(log_.Has(kLogInfo, "Logged off from parent router\n"));
+}
+
+TEST_F(ParentLogonTest, AReinitialisationTakesNoLeave) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.StopLogon(false);
+  EXPECT_EQ(parent_.Calls("Logoff"), 0u);
+}
+
+TEST_F(ParentLogonTest, ALeaveThatFailsIsLogged) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  parent_.SetOnCall([](const std::string&) { throw BrelixMessaging::NotLoggedOn(); });
+  logon.StopLogon(true);
+  EXPECT_EQ(log_.Count("ParentLogon::Process: Caught CORBA"), 1u);
+  EXPECT_FALSE(log_.Contains("Logged off from parent router\n"));
+}
+
+TEST_F(ParentLogonTest, AStopBetweenRegistrationAndLogonTakesNoLeave) {
+  RefuseLogon();
+  SetConfigInt("LogonRetryInterval", 3600 * 1000);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
+  logon.StopLogon(true);
+  EXPECT_EQ(parent_.Calls("Register"), 1u);
+  EXPECT_EQ(parent_.Calls("Logoff"), 0u);
+}
+
+TEST_F(ParentLogonTest, AStopAfterTheParentAddressWasEmptiedTakesLeave) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  SetConfigString("ParentAddress", "");
+  logon.StopLogon(true);
+  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
+}
+
+TEST_F(ParentLogonTest, AReinitialisationDuringTheLogonTakesNoLeave) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (operation == "Logon") logon.RequestStopLogon(false);
+  });
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
+  logon.StopLogon(false);
+  EXPECT_EQ(parent_.Calls("Logoff"), 0u);
+  EXPECT_FALSE(log_.Contains("Logged on to parent router as"));
+  EXPECT_TRUE(ParentLogon::TheEscalation().logonResetTried);
+}
+
+TEST_F(ParentLogonTest, AStopDuringTheLogonTakesLeave) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  parent_.SetOnCall([&](const std::string& operation) {
+    if (operation == "Logon") logon.RequestStopLogon(true);
+  });
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
+  logon.StopLogon(true);
+  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
+}
+
+TEST_F(ParentLogonTest, AfterAReinitialisationItTakesLeaveAgain) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.StopLogon(false);
+  logon.Start();
+  ASSERT_TRUE(LogsOn(2));
+  logon.StopLogon(true);
+  EXPECT_EQ(parent_.Calls("Logoff"), 1u);
+}
+
+}  // namespace
+}  // namespace MessageRouter
