@@ -31,12 +31,18 @@ IOR_Sender::~IOR_Sender() {
 
 void IOR_Sender::SetPort(std::uint16_t port) {
   port_ = port;
-  const ThreadHelper::Guard guard(mutex_);
-  tried_ = false;
 }
 
 void IOR_Sender::SetIOR(const std::string& ior) {
   ior_ = ior;
+}
+
+void IOR_Sender::Start() {
+  {
+    const ThreadHelper::Guard guard(mutex_);
+    tried_ = false;
+  }
+  StoppableThreadHelper::Start();
 }
 
 void IOR_Sender::Tried(std::uint16_t port) {

@@ -17,6 +17,8 @@ class IOR_Sender : public ThreadHelper::StoppableThreadHelper {
   // Both before Start.
   void SetPort(std::uint16_t port);
   void SetIOR(const std::string& ior);
+  // Hides the base's: what the last run has tried says nothing about this one.
+  void Start();
   // The port that is open; 0 while none is. Any thread.
   std::uint16_t ListeningPort() const { return listeningPort_; }
   // After Start: until the port is open or could not be opened, and at most so long. False if it is
@@ -30,7 +32,7 @@ class IOR_Sender : public ThreadHelper::StoppableThreadHelper {
   std::uint16_t port_ = 20002;
   std::string ior_;
   std::atomic<std::uint16_t> listeningPort_{0};
-  bool tried_ GUARDED_BY(mutex_) = false;  // to open the port, since it was set
+  bool tried_ GUARDED_BY(mutex_) = false;  // to open the port, since Start
 };
 
 }  // namespace MessageRouter

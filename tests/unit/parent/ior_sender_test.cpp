@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <semaphore>
 #include <vector>
 
 #include "logging/Log.h"
@@ -162,6 +163,44 @@ TEST_F(IorSender, PortInUseIsLoggedAndEndsTheThread) {
   sender.Join();
   EXPECT_TRUE(log.Has(kLogError, "IOR_Sender::Process: Failed to create acceptor"));
   other.close();
+}
+
+// Opens its port only when it may: once for each release.
+class HeldBackSender : public IOR_Sender {
+ public:
+  ~HeldBackSender() override {
+    mayOpen.release();
+    Stop();
+  }
+  void Process() override {
+    mayOpen.acquire();
+    IOR_Sender::Process();
+  }
+  std::counting_semaphore<> mayOpen{0};
+};
+
+TEST(WaitForTheIorPort, EndsWhenItsTimeIsOver) {
+  HeldBackSender sender;
+  sender.SetPort(0);
+  sender.Start();
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_FALSE(sender.WaitUntilOpen(std::chrono::milliseconds(50)));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
+}
+
+TEST(WaitForTheIorPort, OfARestartedThreadIsForItsNewRun) {
+  HeldBackSender sender;
+  sender.SetPort(0);
+  sender.mayOpen.release();
+  sender.Start();
+  ASSERT_TRUE(sender.WaitUntilOpen(kPatience));
+  sender.Stop();
+  sender.Start();
+  const auto begin = std::chrono::steady_clock::now();
+  sender.WaitUntilOpen(std::chrono::milliseconds(50));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
+  sender.mayOpen.release();
+  EXPECT_TRUE(sender.WaitUntilOpen(kPatience));
 }
 
 // The descriptors of the process, as one test needs them.
