@@ -19,8 +19,9 @@ inline std::int32_t HeartbeatTimeout() {
 // that is there and doesn't answer would hold the thread, and with it the escalation, for ever.
 class ParentCallLimit {
  public:
-  // Seconds. The parent calls back twice before it answers a logon, for a minute at most each
-  // (kCallBackLimit), and its connections take their time.
+  // Seconds. The parent calls back at most twice before it answers a logon, for a minute at most
+  // each (kCallBackLimit), and its connections take their time. Above the default of ResetTimeout
+  // and not bounded by it: a child that its parent can't call back would never be logged on.
   static constexpr std::int32_t kLogon = 150;
 
   // `second`: how long a second takes. `least`: the seconds that a limit, where there is one,

@@ -97,7 +97,8 @@ ParentLogon::Outcome ParentLogon::Attach() {
 ParentLogon::Outcome ParentLogon::Register() {
   Escalation& escalation = TheEscalation();
   for (unsigned attempts = 0;;) {
-    EnsureRegistered();
+    // The parent may hang in a call, and a stop needs none.
+    if (!IsTerminated()) EnsureRegistered();
     if (IsTerminated() || IsRegistered()) break;
     if (AfterFailure(++attempts,
                      "Register parent retry failed after %d attempts. Resetting router...",
