@@ -3,14 +3,19 @@
 #include <omniORB4/cdrStream.h>
 #include <omniORB4/omniORB.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <new>
+#include <optional>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "broker/CodecOrb.h"
+#include "broker/HexDigits.h"
 
 namespace Encoding {
 namespace {
@@ -22,33 +27,6 @@ constexpr char kDecodeFailure[] = "Encoding::DecodeAny failed to extract from TA
 constexpr CORBA::ULong kFirstBuffer = 2048;
 // A thread keeps a buffer for decoding of at most this size.
 constexpr std::size_t kKeptBytes = 64 * 1024;
-
-using DigitPair = std::array<char, 2>;
-
-constexpr std::array<DigitPair, 256> MakeDigitPairs() {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::array<DigitPair, 256> pairs{};
-  for (std::size_t byte = 0; byte < pairs.size(); ++byte) {
-    pairs[byte] = {kDigits[byte >> 4], kDigits[byte & 15]};
-  }
-  return pairs;
-}
-
-// What a character counts as a digit. Characters that are none give wrong bytes and are not
-// refused.
-constexpr std::array<std::uint8_t, 256> MakeDigitValues() {
-  std::array<std::uint8_t, 256> values{};
-  for (int character = 0; character < 256; ++character) {
-    int value = character - '7';
-    if (character >= '0' && character <= '9') value = character - '0';
-    if (character >= 'a' && character <= 'z') value = character - 'W';
-    values[static_cast<std::size_t>(character)] = static_cast<std::uint8_t>(value);
-  }
-  return values;
-}
-
-constexpr std::array<DigitPair, 256> kDigitPairs = MakeDigitPairs();
-constexpr std::array<std::uint8_t, 256> kDigitValues = MakeDigitValues();
 
 // Little-endian whatever the machine is, and the code sets of GIOP 1.2. Without a wide one, wide
 // strings would be refused.
@@ -64,18 +42,8 @@ void Prepare(cdrMemoryStream& stream) {
 
 std::string ToText(const unsigned char* bytes, std::size_t size) {
   std::string text(size * 2, '\0');
-  char* out = text.data();
-  for (std::size_t i = 0; i < size; ++i, out += sizeof(DigitPair)) {
-    std::memcpy(out, kDigitPairs[bytes[i]].data(), sizeof(DigitPair));
-  }
+  HexDigits::Write(bytes, size, text.data());
   return text;
-}
-
-void ToBytes(const std::string& text, unsigned char* bytes, std::size_t size) {
-  const auto* in = reinterpret_cast<const unsigned char*>(text.data());
-  for (std::size_t i = 0; i < size; ++i, in += 2) {
-    bytes[i] = static_cast<unsigned char>((kDigitValues[in[0]] << 4) + kDigitValues[in[1]]);
-  }
 }
 
 void Extract(const std::string& text, CORBA::Any& any) {
@@ -83,11 +51,39 @@ void Extract(const std::string& text, CORBA::Any& any) {
   thread_local std::vector<std::uint64_t> words;
   const std::size_t size = text.size() / 2;
   words.resize(size / sizeof words[0] + 1);
-  ToBytes(text, reinterpret_cast<unsigned char*>(words.data()), size);
+  HexDigits::Read(text.data(), size, reinterpret_cast<unsigned char*>(words.data()));
   cdrMemoryStream stream(words.data(), size);
   Prepare(stream);
   any <<= stream;
   if (words.size() > kKeptBytes / sizeof words[0]) std::vector<std::uint64_t>().swap(words);
+}
+
+// An Any with a string: its type code (an unbounded string), its length with the zero at its end,
+// and its bytes, which have the code set of this process.
+constexpr std::array<unsigned char, 8> kStringType{CORBA::tk_string};
+constexpr std::size_t kLengthBytes = 4;
+constexpr std::size_t kStringStart = kStringType.size() + kLengthBytes;
+
+std::array<unsigned char, kLengthBytes> LittleEndian(std::size_t number) {
+  std::array<unsigned char, kLengthBytes> bytes{};
+  for (unsigned char& byte : bytes) {
+    byte = static_cast<unsigned char>(number & 0xFF);
+    number >>= 8;
+  }
+  return bytes;
+}
+
+// Nothing if the bytes are not just such an Any.
+std::optional<std::string> StringIn(const std::vector<unsigned char>& bytes) {
+  if (bytes.size() <= kStringStart || bytes.back() != 0 ||
+      !std::equal(kStringType.begin(), kStringType.end(), bytes.begin())) {
+    return std::nullopt;
+  }
+  const auto length = LittleEndian(bytes.size() - kStringStart);
+  if (!std::equal(length.begin(), length.end(), bytes.begin() + kStringType.size())) {
+    return std::nullopt;
+  }
+  return reinterpret_cast<const char*>(bytes.data() + kStringStart);
 }
 
 // Whether it could be done. Whatever else the ORB may throw is a fault of what it was given; too
@@ -130,6 +126,28 @@ void DecodeAny(const std::string& text, CORBA::Any& any) {
   }
   any = CORBA::Any();
   throw std::runtime_error(kDecodeFailure);
+}
+
+std::string EncodeString(const std::string& text) {
+  const std::size_t size = std::strlen(text.c_str()) + 1;
+  if (size > std::numeric_limits<CORBA::ULong>::max()) throw std::runtime_error(kEncodeFailure);
+  const auto length = LittleEndian(size);
+  std::string encoded((kStringStart + size) * 2, '\0');
+  char* out = HexDigits::Write(kStringType.data(), kStringType.size(), encoded.data());
+  out = HexDigits::Write(length.data(), length.size(), out);
+  HexDigits::Write(reinterpret_cast<const unsigned char*>(text.c_str()), size, out);
+  return encoded;
+}
+
+std::string DecodeString(std::string_view text) {
+  std::vector<unsigned char> bytes(text.size() / 2);
+  HexDigits::Read(text.data(), bytes.size(), bytes.data());
+  if (std::optional<std::string> plain = StringIn(bytes)) return *std::move(plain);
+  CORBA::Any any;
+  DecodeAny(std::string(text), any);
+  const char* other = nullptr;
+  if (!(any >>= other)) return {};
+  return other;
 }
 
 void InitializeCodec() {

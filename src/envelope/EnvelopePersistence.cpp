@@ -1,7 +1,6 @@
 #include <cerrno>
 #include <charconv>
 #include <new>
-#include <sstream>
 #include <stdexcept>
 
 #include "broker/Encoding.h"
@@ -54,24 +53,9 @@ bool IsWriteFailure(int error) {
   return error == ENOSPC || error == EDQUOT || error == EFBIG || error == EIO;
 }
 
-std::string EncodeCertificate(const std::string& certificate) {
-  CORBA::Any any;
-  any <<= certificate.c_str();
-  return Encoding::EncodeAny(any);
-}
-
-std::string DecodeCertificate(std::string_view text) {
-  CORBA::Any any;
-  Encoding::DecodeAny(std::string(text), any);
-  const char* certificate = nullptr;
-  if (!(any >>= certificate)) return {};
-  return certificate;
-}
-
 Timestamps ParseTimestamps(std::string_view text) {
   Timestamps timestamps;
-  std::istringstream stream{std::string(text)};
-  if (!timestamps.read(stream)) throw std::runtime_error("the count of timestamps is unreadable");
+  if (!timestamps.Parse(text)) throw std::runtime_error("the count of timestamps is unreadable");
   return timestamps;
 }
 
@@ -80,7 +64,7 @@ Timestamps ParseTimestamps(std::string_view text) {
 std::string Envelope::Compose() const {
   const HeavyFields none;
   const HeavyFields& heavy = heavy_ ? *heavy_.get() : none;
-  const std::string certificate = EncodeCertificate(heavy.certificate);
+  const std::string certificate = Encoding::EncodeString(heavy.certificate);
   std::string stamps;
   timestamps_.AppendTo(stamps);
   std::string text;
@@ -180,7 +164,7 @@ void Envelope::SetField(std::string_view key, std::string_view firstLine, std::s
     originator_ = value;
   } else if (key == kOriginatorCertificate) {
     // What stands behind the encoded text doesn't count, so further lines can't change it.
-    heavy_.Use().certificate = DecodeCertificate(firstLine);
+    heavy_.Use().certificate = Encoding::DecodeString(firstLine);
   } else if (key == kPhysicalDestination) {
     physicalDestination_ = TidyAddress(value);
   } else if (key == kMessageId) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "logging/Streamable.h"
@@ -29,11 +30,17 @@ class Timestamps : public Streamable {
   // A count that can't be read fails the stream; a broken stamp ends the list.
   std::istream& read(std::istream& stream) override;
   void AppendTo(std::string& text) const;
+  // As `read` from a stream of the text, and much faster for what AppendTo wrote. False where that
+  // stream would have failed.
+  bool Parse(std::string_view text);
 
   void Append(const std::string& name);  // now
   void Append(const std::string& name, std::int64_t time);
 
   std::vector<Timestamp> stamps;
+
+ private:
+  bool ParsePlain(std::string_view text);
 };
 
 }  // namespace MessageRouter

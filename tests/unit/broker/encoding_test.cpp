@@ -70,6 +70,60 @@ TEST_F(EncodingTest, KnownValuesHaveKnownText) {
   }
 }
 
+TEST_F(EncodingTest, StringHasTheTextOfAnAnyWithIt) {
+  const std::string cut("ab\0cd", 5);
+  for (const std::string& text :
+       {std::string(), std::string("abc"), std::string("\xe4\n"), cut, std::string(70000, 'x')}) {
+    EXPECT_EQ(Encoding::EncodeString(text), EncodeAny(AnyOf(text.c_str())));
+    EXPECT_EQ(Encoding::DecodeString(Encoding::EncodeString(text)), text.c_str());
+  }
+}
+
+TEST_F(EncodingTest, StringIsReadFromWhateverAnAnyIsReadFrom) {
+  const struct {
+    const char* name;
+    std::string text;
+    std::string string;
+  } table[] = {
+      {"no value", "00000000", ""},
+      {"another type", "03000000feffffff", ""},
+      {"digits after the end", "1200000000000000040000006162630099", "abc"},
+      {"a last odd digit", "120000000000000004000000616263009", "abc"},
+      {"upper case digits", "1200000000000000020000004A00", "J"},
+      {"a zero within", "12000000000000000400000061006300", "a"},
+      {"a bounded string, another type", "12000000050000000400000061626300", ""},
+  };
+  for (const auto& row : table) {
+    std::string expected;
+    CORBA::Any any;
+    const char* string = nullptr;
+    std::string failure;
+    try {
+      DecodeAny(row.text, any);
+      if (any >>= string) expected = string;
+    } catch (const std::runtime_error& error) {
+      failure = error.what();
+    }
+    try {
+      EXPECT_EQ(Encoding::DecodeString(row.text), expected) << row.name;
+      EXPECT_EQ(failure, "") << row.name;
+      EXPECT_EQ(expected, row.string) << row.name;
+    } catch (const std::runtime_error& error) {
+      EXPECT_EQ(error.what(), failure) << row.name;
+    }
+  }
+}
+
+TEST_F(EncodingTest, BrokenStringsFailLikeOtherBrokenTexts) {
+  for (const char* text : {"", "12", "1200000000000000", "120000000000000004000000",
+                           "12000000000000000500000061626300", "ffffffff00"}) {
+    EXPECT_NE(FailureOf(text), "") << text;
+    EXPECT_THAT([&] { Encoding::DecodeString(text); },
+                testing::ThrowsMessage<std::runtime_error>(kDecodeFailure))
+        << text;
+  }
+}
+
 TEST_F(EncodingTest, AnonymousSequenceHasKnownText) {
   const std::string text =
       "1300000010000000010000001200000000000000000000000200000003000000616200000200000063"

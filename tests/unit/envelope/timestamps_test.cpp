@@ -65,27 +65,34 @@ TEST_P(TimestampsRead, KeepsWhatCanBeRead) {
   EXPECT_EQ(Written(timestamps), GetParam().result) << GetParam().text;
 }
 
+TEST_P(TimestampsRead, IsTheSameFromAText) {
+  Timestamps timestamps;
+  timestamps.Append("old", 1);
+  EXPECT_EQ(timestamps.Parse(GetParam().text), GetParam().readable) << GetParam().text;
+  EXPECT_EQ(Written(timestamps), GetParam().result) << GetParam().text;
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Table, TimestampsRead,
-    testing::Values(ReadRow{"(2,(client1,1352900000),(router1,1352900000))", true,
-                            "(2,(client1,1352900000),(router1,1352900000))"},
-                    ReadRow{"(0)", true, "(0)"}, ReadRow{"(0", true, "(0)"},
-                    ReadRow{"(1,(,7))", true, "(1,(,7))"},
-                    ReadRow{"(1,(a,9223372036854775807))", true, "(1,(a,9223372036854775807))"},
-                    ReadRow{"(1,(a\nb,7))", true, "(1,(a\nb,7))"},
-                    // fewer stamps than the count says, or more
-                    ReadRow{"(3,(a,1),(b,2))", true, "(2,(a,1),(b,2))"},
-                    ReadRow{"(4294967295,(a,1))", true, "(1,(a,1))"},
-                    ReadRow{"(1,(a,1),(b,2))", true, "(1,(a,1))"},
-                    // a broken stamp ends the list
-                    ReadRow{"(2,(a,1),(b", true, "(1,(a,1))"},
-                    ReadRow{"(2,(a,1),(b,x))", true, "(1,(a,1))"},
-                    ReadRow{"(2,(a,b,1),(c,2))", true, "(0)"},
-                    ReadRow{"(1,(a,9223372036854775808))", true, "(0)"},
-                    ReadRow{"(1,(a,12", true, "(0)"},
-                    // the count itself
-                    ReadRow{"", false, "(0)"}, ReadRow{"(", false, "(0)"},
-                    ReadRow{"(x)", false, "(0)"}, ReadRow{"(99999999999,(a,1))", false, "(0)"}));
+    testing::Values(
+        ReadRow{"(2,(client1,1352900000),(router1,1352900000))", true,
+                "(2,(client1,1352900000),(router1,1352900000))"},
+        ReadRow{"(0)", true, "(0)"}, ReadRow{"(0", true, "(0)"},
+        ReadRow{"(1,(,7))", true, "(1,(,7))"}, ReadRow{"(1,(a, +7))", true, "(1,(a,7))"},
+        ReadRow{"(01,(a,-07)) and more", true, "(1,(a,-7))"},
+        ReadRow{"(1,(a,9223372036854775807))", true, "(1,(a,9223372036854775807))"},
+        ReadRow{"(1,(a\nb,7))", true, "(1,(a\nb,7))"},
+        // fewer stamps than the count says, or more
+        ReadRow{"(3,(a,1),(b,2))", true, "(2,(a,1),(b,2))"},
+        ReadRow{"(4294967295,(a,1))", true, "(1,(a,1))"},
+        ReadRow{"(1,(a,1),(b,2))", true, "(1,(a,1))"},
+        // a broken stamp ends the list
+        ReadRow{"(2,(a,1),(b", true, "(1,(a,1))"}, ReadRow{"(2,(a,1),(b,x))", true, "(1,(a,1))"},
+        ReadRow{"(2,(a,b,1),(c,2))", true, "(0)"},
+        ReadRow{"(1,(a,9223372036854775808))", true, "(0)"}, ReadRow{"(1,(a,12", true, "(0)"},
+        // the count itself
+        ReadRow{"", false, "(0)"}, ReadRow{"(", false, "(0)"}, ReadRow{"(x)", false, "(0)"},
+        ReadRow{"(99999999999,(a,1))", false, "(0)"}));
 
 TEST(Timestamps, ANameWithACommaDoesNotSurviveARead) {
   Timestamps timestamps;
