@@ -112,7 +112,6 @@ ParentLogon::Outcome ParentLogon::Register() {
 
 ParentLogon::Outcome ParentLogon::Logon() {
   std::atomic<bool>& resetTried = TheEscalation().logonResetTried;
-  bool succeeded = false;
   for (unsigned attempts = 0; !IsTerminated();) {
     if (IsLoggedOn()) {
       resetTried = false;
@@ -121,7 +120,6 @@ ParentLogon::Outcome ParentLogon::Logon() {
     if (PauseAfterLink()) continue;
     if (LogOnOnce()) {
       attempts = 0;
-      succeeded = true;
       continue;
     }
     if (IsTerminated()) break;
@@ -130,7 +128,7 @@ ParentLogon::Outcome ParentLogon::Logon() {
       return Outcome::kEnd;
     }
   }
-  if (!succeeded) resetTried = !IsLoggedOn();
+  resetTried = !IsLoggedOn();
   return Outcome::kGoOn;
 }
 

@@ -228,5 +228,31 @@ TEST_F(HeartbeatTest, ATimeoutThatIsSetMeanwhileCountsForTheNext) {
   logon.StopLogon(false);
 }
 
+// On its way out the thread passes the ends of both steps again.
+TEST_F(HeartbeatTest, AStopWithoutLeaveOfAnAttachedRouterSetsTheFlagOfTheLogonAlone) {
+  ParentLogon::Escalation& escalation = ParentLogon::TheEscalation();
+  servant_->onHeartbeat = [&] { escalation.registerResetTried = true; };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats >= 1; }));
+  logon.StopLogon(false);
+  EXPECT_FALSE(escalation.registerResetTried);
+  EXPECT_TRUE(escalation.logonResetTried);
+}
+
+TEST_F(HeartbeatTest, AStopWithLeaveOfAnAttachedRouterSetsNeitherFlag) {
+  ParentLogon::Escalation& escalation = ParentLogon::TheEscalation();
+  servant_->onHeartbeat = [&] {
+    escalation.registerResetTried = true;
+    escalation.logonResetTried = true;
+  };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats >= 1; }));
+  logon.StopLogon(true);
+  EXPECT_FALSE(escalation.registerResetTried);
+  EXPECT_FALSE(escalation.logonResetTried);
+}
+
 }  // namespace
 }  // namespace MessageRouter

@@ -113,7 +113,35 @@ TEST_F(ParentLogonTest, AStopBeforeTheLogonSetsItsFlagAlone) {
   EXPECT_TRUE(ParentLogon::TheEscalation().logonResetTried);
 }
 
-TEST_F(ParentLogonTest, AfterSuchAStopTheNextSeriesOfFailuresEndsTheProcess) {
+TEST_F(ParentLogonTest, AfterAStopBeforeTheLogonTheNextSeriesOfItsFailuresEndsTheProcess) {
+  RefuseLogon();
+  SetConfigInt("LogonRetryInterval", 3600 * 1000);
+  {
+    ParentLogon logon(routing_, router_, kShortSecond);
+    Begin(logon);
+    ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
+    logon.StopLogon(false);
+  }
+  SetConfigInt("LogonRetryInterval", 1);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
+  logon.StopLogon(false);
+  EXPECT_EQ(parent_.Calls("Logon"), 12u);
+  EXPECT_EQ(router_.reinitialised, 0);
+}
+
+TEST_F(ParentLogonTest, AStopWithoutLeaveRightAfterTheLogonSetsItsFlag) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  router_.status.onReport = [&] { logon.RequestStopLogon(false); };
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.StopLogon(false);
+  EXPECT_FALSE(ParentLogon::TheEscalation().registerResetTried);
+  EXPECT_TRUE(ParentLogon::TheEscalation().logonResetTried);
+}
+
+TEST_F(ParentLogonTest, AfterAStopBeforeTheRegistrationTheNextSeriesOfFailuresEndsTheProcess) {
   RefuseRegistration();
   SetConfigInt("LogonRetryInterval", 3600 * 1000);
   {
