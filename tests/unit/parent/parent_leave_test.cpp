@@ -1,4 +1,5 @@
 // How the thread ends, and whether it takes leave of the parent.
+#include "broker/CorbaExceptions.h"
 #include "parent_logon_fixture.h"
 
 namespace MessageRouter {
@@ -27,7 +28,9 @@ TEST_F(ParentLogonTest, ALeaveThatFailsIsLogged) {
   ASSERT_TRUE(LogsOn());
   parent_.SetOnCall([](const std::string&) { throw BrelixMessaging::NotLoggedOn(); });
   logon.StopLogon(true);
-  EXPECT_EQ(log_.Count("ParentLogon::Process: Caught CORBA"), 1u);
+  EXPECT_TRUE(log_.Has(kLogError, "ParentLogon::Process: Caught CORBA " +
+                                      Broker::Describe(BrelixMessaging::NotLoggedOn()) +
+                                      " Logoff\n"));
   EXPECT_FALSE(log_.Contains("Logged off from parent router\n"));
 }
 
@@ -84,6 +87,30 @@ TEST_F(ParentLogonTest, AfterAReinitialisationItTakesLeaveAgain) {
   ASSERT_TRUE(LogsOn(2));
   logon.StopLogon(true);
   EXPECT_EQ(parent_.Calls("Logoff"), 1u);
+}
+
+TEST_F(ParentLogonTest, StartedAnewAfterItsLeaveItRegistersAnew) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.StopLogon(true);
+  logon.Start();
+  EXPECT_TRUE(LogsOn(2));
+  logon.StopLogon(true);
+  EXPECT_EQ(parent_.Calls("Register"), 2u);
+}
+
+TEST_F(ParentLogonTest, StartedAnewItIsNotRegistered) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.StopLogon(true);
+  host_.nothingThere = true;
+  logon.Start();
+  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
+  logon.StopLogon(true);
+  EXPECT_TRUE(
+      log_.Has(kLogWarning, "Register parent retry failed after 10 attempts. Resetting router..."));
 }
 
 }  // namespace

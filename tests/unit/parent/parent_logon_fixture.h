@@ -136,6 +136,10 @@ class FakeHost : public TestSupport::FakeRoutingHost {
     if (onObjects) onObjects();
     return FakeRoutingHost::Objects();
   }
+  void NotifiedPoll(RouterTableEntry& entry) override {
+    if (onNotifiedPoll) onNotifiedPoll();
+    FakeRoutingHost::NotifiedPoll(entry);
+  }
   void ParentLinkLost() override {
     FakeRoutingHost::ParentLinkLost();
     if (logon != nullptr) logon->LinkLost();
@@ -146,6 +150,7 @@ class FakeHost : public TestSupport::FakeRoutingHost {
   // Run in the calls, before their effect.
   std::function<void()> onStringToObject;
   std::function<void()> onObjects;
+  std::function<void()> onNotifiedPoll;
 
  private:
   TestSupport::FakeParent& parent_;

@@ -1,4 +1,5 @@
 // The way of a router to its parent, and what ends a session.
+#include "broker/CorbaExceptions.h"
 #include "parent_logon_fixture.h"
 #include "support/RemoteDoor.h"
 
@@ -139,25 +140,6 @@ TEST_F(ParentLogonTest, ASecondFailureOfACallIsAFailedAttempt) {
   }
 }
 
-TEST_F(ParentLogonTest, TheReportIsWrittenWhenEverythingElseOfTheLogonIsDone) {
-  LetItBePushedTo(AReferenceTo<BrelixMessaging::RouterConsumer>("parent-consumer"));
-  bool offered = false;
-  bool polled = false;
-  bool logged = false;
-  router_.status.onReport = [&] {
-    offered = !host_.Senders().empty();
-    polled = !host_.Pollers().empty();
-    logged = log_.Has(kLogInfo, "Logged on to parent router as router1\n");
-  };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  logon.StopLogon(false);
-  EXPECT_TRUE(offered);
-  EXPECT_TRUE(polled);
-  EXPECT_TRUE(logged);
-}
-
 TEST_F(ParentLogonTest, WhatFailsInTheMiddleOfALogonIsTriedAgain) {
   // Nothing but the answer makes objects now: its notifier is there before the call.
   SetConfigBool("ActiveSupplier", false);
@@ -169,6 +151,61 @@ TEST_F(ParentLogonTest, WhatFailsInTheMiddleOfALogonIsTriedAgain) {
   EXPECT_EQ(parent_.Calls("Logon"), 2u);
   EXPECT_TRUE(table_.Parent()->IsLoggedOn());
   logon.StopLogon(false);
+}
+
+TEST_F(ParentLogonTest, ALogonOffersWhatWaitsThenPollsThenIsLoggedThenReported) {
+  LetItBePushedTo(AReferenceTo<BrelixMessaging::RouterConsumer>("parent-consumer"));
+  std::vector<std::string> order;
+  const auto pass = [&](const char* step) {
+    order.emplace_back(step);
+    if (log_.Contains("Logged on to parent router as")) order.emplace_back("logged");
+  };
+  host_.onOfferToSenders = [&] { pass("offered"); };
+  host_.onNotifiedPoll = [&] { pass("polled"); };
+  router_.status.onReport = [&] { pass("reported"); };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  logon.StopLogon(false);
+  EXPECT_THAT(order, ElementsAre("offered", "polled", "reported", "logged"));
+}
+
+TEST_F(ParentLogonTest, TheRoutersNameIsLoggedAsPeopleReadIt) {
+  OwnIdentity::Set("caf+AOk-", "router's certificate");
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(LogsOn());
+  logon.StopLogon(false);
+  EXPECT_TRUE(log_.Has(kLogInfo, "Logged on to parent router as caf\xC3\xA9\n"));
+}
+
+TEST_F(ParentLogonTest, EachLogonReadsAnewWhichSideIsActive) {
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  ASSERT_TRUE(LogsOn());
+  const TestSupport::FakeParent::Logon first = parent_.LastLogon();
+  SetConfigBool("ActiveConsumer", false);
+  SetConfigBool("ActiveSupplier", false);
+  table_.Parent()->Logoff();
+  ASSERT_TRUE(LogsOn(2));
+  const TestSupport::FakeParent::Logon second = parent_.LastLogon();
+  logon.StopLogon(false);
+  EXPECT_TRUE(first.notify && first.supplier && !first.consumer);
+  EXPECT_TRUE(!second.notify && !second.supplier && second.consumer);
+}
+
+TEST_F(ParentLogonTest, ACorbaExceptionOutOfAStepIsLoggedAndTheThreadGoesOn) {
+  const CORBA::NO_RESOURCES failure(7, CORBA::COMPLETED_NO);
+  host_.onObjects = [&, failed = false]() mutable {
+    if (!std::exchange(failed, true)) throw failure;
+  };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(LogsOn());
+  logon.StopLogon(false);
+  EXPECT_TRUE(log_.Has(kLogError,
+                       "ParentLogon::Process: Caught CORBA " + Broker::Describe(failure) + " \n"));
+  EXPECT_EQ(parent_.Calls("Register"), 1u);
 }
 
 }  // namespace

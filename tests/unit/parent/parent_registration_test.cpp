@@ -126,5 +126,37 @@ TEST_F(ParentLogonTest, WhoeverAnswersAtTheIorPortMakesNoLogLines) {
   EXPECT_TRUE(log_.Has(kLogInfo, "Received parent router's IOR:\nIOR:?forged???.\n"));
 }
 
+TEST_F(ParentLogonTest, AReferenceToAnotherKindOfObjectIsAFailedAttempt) {
+  host_.root = CORBA::Object::_duplicate(parent_.Door());
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
+  logon.StopLogon(false);
+  EXPECT_EQ(log_.Count("Successfully validated parent router's IOR\n"), 11u);
+  EXPECT_FALSE(log_.Contains("Accessing parent"));
+  EXPECT_FALSE(log_.Contains("Caught"));
+  EXPECT_TRUE(parent_.AllCalls().empty());
+}
+
+TEST_F(ParentLogonTest, TheParentsAddressesAreKnownBeforeAReferenceIsMade) {
+  std::string known;
+  host_.onStringToObject = [&] { known = router_.parentAddresses; };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(LogsOn());
+  logon.StopLogon(false);
+  EXPECT_EQ(known, ParentTests::IorOf("192.0.2.1"));
+}
+
+TEST_F(ParentLogonTest, AnInvalidIorIsAnError) {
+  ServeIor("IOR:00");
+  const std::string complaint = "Cannot log on to the parent router, because its IOR is invalid\n";
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return log_.Contains(complaint); }));
+  logon.StopLogon(false);
+  EXPECT_TRUE(log_.Has(kLogError, complaint));
+}
+
 }  // namespace
 }  // namespace MessageRouter
