@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "support/AllocationFailure.h"
+
 namespace TestSupport {
 
 using MessageRouter::LocalObjects;
@@ -28,6 +30,7 @@ bool SameReference(CORBA::Object_ptr left, CORBA::Object_ptr right) {
 
 CORBA::Object_ptr FakeLocalObjects::Create(const std::string& kind) {
   if (onCreate) onCreate();
+  const MemoryThere memory;
   std::lock_guard<std::mutex> guard(mutex_);
   if (successesLeft_ == 0) {
     successesLeft_ = -1;
@@ -43,6 +46,7 @@ CORBA::Object_ptr FakeLocalObjects::Create(const std::string& kind) {
 template <class Interface>
 typename Interface::_ptr_type FakeLocalObjects::Make(const std::string& kind) {
   const CORBA::Object_var object = Create(kind);
+  const MemoryThere memory;
   return Interface::_unchecked_narrow(object);
 }
 
@@ -78,6 +82,7 @@ BrelixMessaging::EnvelopeSupplier_ptr FakeLocalObjects::CreateCertSupplier(
 void FakeLocalObjects::Deactivate(CORBA::Object_ptr object) {
   if (CORBA::is_nil(object)) return;
   if (onDeactivate) onDeactivate();
+  const MemoryThere memory;
   {
     std::lock_guard<std::mutex> guard(mutex_);
     const auto found = std::find_if(active_.begin(), active_.end(), [&](const auto& known) {
@@ -123,22 +128,26 @@ void FakeRoutingHost::SetThresholds(const Thresholds& thresholds) {
 
 void FakeRoutingHost::OfferToSenders(RouterTableEntry& entry) {
   if (onOfferToSenders) onOfferToSenders();
+  const MemoryThere memory;
   std::lock_guard<std::mutex> guard(mutex_);
   senders_.push_back(&entry);
 }
 
 void FakeRoutingHost::NotifiedPoll(RouterTableEntry& entry) {
   if (!entry.readyForNotifiedPoll()) return;
+  const MemoryThere memory;
   std::lock_guard<std::mutex> guard(mutex_);
   pollers_.push_back(&entry);
 }
 
 void FakeRoutingHost::OfferToGetters(RouterTableEntry& entry) {
+  const MemoryThere memory;
   std::lock_guard<std::mutex> guard(mutex_);
   getters_.push_back(&entry);
 }
 
 void FakeRoutingHost::OfferToThreshold(RouterTableEntry& entry) {
+  const MemoryThere memory;
   std::lock_guard<std::mutex> guard(mutex_);
   thresholdCalls_.push_back(&entry);
 }

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "support/AllocationFailure.h"
+
 namespace TestSupport {
 
 LogCapture::LogCapture()
@@ -50,6 +52,9 @@ void LogCapture::Clear() {
 }
 
 ssize_t LogCapture::log(ACE_Log_Record& record) {
+  // Without memory ACE brings a record without a text.
+  if (record.msg_data() == nullptr) return 0;
+  const MemoryThere memory;
   const std::lock_guard<std::mutex> guard(mutex_);
   lines_.push_back({static_cast<unsigned>(record.type()), record.msg_data()});
   return 0;
