@@ -1,7 +1,6 @@
 #include "delivery/GetEntryGuard.h"
 
 #include "delivery/EndOfVisit.h"
-#include "envelope/Address.h"
 
 namespace MessageRouter {
 
@@ -30,7 +29,7 @@ void GetEntryGuard::Finish() {
 void GetEntryGuard::Fail() {
   // Where there was no claim, the poll under way is another visit's.
   if (!claim_.acquired || !entry_.failedGet(claim_.generation)) return;
-  LogError("Failed to get messages, logging %s off\n", Shown(entry_.Name()).c_str());
+  LogFailedVisit("get messages", entry_);
   entry_.LogoffSession(claim_.generation);
 }
 

@@ -1,37 +1,24 @@
 #include "delivery/ScanThreads.h"
 
-#include <utility>
+#include <new>
 
 #include "delivery/GetterWorker.h"
 #include "delivery/NotificationThresholdWorker.h"
 #include "delivery/TimeoutWorker.h"
 #include "envelope/Address.h"
 #include "logging/Log.h"
+#include "routing/Quietly.h"
 
 namespace MessageRouter {
-
-namespace {
-
-// An entry whose poll is due, and that no getter knows of, would never be polled again.
-template <class Function>
-void OrPollLater(RouterTableEntry& entry, Function&& offer) {
-  try {
-    offer();
-  } catch (...) {
-    entry.pollNotOffered();
-    throw;
-  }
-}
-
-}  // namespace
 
 void RouterTableScanner::operator()(std::string name, RouterTableEntry& entry) {
   // The parent can stand under two names.
   if (name == entry.Name()) CheckEntry(entry);
 }
 
-ScanThread::ScanThread(const char* name, RouterTable& table, std::uint32_t periodSeconds)
-    : name_(name), table_(table), periodSeconds_(periodSeconds) {}
+ScanThread::ScanThread(const char* name, RouterTableEntry::Pool pool, RouterTable& table,
+                       std::uint32_t periodSeconds)
+    : manager_(pool), name_(name), table_(table), periodSeconds_(periodSeconds) {}
 
 void ScanThread::Open() {
   manager_.Open();
@@ -52,35 +39,41 @@ void ScanThread::Process() {
   const auto factory = MakeFactory();
   manager_.Start(*factory, workerCount_);
   while (!IsTerminated()) {
-    LogTrace("%s::Process() checking table\n", name_);
-    table_.Scan(*this);
+    try {
+      LogTrace("%s::Process() checking table\n", name_);
+      table_.Scan(*this);
+    } catch (const std::bad_alloc& exception) {
+      Quietly([&] { LogCaughtException(name_, exception, ""); });
+    }
     Wait(periodSeconds_, 0);
   }
   manager_.Stop();
 }
 
 void ScanThread::AddEntry(RouterTableEntry& entry) {
+  // An entry that is due, and that no worker learns of, would never be visited.
   if (LogEnabled(kLogDebug)) {
-    LogDebug("%s::CheckEntry() adding entry: %s\n", name_, Shown(entry.Name()).c_str());
+    Quietly([&] {
+      LogDebug("%s::CheckEntry() adding entry: %s\n", name_, Shown(entry.Name()).c_str());
+    });
   }
   // Scan after scan may find the same while all workers hang.
   manager_.AddOnce(entry);
 }
 
-GetterThread::GetterThread(RouterTable& table) : ScanThread("GetterThread", table, 1) {}
+GetterThread::GetterThread(RouterTable& table)
+    : ScanThread("GetterThread", RouterTableEntry::kGetterPool, table, 1) {}
 
 GetterThread::~GetterThread() {
   Stop();
 }
 
 void GetterThread::CheckEntry(RouterTableEntry& entry) {
-  if (!entry.readyForTimedPoll()) return;
-  OrPollLater(entry, [&] { AddEntry(entry); });
+  if (entry.readyForTimedPoll()) AddEntry(entry);
 }
 
 void GetterThread::NotifiedPoll(RouterTableEntry& entry) {
-  if (!entry.readyForNotifiedPoll()) return;
-  OrPollLater(entry, [&] { manager_.Add(entry); });
+  if (entry.readyForNotifiedPoll()) manager_.Add(entry);
 }
 
 void GetterThread::Offer(RouterTableEntry& entry) {
@@ -91,7 +84,8 @@ std::unique_ptr<WorkerFactoryBase> GetterThread::MakeFactory() {
   return std::make_unique<GetterWorkerFactory>(observer_);
 }
 
-TimeoutThread::TimeoutThread(RouterTable& table) : ScanThread("TimeoutThread", table) {}
+TimeoutThread::TimeoutThread(RouterTable& table)
+    : ScanThread("TimeoutThread", RouterTableEntry::kTimeoutPool, table) {}
 
 TimeoutThread::~TimeoutThread() {
   Stop();
@@ -108,7 +102,7 @@ std::unique_ptr<WorkerFactoryBase> TimeoutThread::MakeFactory() {
 }
 
 NotificationThresholdThread::NotificationThresholdThread(RouterTable& table)
-    : ScanThread("NotificationThresholdThread", table) {}
+    : ScanThread("NotificationThresholdThread", RouterTableEntry::kThresholdPool, table) {}
 
 NotificationThresholdThread::~NotificationThresholdThread() {
   Stop();

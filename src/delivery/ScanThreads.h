@@ -17,7 +17,8 @@ class RouterTableScanner : public FunctionClassBase {
 };
 
 // A thread that wakes at a fixed period, walks the table and offers each entry that qualifies to
-// its pool. It never calls a peer. A period of 0 scans once and then sleeps until the stop.
+// its pool. It never calls a peer. A period of 0 scans once and then sleeps until the stop. A scan
+// that runs out of memory leaves the rest of the table to the next one.
 class ScanThread : public ThreadHelper::StoppableThreadHelper, public RouterTableScanner {
  public:
   // Opens the pool, which otherwise takes entries only from the first steps of the thread on.
@@ -30,7 +31,8 @@ class ScanThread : public ThreadHelper::StoppableThreadHelper, public RouterTabl
   void Process() override;
 
  protected:
-  ScanThread(const char* name, RouterTable& table, std::uint32_t periodSeconds = 0);
+  ScanThread(const char* name, RouterTableEntry::Pool pool, RouterTable& table,
+             std::uint32_t periodSeconds = 0);
   virtual std::unique_ptr<WorkerFactoryBase> MakeFactory() = 0;
   // Logs "<name>::CheckEntry() adding entry: %s\n" and adds it.
   void AddEntry(RouterTableEntry& entry);

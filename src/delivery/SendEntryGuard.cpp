@@ -1,7 +1,6 @@
 #include "delivery/SendEntryGuard.h"
 
 #include "delivery/EndOfVisit.h"
-#include "envelope/Address.h"
 
 namespace MessageRouter {
 
@@ -28,7 +27,7 @@ void SendEntryGuard::Fail() {
     manager_.Add(entry_);
     return;
   }
-  LogError("Failed to send messages, logging %s off\n", Shown(entry_.Name()).c_str());
+  LogFailedVisit("send messages", entry_);
   entry_.LogoffSession(claim_.generation);
 }
 

@@ -7,6 +7,7 @@
 #include "delivery/VisitFailure.h"
 #include "envelope/Address.h"
 #include "logging/Log.h"
+#include "routing/Quietly.h"
 #include "routing/Routing.h"
 
 namespace MessageRouter {
@@ -89,12 +90,13 @@ void SenderWorker::SendQueue(const Visit& visit, Consumer* consumer) {
   // peer is logged on again.
   while (!IsTerminated() && visit.entry.IsLoggedOn() && visit.guard.SameSession() &&
          count < maximum) {
-    Envelope envelope;
-    if (!visit.entry.PopNext(envelope, visit.guard.Session())) return;
+    EnvelopeQueue::Taken taken;
+    if (!visit.entry.PopNext(taken, visit.guard.Session())) return;
+    Envelope& envelope = taken.Get();
     if (envelope.IsExpired()) {
-      ReportDeliveryFailure(envelope, "Timeout");
+      Quietly([&] { ReportDeliveryFailure(envelope, "Timeout"); });
     } else {
-      if (!Send(visit, consumer, envelope)) return;
+      if (!Send(visit, consumer, taken)) return;
       ++count;
     }
     // Only now, after the delivery, does the file go away.
@@ -103,8 +105,9 @@ void SenderWorker::SendQueue(const Visit& visit, Consumer* consumer) {
 }
 
 template <class Consumer>
-bool SenderWorker::Send(const Visit& visit, Consumer* consumer, Envelope& envelope) {
+bool SenderWorker::Send(const Visit& visit, Consumer* consumer, EnvelopeQueue::Taken& taken) {
   using Kind = PeerKind<Consumer>;
+  Envelope& envelope = taken.Get();
   try {
     if (!envelope.Options().empty()) {
       LogTrace("Outgoing %s message delivery options: %s\n", Kind::kName,
@@ -117,50 +120,60 @@ bool SenderWorker::Send(const Visit& visit, Consumer* consumer, Envelope& envelo
     }
     Broker::RepeatOnce([&] { consumer->SendEnvelope(wire.in()); });
     if (visit.monitored && !SendFailureRecord::Instance().Clear()) return false;
-    if (LogEnabled(kLogInfo)) {
-      LogInfo("Sent message (%s) to %s\n", envelope.DescribeShort().c_str(),
-              Shown(visit.name).c_str());
-    }
   } catch (const std::exception& exception) {
-    LogCaughtException(kWorkerName, exception, "");
+    Quietly([&] { LogCaughtException(kWorkerName, exception, ""); });
     // A broken envelope is dropped like a delivered one, or it would stand in the way for ever.
-    if (IsDiscardableError(exception, envelope)) return true;
-    LogError("Failed to send message (%s) because of exception, adding message back to queue\n",
-             envelope.DescribeShort().c_str());
-    PutBack(visit, envelope);
+    bool broken = false;
+    Quietly([&] { broken = IsDiscardableError(exception, envelope); });
+    if (broken) return true;
+    Quietly([&] {
+      LogError("Failed to send message (%s) because of exception, adding message back to queue\n",
+               envelope.DescribeShort().c_str());
+    });
+    PutBack(visit, taken);
     throw;
   } catch (...) {
-    LogError(
-        "Failed to send message (%s) because of unknown exception, adding message back to queue\n",
-        envelope.DescribeShort().c_str());
-    PutBack(visit, envelope);
+    Quietly([&] {
+      LogError(
+          "Failed to send message (%s) because of unknown exception, adding message back to "
+          "queue\n",
+          envelope.DescribeShort().c_str());
+    });
+    PutBack(visit, taken);
     throw;
   }
+  // Here, where its failure is not one of the delivery.
+  Quietly([&] {
+    if (!LogEnabled(kLogInfo)) return;
+    LogInfo("Sent message (%s) to %s\n", envelope.DescribeShort().c_str(),
+            Shown(visit.name).c_str());
+  });
   return true;
 }
 
-void SenderWorker::PutBack(const Visit& visit, const Envelope& envelope) {
-  if (visit.entry.Requeue(envelope, visit.name)) return;
+void SenderWorker::PutBack(const Visit& visit, EnvelopeQueue::Taken& taken) {
+  if (visit.entry.Requeue(taken, visit.name)) return;
   // The entry has been unregistered or renamed: the route is decided anew. Where no cycle runs any
   // more, the envelope stays on disk for the next one.
-  if (Routing* routing = Cycle::Current()) routing->QueueForRouting(envelope);
+  if (Routing* routing = Cycle::Current()) routing->QueueForRouting(std::move(taken.Get()));
 }
 
 void SenderWorker::NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
                               BrelixMessaging::NotifyConsumer_ptr notify, const std::string& name) {
-  // Made before the state is taken: nothing may fail between the call and the report of its
-  // outcome.
-  const std::string shown = Shown(name);
+  // Nothing may fail between the claim and the report of the outcome.
+  const auto log = [&name](const char* what) {
+    Quietly([&] { LogDebug("%s %s\n", what, Shown(name).c_str()); });
+  };
   // Wanted anew each time, so that a second one runs in the same state as the first, and its
   // failure counts.
   for (bool again = true; again;) {
     const RouterTableEntry::Claim claim = entry.NotificationWanted(session);
     if (!claim.acquired) return;
     try {
-      LogDebug("Notifying %s\n", shown.c_str());
+      log("Notifying");
       Broker::RepeatOnce([notify] { notify->Notify(); });
     } catch (const CORBA::Exception&) {
-      LogDebug("Failed to notify %s\n", shown.c_str());
+      log("Failed to notify");
       entry.NotificationFailed(session);
       return;
     } catch (...) {
@@ -168,7 +181,7 @@ void SenderWorker::NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
       entry.NotificationFailed(session);
       throw;
     }
-    LogDebug("Successfully notified %s\n", shown.c_str());
+    log("Successfully notified");
     again = entry.NotificationFinished(session);
   }
 }

@@ -33,8 +33,8 @@ class SenderWorker : public WorkerBase {
   void SendQueue(const Visit& visit, Consumer* consumer);
   // False if the loop must end, with the delivered envelope kept on disk.
   template <class Consumer>
-  bool Send(const Visit& visit, Consumer* consumer, Envelope& envelope);
-  void PutBack(const Visit& visit, const Envelope& envelope);
+  bool Send(const Visit& visit, Consumer* consumer, EnvelopeQueue::Taken& taken);
+  void PutBack(const Visit& visit, EnvelopeQueue::Taken& taken);
   void NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
                   BrelixMessaging::NotifyConsumer_ptr notify, const std::string& name);
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "logging/Log.h"
+#include "routing/Quietly.h"
 
 namespace MessageRouter {
 
@@ -14,12 +15,12 @@ void WorkerBase::Process() {
       if (IsTerminated() || entry == nullptr) continue;
       ProcessEntry(*entry);
     } catch (const std::exception& exception) {
-      LogError("WorkerBase: Caught %s\n", exception.what());
+      Quietly([&] { LogError("WorkerBase: Caught %s\n", exception.what()); });
     }
   }
 }
 
-WorkerManagerBase::WorkerManagerBase() = default;
+WorkerManagerBase::WorkerManagerBase(RouterTableEntry::Pool pool) : queue_(pool) {}
 
 WorkerManagerBase::~WorkerManagerBase() {
   Stop();
@@ -40,11 +41,11 @@ void WorkerManagerBase::Start(WorkerFactoryBase& factory, unsigned count) {
   }
 }
 
-void WorkerManagerBase::Add(RouterTableEntry& entry) {
+void WorkerManagerBase::Add(RouterTableEntry& entry) noexcept {
   queue_.Put(&entry);
 }
 
-void WorkerManagerBase::AddOnce(RouterTableEntry& entry) {
+void WorkerManagerBase::AddOnce(RouterTableEntry& entry) noexcept {
   queue_.PutOnce(&entry);
 }
 

@@ -44,7 +44,7 @@ class WorkerFactory : public WorkerFactoryBase {
 // Start.
 class WorkerManagerBase {
  public:
-  WorkerManagerBase();
+  explicit WorkerManagerBase(RouterTableEntry::Pool pool = RouterTableEntry::kSenderPool);
   ~WorkerManagerBase();
   WorkerManagerBase(const WorkerManagerBase&) = delete;
   WorkerManagerBase& operator=(const WorkerManagerBase&) = delete;
@@ -53,9 +53,9 @@ class WorkerManagerBase {
   void Open();
   // Throws std::runtime_error "WorkerManagerBase already started".
   void Start(WorkerFactoryBase& factory, unsigned count);
-  void Add(RouterTableEntry& entry);  // any thread
+  void Add(RouterTableEntry& entry) noexcept;  // any thread
   // As Add, but not if it waits from an earlier call of this already.
-  void AddOnce(RouterTableEntry& entry);
+  void AddOnce(RouterTableEntry& entry) noexcept;
   // Waits for the workers; a visit that has begun is finished. What is still queued is dropped.
   void Stop();
   EntryQueue& Queue() { return queue_; }

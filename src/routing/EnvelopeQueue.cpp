@@ -1,5 +1,6 @@
 #include "routing/EnvelopeQueue.h"
 
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -35,26 +36,70 @@ bool EnvelopeQueue::Matches(const Envelope& envelope, const std::string& origina
   return envelope.MessageId() == messageId && envelope.Originator() == originator;
 }
 
-void EnvelopeQueue::Enqueue(Envelope envelope) {
-  List& list = waiting_[envelope.Priority()];
-  Add(list, list.end(), std::move(envelope), false);
+EnvelopeQueue::Taken::Taken(Envelope&& envelope) {
+  item_.emplace_back(std::move(envelope));
 }
 
-void EnvelopeQueue::Requeue(Envelope envelope) {
-  Add(putBack_, putBack_.begin(), std::move(envelope), true);
+Envelope& EnvelopeQueue::Taken::Get() {
+  return item_.front().envelope;
 }
 
-void EnvelopeQueue::Add(List& list, List::iterator place, Envelope envelope, bool putBack) {
-  const List::iterator added = list.emplace(place, std::move(envelope));
-  Item& item = *added;
-  item.self = added;
-  item.arrival = arrivals_++;
-  item.putBack = putBack;
-  item.certification = IsCertificationType(item.envelope.Type());
-  index_.Insert(item, HashOf(item.envelope.Originator(), item.envelope.MessageId()));
-  if (item.certification) certification_.insert(&item);
-  LinkExpiry(item);
+void EnvelopeQueue::Enqueue(Envelope&& envelope) {
+  const auto row = waiting_.try_emplace(envelope.Priority()).first;
+  List added;
+  try {
+    Item& item = added.emplace_back(std::move(envelope));
+    item.self = added.begin();
+    item.arrival = arrivals_++;
+    ListItem(item);
+  } catch (...) {
+    if (!added.empty()) envelope = std::move(added.front().envelope);
+    if (row->second.empty()) waiting_.erase(row);
+    throw;
+  }
+  row->second.splice(row->second.end(), added);
   ++count_;
+}
+
+void EnvelopeQueue::Requeue(Taken& taken) noexcept {
+  if (taken.Empty()) return;
+  Item& item = taken.item_.front();
+  item.self = taken.item_.begin();
+  item.arrival = arrivals_++;
+  item.putBack = true;
+  putBack_.splice(putBack_.begin(), taken.item_);
+  ++count_;
+  try {
+    ListItem(item);
+  } catch (...) {
+    // It is found without, among the few that were put back.
+    ++unlisted_;
+  }
+}
+
+void EnvelopeQueue::ListItem(Item& item) {
+  item.certification = IsCertificationType(item.envelope.Type());
+  try {
+    if (item.certification) certification_.insert(&item);
+    LinkExpiry(item);
+    index_.Insert(item, HashOf(item.envelope.Originator(), item.envelope.MessageId()));
+  } catch (...) {
+    if (item.certification) certification_.erase(&item);
+    UnlinkExpiry(item);
+    throw;
+  }
+  item.listed = true;
+}
+
+void EnvelopeQueue::UnlistItem(Item& item) {
+  if (!item.listed) {
+    --unlisted_;
+    return;
+  }
+  index_.Remove(item);
+  if (item.certification) certification_.erase(&item);
+  UnlinkExpiry(item);
+  item.listed = false;
 }
 
 void EnvelopeQueue::LinkExpiry(Item& item) {
@@ -72,10 +117,12 @@ void EnvelopeQueue::UnlinkExpiry(Item& item) {
   *item.expirySlot = item.nextToExpire;
   if (item.nextToExpire != nullptr) {
     item.nextToExpire->expirySlot = item.expirySlot;
-    return;
+  } else {
+    const auto row = expiry_.find(item.envelope.Ttl());
+    if (row->second == nullptr) expiry_.erase(row);
   }
-  const auto row = expiry_.find(item.envelope.Ttl());
-  if (row->second == nullptr) expiry_.erase(row);
+  item.nextToExpire = nullptr;
+  item.expirySlot = nullptr;
 }
 
 EnvelopeQueue::Item* EnvelopeQueue::NextItem() {
@@ -90,6 +137,11 @@ const Envelope* EnvelopeQueue::Next() const {
 }
 
 const Envelope* EnvelopeQueue::NextCertification() const {
+  if (unlisted_ != 0) {
+    for (const Item& item : putBack_) {
+      if (item.certification) return &item.envelope;
+    }
+  }
   return certification_.empty() ? nullptr : &(*certification_.begin())->envelope;
 }
 
@@ -100,11 +152,23 @@ bool EnvelopeQueue::PopNext(Envelope& out) {
   return true;
 }
 
+bool EnvelopeQueue::PopNext(Taken& out) {
+  Item* item = NextItem();
+  if (item == nullptr) return false;
+  out.item_ = Extract(*item);
+  return true;
+}
+
 EnvelopeQueue::Item* EnvelopeQueue::Find(const std::string& originator, std::uint32_t messageId) {
   // What a peer acknowledges is nearly always the next one; this also keeps a queue full of copies
   // of one message as fast as any other.
   Item* const next = NextItem();
   if (next == nullptr || Matches(next->envelope, originator, messageId)) return next;
+  if (unlisted_ != 0) {
+    for (Item& item : putBack_) {
+      if (Matches(item.envelope, originator, messageId)) return &item;
+    }
+  }
   const std::uint32_t hash = HashOf(originator, messageId);
   Item* found = nullptr;
   for (EnvelopeIndex::Link* link = index_.First(hash); link != nullptr; link = link->next) {
@@ -131,27 +195,46 @@ bool EnvelopeQueue::TakeIfNext(const std::string& originator, std::uint32_t mess
   return true;
 }
 
-void EnvelopeQueue::Remove(Item& item, Envelope& out) {
-  index_.Remove(item);
-  if (item.certification) certification_.erase(&item);
-  UnlinkExpiry(item);
-  const std::uint32_t priority = item.envelope.Priority();
-  out = std::move(item.envelope);
+EnvelopeQueue::List EnvelopeQueue::Extract(Item& item) {
+  UnlistItem(item);
+  List taken;
   if (item.putBack) {
-    putBack_.erase(item.self);
+    taken.splice(taken.begin(), putBack_, item.self);
   } else {
-    const auto row = waiting_.find(priority);
-    row->second.erase(item.self);
+    const auto row = waiting_.find(item.envelope.Priority());
+    taken.splice(taken.begin(), row->second, item.self);
     if (row->second.empty()) waiting_.erase(row);
   }
   --count_;
+  return taken;
+}
+
+void EnvelopeQueue::Remove(Item& item, Envelope& out) {
+  out = std::move(Extract(item).front().envelope);
+}
+
+bool EnvelopeQueue::RemoveTo(Item& item, std::vector<Envelope>& out) {
+  try {
+    out.emplace_back();
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  Remove(item, out.back());
+  return true;
 }
 
 void EnvelopeQueue::TakeExpired(std::vector<Envelope>& out, std::size_t limit) {
-  if (expiry_.empty()) return;
+  if (expiry_.empty() && unlisted_ == 0) return;
   const std::int64_t now = Platform::Clock::Instance().WallSeconds();
   for (; limit != 0 && !expiry_.empty() && expiry_.begin()->first < now; --limit) {
-    Remove(*expiry_.begin()->second, out.emplace_back());
+    if (!RemoveTo(*expiry_.begin()->second, out)) return;
+  }
+  for (auto next = putBack_.begin(); limit != 0 && unlisted_ != 0 && next != putBack_.end();) {
+    Item& item = *next++;
+    const std::int64_t ttl = item.envelope.Ttl();
+    if (item.listed || ttl == 0 || ttl >= now) continue;
+    if (!RemoveTo(item, out)) return;
+    --limit;
   }
 }
 

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "routing/Quietly.h"
 #include "routing/Routing.h"
 
 namespace MessageRouter {
@@ -136,10 +137,10 @@ bool RouterTableEntry::TryEnqueue(Envelope& envelope, const std::string& name, b
   return true;
 }
 
-bool RouterTableEntry::Requeue(const Envelope& envelope, const std::string& name) {
+bool RouterTableEntry::Requeue(EnvelopeQueue::Taken& taken, const std::string& name) {
   WriteGuard guard(lock_);
   if (!guard || !RoutableLocked(name)) return false;
-  envelopes_.Requeue(envelope);
+  envelopes_.Requeue(taken);
   return true;
 }
 
@@ -148,7 +149,7 @@ bool RouterTableEntry::PopNext(Envelope& out) {
   return guard && envelopes_.PopNext(out);
 }
 
-bool RouterTableEntry::PopNext(Envelope& out, LogonGeneration session) {
+bool RouterTableEntry::PopNext(EnvelopeQueue::Taken& out, LogonGeneration session) {
   WriteGuard guard(lock_);
   return guard && generation_ == session && envelopes_.PopNext(out);
 }
@@ -214,8 +215,9 @@ void RouterTableEntry::RetireExpired(const std::function<bool()>& goOn) {
       envelopes_.TakeExpired(expired, kExpiredAtOnce);
     }
     for (Envelope& envelope : expired) {
-      ReportDeliveryFailure(envelope, "Timeout");
-      envelope.Retire();
+      // Each for itself: the rest is in no queue any more.
+      Quietly([&] { ReportDeliveryFailure(envelope, "Timeout"); });
+      Quietly([&] { envelope.Retire(); });
     }
   } while (expired.size() == kExpiredAtOnce && (!goOn || goOn()));
 }

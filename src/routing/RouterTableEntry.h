@@ -2,6 +2,7 @@
 
 #include <BrelixMessaging.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <exception>
@@ -83,6 +84,13 @@ class RouterTableEntry {
     bool loggedOn = false;
     bool isRouter = false;
   };
+  // The pools of workers. An entry has a place of its own in the queue of each, for want of memory
+  // for another.
+  enum Pool { kSenderPool, kGetterPool, kTimeoutPool, kThresholdPool, kPoolCount };
+  struct PlaceInQueue {
+    bool taken = false;
+    RouterTableEntry* next = nullptr;
+  };
   struct PeerReferences {
     BrelixMessaging::RouterConsumer_var routerConsumer;
     BrelixMessaging::EnvelopeConsumer_var messageConsumer;
@@ -114,13 +122,17 @@ class RouterTableEntry {
   PeerReferences References() const;
   bool HasNotifyConsumer() const;
 
+  // For that pool's queue alone, whose lock guards it.
+  PlaceInQueue& PlaceIn(Pool pool) { return places_[pool]; }
+
   // The queue. Enqueue and Requeue return false, and take nothing, if the entry is no longer
   // routable under `name`: the caller routes the envelope anew.
   bool Enqueue(const Envelope& envelope, const std::string& name);
-  bool Requeue(const Envelope& envelope, const std::string& name);
+  // Needs no memory.
+  bool Requeue(EnvelopeQueue::Taken& taken, const std::string& name);
   bool PopNext(Envelope& out);
   // The same, for a sender of that session: nothing is taken once it is over.
-  bool PopNext(Envelope& out, LogonGeneration session);
+  bool PopNext(EnvelopeQueue::Taken& out, LogonGeneration session);
   // For the peer of that name, as is CancelSupplied: they throw Rejected if the entry is no longer
   // this peer's.
   bool PeekNext(Envelope& out, const std::string& name);
@@ -178,8 +190,6 @@ class RouterTableEntry {
   bool readyForTimedPoll();
   // False, too, while a poll runs; its successful end then asks for one more notified poll.
   bool readyForNotifiedPoll();
-  // What either of these said has reached no getter: it is said again.
-  void pollNotOffered();
   // The outcome of a poll whose session is over offers the entry to the getters again if a poll of
   // the new one was turned away meanwhile.
   Claim ClaimForPolling();
@@ -227,6 +237,7 @@ class RouterTableEntry {
   // The notice that a logoff owes.
   struct LogoffNotice {
     bool due = false;
+    bool lost = false;  // there was no memory for it
     bool isRouter = false;
     std::string name;
   };
@@ -244,9 +255,9 @@ class RouterTableEntry {
   };
   // What a logon has to tell in the log.
   struct SessionReport {
-    std::string name;
     bool isRouter = false;
-    std::string description;
+    const char* consumer = "";
+    const char* supplier = "";
     std::optional<std::uint32_t> pollInterval;
   };
   // Which objects this router has activated for its session with the parent.
@@ -274,7 +285,8 @@ class RouterTableEntry {
   bool MarkUnregistered(const std::string& name, Dismissed& dismissed);
   // The table forgets this entry: it takes nothing from here on, and nobody can log on to it.
   void Detach(Dismissed& dismissed, std::vector<Envelope>& leftovers);
-  // As Enqueue, but moves the envelope in; left as it is where false is returned.
+  // As Enqueue, but moves the envelope in; left as it is where false is returned or
+  // std::bad_alloc is thrown.
   // `senderAtWork`: a sender has claimed the entry, and will look at the queue before it leaves.
   bool TryEnqueue(Envelope& envelope, const std::string& name, bool& senderAtWork);
   // Pops only while the entry takes no envelopes under its name.
@@ -289,11 +301,12 @@ class RouterTableEntry {
   void AbandonParentLogon(LogonGeneration before);
   SessionReport ApplyReferencesLocked(std::int32_t threshold, const Thresholds& thresholds)
       REQUIRES(lock_);
-  void Announce(const SessionReport& report, bool loggingOn);
+  void Announce(const SessionReport& report, bool loggingOn) const;
   // The second half of LogonToParentRouter: false if that session is over.
   bool BeginParentSession(LogonGeneration session, PeerReferences& references,
                           const ActiveObjects& active);
   void LogoffLocked(Dismissed& dismissed, LogoffNotice& notice) REQUIRES(lock_);
+  // Throws, after the session has ended, if the notice fails.
   void EndSession(const LogoffNotice& notice, Dismissed& dismissed);
 
   std::uint32_t RandomisedLocked(std::uint32_t interval, bool randomise) REQUIRES(lock_);
@@ -308,6 +321,7 @@ class RouterTableEntry {
   RouterTable& table_;
   RoutingHost& host_;
   const bool isParent_;
+  std::array<PlaceInQueue, kPoolCount> places_;
 
   mutable ThreadHelper::RWMutex lock_;
 

@@ -54,7 +54,8 @@ bool RouterTableEntry::SendFailed(const Claim& claim) {
     current = claim.generation == generation_;
     if (current) consumerState_ = kPushFailed;
   }
-  OfferAgain(turnedAway);
+  // Where the session stands the caller ends it, and nobody has anything to do for it.
+  if (!current) OfferAgain(turnedAway);
   return current;
 }
 

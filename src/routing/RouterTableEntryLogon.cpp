@@ -1,8 +1,11 @@
 // Sessions of an entry: how they begin and end. Everything that calls the host stands outside of
 // the entry's lock: before it what a logon will need, after it what a reset took out.
+#include <new>
+
 #include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
 #include "logging/Log.h"
+#include "routing/Quietly.h"
 #include "routing/RouterTable.h"
 #include "routing/RouterTableEntry.h"
 
@@ -148,16 +151,20 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(const std::string
   return activated;
 }
 
-void RouterTableEntry::Announce(const SessionReport& report, bool loggingOn) {
-  if (report.pollInterval) {
-    LogDebug(
-        "RouterTableEntry::unsafe_enablePolling(): set polling interval to %u seconds for %s\n",
-        *report.pollInterval, report.name.c_str());
-  }
-  // A client's state is told by its logon alone.
-  if (!report.isRouter) return;
-  LogInfo("RouterTableEntry state (%srouter, %s): %s is %s\n", "",
-          loggingOn ? "logging on" : "restoring", report.name.c_str(), report.description.c_str());
+// The session has begun: it does not fail for want of a line.
+void RouterTableEntry::Announce(const SessionReport& report, bool loggingOn) const {
+  Quietly([&] {
+    const std::string name = Name();
+    if (report.pollInterval) {
+      LogDebug(
+          "RouterTableEntry::unsafe_enablePolling(): set polling interval to %u seconds for %s\n",
+          *report.pollInterval, name.c_str());
+    }
+    // A client's state is told by its logon alone.
+    if (!report.isRouter) return;
+    LogInfo("RouterTableEntry state (%srouter, %s): %s is %s, %s\n", "",
+            loggingOn ? "logging on" : "restoring", name.c_str(), report.consumer, report.supplier);
+  });
 }
 
 void RouterTableEntry::ActivateObjects(bool isRouter, const PeerReferences& references,
@@ -202,30 +209,29 @@ void RouterTableEntry::AbandonParentLogon(LogonGeneration before) {
 RouterTableEntry::SessionReport RouterTableEntry::ApplyReferencesLocked(
     std::int32_t threshold, const Thresholds& thresholds) {
   SessionReport report;
-  report.name = name_;
   report.isRouter = isRouter_;
   hasNotifyConsumer_ = !CORBA::is_nil(references_.notifyConsumer);
   if (!CORBA::is_nil(references_.routerConsumer) || !CORBA::is_nil(references_.messageConsumer)) {
     consumerState_ = kPushIdle;
-    report.description = "passive consumer, ";
+    report.consumer = "passive consumer";
   } else if (hasNotifyConsumer_) {
     notificationThreshold_ = threshold;
     consumerState_ = kNothingSent;
     nextNotification_.reset();
     notificationRetry_ = 0;
-    report.description = "active consumer (will try to notify), ";
+    report.consumer = "active consumer (will try to notify)";
   } else {
     consumerState_ = kNoNotification;
-    report.description = "active consumer (no notification), ";
+    report.consumer = "active consumer (no notification)";
   }
   if (CORBA::is_nil(references_.routerSupplier)) {
     supplierState_ = kActiveSupplier;
-    report.description += "active supplier";
+    report.supplier = "active supplier";
     return report;
   }
   unsafe_enablePolling(thresholds);
   report.pollInterval = pollInterval_;
-  report.description += "passive supplier";
+  report.supplier = "passive supplier";
   return report;
 }
 
@@ -268,10 +274,16 @@ void RouterTableEntry::LogoffLocked(Dismissed& dismissed, LogoffNotice& notice) 
   // The session with the parent is this router's own, whatever has become of the name.
   if (!registered_ && !(isParent_ && state == kLoggedOn)) throw BrelixMessaging::NotRegistered();
   if (state != kLoggedOn && state != kCertification) throw BrelixMessaging::NotLoggedOn();
-  notice.due = state == kLoggedOn && !isParent_;
-  notice.isRouter = isRouter_;
-  notice.name = name_;
+  // First of all: a session that has failed must not outlive that for want of memory.
   ResetLocked(dismissed);
+  if (state != kLoggedOn || isParent_) return;
+  notice.isRouter = isRouter_;
+  try {
+    notice.name = name_;
+    notice.due = true;
+  } catch (const std::bad_alloc&) {
+    notice.lost = true;
+  }
 }
 
 // Whatever comes of the notice, nothing of the session stays active.
@@ -283,6 +295,7 @@ void RouterTableEntry::EndSession(const LogoffNotice& notice, Dismissed& dismiss
     throw;
   }
   Finish(dismissed);
+  if (notice.lost) throw std::bad_alloc();
 }
 
 void RouterTableEntry::Logoff(const std::string& name) {
@@ -380,7 +393,7 @@ bool RouterTableEntry::LogonToParentRouter(BrelixMessaging::Router_ptr parent) {
       WriteGuard guard(lock_);
       if (guard && generation_ == session) logonState_ = kLoggedOff;
     }
-    LogCaughtCorbaException("RouterTableEntry", exception, "LogonToParentRouter");
+    Quietly([&] { LogCaughtCorbaException("RouterTableEntry", exception, "LogonToParentRouter"); });
     return false;
   } catch (...) {
     AbandonParentLogon(session);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "logging/Log.h"
+#include "routing/Quietly.h"
 #include "routing/RouterTableEntry.h"
 
 namespace MessageRouter {
@@ -47,7 +48,6 @@ void RouterTableEntry::unsafe_enablePolling(const Thresholds& thresholds) {
 void RouterTableEntry::responseExpected() {
   const Thresholds thresholds = host_.GetThresholds();
   std::uint32_t interval = 0;
-  std::string name;
   bool changed = false;
   {
     WriteGuard guard(lock_);
@@ -57,20 +57,20 @@ void RouterTableEntry::responseExpected() {
       pollInterval_ =
           RandomisedLocked(thresholds.getterShortInterval, thresholds.randomizeGetterInterval);
       interval = pollInterval_;
-      name = name_;
     }
     ++expectedResponses_;
     shortPollDeadline_ = Now() + std::chrono::seconds(thresholds.getterInterval);
   }
   if (!changed) return;
-  LogDebug("RouterTableEntry::responseExpected(): set polling interval to %u seconds for %s\n",
-           interval, name.c_str());
+  Quietly([&] {
+    LogDebug("RouterTableEntry::responseExpected(): set polling interval to %u seconds for %s\n",
+             interval, Name().c_str());
+  });
 }
 
 void RouterTableEntry::responseNotRequired() {
   const Thresholds thresholds = host_.GetThresholds();
   std::uint32_t interval = 0;
-  std::string name;
   bool changed = false;
   {
     WriteGuard guard(lock_);
@@ -80,13 +80,14 @@ void RouterTableEntry::responseNotRequired() {
       pollInterval_ =
           RandomisedLocked(thresholds.getterInterval, thresholds.randomizeGetterInterval);
       interval = pollInterval_;
-      name = name_;
     }
     if (expectedResponses_ != 0) --expectedResponses_;
   }
   if (!changed) return;
-  LogDebug("RouterTableEntry::responseNotRequired(): set polling interval to %u seconds for %s\n",
-           interval, name.c_str());
+  Quietly([&] {
+    LogDebug("RouterTableEntry::responseNotRequired(): set polling interval to %u seconds for %s\n",
+             interval, Name().c_str());
+  });
 }
 
 bool RouterTableEntry::readyForTimedPoll() {
@@ -96,7 +97,6 @@ bool RouterTableEntry::readyForTimedPoll() {
   std::uint32_t resetInterval = 0;
   std::uint32_t waited = 0;
   std::uint32_t nextInterval = 0;
-  std::string name;
   bool reset = false;
   bool due = false;
   {
@@ -119,26 +119,27 @@ bool RouterTableEntry::readyForTimedPoll() {
           thresholds.randomizeGetterInterval);
       nextInterval = pollInterval_;
     }
-    if (reset || due) name = name_;
   }
-  if (reset) {
-    LogDebug(
-        "RouterTableEntry::readyForTimedPoll(): reset current polling interval to %u seconds for "
-        "%s\n",
-        resetInterval, name.c_str());
-  }
-  if (due) {
+  if (!reset && !due) return false;
+  Quietly([&] {
+    const std::string name = Name();
+    if (reset) {
+      LogDebug(
+          "RouterTableEntry::readyForTimedPoll(): reset current polling interval to %u seconds for "
+          "%s\n",
+          resetInterval, name.c_str());
+    }
+    if (!due) return;
     LogDebug("RouterTableEntry::readyForTimedPoll(): waited %u seconds for poll of %s\n", waited,
              name.c_str());
     LogDebug(
         "RouterTableEntry::readyForTimedPoll(): set next polling interval to %u seconds for %s\n",
         nextInterval, name.c_str());
-  }
+  });
   return due;
 }
 
 bool RouterTableEntry::readyForNotifiedPoll() {
-  std::string name;
   {
     WriteGuard guard(lock_);
     if (!guard || logonState_ != kLoggedOn) return false;
@@ -146,16 +147,12 @@ bool RouterTableEntry::readyForNotifiedPoll() {
     if (supplierState_ == kPollRunning) notifiedWhilePolled_ = true;
     if (supplierState_ != kPollWaiting) return false;
     supplierState_ = kPollNotified;
-    name = name_;
   }
-  LogDebug("RouterTableEntry::readyForNotifiedPoll(): await poll of %s\n", name.c_str());
+  // From here on nothing may fail: the caller is the one who brings the entry to a getter.
+  Quietly([this] {
+    LogDebug("RouterTableEntry::readyForNotifiedPoll(): await poll of %s\n", Name().c_str());
+  });
   return true;
-}
-
-void RouterTableEntry::pollNotOffered() {
-  WriteGuard guard(lock_);
-  if (!guard) return;
-  if (supplierState_ == kPollNotified || supplierState_ == kPollDue) supplierState_ = kPollWaiting;
 }
 
 RouterTableEntry::Claim RouterTableEntry::ClaimForPolling() {
@@ -174,7 +171,6 @@ RouterTableEntry::Claim RouterTableEntry::ClaimForPolling() {
 
 void RouterTableEntry::successfulGet(LogonGeneration generation) {
   Visitors turnedAway;
-  std::string name;
   bool again = false;
   bool current = false;
   {
@@ -186,12 +182,13 @@ void RouterTableEntry::successfulGet(LogonGeneration generation) {
       supplierState_ = kPollWaiting;
       lastGet_ = Now();
       again = std::exchange(notifiedWhilePolled_, false);
-      name = name_;
     }
   }
   if (current) {
-    LogDebug("RouterTableEntry::successfulGet(): re-started polling interval for %s\n",
-             name.c_str());
+    Quietly([this] {
+      LogDebug("RouterTableEntry::successfulGet(): re-started polling interval for %s\n",
+               Name().c_str());
+    });
   }
   if (again) host_.NotifiedPoll(*this);
   if (turnedAway.worker) host_.OfferToGetters(*this);

@@ -1,13 +1,17 @@
 #include "delivery/GetterWorker.h"
 
 #include <functional>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <utility>
 
+#include "broker/CorbaExceptions.h"
+#include "delivery/EndOfVisit.h"
 #include "delivery/ScanThreads.h"
 #include "envelope/Settings.h"
 #include "fixture.h"
+#include "support/AllocationFailure.h"
 
 namespace DeliveryTests {
 namespace {
@@ -186,6 +190,14 @@ TEST_F(GetterWorkerTest, NotificationForAPeerWhoseIntervalHasJustStartedPollsAtO
   EXPECT_TRUE(entry.readyForTimedPoll());
 }
 
+TEST_F(GetterWorkerTest, PollIsOverWhenTheObserverIsToldOfIt) {
+  std::uint32_t state = RouterTableEntry::kPollRunning;
+  ASSERT_TRUE(entry.readyForTimedPoll());
+  GetterWorker worker(pool, [&](bool, bool) { state = entry.GetSupplierState(); });
+  worker.ProcessEntry(entry);
+  EXPECT_EQ(state, RouterTableEntry::kPollWaiting);
+}
+
 TEST_F(GetterWorkerTest, SecondVisitToAPeerThatIsPolledChangesNothing) {
   Hold(1);
   ASSERT_TRUE(entry.readyForTimedPoll());
@@ -314,7 +326,9 @@ TEST_F(GetterWorkerTest, ExpiredCertificateIsLoggedAsSuchAndLogsThePeerOff) {
   TimedPoll();
   EXPECT_EQ(peer->count, 1);
   ExpectLoggedOff();
-  EXPECT_TRUE(log.Contains("certificate expiry"));
+  EXPECT_TRUE(log.Has(kLogError, "GetterWorker: Caught CORBA " +
+                                     Broker::Describe(BrelixMessaging::CertificateExpired()) +
+                                     " certificate expiry\n"));
 }
 
 TEST_F(GetterWorkerTest, RefusalLogsThePeerOff) {
@@ -322,6 +336,31 @@ TEST_F(GetterWorkerTest, RefusalLogsThePeerOff) {
   TimedPoll();
   EXPECT_EQ(peer->count, 1);
   ExpectLoggedOff();
+  EXPECT_TRUE(log.Has(kLogError, "GetterWorker: Caught CORBA " +
+                                     Broker::Describe(BrelixMessaging::NotLoggedOn()) + " \n"));
+}
+
+// From the failure of the poll on.
+TEST_F(GetterWorkerTest, FailureWithoutMemoryLogsThePeerOff) {
+  {
+    std::optional<TestSupport::AllocationFailure> failure;
+    peer->onCall = [&](int call) {
+      if (call == 2) failure.emplace();
+      throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    };
+    ASSERT_TRUE(entry.readyForTimedPoll());
+    try {
+      VisitForPoll();
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  EXPECT_EQ(peer->count, 2);
+  EXPECT_FALSE(entry.IsLoggedOn());
+  EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kNoSupplier);
+  peer->onCall = nullptr;
+  Logon(peer);
+  NotifiedPoll();
+  EXPECT_EQ(peer->count, 3);
 }
 
 TEST_F(GetterWorkerTest, EnvelopeThatMayOnlyComeFromTheParentFailsThePollAndStaysWithThePeer) {
@@ -351,7 +390,7 @@ TEST_F(GetterWorkerTest, EnvelopeThatCannotBeStoredFailsThePollAndStaysWithThePe
   std::filesystem::remove_all(store.Directory());
   TimedPoll();
   ExpectLoggedOff();
-  EXPECT_TRUE(log.Contains("GetterWorker: Caught "));
+  EXPECT_TRUE(log.Has(kLogError, "GetterWorker: Caught Failed to create persistent envelope \n"));
   EXPECT_THAT(peer->waiting, SizeIs(1));
   EXPECT_EQ(routing.RouteQueueSize(), 0u);
 }
@@ -388,6 +427,13 @@ TEST_F(GetterWorkerTest, LogoffThatRaisesIsLoggedAndCostsNothingElse) {
   const auto unknown = lineOfALogoffThat([] { throw 1; });
   EXPECT_EQ(unknown.text, "GetEntryGuard destructor caught unknown exception\n");
   EXPECT_EQ(unknown.level, kLogError);
+}
+
+TEST_F(GetterWorkerTest, LogoffThatRaisesWithoutMemoryCostsItsLineAlone) {
+  const TestSupport::AllocationFailure failure;
+  MessageRouter::EndVisit("GetterWorker", "GetEntryGuard",
+                          [] { throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO); });
+  EXPECT_TRUE(TestSupport::AllocationFailure::Happened());
 }
 
 TEST_F(GetterWorkerTest, LogoffThatRaisesLetsThePollOfTheNextSessionIn) {

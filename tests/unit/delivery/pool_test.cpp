@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "fixture.h"
+#include "support/AllocationFailure.h"
 
 namespace DeliveryTests {
 namespace {
@@ -85,6 +86,60 @@ TEST_F(PoolTest, WorkerVisitsWhatIsAddedOnce) {
   pool.Start(*this, 1);
   pool.AddOnce(first);
   EXPECT_TRUE(Visited());
+}
+
+// While there is no memory an entry stands in the queue once.
+TEST_F(PoolTest, WhatIsAddedWithoutMemoryLeavesAfterAllThatCameBeforeIt) {
+  std::size_t puts = 0;
+  {
+    const TestSupport::AllocationFailure failure;
+    for (; !TestSupport::AllocationFailure::Happened(); ++puts) pool.Add(first);
+    pool.Add(second);
+    pool.Add(second);
+  }
+  pool.Add(first);
+  EXPECT_EQ(pool.Queue().Size(), puts + 1);
+  for (; puts > 0; --puts) EXPECT_EQ(pool.Queue().Get(), &first);
+  EXPECT_EQ(pool.Queue().Get(), &second);
+  EXPECT_EQ(pool.Queue().Size(), 0u);
+  pool.Add(second);
+  pool.Add(first);
+  EXPECT_EQ(pool.Queue().Get(), &second);
+  EXPECT_EQ(pool.Queue().Get(), &first);
+}
+
+TEST_F(PoolTest, WhatIsAddedOnceWithoutMemoryWaitsOnce) {
+  for (std::size_t successes = 0; successes < 3; ++successes) {
+    {
+      const TestSupport::AllocationFailure failure(successes);
+      pool.AddOnce(first);
+      pool.AddOnce(second);
+      pool.AddOnce(first);
+    }
+    pool.AddOnce(second);
+    EXPECT_EQ(pool.Queue().Size(), 2u);
+    EXPECT_EQ(pool.Queue().Get(), &first);
+    EXPECT_EQ(pool.Queue().Get(), &second);
+  }
+}
+
+TEST_F(PoolTest, WorkerVisitsWhatIsAddedOnceWithoutMemory) {
+  pool.Start(*this, 1);
+  {
+    const TestSupport::AllocationFailure failure;
+    pool.AddOnce(first);
+  }
+  EXPECT_TRUE(Visited());
+}
+
+TEST_F(PoolTest, WhatWasAddedWithoutMemoryAndClearedCanBeAddedAgain) {
+  for (int round = 0; round < 2; ++round) {
+    const TestSupport::AllocationFailure failure;
+    pool.AddOnce(first);
+    EXPECT_EQ(pool.Queue().Size(), 1u);
+    pool.Queue().Clear();
+    EXPECT_EQ(pool.Queue().Size(), 0u);
+  }
 }
 
 TEST_F(PoolTest, SecondStartThrowsAndLeavesTheWorkersAlone) {

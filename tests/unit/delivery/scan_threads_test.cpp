@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <future>
+#include <new>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -10,6 +11,7 @@
 #include "delivery/RouterThread.h"
 #include "delivery/TimeoutWorker.h"
 #include "fixture.h"
+#include "support/AllocationFailure.h"
 
 namespace DeliveryTests {
 namespace {
@@ -68,8 +70,8 @@ class ScanTest : public DeliveryTest {
     return entry;
   }
   // One that waits to be asked.
-  RouterTableEntry& APolledRouter() {
-    RouterTableEntry& entry = ARouter("polled");
+  RouterTableEntry& APolledRouter(const std::string& name = "polled") {
+    RouterTableEntry& entry = ARouter(name);
     supplier = TestSupport::AReferenceTo<BrelixMessaging::RouterSupplier>("polled");
     entry.LogonRouter(entry.Name(), BrelixMessaging::RouterConsumer::_nil(), supplier,
                       BrelixMessaging::NotifyConsumer::_nil(), 0, true);
@@ -352,6 +354,42 @@ TEST_F(ScanTest, NotifiedPollIsAddedAtOnceAndOnce) {
   thread.NotifiedPoll(entry);
   EXPECT_EQ(thread.Queued(), 1u);
   EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kPollNotified);
+}
+
+TEST_F(ScanTest, PollThatIsFoundDueWithoutMemoryReachesTheGetters) {
+  Exposed<GetterThread> thread(table);
+  RouterTableEntry& entry = APolledRouter("a name that takes memory wherever it is copied");
+  const TestSupport::AllocationFailure failure;
+  thread.CheckEntry(entry);
+  EXPECT_EQ(thread.Next(), &entry);
+  entry.successfulGet(entry.ClaimForPolling().generation);
+  thread.NotifiedPoll(entry);
+  EXPECT_EQ(thread.Next(), &entry);
+  thread.GetterThread::Offer(entry);
+  EXPECT_EQ(thread.Next(), &entry);
+  EXPECT_TRUE(TestSupport::AllocationFailure::Happened());
+}
+
+TEST_F(ScanTest, ScanThatRunsOutOfMemoryIsFollowedByTheNext) {
+  class Failing : public TimeoutThread {
+   public:
+    using TimeoutThread::TimeoutThread;
+    ~Failing() override { Stop(); }
+    void CheckEntry(RouterTableEntry&) override {
+      if (++scans == 1) throw std::bad_alloc();
+    }
+    std::atomic<int> scans{0};
+  } thread(table);
+  AClient();
+  thread.Configure(3600, 1);
+  thread.Start();
+  // The period of the first scan is cut short, once it has begun.
+  EXPECT_TRUE(Eventually([&] {
+    if (thread.scans > 0) thread.Signal();
+    return thread.scans > 1;
+  }));
+  thread.Stop();
+  EXPECT_TRUE(log.Has(MessageRouter::kLogError, "TimeoutThread: Caught std::bad_alloc \n"));
 }
 
 TEST_F(ScanTest, ActiveSupplierIsNeverPolled) {

@@ -1,4 +1,8 @@
+#include <new>
+#include <optional>
+
 #include "fixture.h"
+#include "support/AllocationFailure.h"
 
 namespace DeliveryTests {
 namespace {
@@ -47,6 +51,46 @@ TEST_F(SenderNotifyTest, FailedNotificationDelaysWithoutLoggingOff) {
   EXPECT_TRUE(log.Has(kLogDebug, "Failed to notify agent\n"));
   EXPECT_TRUE(entry.IsLoggedOn());
   EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNoNotification);
+}
+
+TEST_F(SenderNotifyTest, NotificationAfterWhichThereIsNoMemoryIsASuccess) {
+  NotifyPeer peer;
+  RouterTableEntry& entry =
+      ANotifiedClient(peer, 0, "a name that takes memory wherever it is copied");
+  Enqueue(entry, Stored(1));
+  {
+    std::optional<TestSupport::AllocationFailure> failure;
+    peer->onCall = [&](int) { failure.emplace(); };
+    Visit(entry);
+    EXPECT_TRUE(TestSupport::AllocationFailure::Happened());
+  }
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
+  EXPECT_TRUE(entry.NotificationWanted().acquired);
+}
+
+// Whichever allocation of the visit it is.
+TEST_F(SenderNotifyTest, OneAllocationThatFailsLeavesTheWayToThePeerFree) {
+  NotifyPeer peer;
+  RouterTableEntry& entry = AClient("a name that takes memory wherever it is copied");
+  Enqueue(entry, Stored(1));
+  bool complete = false;
+  for (std::size_t successes = 0; !complete; ++successes) {
+    entry.LogonClient(entry.Name(), BrelixMessaging::EnvelopeConsumer::_nil(), peer.Reference(), 0,
+                      true);
+    {
+      const TestSupport::AllocationFailure failure(successes, 1);
+      try {
+        Visit(entry);
+      } catch (const std::bad_alloc&) {
+      }
+      complete = !TestSupport::AllocationFailure::Happened();
+    }
+    entry.LogonClient(entry.Name(), BrelixMessaging::EnvelopeConsumer::_nil(), peer.Reference(), 0,
+                      true);
+    const RouterTableEntry::Claim claim = entry.NotificationWanted();
+    EXPECT_TRUE(claim.acquired) << successes;
+    entry.NotificationFinished(claim.generation);
+  }
 }
 
 TEST_F(SenderNotifyTest, EnvelopeThatArrivesAfterAnEmptyPullIsNotifiedOnceMore) {

@@ -1,10 +1,13 @@
 #include "delivery/SenderWorker.h"
 
+#include <new>
+#include <optional>
 #include <semaphore>
 #include <thread>
 
 #include "envelope/Settings.h"
 #include "fixture.h"
+#include "support/AllocationFailure.h"
 #include "threads/Mutex.h"
 
 namespace DeliveryTests {
@@ -20,8 +23,11 @@ using MessageRouter::SetConfigInt;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
+using TestSupport::AllocationFailure;
 
 using SenderTest = DeliveryTest;
+
+constexpr char kLongName[] = "a name that takes memory wherever it is copied";
 
 TEST_F(SenderTest, EmptiesTheQueueInTheOrderOfLeaving) {
   ClientPeer peer;
@@ -138,6 +144,78 @@ TEST_F(SenderTest, PeerThatFailedGetsWhatWaitsAtItsNextLogon) {
   Logon(entry, peer);
   Visit(entry);
   EXPECT_THAT(peer->received, ElementsAre(1u));
+}
+
+// From the failure of the delivery on.
+TEST_F(SenderTest, FailureWithoutMemoryPutsTheEnvelopeBackAndLogsThePeerOff) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer, kLongName);
+  Enqueue(entry, Stored(1).WithPriority(1));
+  Enqueue(entry, Stored(2).WithPriority(0));
+  {
+    std::optional<AllocationFailure> failure;
+    peer->onCall = [&](int call) {
+      if (call == 2) failure.emplace();
+      throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    };
+    try {
+      Visit(entry);
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  EXPECT_EQ(peer->count, 2);
+  EXPECT_FALSE(entry.IsLoggedOn());
+  EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNothingSent);
+  EXPECT_THAT(Waiting(entry), ElementsAre(1u, 2u));
+  Logon(entry, peer);
+  EXPECT_TRUE(entry.ClaimForSending().acquired);
+}
+
+// Whichever allocation of the visit it is.
+TEST_F(SenderTest, OneAllocationThatFailsLosesNoEnvelope) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer, kLongName);
+  bool complete = false;
+  for (std::size_t successes = 0; !complete; ++successes) {
+    if (!entry.IsLoggedOn()) Logon(entry, peer);
+    Enqueue(entry, Stored(1));
+    peer->received.clear();
+    {
+      const AllocationFailure failure(successes, 1);
+      try {
+        Visit(entry);
+      } catch (const std::bad_alloc&) {
+      }
+      complete = !AllocationFailure::Happened();
+    }
+    const std::size_t waiting = Waiting(entry).size();
+    EXPECT_GE(waiting + peer->received.size(), 1u) << successes;
+    EXPECT_TRUE(waiting == 0 || OnDisk(1)) << successes;
+    EXPECT_TRUE(entry.GetConsumerState() == RouterTableEntry::kPushIdle || !entry.IsLoggedOn());
+  }
+  EXPECT_THAT(peer->received, ElementsAre(1u));
+}
+
+TEST_F(SenderTest, LostParentIsToldWithoutMemory) {
+  RouterPeer peer;
+  table.AddParent("boss");
+  RouterTableEntry& parent = *table.Parent();
+  parent.LogonRouter(parent.Name(), peer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
+                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+  Enqueue(parent, Stored(1));
+  const unsigned before = host.LinksLost();
+  {
+    std::optional<AllocationFailure> failure;
+    peer->onCall = [&](int call) {
+      if (call == 2) failure.emplace();
+      throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    };
+    try {
+      Visit(parent);
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  EXPECT_EQ(host.LinksLost(), before + 1);
 }
 
 TEST_F(SenderTest, CertificateExpiredIsLoggedAsSuchAndLogsThePeerOffWithoutARepetition) {

@@ -82,9 +82,9 @@ class BusyTable : public RoutingTest {
     if (entry == nullptr) return;
     const Entry::Claim claim = entry->ClaimForSending();
     if (!claim.acquired) return;
-    Envelope envelope;
-    const bool got = entry->PopNext(envelope, claim.generation);
-    if (got && !entry->Requeue(envelope, "agent")) routing_.QueueForRouting(envelope);
+    MessageRouter::EnvelopeQueue::Taken taken;
+    const bool got = entry->PopNext(taken, claim.generation);
+    if (got && !entry->Requeue(taken, "agent")) routing_.QueueForRouting(taken.Get());
     if (i % 2 == 0) {
       entry->SendFinished(claim.generation);
     } else if (entry->SendFailed(claim)) {

@@ -456,7 +456,7 @@ TEST_F(EntryPushTest, ASenderOfAnEndedSessionTakesNothing) {
   ASSERT_TRUE(claim.acquired);
   LogonPushed(client);
   Enqueue(client, AnEnvelope().WithId(1).Build());
-  Envelope out;
+  MessageRouter::EnvelopeQueue::Taken out;
   EXPECT_FALSE(client.PopNext(out, claim.generation));
   EXPECT_TRUE(client.PopNext(out, client.Generation()));
 }
@@ -476,7 +476,8 @@ TEST_F(EntryPushTest, TheParentTakesBackWhatWasSentUnderItsFormerName) {
   table_.AddParent("");
   Entry& parent = *table_.Parent();
   table_.SetParentName("boss");
-  EXPECT_TRUE(parent.Requeue(AnEnvelope().WithId(1).Build(), ""));
+  MessageRouter::EnvelopeQueue::Taken sent(AnEnvelope().WithId(1).Build());
+  EXPECT_TRUE(parent.Requeue(sent, ""));
   EXPECT_THAT(Drain(parent), testing::ElementsAre(1u));
 }
 

@@ -1,4 +1,7 @@
+#include <new>
+
 #include "fixture.h"
+#include "support/AllocationFailure.h"
 
 namespace TestSupport {
 namespace {
@@ -33,6 +36,36 @@ class EntryLogonTest : public RoutingTest {
   RouterConsumer::_var_type routerConsumer_ = AReferenceTo<RouterConsumer>("router-consumer");
   RouterSupplier::_var_type routerSupplier_ = AReferenceTo<RouterSupplier>("router-supplier");
 };
+
+TEST_F(EntryLogonTest, ALogoffWithoutMemoryEndsTheSessionAndFailsForWantOfItsNotice) {
+  const std::string name = "a name that takes memory wherever it is copied";
+  Entry& entry = AClient(name);
+  for (const bool session : {true, false}) {
+    entry.LogonClient(name, pushed_, NotifyConsumer::_nil(), 0, true);
+    {
+      const AllocationFailure failure;
+      EXPECT_THROW(session ? void(entry.LogoffSession(entry.Generation())) : entry.Logoff(name),
+                   std::bad_alloc);
+    }
+    EXPECT_FALSE(entry.IsLoggedOn());
+    EXPECT_EQ(entry.GetConsumerState(), Entry::kNothingSent);
+    EXPECT_THAT(host_.objects.Active(), IsEmpty());
+  }
+}
+
+TEST_F(EntryLogonTest, ALogonWithoutMemoryForItsLinesIsALogon) {
+  const std::string name = "a name that takes memory wherever it is copied";
+  Entry& entry = ARouter(name);
+  for (int logon = 0; logon < 2; ++logon) {
+    const AllocationFailure failure;
+    EXPECT_NO_THROW(
+        entry.LogonRouter(name, RouterConsumer::_nil(), routerSupplier_, notify_, 0, true));
+    EXPECT_TRUE(AllocationFailure::Happened());
+    EXPECT_EQ(entry.GetLogonState(), Entry::kLoggedOn);
+    EXPECT_EQ(entry.GetSupplierState(), Entry::kPollWaiting);
+  }
+  EXPECT_THAT(host_.objects.Active(), testing::SizeIs(2));
+}
 
 TEST_F(EntryLogonTest, ANewEntryIsRegisteredAndNotLoggedOn) {
   EXPECT_TRUE(client_.IsRegistered());

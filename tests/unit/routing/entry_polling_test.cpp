@@ -1,6 +1,7 @@
 #include <set>
 
 #include "fixture.h"
+#include "support/AllocationFailure.h"
 
 namespace TestSupport {
 namespace {
@@ -77,23 +78,33 @@ TEST_F(EntryPollingTest, ANotifiedPollComesAtOnceAndOnlyWhileThePeerWaits) {
   EXPECT_FALSE(peer_.readyForTimedPoll());
 }
 
-TEST_F(EntryPollingTest, APollThatNoGetterLearnedOfIsAnnouncedAgain) {
-  LogonPolled(peer_);
-  EXPECT_TRUE(peer_.readyForTimedPoll());
-  peer_.pollNotOffered();
-  EXPECT_TRUE(peer_.readyForTimedPoll());
-  peer_.pollNotOffered();
-  EXPECT_TRUE(peer_.readyForNotifiedPoll());
-  peer_.pollNotOffered();
-  EXPECT_TRUE(peer_.readyForNotifiedPoll());
+// What the callers of these do next must happen, with a line in the log or without.
+TEST_F(EntryPollingTest, NoStepOfAPollFailsForWantOfMemory) {
+  Entry& peer = ARouter("a name that takes memory wherever it is copied");
+  LogonPolled(peer);
+  const AllocationFailure failure;
+  ASSERT_TRUE(peer.readyForTimedPoll());
+  peer.successfulGet(peer.ClaimForPolling().generation);
+  peer.responseExpected();
+  peer.responseNotRequired();
+  ASSERT_TRUE(peer.readyForNotifiedPoll());
+  EXPECT_TRUE(peer.ClaimForPolling().notified);
+  EXPECT_TRUE(AllocationFailure::Happened());
 }
 
-TEST_F(EntryPollingTest, APollUnderWayIsNotAnnouncedAgain) {
-  LogonPolled(peer_);
-  ASSERT_TRUE(peer_.readyForTimedPoll());
-  ASSERT_TRUE(peer_.ClaimForPolling().acquired);
-  peer_.pollNotOffered();
-  EXPECT_EQ(peer_.GetSupplierState(), Entry::kPollRunning);
+TEST_F(EntryPollingTest, TheEndOfAPollWithoutMemoryOffersWhoeverWasTurnedAway) {
+  Entry& peer = ARouter("a name that takes memory wherever it is copied");
+  LogonPolled(peer);
+  ASSERT_TRUE(peer.readyForNotifiedPoll());
+  const Entry::Claim stale = peer.ClaimForPolling();
+  LogonPolled(peer);
+  ASSERT_TRUE(peer.readyForNotifiedPoll());
+  ASSERT_FALSE(peer.ClaimForPolling().acquired);
+  {
+    const AllocationFailure failure;
+    peer.successfulGet(stale.generation);
+  }
+  EXPECT_THAT(host_.Getters(), testing::ElementsAre(&peer));
 }
 
 TEST_F(EntryPollingTest, NotificationsDuringAPollAreOneMorePollAfterIt) {

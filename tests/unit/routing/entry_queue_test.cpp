@@ -1,4 +1,5 @@
 #include "fixture.h"
+#include "support/AllocationFailure.h"
 
 namespace TestSupport {
 namespace {
@@ -126,11 +127,34 @@ TEST_F(EntryQueueTest, RetireExpiredLeavesNoExpiredOneHoweverMany) {
   EXPECT_FALSE(entry.HasEnvelopes());
 }
 
+// Whichever allocation it is.
+TEST_F(EntryQueueTest, OneThatFailsCostsRetireExpiredOneEnvelopeAtMost) {
+  Entry& entry = AClient("agent");
+  bool complete = false;
+  for (std::size_t successes = 0; !complete; ++successes) {
+    for (const char* leaf : {"1.msg", "2.msg"}) {
+      Enqueue(entry,
+              AStoredEnvelope(leaf).WithTtl(clock_.WallSeconds() - 1).WithType("Status.Report"));
+    }
+    {
+      const AllocationFailure failure(successes, 1);
+      EXPECT_NO_THROW(entry.RetireExpired());
+      complete = !AllocationFailure::Happened();
+    }
+    // A file that is in no queue any more is left to the next start.
+    const std::size_t well =
+        Drain(entry).size() + (FileExists("1.msg") ? 0 : 1) + (FileExists("2.msg") ? 0 : 1);
+    EXPECT_GE(well, complete ? 2u : 1u) << successes;
+  }
+}
+
 TEST_F(EntryQueueTest, TakesNothingOnceItIsUnregistered) {
   Entry& entry = AClient("agent");
   table_.Unregister("agent");
   EXPECT_FALSE(entry.Enqueue(AnEnvelope(), "agent"));
-  EXPECT_FALSE(entry.Requeue(AnEnvelope(), "agent"));
+  MessageRouter::EnvelopeQueue::Taken taken(AnEnvelope().WithId(1).Build());
+  EXPECT_FALSE(entry.Requeue(taken, "agent"));
+  EXPECT_EQ(taken.Get().MessageId(), 1u);
   EXPECT_FALSE(entry.HasEnvelopes());
 }
 
@@ -144,8 +168,9 @@ TEST_F(EntryQueueTest, TakesNothingUnderANameThatItHasNoMore) {
   ASSERT_EQ(table_.Find("new"), &entry);
   entry.LogonCertification("new");
   EXPECT_FALSE(entry.Enqueue(AnEnvelope(), "old"));
-  EXPECT_FALSE(entry.Requeue(AnEnvelope(), "old"));
-  EXPECT_TRUE(entry.Requeue(AnEnvelope().WithId(2), "new"));
+  MessageRouter::EnvelopeQueue::Taken taken(AnEnvelope().WithId(2).Build());
+  EXPECT_FALSE(entry.Requeue(taken, "old"));
+  EXPECT_TRUE(entry.Requeue(taken, "new"));
   EXPECT_THAT(Drain(entry), ElementsAre(2));
 }
 

@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 
 #include <list>
+#include <new>
 #include <random>
 
+#include "support/AllocationFailure.h"
 #include "support/EnvelopeBuilder.h"
 #include "support/FakeClock.h"
 
@@ -14,12 +16,19 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
+using TestSupport::AllocationFailure;
 using TestSupport::FakeClock;
 
 std::vector<std::uint32_t> Ids(const std::vector<Envelope>& envelopes) {
   std::vector<std::uint32_t> ids;
   for (const Envelope& envelope : envelopes) ids.push_back(envelope.MessageId());
   return ids;
+}
+
+// As one that was popped and could not be delivered.
+void PutBack(EnvelopeQueue& queue, Envelope envelope) {
+  EnvelopeQueue::Taken taken(std::move(envelope));
+  queue.Requeue(taken);
 }
 
 std::vector<std::uint32_t> Drain(EnvelopeQueue& queue) {
@@ -48,8 +57,8 @@ TEST(EnvelopeQueueOrder, PrioritiesCompareUnsigned) {
 TEST(EnvelopeQueueOrder, WhatIsPutBackLeavesNextWhateverItsPriority) {
   EnvelopeQueue queue;
   queue.Enqueue(AnEnvelope().WithPriority(9).WithId(1));
-  queue.Requeue(AnEnvelope().WithPriority(1).WithId(2));
-  queue.Requeue(AnEnvelope().WithPriority(1).WithId(3));
+  PutBack(queue, AnEnvelope().WithPriority(1).WithId(2));
+  PutBack(queue, AnEnvelope().WithPriority(1).WithId(3));
   queue.Enqueue(AnEnvelope().WithPriority(10).WithId(4));
   EXPECT_THAT(Drain(queue), ElementsAre(3, 2, 4, 1));
 }
@@ -95,10 +104,10 @@ TEST(EnvelopeQueueTake, OfTwoCopiesTheOneNearestTheExitGoes) {
     queue.Enqueue(AnEnvelope().WithId(1).WithPriority(c.firstPriority).WithOptions("first"));
     const Envelope second = AnEnvelope().WithId(1).WithPriority(c.secondPriority);
     if (c.putBack) {
-      queue.Requeue(second);
-      queue.Requeue(AnEnvelope().WithId(98));
+      PutBack(queue, second);
+      PutBack(queue, AnEnvelope().WithId(98));
     } else {
-      queue.Enqueue(second);
+      queue.Enqueue(Envelope(second));
     }
     Envelope out;
     ASSERT_TRUE(queue.Take(second.Originator(), 1, out)) << c.what;
@@ -125,7 +134,7 @@ TEST(EnvelopeQueueCertification, TheFirstFromTheExitIsFoundAmongOrdinaryOnes) {
   queue.Enqueue(AnEnvelope().WithId(4).WithPriority(5).WithType("Certification.C"));
   ASSERT_NE(queue.NextCertification(), nullptr);
   EXPECT_EQ(queue.NextCertification()->MessageId(), 3u);
-  queue.Requeue(AnEnvelope().WithId(5).WithPriority(0).WithType("Certification.D"));
+  PutBack(queue, AnEnvelope().WithId(5).WithPriority(0).WithType("Certification.D"));
   EXPECT_EQ(queue.NextCertification()->MessageId(), 5u);
   Envelope out;
   const std::string originator = Envelope(AnEnvelope()).Originator();
@@ -145,7 +154,7 @@ TEST(EnvelopeQueueExpiry, TakesWhatHasExpiredAndKeepsTheRest) {
   queue.Enqueue(AnEnvelope().WithId(2).WithTtl(0));
   queue.Enqueue(AnEnvelope().WithId(3).WithTtl(now));
   queue.Enqueue(AnEnvelope().WithId(4).WithTtl(now + 10).WithPriority(7));
-  queue.Requeue(AnEnvelope().WithId(5).WithTtl(-1));
+  PutBack(queue, AnEnvelope().WithId(5).WithTtl(-1));
   std::vector<Envelope> expired;
   queue.TakeExpired(expired);
   EXPECT_THAT(Ids(expired), UnorderedElementsAre(5, 1));
@@ -188,6 +197,111 @@ TEST(EnvelopeQueueExpiry, OfManyOfTheSameSecondNoneIsForgottenWhateverLeftBefore
   queue.TakeExpired(expired, 2);
   EXPECT_THAT(Ids(expired), UnorderedElementsAre(2, 4, 5));
   EXPECT_TRUE(queue.Empty());
+}
+
+// Whichever allocation is the first that fails.
+TEST(EnvelopeQueueMemory, EnqueueThatFindsNoneLeavesQueueAndEnvelopeAsTheyWere) {
+  for (const std::uint32_t waiting : {0u, 64u}) {
+    bool failed = true;
+    for (std::size_t successes = 0; failed; ++successes) {
+      EnvelopeQueue queue;
+      for (std::uint32_t id = 0; id < waiting; ++id) queue.Enqueue(AnEnvelope().WithId(id));
+      Envelope envelope =
+          AnEnvelope().WithId(100).WithPriority(9).WithTtl(1).WithType("Certification.A");
+      failed = false;
+      try {
+        const AllocationFailure failure(successes);
+        queue.Enqueue(std::move(envelope));
+      } catch (const std::bad_alloc&) {
+        failed = true;
+      }
+      if (failed) {
+        ASSERT_EQ(queue.Size(), waiting);
+        EXPECT_EQ(queue.NextCertification(), nullptr);
+        EXPECT_EQ(queue.Next() == nullptr, waiting == 0);
+        EXPECT_EQ(envelope.Type(), "Certification.A");
+        queue.Enqueue(std::move(envelope));
+      } else {
+        EXPECT_GE(successes, 4u);
+      }
+      Envelope out;
+      ASSERT_TRUE(queue.Take("Router.sender", 100, out));
+      EXPECT_EQ(Drain(queue).size(), waiting);
+    }
+  }
+}
+
+// One that was popped and put back while there was no memory.
+class PutBackWithoutMemory : public testing::Test {
+ protected:
+  PutBackWithoutMemory() {
+    queue.Enqueue(AnEnvelope().WithId(1).WithTtl(clock.WallSeconds()).WithType("Certification.A"));
+    EnvelopeQueue::Taken taken;
+    EXPECT_TRUE(queue.PopNext(taken));
+    EXPECT_TRUE(queue.Empty());
+    {
+      const AllocationFailure failure;
+      queue.Requeue(taken);
+      EXPECT_TRUE(AllocationFailure::Happened());
+    }
+    EXPECT_TRUE(taken.Empty());
+    PutBack(queue, AnEnvelope().WithId(2));
+    queue.Enqueue(AnEnvelope().WithId(3).WithPriority(100).WithType("Certification.B"));
+  }
+  FakeClock clock;
+  EnvelopeQueue queue;
+  Envelope out;
+};
+
+TEST_F(PutBackWithoutMemory, LeavesInItsOrder) {
+  EXPECT_EQ(queue.Size(), 3u);
+  EXPECT_THAT(Drain(queue), ElementsAre(2, 1, 3));
+}
+
+TEST_F(PutBackWithoutMemory, IsFoundByItsOriginatorAndId) {
+  EXPECT_TRUE(queue.Take("Router.sender", 1, out));
+  EXPECT_FALSE(queue.Take("Router.sender", 1, out));
+  EXPECT_THAT(Drain(queue), ElementsAre(2, 3));
+}
+
+TEST_F(PutBackWithoutMemory, IsTheFirstCertificationMessage) {
+  ASSERT_NE(queue.NextCertification(), nullptr);
+  EXPECT_EQ(queue.NextCertification()->MessageId(), 1u);
+  EXPECT_TRUE(queue.Take("Router.sender", 1, out));
+  EXPECT_EQ(queue.NextCertification()->MessageId(), 3u);
+}
+
+TEST_F(PutBackWithoutMemory, Expires) {
+  std::vector<Envelope> expired;
+  queue.TakeExpired(expired);
+  EXPECT_THAT(expired, IsEmpty());
+  clock.AdvanceWall(1);
+  queue.TakeExpired(expired);
+  EXPECT_THAT(Ids(expired), ElementsAre(1));
+  EXPECT_THAT(Drain(queue), ElementsAre(2, 3));
+}
+
+TEST_F(PutBackWithoutMemory, CanBePutBackAgain) {
+  EnvelopeQueue::Taken taken;
+  ASSERT_TRUE(queue.PopNext(out));
+  ASSERT_TRUE(queue.PopNext(taken));
+  EXPECT_EQ(taken.Get().MessageId(), 1u);
+  queue.Requeue(taken);
+  EXPECT_THAT(Drain(queue), ElementsAre(1, 3));
+}
+
+TEST(EnvelopeQueueMemory, WhatHasExpiredStaysUntilThereIsMemoryToTakeIt) {
+  FakeClock clock;
+  EnvelopeQueue queue;
+  queue.Enqueue(AnEnvelope().WithId(1).WithTtl(clock.WallSeconds() - 1));
+  std::vector<Envelope> expired;
+  {
+    const AllocationFailure failure;
+    EXPECT_NO_THROW(queue.TakeExpired(expired));
+  }
+  EXPECT_THAT(expired, IsEmpty());
+  queue.TakeExpired(expired);
+  EXPECT_THAT(Ids(expired), ElementsAre(1));
 }
 
 // The queue as a plain list, ascending from the entrance to the exit.
@@ -238,7 +352,7 @@ TEST(EnvelopeQueueModel, BehavesAsAListSortedByPriority) {
     const unsigned action = random() % 8;
     if (action < 4) {
       plain.Enqueue(envelope);
-      queue.Enqueue(envelope);
+      queue.Enqueue(Envelope(envelope));
       continue;
     }
     bool there = false;
@@ -253,7 +367,7 @@ TEST(EnvelopeQueueModel, BehavesAsAListSortedByPriority) {
     ASSERT_EQ(given.Options(), expected.Options());
     if (action != 7) continue;
     plain.Requeue(expected);
-    queue.Requeue(given);
+    PutBack(queue, given);
     ASSERT_TRUE(plain.PopNext(expected));
     ASSERT_TRUE(queue.PopNext(given));
     ASSERT_EQ(given.Options(), expected.Options());
