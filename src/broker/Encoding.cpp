@@ -145,8 +145,13 @@ std::string DecodeString(std::string_view text) {
   if (std::optional<std::string> plain = StringIn(bytes)) return *std::move(plain);
   CORBA::Any any;
   DecodeAny(std::string(text), any);
-  const char* other = nullptr;
-  if (!(any >>= other)) return {};
+  std::string other;
+  // A value is looked into only when it is taken out.
+  const bool done = Succeeds([&] {
+    const char* value = nullptr;
+    if (any >>= value) other = value;
+  });
+  if (!done) throw std::runtime_error(kDecodeFailure);
   return other;
 }
 

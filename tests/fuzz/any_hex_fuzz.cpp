@@ -1,5 +1,7 @@
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -21,7 +23,30 @@ std::string AsText(const std::uint8_t* octets, std::size_t size) {
   return text;
 }
 
+// The string in what the text says, by way of an Any; nothing if it can't be decoded.
+std::optional<std::string> StringByAny(const std::string& text) {
+  CORBA::Any any;
+  const char* string = nullptr;
+  try {
+    Encoding::DecodeAny(text, any);
+    if (any >>= string) return string;
+    return "";
+  } catch (const std::runtime_error&) {
+  } catch (const CORBA::MARSHAL&) {
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> StringDirectly(const std::string& text) {
+  try {
+    return Encoding::DecodeString(text);
+  } catch (const std::runtime_error&) {
+    return std::nullopt;
+  }
+}
+
 void Decode(const std::string& text) {
+  if (StringDirectly(text) != StringByAny(text)) std::abort();
   CORBA::Any any;
   try {
     Encoding::DecodeAny(text, any);

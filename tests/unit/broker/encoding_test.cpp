@@ -122,6 +122,9 @@ TEST_F(EncodingTest, BrokenStringsFailLikeOtherBrokenTexts) {
                 testing::ThrowsMessage<std::runtime_error>(kDecodeFailure))
         << text;
   }
+  // One whose end is not where its length says: the Any is read, and its value is not.
+  EXPECT_THAT([&] { Encoding::DecodeString("120000000000000004000000616263646500"); },
+              testing::ThrowsMessage<std::runtime_error>(kDecodeFailure));
 }
 
 TEST_F(EncodingTest, AnonymousSequenceHasKnownText) {
