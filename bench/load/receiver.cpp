@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <fstream>
 #include <mutex>
 #include <string>
 
@@ -17,7 +18,10 @@ using Bench::SteadyClock;
 
 class CountingSink : public ClientLibrary::EnvelopeSink {
  public:
-  explicit CountingSink(unsigned wanted) : wanted_(wanted) {}
+  // `arrivals`: a named pipe that gets a byte for each message; none if empty.
+  CountingSink(unsigned wanted, const std::string& arrivals) : wanted_(wanted) {
+    if (!arrivals.empty()) arrivals_.open(arrivals, std::ios::in | std::ios::out);
+  }
 
   bool Take(const BrelixMessaging::Envelope& envelope) override {
     const char* text = "";
@@ -30,6 +34,7 @@ class CountingSink : public ClientLibrary::EnvelopeSink {
       last_ = SteadyClock::now();
       done_.notify_all();
     }
+    if (arrivals_.is_open()) arrivals_.put('.').flush();
     return true;
   }
   bool Wait(std::chrono::seconds limit) {
@@ -57,6 +62,7 @@ class CountingSink : public ClientLibrary::EnvelopeSink {
   SteadyClock::time_point first_;
   SteadyClock::time_point last_;
   Bench::Latencies latencies_;
+  std::fstream arrivals_;
 };
 
 }  // namespace
@@ -67,17 +73,19 @@ int main(int argc, char** argv) {
   ClientLibrary::ConnectionSettings settings;
   unsigned count = 10000;
   unsigned limit = 120;
+  std::string arrivals;
   bool registerOnly = false;
   app.add_option("--identity", identity)->required();
   app.add_option("--host", settings.host);
   app.add_option("--port", settings.port);
   app.add_option("--count", count);
   app.add_option("--limit", limit, "seconds");
+  app.add_option("--arrivals", arrivals, "a named pipe, for bench_sender");
   app.add_flag("--register-only", registerOnly);
   CLI11_PARSE(app, argc, argv);
   settings.server = true;
   try {
-    CountingSink sink(count);
+    CountingSink sink(count, arrivals);
     ClientLibrary::RouterConnection connection(ClientLibrary::Identity::FromFolder(identity),
                                                settings);
     try {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <fstream>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -92,6 +93,23 @@ struct Load {
   std::size_t payload = 1024;
   double rate = 0;
   bool stamp = false;
+  std::string arrivals;
+};
+
+// What a bench_receiver tells of each message that has arrived, by way of a named pipe.
+class Arrivals {
+ public:
+  explicit Arrivals(const std::string& pipe) {
+    if (!pipe.empty()) stream_.open(pipe, std::ios::binary);
+  }
+  void AwaitOne() {
+    if (stream_.is_open() && stream_.get() == std::ifstream::traits_type::eof()) {
+      throw std::runtime_error("the receiver has ended");
+    }
+  }
+
+ private:
+  std::ifstream stream_;
 };
 
 // Calls `send` with each envelope; prints how long that took.
@@ -106,7 +124,12 @@ void Run(const Load& load, std::vector<Envelope>& envelopes,
     }
     return envelope;
   };
-  for (unsigned i = 0; i < load.warmup; ++i) send(next());
+  Arrivals arrivals(load.arrivals);
+  const auto sendNext = [&] {
+    send(next());
+    arrivals.AwaitOne();
+  };
+  for (unsigned i = 0; i < load.warmup; ++i) sendNext();
   Bench::Latencies latencies;
   const auto begin = SteadyClock::now();
   for (unsigned i = 0; i < load.count; ++i) {
@@ -115,7 +138,7 @@ void Run(const Load& load, std::vector<Envelope>& envelopes,
           begin + std::chrono::microseconds(static_cast<std::int64_t>(i * 1e6 / load.rate)));
     }
     const auto start = SteadyClock::now();
-    send(next());
+    sendNext();
     latencies.Add(Bench::MicrosecondsSince(start));
   }
   const double seconds = Bench::MicrosecondsSince(begin) / 1e6;
@@ -146,6 +169,8 @@ int main(int argc, char** argv) {
   app.add_option("--warmup", load.warmup);
   app.add_option("--payload", load.payload, "bytes");
   app.add_option("--rate", load.rate, "a second; default: as fast as possible");
+  app.add_option("--arrivals", load.arrivals,
+                 "a named pipe, as of bench_receiver: each message waits for the one before");
   app.add_flag("--stamp", load.stamp, "each payload tells when it was sent");
   CLI11_PARSE(app, argc, argv);
   if (load.destinations.empty()) load.destinations = {"receiver"};
