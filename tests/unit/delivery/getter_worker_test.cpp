@@ -342,24 +342,30 @@ TEST_F(GetterWorkerTest, RefusalLogsThePeerOff) {
 
 // From the failure of the poll on.
 TEST_F(GetterWorkerTest, FailureWithoutMemoryLogsThePeerOff) {
+  RouterTableEntry& other = ARouter("a name that takes memory wherever it is copied");
+  const auto poll = [&] {
+    other.LogonRouter(other.Name(), BrelixMessaging::RouterConsumer::_nil(), peer.Reference(),
+                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+    ASSERT_TRUE(other.readyForNotifiedPoll());
+    GetterWorker worker(pool, nullptr);
+    try {
+      worker.ProcessEntry(other);
+    } catch (const std::bad_alloc&) {
+    }
+  };
   {
     std::optional<TestSupport::AllocationFailure> failure;
     peer->onCall = [&](int call) {
       if (call == 2) failure.emplace();
       throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
     };
-    ASSERT_TRUE(entry.readyForTimedPoll());
-    try {
-      VisitForPoll();
-    } catch (const std::bad_alloc&) {
-    }
+    poll();
   }
   EXPECT_EQ(peer->count, 2);
-  EXPECT_FALSE(entry.IsLoggedOn());
-  EXPECT_EQ(entry.GetSupplierState(), RouterTableEntry::kNoSupplier);
+  EXPECT_FALSE(other.IsLoggedOn());
+  EXPECT_EQ(other.GetSupplierState(), RouterTableEntry::kNoSupplier);
   peer->onCall = nullptr;
-  Logon(peer);
-  NotifiedPoll();
+  poll();
   EXPECT_EQ(peer->count, 3);
 }
 

@@ -198,7 +198,7 @@ TEST_F(SenderTest, OneAllocationThatFailsLosesNoEnvelope) {
 
 TEST_F(SenderTest, LostParentIsToldWithoutMemory) {
   RouterPeer peer;
-  table.AddParent("boss");
+  table.AddParent(kLongName);
   RouterTableEntry& parent = *table.Parent();
   parent.LogonRouter(parent.Name(), peer.Reference(), BrelixMessaging::RouterSupplier::_nil(),
                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);

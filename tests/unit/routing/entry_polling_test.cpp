@@ -92,19 +92,18 @@ TEST_F(EntryPollingTest, NoStepOfAPollFailsForWantOfMemory) {
   EXPECT_TRUE(AllocationFailure::Happened());
 }
 
-TEST_F(EntryPollingTest, TheEndOfAPollWithoutMemoryOffersWhoeverWasTurnedAway) {
+TEST_F(EntryPollingTest, APollThatEndsWithoutMemoryIsFollowedByTheOneThatWasAskedFor) {
   Entry& peer = ARouter("a name that takes memory wherever it is copied");
   LogonPolled(peer);
   ASSERT_TRUE(peer.readyForNotifiedPoll());
-  const Entry::Claim stale = peer.ClaimForPolling();
-  LogonPolled(peer);
-  ASSERT_TRUE(peer.readyForNotifiedPoll());
-  ASSERT_FALSE(peer.ClaimForPolling().acquired);
+  const Entry::Claim claim = peer.ClaimForPolling();
+  ASSERT_FALSE(peer.readyForNotifiedPoll());
   {
     const AllocationFailure failure;
-    peer.successfulGet(stale.generation);
+    EXPECT_NO_THROW(peer.successfulGet(claim.generation));
+    EXPECT_TRUE(AllocationFailure::Happened());
   }
-  EXPECT_THAT(host_.Getters(), testing::ElementsAre(&peer));
+  EXPECT_THAT(host_.Pollers(), testing::ElementsAre(&peer));
 }
 
 TEST_F(EntryPollingTest, NotificationsDuringAPollAreOneMorePollAfterIt) {

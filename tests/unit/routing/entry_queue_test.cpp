@@ -133,8 +133,9 @@ TEST_F(EntryQueueTest, OneThatFailsCostsRetireExpiredOneEnvelopeAtMost) {
   bool complete = false;
   for (std::size_t successes = 0; !complete; ++successes) {
     for (const char* leaf : {"1.msg", "2.msg"}) {
-      Enqueue(entry,
-              AStoredEnvelope(leaf).WithTtl(clock_.WallSeconds() - 1).WithType("Status.Report"));
+      Enqueue(entry, AStoredEnvelope(leaf)
+                         .WithTtl(clock_.WallSeconds() - 1)
+                         .WithType("Status.Report.OfSomethingLong"));
     }
     {
       const AllocationFailure failure(successes, 1);
