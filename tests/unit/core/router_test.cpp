@@ -140,46 +140,33 @@ INSTANTIATE_TEST_SUITE_P(Table, ConfiguredLogLevel,
                          testing::Values(std::tuple(0u, false, false), std::tuple(1u, true, false),
                                          std::tuple(2u, true, true), std::tuple(3u, true, true)));
 
-// Keeps what it is told.
-class ListeningReporter : public StatusReporting::StatusReporter {
+// Counts what it is told.
+class ThresholdListener : public StatusReporting::StatusReporter {
  public:
-  struct Heard {
-    unsigned thresholdCalls = 0;
-    std::vector<std::uint32_t> peers;
-  };
-
-  explicit ListeningReporter(Heard& heard)
-      : StatusReporter("unused"), incoming_(heard), certification_(heard) {}
+  explicit ThresholdListener(unsigned& calls) : StatusReporter("unused"), incoming_(calls) {}
   StatusReporting::IncomingSection& Incoming() override { return incoming_; }
-  StatusReporting::CertificationSection& Certification() override { return certification_; }
 
  private:
-  struct IncomingListener : StatusReporting::IncomingSection {
-    explicit IncomingListener(Heard& heard) : heard_(heard) {}
-    void ThresholdCall() override { ++heard_.thresholdCalls; }
-    Heard& heard_;
-  };
-  struct CertificationListener : StatusReporting::CertificationSection {
-    explicit CertificationListener(Heard& heard) : heard_(heard) {}
-    void ReportPeer(std::uint32_t address) override { heard_.peers.push_back(address); }
-    Heard& heard_;
+  struct Section : StatusReporting::IncomingSection {
+    explicit Section(unsigned& calls) : calls_(calls) {}
+    void ThresholdCall() override { ++calls_; }
+    unsigned& calls_;
   };
 
-  IncomingListener incoming_;
-  CertificationListener certification_;
+  Section incoming_;
 };
 
 TEST_F(LoneRouter, OnceStartedTellsItsStatusReporterOfThresholdCalls) {
-  ListeningReporter::Heard heard;
+  unsigned calls = 0;
   const PortableServer::Servant_var<RouterServants::NotifyConsumer_i> servant(
       new RouterServants::NotifyConsumer_i);
   EXPECT_EQ(RunRouter(), 1);  // for want of a certificate, after the reporter was installed
-  Router::instance().SetStatusReporter(std::make_unique<ListeningReporter>(heard));
+  Router::instance().SetStatusReporter(std::make_unique<ThresholdListener>(calls));
   servant->NotificationThreshold();
-  EXPECT_EQ(heard.thresholdCalls, 1u);
+  EXPECT_EQ(calls, 1u);
   DestroyRouter();
   servant->NotificationThreshold();
-  EXPECT_EQ(heard.thresholdCalls, 1u);
+  EXPECT_EQ(calls, 1u);
 }
 
 TEST_F(LoneRouter, WithProcessorAffinity32LogsTheWarningAndGoesOn) {
@@ -201,66 +188,6 @@ TEST_F(LoneRouter, AShutdownDuringAReinitializeWins) {
   router.Reinitialize();
   EXPECT_EQ(router.GetState(), Router::kStopping);
   EXPECT_TRUE(router.IsStopping());
-}
-
-// The reference of a parent at 10.0.0.1: byte order, no type, one IIOP 1.2 profile.
-constexpr char kParentIor[] =
-    "IOR:010000000100000000000000"
-    "01000000"
-    "00000000"
-    "1c000000"
-    "01010200"
-    "09000000"
-    "31302e302e302e3100"
-    "00"
-    "0100"
-    "0000000000000000";
-
-class RouterWithParent : public LoneRouter {
- protected:
-  RouterWithParent() {
-    SetConfigString("ParentAddress", "parent.example");
-    Platform::SetHostAddressSource([] { return std::vector<std::uint32_t>{0x0A000002}; });
-    RunRouter();  // fails for want of a certificate, and knows by then that there is a parent
-    Router::instance().SetParentAddresses(kParentIor);
-    Router::instance().SetStatusReporter(std::make_unique<ListeningReporter>(heard_));
-  }
-  std::size_t Complaints() const {
-    return Count(LogText(),
-                 "The certificate of this router is incompatible with the server, please "
-                 "reinstall Orvane\n");
-  }
-  static constexpr std::uint32_t kParent = 0x0A000001;
-  ListeningReporter::Heard heard_;
-};
-
-TEST_F(RouterWithParent, IsToldIncompatibleAtTheSixthAlertOfItsParentAndAgainAtTheSeventh) {
-  for (int i = 0; i < 5; ++i) Router::instance().ReportInvalidCertificate(kParent);
-  EXPECT_EQ(Complaints(), 0u);
-  EXPECT_TRUE(heard_.peers.empty());
-  Router::instance().ReportInvalidCertificate(kParent);
-  EXPECT_EQ(Complaints(), 1u);
-  Router::instance().ReportInvalidCertificate(kParent);
-  EXPECT_EQ(Complaints(), 2u);
-  EXPECT_EQ(heard_.peers, std::vector<std::uint32_t>(2, kParent));
-}
-
-TEST_F(RouterWithParent, DoesNotCountAlertsOfOthers) {
-  for (int i = 0; i < 7; ++i) Router::instance().ReportInvalidCertificate(kParent + 1);
-  EXPECT_EQ(Router::instance().InvalidCertificateCount(), 0);
-}
-
-TEST_F(RouterWithParent, CountsNothingWhenItsParentsAddressesCannotBeRead) {
-  Router::instance().SetParentAddresses("IOR:zz");
-  Router::instance().ReportInvalidCertificate(kParent);
-  EXPECT_EQ(heard_.peers, std::vector<std::uint32_t>{kParent});
-  EXPECT_EQ(Router::instance().InvalidCertificateCount(), 0);
-  EXPECT_EQ(Count(LogText(), "from iiopAddressesInIOR"), 1u);
-}
-
-TEST_F(LoneRouter, WithoutAParentCountsNoAlerts) {
-  for (int i = 0; i < 7; ++i) Router::instance().ReportInvalidCertificate(0x0A000001);
-  EXPECT_EQ(Router::instance().InvalidCertificateCount(), 0);
 }
 
 TEST(NullConfiguration, IsRefused) {
