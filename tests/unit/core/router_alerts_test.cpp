@@ -1,12 +1,22 @@
 // Peers that refuse the router's certificate.
+#include <ace/INET_Addr.h>
+#include <ace/SOCK_Acceptor.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "config/Configuration.h"
 #include "core/Router.h"
 #include "lone_router.h"
+#include "parent/ParentLogon.h"
 #include "platform/Network.h"
 #include "status/StatusReporter.h"
 
@@ -88,6 +98,81 @@ TEST_F(RouterWithParent, CountsNothingWhenItsParentsAddressesCannotBeRead) {
 TEST_F(LoneRouter, WithoutAParentCountsNoAlerts) {
   for (int i = 0; i < 7; ++i) Router::instance().ReportInvalidCertificate(0x0A000001);
   EXPECT_EQ(Router::instance().InvalidCertificateCount(), 0);
+}
+
+bool Eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+// Takes connections at a port of the system's choice, and answers nothing.
+class Listener {
+ public:
+  Listener() {
+    EXPECT_EQ(acceptor_.open(address_), 0);
+    EXPECT_EQ(acceptor_.get_local_addr(address_), 0);
+  }
+  ~Listener() { acceptor_.close(); }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  std::uint16_t Port() const { return address_.get_port_number(); }
+
+ private:
+  ACE_SOCK_Acceptor acceptor_;
+  ACE_INET_Addr address_{static_cast<u_short>(0), static_cast<ACE_UINT32>(INADDR_ANY)};
+};
+
+// A router that asks for its parent's reference and gets no answer. It does so only where others
+// can reach it, and the ORB keeps the first address of the process: for a process of its own.
+class RouterThatAsksForItsParent : public CertifiedRouter {
+ public:
+  RouterThatAsksForItsParent() {
+    SetConfigString("ParentAddress", "127.0.0.1");
+    SetConfigInt("ParentPort", silent_.Port());
+    SetConfigInt("GetIORTimeoutSec", 3600);
+    arguments_[2] = "giop:ssl:0.0.0.0:";
+    argv_[2] = arguments_[2].data();
+  }
+  void TestBody() override {
+    // A stop in the middle of a registration sets it.
+    std::atomic<bool>& stopped = ParentLogon::TheEscalation().registerResetTried;
+    Router::Surroundings surroundings;
+    surroundings.sleep = [&](unsigned) {
+      EXPECT_TRUE(Eventually([&] { return Count(LogText(), "Getting parent router IOR") > 0; }));
+      Router::instance().SetParentAddresses(kParentIor);
+      for (int i = 0; i < 6; ++i) Router::instance().ReportInvalidCertificate(0x0A000001);
+      EXPECT_TRUE(Eventually([&] { return stopped.load(); }));
+      Router::instance().Shutdown();
+    };
+    Router::instance().SetSurroundings(surroundings);
+    EXPECT_EQ(RunRouter(), 0);
+    if (HasFailure()) std::cerr << LogText();
+  }
+
+ private:
+  const Listener silent_;
+};
+
+bool OthersCanReachThisHost() {
+  const std::vector<std::uint32_t> addresses = Platform::HostAddresses();
+  return std::any_of(addresses.begin(), addresses.end(),
+                     [](std::uint32_t address) { return address >> 24 != 127; });
+}
+
+TEST(RefusedCertificateDeathTest, EndsTheWayToTheParentAtTheSixthAlert) {
+  if (!OthersCanReachThisHost()) GTEST_SKIP() << "no address but the host's own";
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        RouterThatAsksForItsParent().TestBody();
+        std::exit(testing::Test::HasFailure() ? 1 : 0);
+      },
+      testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
