@@ -6,14 +6,20 @@
 
 #include "logging/Log.h"
 #include "platform/Process.h"
+#include "threads/FailLocks.h"
 
 namespace ThreadHelper {
 namespace {
 
 thread_local unsigned locksToFail = 0;
+thread_local unsigned locksToSpare = 0;
 
 bool ShallFail() {
   if (locksToFail == 0) return false;
+  if (locksToSpare != 0) {
+    --locksToSpare;
+    return false;
+  }
   --locksToFail;
   return true;
 }
@@ -160,6 +166,11 @@ void Condition::Broadcast() {
 }
 
 void FailNextLocks(unsigned count) {
+  FailLocksAfter(0, count);
+}
+
+void FailLocksAfter(unsigned spared, unsigned count) {
+  locksToSpare = spared;
   locksToFail = count;
 }
 

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "support/FakeClock.h"
+#include "threads/FailLocks.h"
 
 namespace ThreadHelper {
 namespace {
@@ -41,6 +42,15 @@ TEST(MutexGuard, IsFalseWhereTheLockCantBeTaken) {
   }
   const Guard guard(mutex);
   EXPECT_TRUE(static_cast<bool>(guard));
+}
+
+TEST(MutexGuard, OfThoseThatAreSparedFirstIsTrue) {
+  Mutex mutex;
+  FailLocksAfter(2, 1);
+  for (const bool held : {true, true, false, true}) {
+    const Guard guard(mutex);
+    EXPECT_EQ(static_cast<bool>(guard), held);
+  }
 }
 
 TEST(RWMutexGuards, LetReadersInTogether) {
