@@ -12,9 +12,17 @@ using ThreadHelper::WriteGuard;
 
 namespace {
 
-// The empty name, under which the parent begins, goes on being its own.
+// The empty name, under which the parent begins, goes on being its own; it is also what an entry
+// gives that can't be asked.
 bool IsFormerParentsName(const RouterTableEntry& entry, const std::string& name) {
-  return !name.empty() && entry.IsParent() && entry.Name() != name;
+  if (name.empty() || !entry.IsParent()) return false;
+  const std::string present = entry.Name();
+  return !present.empty() && present != name;
+}
+
+// An entry that stands under another name than its own is the parent, or another peer's by now.
+bool IsChildRouter(const RouterTableEntry& entry, const std::string& name) {
+  return entry.IsRegistered() && entry.IsRouter() && !entry.IsParent() && entry.Name() == name;
 }
 
 }  // namespace
@@ -64,22 +72,29 @@ RouterTableEntry* RouterTable::Parent() const {
   return parent_;
 }
 
+// The rows of a table that is closed and not yet cleared no longer change.
 bool RouterTable::HasChildRouter(const std::string& name) const {
+  ReadGuard guard(mutex_);
+  if (!guard) return false;
+  const auto row = rows_.find(name);
+  return row == rows_.end() ? clearedChildren_.contains(name) : IsChildRouter(*row->second, name);
+}
+
+bool RouterTable::IsParentsName(const std::string& name) const {
   const RouterTableEntry* const entry = Find(name);
-  // Found under another name it has become another peer, or is the parent by a former name.
-  return entry != nullptr && entry->IsRegistered() && entry->IsRouter() && !entry->IsParent() &&
-         entry->Name() == name;
+  return entry != nullptr && entry->IsParent() && !IsFormerParentsName(*entry, name);
 }
 
 bool RouterTable::IsClosed() const {
   ReadGuard guard(mutex_);
-  return !guard || closed_;
+  return guard && closed_;
 }
 
 void RouterTable::Register(const std::string& name, bool isRouter) {
   RouterTableEntry* entry = Find(name);
-  // A former parent may come below; the row of its name is not the parent's any more then.
-  const auto isOthers = [&] { return isRouter && IsFormerParentsName(*entry, name); };
+  // A former parent, or a client of that name, may come below; the row of the name is not the
+  // parent's any more then.
+  const auto isOthers = [&] { return IsFormerParentsName(*entry, name); };
   if (entry != nullptr && entry->IsRegistered() && !isOthers()) {
     throw BrelixMessaging::AlreadyRegistered();
   }
@@ -189,6 +204,9 @@ void RouterTable::Clear() {
   if (!guard) return;
   closed_ = true;
   parent_ = nullptr;
+  for (const auto& [name, entry] : rows_) {
+    if (IsChildRouter(*entry, name)) clearedChildren_.insert(name);
+  }
   rows_.clear();
   for (std::unique_ptr<RouterTableEntry>& entry : entries_) {
     entry->Detach(dismissed.emplace_back(), leftovers);

@@ -29,7 +29,8 @@ class FunctionClassBase {
 // two names: the parent begins under the empty one, which goes on leading to it.
 //
 // From the forced write, with which routing stops, until the next ReadTable the table is closed:
-// nothing is found, entries are refused, and WriteTable does nothing.
+// nothing is found, entries are refused, and WriteTable does nothing. HasChildRouter alone goes on
+// answering as when the table was closed: what was registered in time must still be told.
 // Threads: any. Lock order: the table's lock, then an entry's. The file is read and written while
 // neither is held.
 class RouterTable {
@@ -51,8 +52,10 @@ class RouterTable {
   RouterTableEntry* Parent() const;                       // no lock
   // Whether a router of that name is registered below this one.
   bool HasChildRouter(const std::string& name) const;
-  // Throws AlreadyRegistered; Rejected while the table is closed. A router that was the parent
-  // before gets an entry of its own.
+  // Whether the parent bears that name, or began under it. A former name is anybody's.
+  bool IsParentsName(const std::string& name) const;
+  // Throws AlreadyRegistered; Rejected while the table is closed. Whoever bears a name that the
+  // parent had before gets an entry of its own.
   void Register(const std::string& name, bool isRouter);
   // Throws NotRegistered, for a former parent too.
   void Unregister(const std::string& name);
@@ -65,7 +68,7 @@ class RouterTable {
   // Opens the table and fills it from the file; a damaged line ends the reading with one warning.
   void ReadTable(bool createParent);
   // At most once a minute unless forced; a write that is put off, or fails, is made by Tick. A
-  // forced one closes the table. The file is replaced whole.
+  // forced one closes the table, unless it ends in an exception. The file is replaced whole.
   void WriteTable(bool force);
   void Tick();
   // A write that is owed, at once: for a stop, whose forced write may never come.
@@ -105,9 +108,10 @@ class RouterTable {
   bool ClaimWrite(bool force);
   bool IsWriteOwed();
   void WriteDone(bool complete);
-  bool IsClosed() const;
+  bool IsClosed() const;  // no, if the lock can't be taken: whoever writes looks again
   // False if the table is closed. Closes it if asked to, in the same step.
   bool CollectRows(bool close, std::vector<Row>& rows);
+  void Reopen();
   RegEntry RecordOf(const Row& row);
   std::string ComposeFile(const std::vector<Row>& rows) REQUIRES(fileMutex_);
 
@@ -123,6 +127,8 @@ class RouterTable {
   std::vector<std::unique_ptr<RouterTableEntry>> entries_ GUARDED_BY(mutex_);
   std::vector<std::unique_ptr<RouterTableEntry>> detached_ GUARDED_BY(mutex_);
   std::atomic<RouterTableEntry*> parent_{nullptr};
+  // The child routers of a table that has been cleared.
+  std::set<std::string> clearedChildren_ GUARDED_BY(mutex_);
 
   // Writers of the file, one after the other; taken before mutex_.
   ThreadHelper::Mutex fileMutex_;

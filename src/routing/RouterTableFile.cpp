@@ -77,7 +77,10 @@ void RouterTable::ReadTable(bool createParent) {
   LogInfo("Reading router table file\n");
   {
     WriteGuard guard(mutex_);
-    if (guard) closed_ = false;
+    if (guard) {
+      closed_ = false;
+      clearedChildren_.clear();
+    }
   }
   int error = 0;
   if (const auto text = Platform::ReadFile(filePath_, kLargestFile, &error)) {
@@ -176,9 +179,6 @@ void RouterTable::WriteDone(bool complete) {
 bool RouterTable::CollectRows(bool close, std::vector<Row>& rows) {
   WriteGuard guard(mutex_);
   if (!guard || closed_) return false;
-  // Closed in the step in which the rows are taken: nobody is told of a registration that the file
-  // does not hold.
-  closed_ = close;
   for (const auto& [name, entry] : rows_) {
     if (!entry->IsRegistered() || entry->IsParent()) continue;
     Row& row = rows.emplace_back();
@@ -189,7 +189,15 @@ bool RouterTable::CollectRows(bool close, std::vector<Row>& rows) {
     row.consumer = references.routerConsumer._retn();
     row.notify = references.notifyConsumer._retn();
   }
+  // In the step in which the rows are taken: nobody is told of a registration that the file does
+  // not hold.
+  closed_ = close;
   return true;
+}
+
+void RouterTable::Reopen() {
+  WriteGuard guard(mutex_);
+  if (guard) closed_ = false;
 }
 
 // A client is written without a reference: it logs on again by itself, while a router below must be
@@ -236,14 +244,16 @@ void RouterTable::WriteTable(bool force) {
 void RouterTable::Write(bool close) {
   LogInfo("Writing router table file\n");
   Guard guard(fileMutex_);
-  if (!guard) return;
   int error = 0;
+  bool collected = false;
+  // Whatever is not written is still owed, though the claim has cleared that.
   try {
     std::vector<Row> rows;
-    if (!CollectRows(close, rows)) return;
+    collected = guard && CollectRows(close, rows);
+    if (!collected) return WriteDone(false);
     error = Platform::ReplaceFile(filePath_, ComposeFile(rows), kFileMode);
   } catch (...) {
-    // Still owed, though the claim has cleared that.
+    if (close && collected) Reopen();
     WriteDone(false);
     throw;
   }

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "fixture.h"
+#include "threads/FailLocks.h"
 
 namespace TestSupport {
 namespace {
@@ -297,6 +298,42 @@ TEST_F(TableFileTest, AWriteThatAnExceptionEndedIsOwed) {
   PassAMinute();
   table_.Tick();
   EXPECT_TRUE(TableText().starts_with("child.1."));
+}
+
+TEST_F(TableFileTest, AForcedWriteThatAnExceptionEndedLeavesTheTableOpenAndIsOwed) {
+  const RouterConsumer::_var_type consumer = AReferenceTo<RouterConsumer>("consumer");
+  ARouter("child").LogonRouter("child", consumer, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0,
+                               true);
+  host_.onObjectToString = [] { throw std::bad_alloc(); };
+  EXPECT_THROW(table_.WriteTable(true), std::bad_alloc);
+  host_.onObjectToString = nullptr;
+  EXPECT_NE(table_.Find("child"), nullptr);
+  table_.WriteOwed();
+  EXPECT_TRUE(TableText().starts_with("child.1."));
+  table_.WriteTable(true);
+  EXPECT_EQ(table_.Find("child"), nullptr);
+}
+
+TEST_F(TableFileTest, AWriteThatGotALockTooFewIsOwed) {
+  AClient("alpha");
+  // The file's, and then that of the rows.
+  for (const unsigned spared : {2u, 3u}) {
+    WriteTableText("old");
+    ThreadHelper::FailLocksAfter(spared, 1);
+    table_.WriteTable(false);
+    EXPECT_EQ(TableText(), "old") << spared;
+    PassAMinute();
+    table_.Tick();
+    EXPECT_EQ(TableText(), "alpha.0..\n") << spared;
+    PassAMinute();
+  }
+}
+
+TEST_F(TableFileTest, AWriteThatCannotSeeWhetherTheTableIsClosedIsMade) {
+  AClient("alpha");
+  ThreadHelper::FailNextLocks(1);
+  table_.WriteTable(false);
+  EXPECT_EQ(TableText(), "alpha.0..\n");
 }
 
 TEST_F(TableFileTest, NoLockOfTheTableIsHeldWhileTheFileIsMade) {

@@ -3,6 +3,7 @@
 #include "config/Configuration.h"
 #include "fixture.h"
 #include "routing/FindFreeEntries.h"
+#include "threads/FailLocks.h"
 
 namespace TestSupport {
 namespace {
@@ -175,6 +176,37 @@ TEST_F(TableTest, TheEmptyAndThePresentNameOfTheParentStayTaken) {
   }
 }
 
+TEST_F(TableTest, AParentThatCannotBeAskedForItsNameIsNotAFormerOne) {
+  table_.AddParent("");
+  table_.SetParentName("boss");
+  // The first lock is the table's.
+  ThreadHelper::FailLocksAfter(1, 1);
+  EXPECT_TRUE(table_.IsParentsName("boss"));
+  EXPECT_TRUE(table_.IsParentsName(""));
+  ThreadHelper::FailLocksAfter(1, 1);
+  EXPECT_THROW(table_.Register("boss", true), AlreadyRegistered);
+  EXPECT_EQ(table_.Find("boss"), table_.Parent());
+}
+
+TEST_F(TableTest, AFormerParentThatHasBecomeAChildCanBecomeTheParentAgain) {
+  table_.AddParent("");
+  table_.SetParentName("former");
+  table_.SetParentName("boss");
+  Entry& child = ARouter("former");
+  LogonPolled(child);
+  Enqueue(child, AnEnvelope().WithId(1));
+  table_.SetParentName("former");
+  EXPECT_EQ(table_.Find("former"), table_.Parent());
+  EXPECT_EQ(table_.Parent()->Name(), "former");
+  EXPECT_FALSE(table_.HasChildRouter("former"));
+  EXPECT_FALSE(child.IsLoggedOn());
+  EXPECT_FALSE(child.HasEnvelopes());
+  EXPECT_EQ(routing_.RouteQueueSize(), 1u);
+  EXPECT_THROW(table_.Register("former", true), AlreadyRegistered);
+  table_.Register("boss", true);
+  EXPECT_TRUE(table_.HasChildRouter("boss"));
+}
+
 TEST_F(TableTest, WithoutAParentSetParentNameDoesNothing) {
   table_.SetParentName("boss");
   EXPECT_EQ(table_.Find("boss"), nullptr);
@@ -321,6 +353,30 @@ TEST_F(ClosedTableTest, FromTheForcedWriteOnNothingIsFoundAndNothingComesIn) {
   EXPECT_THAT(names.names, IsEmpty());
   table_.Clear();
   EXPECT_THROW(table_.Register("other", false), Rejected);
+}
+
+TEST_F(ClosedTableTest, ItStillTellsWhoWasAChildRouterWhenItWasClosed) {
+  table_.AddParent("");
+  table_.SetParentName("boss");
+  ARouter("child");
+  ARouter("gone");
+  AClient("agent");
+  table_.Unregister("gone");
+  const auto check = [&] {
+    EXPECT_TRUE(table_.HasChildRouter("child"));
+    for (const char* name : {"gone", "agent", "boss", "", "other"}) {
+      EXPECT_FALSE(table_.HasChildRouter(name)) << name;
+    }
+  };
+  table_.WriteTable(true);
+  check();
+  table_.Clear();
+  check();
+  table_.Clear();
+  check();
+  WriteTableText("");
+  table_.ReadTable(true);
+  EXPECT_FALSE(table_.HasChildRouter("child"));
 }
 
 TEST_F(ClosedTableTest, AWriteAfterwardsLeavesTheFileAlone) {
