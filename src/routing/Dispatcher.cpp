@@ -3,6 +3,7 @@
 #include <exception>
 #include <sstream>
 
+#include "broker/CorbaExceptions.h"
 #include "envelope/Address.h"
 #include "envelope/Envelope.h"
 #include "envelope/MessageType.h"
@@ -168,11 +169,13 @@ void Dispatcher::Reply(const Envelope& envelope, const std::string& type, const 
 // the message that it came with would do so again after the restart.
 void Dispatcher::Send(const std::string& destination, const std::string& type,
                       const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl) {
+  const auto what = [&] { return Shown(type) + " for " + Shown(destination); };
   try {
     routing_.SendLocalMessage(destination, type, data, priority, ttl);
+  } catch (const CORBA::Exception& exception) {
+    LogCaughtCorbaException("Dispatcher::Send", exception, what().c_str());
   } catch (const std::exception& exception) {
-    const std::string what = Shown(type) + " for " + Shown(destination);
-    LogCaughtException("Dispatcher::Send", exception, what.c_str());
+    LogCaughtException("Dispatcher::Send", exception, what().c_str());
   }
 }
 

@@ -44,6 +44,7 @@ class Dispatcher {
   bool HandleRouterUnregistered(Envelope& envelope, RouterTable& table, Logical* logical,
                                 const StopTest& stopping, std::string& line);
   void Forward(const Envelope& envelope, const char* event, const CORBA::Any& data);
+  void ForwardFarewell(const Envelope& envelope, const CORBA::Any& data);
 
   // "MS-UnknownMessageType", with the type.
   void ReplyUnknown(const Envelope& envelope);

@@ -101,7 +101,7 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
   }
   if (logical == nullptr) {
     line += kNoMap;
-    if (forward) Forward(envelope, "RouterUnregistered", data);
+    if (forward) ForwardFarewell(envelope, data);
     return true;
   }
 
@@ -120,7 +120,7 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
     }
     if (!name.empty()) {
       if (logical->MayRemove(name, originator) == Logical::kOtherOwner) return true;
-      if (forward && !table.HasChildRouter(name)) Forward(envelope, "RouterUnregistered", data);
+      if (forward && !table.HasChildRouter(name)) ForwardFarewell(envelope, data);
       logical->Remove(name, originator);
       return true;
     }
@@ -140,7 +140,7 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
       if (!table.HasChildRouter(text)) told.push_back(text);
     }
     if (forward && !told.empty()) {
-      Forward(envelope, "RouterUnregistered", told.size() == all ? data : AsNameList(told));
+      ForwardFarewell(envelope, told.size() == all ? data : AsNameList(told));
     }
   }
   for (std::size_t i = 0; i < gone.size(); ++i) {
@@ -153,6 +153,11 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
 void Dispatcher::Forward(const Envelope& envelope, const char* event, const CORBA::Any& data) {
   Send(kParentAddress, SystemMessageType(event), data, envelope.Priority(),
        TimeToLive::Until(envelope.Ttl()));
+}
+
+void Dispatcher::ForwardFarewell(const Envelope& envelope, const CORBA::Any& data) {
+  Forward(envelope, "RouterUnregistered", data);
+  routing_.FarewellMade();
 }
 
 }  // namespace MessageRouter

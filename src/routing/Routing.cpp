@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "broker/CorbaExceptions.h"
 #include "envelope/Address.h"
 #include "envelope/MessageType.h"
 #include "logging/Log.h"
@@ -29,6 +30,20 @@ bool ContainsIgnoringCase(std::string_view text, std::string_view part) {
     return std::tolower(left) == std::tolower(right);
   };
   return std::search(text.begin(), text.end(), part.begin(), part.end(), same) != text.end();
+}
+
+// False, logged, if that fails. What it follows from has been done, and stays done.
+template <class Work>
+bool Attempt(const char* where, const std::string& what, Work&& work) {
+  try {
+    work();
+    return true;
+  } catch (const CORBA::Exception& exception) {
+    LogCaughtCorbaException(where, exception, what.c_str());
+  } catch (const std::exception& exception) {
+    LogCaughtException(where, exception, what.c_str());
+  }
+  return false;
 }
 
 std::atomic<Routing*> currentCycle{nullptr};
@@ -175,43 +190,41 @@ void Routing::SendLocalMessage(const std::string& destination, const std::string
   QueueForRouting(std::move(envelope));
 }
 
-bool Routing::MakeNews(const std::string& event, const CORBA::Any& data, Envelope& news) {
+bool Routing::MakeNews(const std::string& event, const std::vector<const char*>& names, bool asList,
+                       Envelope& news) {
   const std::string type = SystemMessageType(event);
-  try {
+  return Attempt("Routing::MakeNews", type, [&] {
+    CORBA::Any data;
+    if (asList) {
+      data = AsNameList(names);
+    } else {
+      data <<= names.front();
+    }
     news.CreateLocal(kParentAddress, 0, TimeToLive::Stated(MessageTimeoutSeconds()), type, data,
                      "");
-    return true;
-  } catch (const std::exception& exception) {
-    LogCaughtException("Routing::MakeNews", exception, type.c_str());
-    return false;
-  }
+  });
 }
 
-void Routing::TellParent(const std::string& event, const CORBA::Any& data) {
-  Envelope news;
-  if (MakeNews(event, data, news)) QueueForRouting(std::move(news));
-}
-
-bool Routing::IsParentsName(const std::string& name) const {
-  const RouterTableEntry* const entry = table_.Find(name);
-  return entry != nullptr && entry->IsParent();
-}
-
-void Routing::ChildIsHere(const std::string& name, bool again) {
-  CORBA::Any data;
-  if (again) {
-    // A list goes up to the top, whoever on the way believes to know it already.
-    data = AsNameList({name.c_str()});
-  } else {
-    data <<= name.c_str();
-  }
+// Of a child that is announced again a list goes up, to the top, whoever on the way believes to
+// know it already.
+void Routing::ChildIsHere(const std::string& name, bool again, bool tell) {
+  const auto make = [&](Envelope& news) {
+    return MakeNews("RouterRegistered", {name.c_str()}, again, news);
+  };
   // Made before the lock is taken: its id can take a moment, and it is written to disk.
+  const std::uint64_t farewells = farewells_;
   Envelope news;
-  const bool tell = table_.Parent() != nullptr && MakeNews("RouterRegistered", data, news);
+  if (tell) tell = make(news);
   const ThreadHelper::Guard guard(mapMutex_);
   if (!table_.HasChildRouter(name)) {
     if (tell) news.Retire();
     return;
+  }
+  // After a restart the order of the files is that of the news: a farewell that was made meanwhile
+  // may be this one's, and must not come after it.
+  if (Envelope later; tell && farewells != farewells_ && make(later)) {
+    news.Retire();
+    news = std::move(later);
   }
   // Its former way here would take it along when it ends.
   if (Logical* const logical = logical_) {
@@ -223,20 +236,18 @@ void Routing::ChildIsHere(const std::string& name, bool again) {
 }
 
 void Routing::RegisterPeer(const std::string& name, bool isRouter) {
-  if (!isRouter && IsParentsName(name)) throw BrelixMessaging::AlreadyRegistered();
+  if (!isRouter && table_.IsParentsName(name)) throw BrelixMessaging::AlreadyRegistered();
+  const bool hasParent = table_.Parent() != nullptr;
   try {
     table_.Register(name, isRouter);
   } catch (const BrelixMessaging::AlreadyRegistered&) {
-    if (isRouter && table_.HasChildRouter(name)) ChildIsHere(name, true);
+    if (isRouter && table_.HasChildRouter(name)) ChildIsHere(name, true, hasParent);
     throw;
   }
-  table_.WriteTable(false);
-  if (!isRouter) {
-    clientUpdateNotifier_.Registered(name);
-    return;
-  }
-  routerUpdateNotifier_.Registered(name);
-  ChildIsHere(name, false);
+  Attempt("Routing::RegisterPeer", name, [&] { table_.WriteTable(false); });
+  Attempt("Routing::RegisterPeer", name,
+          [&] { (isRouter ? routerUpdateNotifier_ : clientUpdateNotifier_).Registered(name); });
+  if (isRouter) ChildIsHere(name, false, hasParent);
 }
 
 Routing::Drain::~Drain() {
@@ -245,28 +256,28 @@ Routing::Drain::~Drain() {
   while (entry_->PopUnroutable(waiting)) routing_.QueueForRouting(std::move(waiting));
 }
 
+bool Routing::IsFurtherDown(const std::string& name) const {
+  const Logical* const logical = logical_;
+  return logical != nullptr && table_.HasChildRouter(logical->Lookup(name));
+}
+
 // A name leaves the map after the parent has been told of it: after a crash in between it is told
 // again.
 void Routing::ChildIsGone(const std::string& name) {
-  if (table_.Parent() == nullptr) return;
   Logical* const logical = logical_;
   std::vector<std::string> keys;
-  bool told = false;
+  bool begun = false;
   std::size_t next = 0;
   do {
     const ThreadHelper::Guard guard(mapMutex_);
     // It is back, and has been announced or will be.
     if (table_.HasChildRouter(name)) return;
-    if (!told && logical != nullptr) logical->KeysOf(name, keys);
-    CORBA::Any data;
-    if (keys.empty()) {
-      data <<= name.c_str();
-      TellParent("RouterUnregistered", data);
-      return;
-    }
     std::vector<const char*> names;
-    if (!told) names.push_back(name.c_str());
-    told = true;
+    if (!std::exchange(begun, true)) {
+      if (logical != nullptr) logical->KeysOf(name, keys);
+      // One that has been hung below another child is still reached through here.
+      if (!IsFurtherDown(name)) names.push_back(name.c_str());
+    }
     const std::size_t first = next;
     for (std::size_t size = 0; next < keys.size() && size < kNewsSize; ++next) {
       // Another child may have announced it since the lock was let go.
@@ -276,19 +287,25 @@ void Routing::ChildIsGone(const std::string& name) {
       names.push_back(keys[next].c_str());
       size += keys[next].size() + sizeof(CORBA::ULong);
     }
-    if (!names.empty()) TellParent("RouterUnregistered", AsNameList(names));
+    if (Envelope news;
+        !names.empty() && MakeNews("RouterUnregistered", names, !keys.empty(), news)) {
+      QueueForRouting(std::move(news));
+      FarewellMade();
+    }
     for (std::size_t i = first; i < next; ++i) logical->Remove(keys[i], name);
   } while (next < keys.size());
 }
 
 void Routing::UnregisterPeer(const std::string& name, bool isRouter) {
-  if (!isRouter && IsParentsName(name)) throw BrelixMessaging::NotRegistered();
+  if (!isRouter && table_.IsParentsName(name)) throw BrelixMessaging::NotRegistered();
+  const bool hasParent = table_.Parent() != nullptr;
   table_.Unregister(name);
   // Whatever goes wrong with the news, what waited for the peer is routed anew.
   const Drain drain(*this, table_.Find(name));
-  table_.WriteTable(false);
-  (isRouter ? routerUpdateNotifier_ : clientUpdateNotifier_).Unregistered(name);
-  if (isRouter) ChildIsGone(name);
+  Attempt("Routing::UnregisterPeer", name, [&] { table_.WriteTable(false); });
+  Attempt("Routing::UnregisterPeer", name,
+          [&] { (isRouter ? routerUpdateNotifier_ : clientUpdateNotifier_).Unregistered(name); });
+  if (isRouter && hasParent) ChildIsGone(name);
 }
 
 RouterTableEntry& Routing::FindForLogon(const std::string& name) {

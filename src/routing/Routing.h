@@ -2,8 +2,11 @@
 
 #include <BrelixMessaging.h>
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "routing/Dispatcher.h"
 #include "routing/Logical.h"
@@ -34,6 +37,8 @@ class Routing {
   // the map must have told so before another one's announcement of the name.
   // Lock order: before the table's lock and all leaves; envelopes are written beneath it.
   ThreadHelper::Mutex& MapMutex() { return mapMutex_; }
+  // To be called after each message that a router has gone, before MapMutex is let go.
+  void FarewellMade() { ++farewells_; }
   // The map of routers further down, or null. An old one is freed: replace it while no request and
   // no thread routes.
   void SetLogical(std::unique_ptr<Logical> logical);
@@ -77,19 +82,21 @@ class Routing {
   // `reachedAs` is the name under which the entry was found.
   RouterTableEntry* FindRoute(const std::string& name, std::string& reachedAs);
   RouterTableEntry& FindForLogon(const std::string& name);
-  // Under which no client can be known.
-  bool IsParentsName(const std::string& name) const;
-  // A message for the parent. What can't be told is logged, and false.
-  bool MakeNews(const std::string& event, const CORBA::Any& data, Envelope& news);
-  void TellParent(const std::string& event, const CORBA::Any& data);
-  // The parts of a registration and of its end that concern the map and the parent.
-  void ChildIsHere(const std::string& name, bool again);
+  // A message for the parent about these names. What can't be told is logged, and false.
+  static bool MakeNews(const std::string& event, const std::vector<const char*>& names, bool asList,
+                       Envelope& news);
+  // The parts of a registration and of its end that concern the map and the parent. `tell`: there
+  // was a parent before the table was changed; none is found in a table that has closed since.
+  void ChildIsHere(const std::string& name, bool again, bool tell);
   void ChildIsGone(const std::string& name);
+  // Whether the map leads to it through a child of ours.
+  bool IsFurtherDown(const std::string& name) const;
 
   RoutingHost& host_;
   RouterTable& table_;
   RouteQueue queue_;
   ThreadHelper::Mutex mapMutex_;
+  std::atomic<std::uint64_t> farewells_{0};
   UpdateNotifier routerUpdateNotifier_{*this, true};
   UpdateNotifier clientUpdateNotifier_{*this, false};
   Dispatcher dispatcher_{*this};

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -74,6 +75,30 @@ inline std::vector<CORBA::Any> OtherPayloads() {
   payloads[4] <<= CORBA::Any::from_wstring(const_cast<wchar_t*>(L"wide"), 0);
   return payloads;
 }
+
+// What the parent knows after it has heard, in their order, of the names that went up.
+class HeardAbove {
+ public:
+  explicit HeardAbove(std::set<std::string> names) : names_(std::move(names)) {}
+  void Hear(MessageRouter::Envelope& news) {
+    CORBA::Any any;
+    news.GetData(any);
+    const char* text = nullptr;
+    const BrelixMessaging::String_seq* list = nullptr;
+    if (any >>= text) Hear(news.Type(), text);
+    if (any >>= list) {
+      for (CORBA::ULong i = 0; i < list->length(); ++i) Hear(news.Type(), (*list)[i].in());
+    }
+  }
+  bool Knows(const std::string& name) const { return names_.contains(name); }
+
+ private:
+  void Hear(const std::string& type, const std::string& name) {
+    if (type == "MS-RouterRegistered") names_.insert(name);
+    if (type == "MS-RouterUnregistered") names_.erase(name);
+  }
+  std::set<std::string> names_;
+};
 
 // A client "asker" of this router, what it sends to the router, and what comes back.
 class DispatcherTest : public RoutingTest {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
@@ -61,7 +62,8 @@ class RoutingTest : public testing::Test {
 
   ScratchConfiguration configuration_;
   LogCapture log_;
-  FakeClock clock_;
+  // Each test has a second of its own: those that went before leave it all message ids.
+  FakeClock clock_{++lastSecond_};
   MessageRouter::EnvelopeStore store_;
   // While it lives, looks at the world whenever an envelope is about to be written.
   class StoreThatLooks : public MessageRouter::EnvelopeStore {
@@ -82,6 +84,8 @@ class RoutingTest : public testing::Test {
     const std::function<bool()> look_;
     std::vector<bool> seen_;
   };
+
+  static inline std::int64_t lastSecond_ = FakeClock::kDefaultWall;
 
   FakeRoutingHost host_;
   MessageRouter::RouterTable table_;

@@ -213,6 +213,25 @@ TEST_F(PeersTest, AChildThatGoesWhileItsNewsIsMadeIsNotAnnounced) {
   routing_.RegisterPeer("child", true);
   EXPECT_THAT(looks.Seen(), ElementsAre(true));
   EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+  EXPECT_FALSE(FileExists("00000000.msg"));
+}
+
+TEST_F(PeersTest, AClientOfANameThatTheParentOnceHadRegistersAndLogsOn) {
+  table_.AddParent("");
+  table_.SetParentName("agent");
+  EXPECT_THROW(routing_.RegisterPeer("agent", false), AlreadyRegistered);
+  EXPECT_THROW(routing_.UnregisterPeer("agent", false), NotRegistered);
+  table_.SetParentName("boss");
+  EXPECT_THROW(routing_.UnregisterPeer("agent", false), NotRegistered);
+  routing_.RegisterPeer("agent", false);
+  routing_.LogonClientPeer("agent", BrelixMessaging::EnvelopeConsumer::_nil(),
+                           BrelixMessaging::NotifyConsumer::_nil(), 0);
+  EXPECT_TRUE(table_.Find("agent")->IsLoggedOn());
+  EXPECT_FALSE(table_.Find("agent")->IsRouter());
+  EXPECT_FALSE(table_.Parent()->IsLoggedOn());
+  EXPECT_THROW(routing_.RegisterPeer("agent", false), AlreadyRegistered);
+  routing_.UnregisterPeer("agent", false);
+  EXPECT_TRUE(table_.Parent()->IsRegistered());
 }
 
 TEST_F(PeersTest, AChildRouterThatOnceLedThroughTheOneThatEndsIsNotTakenAlong) {

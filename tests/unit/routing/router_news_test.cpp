@@ -1,6 +1,5 @@
 // What this router makes of the news that routers below it come and go.
 #include <atomic>
-#include <set>
 #include <thread>
 
 #include "dispatcher_fixture.h"
@@ -249,30 +248,6 @@ TEST_F(StoppedNewsTest, AListOfGoneNamesThatIsStoppedLaterHasBeenToldAndIsFinish
 }
 
 // Both
-
-// What the parent knows after it has heard, in their order, of the names that went up.
-class HeardAbove {
- public:
-  explicit HeardAbove(std::set<std::string> names) : names_(std::move(names)) {}
-  void Hear(MessageRouter::Envelope& news) {
-    CORBA::Any any;
-    news.GetData(any);
-    const char* text = nullptr;
-    const BrelixMessaging::String_seq* list = nullptr;
-    if (any >>= text) Hear(news.Type(), text);
-    if (any >>= list) {
-      for (CORBA::ULong i = 0; i < list->length(); ++i) Hear(news.Type(), (*list)[i].in());
-    }
-  }
-  bool Knows(const std::string& name) const { return names_.contains(name); }
-
- private:
-  void Hear(const std::string& type, const std::string& name) {
-    if (type == "MS-RouterRegistered") names_.insert(name);
-    if (type == "MS-RouterUnregistered") names_.erase(name);
-  }
-  std::set<std::string> names_;
-};
 
 TEST_F(RouterNewsTest, ANameThatIsAnnouncedWhileItsFormerChildLeavesIsKnownAbove) {
   MessageRouter::Logical& map = AMap();
