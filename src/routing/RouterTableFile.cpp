@@ -223,6 +223,8 @@ RegEntry RouterTable::RecordOf(const Row& row) {
 
 std::string RouterTable::ComposeFile(const std::vector<Row>& rows) {
   std::ostringstream text;
+  // A row that finds no memory must not be missing from the file.
+  text.exceptions(std::ios::badbit);
   for (const Row& row : rows) {
     if (CanBeStored(row.name)) {
       RecordOf(row).write(text) << '\n';

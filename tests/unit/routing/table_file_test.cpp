@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "fixture.h"
+#include "support/AllocationFailure.h"
 #include "threads/FailLocks.h"
 
 namespace TestSupport {
@@ -312,6 +313,27 @@ TEST_F(TableFileTest, AForcedWriteThatAnExceptionEndedLeavesTheTableOpenAndIsOwe
   EXPECT_TRUE(TableText().starts_with("child.1."));
   table_.WriteTable(true);
   EXPECT_EQ(table_.Find("child"), nullptr);
+}
+
+TEST_F(TableFileTest, AForcedWriteThatFindsNoMemoryLeavesTheTableOpenAndIsOwed) {
+  const std::string name = "a name that takes memory of its own";
+  AClient(name);
+  std::size_t spared = 0;
+  for (bool failed = true; failed; ++spared) {
+    ASSERT_LT(spared, 1000u);
+    WriteTableText("old");
+    try {
+      const AllocationFailure failure(spared, 1);
+      table_.WriteTable(true);
+      failed = AllocationFailure::Happened();
+    } catch (const std::bad_alloc&) {
+      ASSERT_NE(table_.Find(name), nullptr) << spared;
+      table_.WriteOwed();
+    }
+    ASSERT_EQ(TableText(), name + ".0..\n") << spared;
+    if (table_.Find(name) == nullptr) table_.ReadTable(false);
+  }
+  EXPECT_GT(spared, 2u);
 }
 
 TEST_F(TableFileTest, AWriteThatGotALockTooFewIsOwed) {
