@@ -1,8 +1,5 @@
 #include "support/AllocationFailure.h"
 
-#include <cstdlib>
-#include <new>
-
 namespace TestSupport {
 namespace {
 
@@ -10,18 +7,6 @@ thread_local bool failing = false;
 thread_local bool happened = false;
 thread_local std::size_t successesLeft = 0;
 thread_local std::size_t failuresLeft = 0;
-
-void* Allocate(std::size_t size) {
-  if (failing && successesLeft > 0) {
-    --successesLeft;
-  } else if (failing && failuresLeft > 0) {
-    if (failuresLeft != AllocationFailure::kForGood) --failuresLeft;
-    happened = true;
-    throw std::bad_alloc();
-  }
-  if (void* const memory = std::malloc(size == 0 ? 1 : size)) return memory;
-  throw std::bad_alloc();
-}
 
 }  // namespace
 
@@ -40,6 +25,18 @@ bool AllocationFailure::Happened() {
   return happened;
 }
 
+bool AllocationFailure::IsDueNow() {
+  if (!failing) return false;
+  if (successesLeft > 0) {
+    --successesLeft;
+    return false;
+  }
+  if (failuresLeft == 0) return false;
+  if (failuresLeft != kForGood) --failuresLeft;
+  happened = true;
+  return true;
+}
+
 MemoryThere::MemoryThere() : before_(failing) {
   failing = false;
 }
@@ -49,15 +46,3 @@ MemoryThere::~MemoryThere() {
 }
 
 }  // namespace TestSupport
-
-void* operator new(std::size_t size) {
-  return TestSupport::Allocate(size);
-}
-
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}

@@ -6,8 +6,8 @@
 namespace TestSupport {
 
 // While it lives, `operator new` finds no memory in the thread that made it: after so many calls
-// that do, so many fail. A program that uses it gets operators of its own; whatever takes memory
-// without them still finds it.
+// that do, so many fail. Only in programs that link brelix_failing_allocation, whose operators ask
+// IsDueNow; whatever takes memory without them still finds it.
 class AllocationFailure {
  public:
   static constexpr std::size_t kForGood = std::numeric_limits<std::size_t>::max();
@@ -18,6 +18,8 @@ class AllocationFailure {
 
   // Whether a call has failed yet.
   static bool Happened();
+  // For the operators: counts this call.
+  static bool IsDueNow();
 };
 
 // While it lives, the thread finds memory: for fakes and for the steps of a test.
