@@ -22,8 +22,8 @@ void DecodeAny(const std::string& text, CORBA::Any& any);
 // EncodeAny gives for an Any with it. It ends at its first zero.
 std::string EncodeString(const std::string& text);
 
-// The string in what DecodeAny would give; empty if that is of another type. Throws what DecodeAny
-// throws.
+// The string in what DecodeAny would give; empty if that is of another type. Throws as DecodeAny
+// does, also for a value that can't be taken out of what DecodeAny takes.
 std::string DecodeString(std::string_view text);
 
 // Brings the codec to life in a process that has no ORB of its own (tools, tests, fuzz targets).

@@ -119,7 +119,7 @@ class Router : public RoutingHost, public ParentLogonHost {
   Routing routing_;
   GetterThread getterThread_;
   TimeoutThread timeoutThread_;
-  WorkerManagerBase senderPool_;
+  WorkerManagerBase senderPool_{RouterTableEntry::kSenderPool};
   RouterThread routerThread_;
   IOR_Sender iorSender_;
   ParentLogon parentLogon_;

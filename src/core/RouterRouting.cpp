@@ -110,9 +110,10 @@ void Router::doStopRouting() {
 // Requests may have held pointers to these until the broker's threads were gone.
 void Router::FreeCycleLeftovers() {
   routing_.EmptyRouteQueue();
-  routerTable_.FreeDetached();
+  // Its queue may still name entries.
   notificationThresholdThread_ = nullptr;
   notificationThresholdOwner_.reset();
+  routerTable_.FreeDetached();
   routing_.SetLogical(nullptr);
 }
 

@@ -16,7 +16,8 @@ namespace MessageRouter {
 // Threads: any.
 class EntryQueue {
  public:
-  explicit EntryQueue(RouterTableEntry::Pool pool = RouterTableEntry::kSenderPool);
+  // The only one of that pool: an entry has one place for each.
+  explicit EntryQueue(RouterTableEntry::Pool pool);
 
   void Put(RouterTableEntry* entry) noexcept;
   // Does nothing if the entry stands in the queue by an earlier call of this.

@@ -4,6 +4,7 @@
 #include "delivery/EndOfVisit.h"
 #include "envelope/Address.h"
 #include "logging/Log.h"
+#include "routing/Quietly.h"
 #include "routing/Routing.h"
 
 namespace MessageRouter {
@@ -43,21 +44,28 @@ NotificationThresholdWorker::~NotificationThresholdWorker() {
 }
 
 void NotificationThresholdWorker::ProcessEntry(RouterTableEntry& entry) {
+  const auto log = [&entry](const char* outcome) {
+    if (!LogEnabled(kLogDebug)) return;
+    Quietly([&] {
+      LogDebug("%s NotificationThreshold call to %s\n", outcome, Shown(entry.Name()).c_str());
+    });
+  };
+  // From the claim on nothing but the call may fail: the peer would pay for it with its
+  // notifications.
   ThresholdCall call(entry);
   if (!call.Acquired()) return;
   const RouterTableEntry::PeerReferences peer = entry.References();
   BrelixMessaging::NotifyConsumer_ptr notify = peer.notifyConsumer.in();
   // The reference of a new session is not this claim's.
   if (CORBA::is_nil(notify) || !call.SameSession()) return;
-  const std::string name = Shown(entry.Name());
   CORBA::Long threshold = 0;
   try {
     threshold = Broker::RepeatOnce([notify] { return notify->NotificationThreshold(); });
   } catch (const CORBA::Exception&) {
-    LogDebug("Failed NotificationThreshold call to %s\n", name.c_str());
+    log("Failed");
     return;
   }
-  LogDebug("Successful NotificationThreshold call to %s\n", name.c_str());
+  log("Successful");
   call.Answered(threshold);
   if (Routing* routing = Cycle::Current()) routing->Host().OfferToSenders(entry);
 }

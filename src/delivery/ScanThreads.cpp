@@ -1,7 +1,5 @@
 #include "delivery/ScanThreads.h"
 
-#include <new>
-
 #include "delivery/GetterWorker.h"
 #include "delivery/NotificationThresholdWorker.h"
 #include "delivery/TimeoutWorker.h"
@@ -39,12 +37,8 @@ void ScanThread::Process() {
   const auto factory = MakeFactory();
   manager_.Start(*factory, workerCount_);
   while (!IsTerminated()) {
-    try {
-      LogTrace("%s::Process() checking table\n", name_);
-      table_.Scan(*this);
-    } catch (const std::bad_alloc& exception) {
-      Quietly([&] { LogCaughtException(name_, exception, ""); });
-    }
+    LogTrace("%s::Process() checking table\n", name_);
+    table_.Scan(*this);
     Wait(periodSeconds_, 0);
   }
   manager_.Stop();

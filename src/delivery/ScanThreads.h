@@ -17,8 +17,7 @@ class RouterTableScanner : public FunctionClassBase {
 };
 
 // A thread that wakes at a fixed period, walks the table and offers each entry that qualifies to
-// its pool. It never calls a peer. A period of 0 scans once and then sleeps until the stop. A scan
-// that runs out of memory leaves the rest of the table to the next one.
+// its pool. It never calls a peer. A period of 0 scans once and then sleeps until the stop.
 class ScanThread : public ThreadHelper::StoppableThreadHelper, public RouterTableScanner {
  public:
   // Opens the pool, which otherwise takes entries only from the first steps of the thread on.

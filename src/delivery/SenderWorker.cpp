@@ -100,7 +100,7 @@ void SenderWorker::SendQueue(const Visit& visit, Consumer* consumer) {
       ++count;
     }
     // Only now, after the delivery, does the file go away.
-    envelope.Retire();
+    Quietly([&envelope] { envelope.Retire(); });
   }
 }
 
@@ -123,9 +123,7 @@ bool SenderWorker::Send(const Visit& visit, Consumer* consumer, EnvelopeQueue::T
   } catch (const std::exception& exception) {
     Quietly([&] { LogCaughtException(kWorkerName, exception, ""); });
     // A broken envelope is dropped like a delivered one, or it would stand in the way for ever.
-    bool broken = false;
-    Quietly([&] { broken = IsDiscardableError(exception, envelope); });
-    if (broken) return true;
+    if (IsDiscardableError(exception, envelope)) return true;
     Quietly([&] {
       LogError("Failed to send message (%s) because of exception, adding message back to queue\n",
                envelope.DescribeShort().c_str());
@@ -162,6 +160,7 @@ void SenderWorker::NotifyPeer(RouterTableEntry& entry, LogonGeneration session,
                               BrelixMessaging::NotifyConsumer_ptr notify, const std::string& name) {
   // Nothing may fail between the claim and the report of the outcome.
   const auto log = [&name](const char* what) {
+    if (!LogEnabled(kLogDebug)) return;
     Quietly([&] { LogDebug("%s %s\n", what, Shown(name).c_str()); });
   };
   // Wanted anew each time, so that a second one runs in the same state as the first, and its

@@ -3,6 +3,7 @@
 #include "delivery/VisitFailure.h"
 #include "envelope/Address.h"
 #include "logging/Log.h"
+#include "routing/Quietly.h"
 
 namespace MessageRouter {
 
@@ -18,7 +19,9 @@ void TimeoutWorker::ProcessEntry(RouterTableEntry& entry) {
       entry.RetireExpired([this] { return !IsTerminated(); });
     }
     if (entry.PullTimedOut(session)) {
-      LogInfo("Communications timeout, logging %s off\n", Shown(entry.Name()).c_str());
+      Quietly([&entry] {
+        LogInfo("Communications timeout, logging %s off\n", Shown(entry.Name()).c_str());
+      });
       entry.LogoffSession(session);
     }
   } catch (...) {

@@ -44,7 +44,7 @@ class WorkerFactory : public WorkerFactoryBase {
 // Start.
 class WorkerManagerBase {
  public:
-  explicit WorkerManagerBase(RouterTableEntry::Pool pool = RouterTableEntry::kSenderPool);
+  explicit WorkerManagerBase(RouterTableEntry::Pool pool);
   ~WorkerManagerBase();
   WorkerManagerBase(const WorkerManagerBase&) = delete;
   WorkerManagerBase& operator=(const WorkerManagerBase&) = delete;

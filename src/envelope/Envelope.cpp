@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <new>
 #include <stdexcept>
 #include <type_traits>
 #include <typeinfo>
@@ -212,8 +213,12 @@ bool IsDiscardableError(const std::exception& exception, const Envelope& envelop
       return false;
     }
   }
-  LogError("Discarding invalid envelope id=%08X, type=%s\n", envelope.MessageId(),
-           Shown(envelope.Type()).c_str());
+  // Without memory for the line it is no less broken.
+  try {
+    LogError("Discarding invalid envelope id=%08X, type=%s\n", envelope.MessageId(),
+             Shown(envelope.Type()).c_str());
+  } catch (const std::bad_alloc&) {
+  }
   return true;
 }
 

@@ -12,6 +12,8 @@
 #include <array>
 #include <atomic>
 #include <cstdlib>
+#include <new>
+#include <utility>
 
 #include "logging/Log.h"
 #include "platform/Clock.h"
@@ -103,7 +105,7 @@ Backend::Backend(const char* name, const std::string& directory, std::uint32_t f
       fileCount_(std::max(fileCount, kFewestFiles)),
       console_(console) {
   BaseName() = BaseNameOf(name);
-  OpenFile();
+  OpenFile(NewPath());
   Purge();
 }
 
@@ -143,7 +145,11 @@ ssize_t Backend::log(ACE_Log_Record& record) {
   if (console_) std::fputs(line_.c_str(), stderr);
   if (!inRotation_) {
     inRotation_ = true;
-    CheckSize();
+    // Without memory the file is looked at again with the next record.
+    try {
+      CheckSize();
+    } catch (const std::bad_alloc&) {
+    }
     inRotation_ = false;
   } else if (stream_ != nullptr) {
     std::fflush(stream_);
@@ -156,15 +162,19 @@ void Backend::SyncCurrentFile() {
   if (handle != ACE_INVALID_HANDLE) ACE_OS::fsync(handle);
 }
 
-void Backend::OpenFile() {
+std::string Backend::NewPath() const {
   const std::time_t now = Platform::Clock::Instance().WallSeconds();
   std::tm utc{};
   ACE_OS::gmtime_r(&now, &utc);
   std::array<char, 32> stamp{};
   std::strftime(stamp.data(), stamp.size(), "-%Y%m%d-%H%M%S.log", &utc);
-  path_ = directory_ + BaseName() + stamp.data();
-  path_.erase(std::min(path_.find('\0'), path_.size()));
+  std::string path = directory_ + BaseName() + stamp.data();
+  path.erase(std::min(path.find('\0'), path.size()));
+  return path;
+}
 
+void Backend::OpenFile(std::string path) {
+  path_ = std::move(path);
   stream_ = std::fopen(path_.c_str(), "wte");
   if (stream_ != nullptr) currentHandle = ACE_OS::fileno(stream_);
   LogOpening();
@@ -190,9 +200,11 @@ void Backend::CheckSize() {
   if (stream_ == nullptr) return;
   std::fflush(stream_);
   if (static_cast<std::int32_t>(std::ftell(stream_)) < maxSize_) return;
+  // Made first: a file that is closed must be followed by one.
+  std::string next = NewPath();
   LogInfo("EOF: %s\n", path_.c_str());
   CloseFile();
-  OpenFile();
+  OpenFile(std::move(next));
   Purge();
 }
 

@@ -49,7 +49,8 @@ class Backend : public ACE_Log_Msg_Backend {
   static void SyncCurrentFile();
 
  private:
-  void OpenFile();
+  std::string NewPath() const;  // of a file that begins now
+  void OpenFile(std::string path);
   void CloseFile();
   void CheckSize();
   void Purge();

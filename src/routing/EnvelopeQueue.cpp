@@ -239,7 +239,8 @@ void EnvelopeQueue::TakeExpired(std::vector<Envelope>& out, std::size_t limit) {
 }
 
 void EnvelopeQueue::TakeAll(std::vector<Envelope>& out) {
-  out.reserve(out.size() + count_);
+  // Not for each of many queues in turn: every time all before it would be moved.
+  if (out.empty()) out.reserve(count_);
   while (Item* item = NextItem()) Remove(*item, out.emplace_back());
 }
 

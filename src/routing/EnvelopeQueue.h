@@ -18,9 +18,9 @@ namespace MessageRouter {
 // The envelopes that wait for one peer. The highest priority leaves first, and among equals the
 // oldest; what was put back leaves before all.
 // Every operation takes the same time whatever waits, up to the number of different priorities and
-// expiry times. Beside the envelope itself each one costs about 90 bytes, and 60 more for each
-// second in which one of them expires.
-// Threads: the owner's lock guards it. No file is touched here.
+// expiry times, and of those that were put back while there was no memory to list them. Beside the
+// envelope itself each one costs about 90 bytes, and 60 more for each second in which one of them
+// expires. Threads: the owner's lock guards it. No file is touched here.
 class EnvelopeQueue {
   struct Item;
   using List = std::list<Item>;
@@ -32,6 +32,8 @@ class EnvelopeQueue {
    public:
     Taken() = default;
     explicit Taken(Envelope&& envelope);
+    Taken(Taken&&) = default;
+    Taken& operator=(Taken&&) = default;
     bool Empty() const { return item_.empty(); }
     Envelope& Get();  // not of an empty one
 
@@ -64,7 +66,9 @@ class EnvelopeQueue {
   // for another call.
   static constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
   void TakeExpired(std::vector<Envelope>& out, std::size_t limit = kNoLimit);
-  void TakeAll(std::vector<Envelope>& out);  // in the order of leaving; throws std::bad_alloc first
+  // In the order of leaving, behind what `out` has. Throws std::bad_alloc: before anything is taken
+  // if `out` is empty, else what is left stays.
+  void TakeAll(std::vector<Envelope>& out);
 
  private:
   struct Item : EnvelopeIndex::Link {

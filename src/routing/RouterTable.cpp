@@ -202,11 +202,14 @@ void RouterTable::Clear() {
   std::vector<Envelope> leftovers;
   WriteGuard guard(mutex_);
   if (!guard) return;
-  closed_ = true;
-  parent_ = nullptr;
   for (const auto& [name, entry] : rows_) {
     if (IsChildRouter(*entry, name)) clearedChildren_.insert(name);
   }
+  dismissed.reserve(entries_.size());
+  detached_.reserve(detached_.size() + entries_.size());
+  // From here on nothing may fail: half a table can't be cleared again.
+  closed_ = true;
+  parent_ = nullptr;
   rows_.clear();
   for (std::unique_ptr<RouterTableEntry>& entry : entries_) {
     entry->Detach(dismissed.emplace_back(), leftovers);

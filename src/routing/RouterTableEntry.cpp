@@ -269,7 +269,8 @@ void RouterTableEntry::Detach(Dismissed& dismissed, std::vector<Envelope>& lefto
   detached_ = true;
   ResetLocked(dismissed);
   registered_ = false;
-  envelopes_.TakeAll(leftovers);
+  // What finds no memory goes with the entry.
+  Quietly([&] { envelopes_.TakeAll(leftovers); });
 }
 
 bool RouterTableEntry::TakeOver(const std::string& name, std::vector<Envelope>& leftovers) {

@@ -149,9 +149,11 @@ bool RouterTableEntry::readyForNotifiedPoll() {
     supplierState_ = kPollNotified;
   }
   // From here on nothing may fail: the caller is the one who brings the entry to a getter.
-  Quietly([this] {
-    LogDebug("RouterTableEntry::readyForNotifiedPoll(): await poll of %s\n", Name().c_str());
-  });
+  if (LogEnabled(kLogDebug)) {
+    Quietly([this] {
+      LogDebug("RouterTableEntry::readyForNotifiedPoll(): await poll of %s\n", Name().c_str());
+    });
+  }
   return true;
 }
 
@@ -184,7 +186,7 @@ void RouterTableEntry::successfulGet(LogonGeneration generation) {
       again = std::exchange(notifiedWhilePolled_, false);
     }
   }
-  if (current) {
+  if (current && LogEnabled(kLogDebug)) {
     Quietly([this] {
       LogDebug("RouterTableEntry::successfulGet(): re-started polling interval for %s\n",
                Name().c_str());

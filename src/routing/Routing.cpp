@@ -14,6 +14,7 @@
 #include "logging/Log.h"
 #include "platform/Process.h"
 #include "routing/NameList.h"
+#include "routing/Quietly.h"
 
 namespace MessageRouter {
 
@@ -252,8 +253,11 @@ void Routing::RegisterPeer(const std::string& name, bool isRouter) {
 
 Routing::Drain::~Drain() {
   if (entry_ == nullptr) return;
-  Envelope waiting;
-  while (entry_->PopUnroutable(waiting)) routing_.QueueForRouting(std::move(waiting));
+  // What finds no memory waits on disk for the next cycle.
+  Quietly([this] {
+    Envelope waiting;
+    while (entry_->PopUnroutable(waiting)) routing_.QueueForRouting(std::move(waiting));
+  });
 }
 
 bool Routing::IsFurtherDown(const std::string& name) const {

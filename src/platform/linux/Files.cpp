@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "platform/Process.h"
 #include "platform/linux/Descriptor.h"
@@ -60,11 +61,9 @@ int FillReplacement(int file, const struct stat* old, std::string_view content, 
 }  // namespace
 
 std::string RealPath(const std::string& path) {
-  char* const resolved = realpath(path.c_str(), nullptr);
-  if (resolved == nullptr) return path;
-  std::string result(resolved);
-  std::free(resolved);
-  return result;
+  const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr),
+                                                             &std::free);
+  return resolved == nullptr ? path : resolved.get();
 }
 
 int WriteAll(int descriptor, std::string_view content) {

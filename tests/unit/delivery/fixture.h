@@ -120,7 +120,7 @@ class DeliveryTest : public testing::Test {
   TestSupport::FakeRoutingHost host;
   MessageRouter::RouterTable table;
   MessageRouter::Routing routing;
-  MessageRouter::WorkerManagerBase pool;
+  MessageRouter::WorkerManagerBase pool{MessageRouter::RouterTableEntry::kSenderPool};
 };
 
 }  // namespace DeliveryTests

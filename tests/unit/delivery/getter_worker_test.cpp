@@ -360,6 +360,7 @@ TEST_F(GetterWorkerTest, FailureWithoutMemoryLogsThePeerOff) {
       throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
     };
     poll();
+    EXPECT_TRUE(TestSupport::AllocationFailure::Happened());
   }
   EXPECT_EQ(peer->count, 2);
   EXPECT_FALSE(other.IsLoggedOn());

@@ -224,7 +224,7 @@ TEST_F(PoolTest, TakesEntriesFromOpenOnAndKeepsThemForTheWorkers) {
 }
 
 TEST_F(PoolTest, GetWokenByAStopWithAnEmptyQueueReturnsNull) {
-  EntryQueue queue;
+  EntryQueue queue{RouterTableEntry::kSenderPool};
   RouterTableEntry* got = &first;
   std::thread waiting([&] { got = queue.Get(); });
   queue.SetStopping(true);
@@ -233,7 +233,7 @@ TEST_F(PoolTest, GetWokenByAStopWithAnEmptyQueueReturnsNull) {
 }
 
 TEST_F(PoolTest, GetReturnsNullWhileStoppingWhateverWaits) {
-  EntryQueue queue;
+  EntryQueue queue{RouterTableEntry::kSenderPool};
   queue.Put(&first);
   queue.SetStopping(true);
   EXPECT_EQ(queue.Get(), nullptr);

@@ -370,28 +370,6 @@ TEST_F(ScanTest, PollThatIsFoundDueWithoutMemoryReachesTheGetters) {
   EXPECT_TRUE(TestSupport::AllocationFailure::Happened());
 }
 
-TEST_F(ScanTest, ScanThatRunsOutOfMemoryIsFollowedByTheNext) {
-  class Failing : public TimeoutThread {
-   public:
-    using TimeoutThread::TimeoutThread;
-    ~Failing() override { Stop(); }
-    void CheckEntry(RouterTableEntry&) override {
-      if (++scans == 1) throw std::bad_alloc();
-    }
-    std::atomic<int> scans{0};
-  } thread(table);
-  AClient();
-  thread.Configure(3600, 1);
-  thread.Start();
-  // The period of the first scan is cut short, once it has begun.
-  EXPECT_TRUE(Eventually([&] {
-    if (thread.scans > 0) thread.Signal();
-    return thread.scans > 1;
-  }));
-  thread.Stop();
-  EXPECT_TRUE(log.Has(MessageRouter::kLogError, "TimeoutThread: Caught std::bad_alloc \n"));
-}
-
 TEST_F(ScanTest, ActiveSupplierIsNeverPolled) {
   Exposed<GetterThread> thread(table);
   RouterTableEntry& entry = APullingRouter();

@@ -162,6 +162,7 @@ TEST_F(SenderTest, FailureWithoutMemoryPutsTheEnvelopeBackAndLogsThePeerOff) {
       Visit(entry);
     } catch (const std::bad_alloc&) {
     }
+    EXPECT_TRUE(AllocationFailure::Happened());
   }
   EXPECT_EQ(peer->count, 2);
   EXPECT_FALSE(entry.IsLoggedOn());
@@ -214,6 +215,7 @@ TEST_F(SenderTest, LostParentIsToldWithoutMemory) {
       Visit(parent);
     } catch (const std::bad_alloc&) {
     }
+    EXPECT_TRUE(AllocationFailure::Happened());
   }
   EXPECT_EQ(host.LinksLost(), before + 1);
 }
