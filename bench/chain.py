@@ -6,7 +6,9 @@ The messages of a rate are queued at the first router while nobody can take them
 the first to the last arrival at the client of the last router. One hop is measured in two ways: so,
 and fed by a neighbour while it delivers, as bench/hop_rate.py does.
 
-What one message costs in processor time through one hop and through three is printed beside it.
+What one message costs in processor time through one hop and through three is printed beside it, and
+what the ratio could be at best with the processors that there are: three hops are three pushes and
+three receipts.
 
 Ends with 1 if a limit is missed: a pulled link at least half of a pushed one, the median latency
 under 15 bare calls, both at a moderate pace and both one after the other, and three hops at least
@@ -121,12 +123,14 @@ def measure_rate(stage, names, settings, count, down=False):
 def measure_latency(stage, names, settings, messages, pace):
     """One message at a time, through all routers, `pace` a second or each as soon as the one before
     has arrived. They come from a client, or, at full speed, from a neighbour: a router gives its own
-    clients' messages 128 new ids a second at most."""
+    clients' messages 128 new ids a second at most. What the last router does after the client has the
+    message is not part of its latency, and may fall upon the next one."""
     arrivals = stage.folder / "arrivals"
     arrivals.unlink(missing_ok=True)
     os.mkfifo(arrivals)
     chain = Chain(stage, names, settings)
-    chain.open(messages + 20, "--arrivals", arrivals)
+    limit = 60 + (messages / pace if pace else messages / 100)
+    chain.open(messages + 20, "--arrivals", arrivals, "--limit", str(round(limit)))
     chain.start(chain.first)
     chain.wait_attached(chain.first)
     sender = (["--identity", stage.identity("agent", "none"), "--as-client", "--rate", pace] if pace
@@ -173,7 +177,10 @@ class Round:
               f"is fed meanwhile {self.ratio('three hops, fed', chain, fed['per_second'])}; "
               "processor time of one hop against three "
               f"{self.ratio('processor time', sum(queued_cpu), sum(chain_cpu))}, and of one that is "
-              f"fed {(fed['cpu_us'] + fed['ends_cpu_us']) / sum(chain_cpu):.2f}", flush=True)
+              f"fed {(fed['cpu_us'] + fed['ends_cpu_us']) / sum(chain_cpu):.2f}\n"
+              "at best, if three hops took three times the processor time of the one: "
+              f"{self.ratio('three hops, at best', os.cpu_count() * 1e6, 3 * queued * sum(queued_cpu))}",
+              flush=True)
 
     def links(self):
         for what, names, down in (("fetched from the child", ["leaf", "top"], False),

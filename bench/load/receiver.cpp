@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 
 #include "Latencies.h"
@@ -20,7 +21,9 @@ class CountingSink : public ClientLibrary::EnvelopeSink {
  public:
   // `arrivals`: a named pipe that gets a byte for each message; none if empty.
   CountingSink(unsigned wanted, const std::string& arrivals) : wanted_(wanted) {
-    if (!arrivals.empty()) arrivals_.open(arrivals, std::ios::in | std::ios::out);
+    if (arrivals.empty()) return;
+    arrivals_.open(arrivals, std::ios::in | std::ios::out);
+    if (!arrivals_.is_open()) throw std::runtime_error("can't open " + arrivals);
   }
 
   bool Take(const BrelixMessaging::Envelope& envelope) override {

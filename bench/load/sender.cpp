@@ -100,7 +100,9 @@ struct Load {
 class Arrivals {
  public:
   explicit Arrivals(const std::string& pipe) {
-    if (!pipe.empty()) stream_.open(pipe, std::ios::binary);
+    if (pipe.empty()) return;
+    stream_.open(pipe, std::ios::binary);
+    if (!stream_.is_open()) throw std::runtime_error("can't open " + pipe);
   }
   void AwaitOne() {
     if (stream_.is_open() && stream_.get() == std::ifstream::traits_type::eof()) {
@@ -116,10 +118,11 @@ class Arrivals {
 void Run(const Load& load, std::vector<Envelope>& envelopes,
          const std::function<void(const Envelope&)>& send) {
   CORBA::Long id = 1;
+  bool warm = false;
   const auto next = [&]() -> const Envelope& {
     Envelope& envelope = envelopes[static_cast<std::size_t>(id) % envelopes.size()];
     envelope.message_id = id++;
-    if (load.stamp) {
+    if (load.stamp && warm) {
       envelope.client_info.custom_data <<= Bench::StampedText(load.payload).c_str();
     }
     return envelope;
@@ -130,6 +133,7 @@ void Run(const Load& load, std::vector<Envelope>& envelopes,
     arrivals.AwaitOne();
   };
   for (unsigned i = 0; i < load.warmup; ++i) sendNext();
+  warm = true;
   Bench::Latencies latencies;
   const auto begin = SteadyClock::now();
   for (unsigned i = 0; i < load.count; ++i) {

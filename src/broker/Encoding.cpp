@@ -46,16 +46,37 @@ std::string ToText(const unsigned char* bytes, std::size_t size) {
   return text;
 }
 
+// Words, because the stream reads in place and wants an 8-aligned beginning.
+using Words = std::vector<std::uint64_t>;
+
+// A thread's own, from call to call; gives back what is too much to keep.
+class KeptWords {
+ public:
+  KeptWords() = default;
+  ~KeptWords() {
+    if (Kept().capacity() > kKeptBytes / sizeof(Words::value_type)) Words().swap(Kept());
+  }
+  KeptWords(const KeptWords&) = delete;
+  KeptWords& operator=(const KeptWords&) = delete;
+
+  Words& Get() { return Kept(); }
+
+ private:
+  static Words& Kept() {
+    thread_local Words words;
+    return words;
+  }
+};
+
 void Extract(const std::string& text, CORBA::Any& any) {
-  // Words, because the stream reads in place and wants an 8-aligned beginning.
-  thread_local std::vector<std::uint64_t> words;
+  KeptWords kept;
+  Words& words = kept.Get();
   const std::size_t size = text.size() / 2;
   words.resize(size / sizeof words[0] + 1);
   HexDigits::Read(text.data(), size, reinterpret_cast<unsigned char*>(words.data()));
   cdrMemoryStream stream(words.data(), size);
   Prepare(stream);
   any <<= stream;
-  if (words.size() > kKeptBytes / sizeof words[0]) std::vector<std::uint64_t>().swap(words);
 }
 
 // An Any with a string: its type code (an unbounded string), its length with the zero at its end,

@@ -6,6 +6,7 @@
 
 #include "broker/CorbaExceptions.h"
 #include "logging/Log.h"
+#include "routing/Quietly.h"
 
 namespace MessageRouter {
 
@@ -16,11 +17,11 @@ void Step(const char* what, Function&& step) {
   try {
     step();
   } catch (const CORBA::Exception& exception) {
-    LogCaughtCorbaException("RouterCycle", exception, what);
+    Quietly([&] { LogCaughtCorbaException("RouterCycle", exception, what); });
   } catch (const std::exception& exception) {
-    LogCaughtException("RouterCycle", exception, what);
+    Quietly([&] { LogCaughtException("RouterCycle", exception, what); });
   } catch (...) {
-    LogError("RouterCycle: Caught unknown exception %s\n", what);
+    Quietly([&] { LogError("RouterCycle: Caught unknown exception %s\n", what); });
   }
 }
 

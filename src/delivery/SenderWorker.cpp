@@ -100,7 +100,7 @@ void SenderWorker::SendQueue(const Visit& visit, Consumer* consumer) {
       ++count;
     }
     // Only now, after the delivery, does the file go away.
-    Quietly([&envelope] { envelope.Retire(); });
+    envelope.Retire();
   }
 }
 

@@ -13,7 +13,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
-#include <utility>
 
 #include "logging/Log.h"
 #include "platform/Clock.h"
@@ -26,6 +25,7 @@ constexpr std::uint32_t kSmallestMaximum = 1024;
 constexpr std::uint32_t kFewestFiles = 2;
 constexpr char kExtension[] = ".log";
 constexpr std::size_t kExtensionLength = 4;
+constexpr std::size_t kStampSize = 32;
 
 // Shared by all backends: the folder's filter takes no context.
 std::string& BaseName() {
@@ -105,7 +105,7 @@ Backend::Backend(const char* name, const std::string& directory, std::uint32_t f
       fileCount_(std::max(fileCount, kFewestFiles)),
       console_(console) {
   BaseName() = BaseNameOf(name);
-  OpenFile(NewPath());
+  OpenFile();
   Purge();
 }
 
@@ -162,19 +162,18 @@ void Backend::SyncCurrentFile() {
   if (handle != ACE_INVALID_HANDLE) ACE_OS::fsync(handle);
 }
 
-std::string Backend::NewPath() const {
+void Backend::OpenFile() {
   const std::time_t now = Platform::Clock::Instance().WallSeconds();
   std::tm utc{};
   ACE_OS::gmtime_r(&now, &utc);
-  std::array<char, 32> stamp{};
+  std::array<char, kStampSize> stamp{};
   std::strftime(stamp.data(), stamp.size(), "-%Y%m%d-%H%M%S.log", &utc);
-  std::string path = directory_ + BaseName() + stamp.data();
-  path.erase(std::min(path.find('\0'), path.size()));
-  return path;
-}
+  // In place: CheckSize has made room.
+  path_ = directory_;
+  path_ += BaseName();
+  path_ += stamp.data();
+  path_.erase(std::min(path_.find('\0'), path_.size()));
 
-void Backend::OpenFile(std::string path) {
-  path_ = std::move(path);
   stream_ = std::fopen(path_.c_str(), "wte");
   if (stream_ != nullptr) currentHandle = ACE_OS::fileno(stream_);
   LogOpening();
@@ -200,27 +199,31 @@ void Backend::CheckSize() {
   if (stream_ == nullptr) return;
   std::fflush(stream_);
   if (static_cast<std::int32_t>(std::ftell(stream_)) < maxSize_) return;
-  // Made first: a file that is closed must be followed by one.
-  std::string next = NewPath();
+  // Before one file is closed: another must follow it.
+  path_.reserve(directory_.size() + BaseName().size() + kStampSize);
   LogInfo("EOF: %s\n", path_.c_str());
   CloseFile();
-  OpenFile(std::move(next));
+  OpenFile();
   Purge();
 }
 
 void Backend::Purge() {
   if (stream_ == nullptr) return;
-  ACE_DIRENT** names = nullptr;
-  const int count = ACE_OS::scandir(directory_.c_str(), &names, &IsLogFile, &NewestFirst);
-  for (int i = 0; i < count; ++i) {
-    if (static_cast<std::uint32_t>(i) >= fileCount_) {
-      const std::string path = directory_ + names[i]->d_name;
-      LogInfo("UNLINK: %s\n", path.c_str());
-      ACE_OS::unlink(path.c_str());
+  struct Names {
+    ACE_DIRENT** first = nullptr;
+    int count = 0;
+    ~Names() {
+      for (int i = 0; i < count; ++i) std::free(first[i]);
+      std::free(first);
     }
-    std::free(names[i]);
+  } names;
+  names.count = ACE_OS::scandir(directory_.c_str(), &names.first, &IsLogFile, &NewestFirst);
+  for (int i = 0; i < names.count; ++i) {
+    if (static_cast<std::uint32_t>(i) < fileCount_) continue;
+    const std::string path = directory_ + names.first[i]->d_name;
+    LogInfo("UNLINK: %s\n", path.c_str());
+    ACE_OS::unlink(path.c_str());
   }
-  if (count >= 0) std::free(names);
 }
 
 const std::string& Backend::TimePrefix() {

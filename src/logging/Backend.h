@@ -49,8 +49,7 @@ class Backend : public ACE_Log_Msg_Backend {
   static void SyncCurrentFile();
 
  private:
-  std::string NewPath() const;  // of a file that begins now
-  void OpenFile(std::string path);
+  void OpenFile();
   void CloseFile();
   void CheckSize();
   void Purge();

@@ -1,5 +1,6 @@
 #include "routing/RouterTable.h"
 
+#include <new>
 #include <utility>
 
 #include "config/Configuration.h"
@@ -196,25 +197,32 @@ void RouterTable::ScanLocked(FunctionClassBase& function) const {
   for (const auto& [name, entry] : rows_) function(name, *entry);
 }
 
+// Whatever memory there is: the next cycle must not begin with what is left of this one.
 void RouterTable::Clear() {
   // Released, and their envelopes freed, when no lock is held.
   std::vector<RouterTableEntry::Dismissed> dismissed;
   std::vector<Envelope> leftovers;
   WriteGuard guard(mutex_);
   if (!guard) return;
-  for (const auto& [name, entry] : rows_) {
-    if (IsChildRouter(*entry, name)) clearedChildren_.insert(name);
-  }
-  dismissed.reserve(entries_.size());
-  detached_.reserve(detached_.size() + entries_.size());
-  // From here on nothing may fail: half a table can't be cleared again.
   closed_ = true;
   parent_ = nullptr;
-  rows_.clear();
-  for (std::unique_ptr<RouterTableEntry>& entry : entries_) {
-    entry->Detach(dismissed.emplace_back(), leftovers);
-    detached_.push_back(std::move(entry));
+  try {
+    for (const auto& [name, entry] : rows_) {
+      if (IsChildRouter(*entry, name)) clearedChildren_.insert(name);
+    }
+    dismissed.reserve(entries_.size());
+  } catch (const std::bad_alloc&) {
+    // What has no place among the dismissed is released here and now.
   }
+  rows_.clear();
+  for (const std::unique_ptr<RouterTableEntry>& entry : entries_) {
+    RouterTableEntry::Dismissed released;
+    const bool hasPlace = dismissed.size() < dismissed.capacity();
+    entry->Detach(hasPlace ? dismissed.emplace_back() : released, leftovers);
+  }
+  // There are some only where a cycle's end did not free them.
+  if (detached_.empty()) detached_.swap(entries_);
+  for (std::unique_ptr<RouterTableEntry>& entry : entries_) detached_.push_back(std::move(entry));
   entries_.clear();
 }
 

@@ -1,5 +1,6 @@
 #include "routing/RouterTableEntry.h"
 
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -269,8 +270,11 @@ void RouterTableEntry::Detach(Dismissed& dismissed, std::vector<Envelope>& lefto
   detached_ = true;
   ResetLocked(dismissed);
   registered_ = false;
-  // What finds no memory goes with the entry.
-  Quietly([&] { envelopes_.TakeAll(leftovers); });
+  try {
+    envelopes_.TakeAll(leftovers);
+  } catch (const std::bad_alloc&) {
+    // What finds no memory goes with the entry.
+  }
 }
 
 bool RouterTableEntry::TakeOver(const std::string& name, std::vector<Envelope>& leftovers) {

@@ -62,6 +62,8 @@ std::vector<RegEntry> ParseTableFile(const std::string& text, std::size_t& badLi
     ++number;
     if (lineText.find_first_not_of("\r\n") == std::string::npos) continue;
     std::istringstream line(lineText);
+    // Too little memory is not damage: a stream would keep it to itself.
+    line.exceptions(std::ios::badbit);
     RegEntry record;
     record.read(line);
     if (!line.good()) {

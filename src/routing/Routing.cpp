@@ -40,9 +40,9 @@ bool Attempt(const char* where, const std::string& what, Work&& work) {
     work();
     return true;
   } catch (const CORBA::Exception& exception) {
-    LogCaughtCorbaException(where, exception, what.c_str());
+    Quietly([&] { LogCaughtCorbaException(where, exception, what.c_str()); });
   } catch (const std::exception& exception) {
-    LogCaughtException(where, exception, what.c_str());
+    Quietly([&] { LogCaughtException(where, exception, what.c_str()); });
   }
   return false;
 }
@@ -224,8 +224,9 @@ void Routing::ChildIsHere(const std::string& name, bool again, bool tell) {
   // After a restart the order of the files is that of the news: a farewell that was made meanwhile
   // may be this one's, and must not come after it.
   if (Envelope later; tell && farewells != farewells_ && make(later)) {
-    news.Retire();
-    news = std::move(later);
+    // On disk counts more than in order.
+    if (!later.FileName().empty() || news.FileName().empty()) std::swap(news, later);
+    later.Retire();
   }
   // Its former way here would take it along when it ends.
   if (Logical* const logical = logical_) {
@@ -323,7 +324,7 @@ RouterTableEntry::LocalPeerObjects Routing::LogonClientPeer(
     BrelixMessaging::NotifyConsumer_ptr notify, std::int32_t threshold) {
   RouterTableEntry& entry = FindForLogon(name);
   const auto activated = entry.LogonClient(name, consumer, notify, threshold, true);
-  table_.WriteTable(false);
+  Attempt("Routing::LogonClientPeer", name, [&] { table_.WriteTable(false); });
   OfferForDelivery(entry);
   clientUpdateNotifier_.Logon(name);
   return activated;
@@ -335,7 +336,7 @@ RouterTableEntry::LocalPeerObjects Routing::LogonRouterPeer(
     std::int32_t threshold) {
   RouterTableEntry& entry = FindForLogon(name);
   const auto activated = entry.LogonRouter(name, consumer, supplier, notify, threshold, true);
-  table_.WriteTable(false);
+  Attempt("Routing::LogonRouterPeer", name, [&] { table_.WriteTable(false); });
   host_.NotifiedPoll(entry);
   OfferForDelivery(entry);
   routerUpdateNotifier_.Logon(name);

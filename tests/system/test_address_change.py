@@ -1,6 +1,7 @@
 """A host whose address changes while its router runs, as a laptop's does."""
 
 import re
+import sys
 import unittest
 
 from harness import PeerException, SystemTest, run
@@ -44,6 +45,9 @@ class AddressChange(SystemTest):
         self.home.add_ipv6(IPV6_ADDRESS)
         self.box.write_settings(LocalClientsOnly=1)
         self.box.reload()
+        # It listens there, too.
+        connect = "import socket, sys; socket.create_connection((sys.argv[1], int(sys.argv[2])), 5)"
+        self.home.run(sys.executable, "-c", connect, IPV6_ADDRESS, str(self.box.tls_port))
 
     def test_the_reference_names_no_address_of_another_kind(self):
         self.give_both_kinds()
