@@ -1,11 +1,14 @@
 """SIGHUP: the router builds itself anew and loses nothing."""
 
+import statistics
 import unittest
 
 import harness
 from harness import SystemTest, wait_until
 
-RELOADS = 50
+RELOADS = 80
+# So many pass before memory has its level: each cycle's threads find room of their own.
+SETTLED = 40
 
 
 class Reload(SystemTest):
@@ -28,7 +31,7 @@ class Reload(SystemTest):
             receiver.retry("reconnect")
             wait_until(lambda: len(self.ids("ledger")) > before, 20,
                        f"traffic after reload {number}")
-            if number >= 9:
+            if number >= SETTLED:
                 fds.append(box.fds())
                 rss.append(box.rss())
         sender("bulk_stop")
@@ -37,13 +40,14 @@ class Reload(SystemTest):
         accepted = self.ids("ledger")
         wait_until(lambda: accepted <= self.ids("received"), 30, "every accepted message")
         self.wait_no_envelopes(box)
+        early, late = statistics.median(rss[:10]), statistics.median(rss[-10:])
         print(f"\nreloads: {RELOADS}, accepted: {len(accepted)}, descriptors {min(fds)}..{max(fds)},"
-              f" resident {min(rss)}..{max(rss)} KiB, first {rss[0]}, last {rss[-1]}")
+              f" resident {min(rss)}..{max(rss)} KiB, at first {early}, at last {late}")
         # A few connections come and go with the traffic.
         self.assertLessEqual(max(fds) - min(fds), 8, fds)
         if not harness.SANITIZED:
-            early, late = max(rss[:10]), max(rss[-10:])
-            self.assertLessEqual(late, early * 1.1 + 1024, rss)
+            # Single values vary by more than a megabyte; 50 KiB a reload would be seen.
+            self.assertLessEqual(late, early + 50 * (len(rss) - 10), rss)
 
     def test_a_reload_while_the_router_starts_is_not_forgotten(self):
         box = self.router(start=False)
