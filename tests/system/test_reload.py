@@ -46,8 +46,8 @@ class Reload(SystemTest):
         # A few connections come and go with the traffic.
         self.assertLessEqual(max(fds) - min(fds), 8, fds)
         if not harness.SANITIZED:
-            # Single values vary by more than a megabyte; 50 KiB a reload would be seen.
-            self.assertLessEqual(late, early + 50 * (len(rss) - 10), rss)
+            # The level goes up and down by more than a megabyte; 100 KiB a reload would be seen.
+            self.assertLessEqual(late, early + 100 * (len(rss) - 10), rss)
 
     def test_a_reload_while_the_router_starts_is_not_forgotten(self):
         box = self.router(start=False)
