@@ -5,17 +5,11 @@
 # With BRELIX_BIN set, takes the programs from that folder instead of building them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/in_namespaces.sh
 
 [ $# -le 3 ] || { echo "usage: scripts/soak.sh [KILLS [CUTS [SEED]]]" >&2; exit 2; }
-[ "$(id -u)" -eq 0 ] || { echo "soak.sh: needs root, to make network namespaces" >&2; exit 1; }
 export BRELIX_KILLS=${1:-100} BRELIX_CUTS=${2:-20}
 if [ $# -ge 3 ]; then export BRELIX_SEED=$3; fi
-
-if [ -z "${BRELIX_BIN:-}" ]; then
-  scripts/build.sh release brelix-message-router brelix-certmgr brelix-test-peer
-  BRELIX_BIN=$PWD/build/release/bin
-fi
-BRELIX_BIN=$(cd "$BRELIX_BIN" && pwd)
-export BRELIX_BIN
+need_programs soak.sh
 cd tests/system
 exec python3 -B -m unittest -v test_ledger

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -11,28 +10,13 @@
 #include "broker/Encoding.h"
 #include "envelope/Envelope.h"
 #include "logging/Log.h"
+#include "scratch_file.h"
 
 namespace {
 
-// In memory, where the machine has such a folder: the file is written for each input.
-std::string MakePath() {
-  const std::filesystem::path memory = "/dev/shm";
-  std::string folder =
-      ((std::filesystem::is_directory(memory) ? memory : std::filesystem::temp_directory_path()) /
-       "brelix-fuzz-XXXXXX")
-          .string();
-  if (mkdtemp(folder.data()) == nullptr) std::abort();
-  return folder + "/input.msg";
-}
-
 const std::string& InputPath() {
-  static const std::string path = MakePath();
-  return path;
-}
-
-void RemoveFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(std::filesystem::path(InputPath()).parent_path(), ignored);
+  static const FuzzTarget::ScratchFile file("input.msg");
+  return file.Path();
 }
 
 }  // namespace
@@ -41,7 +25,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   MessageRouter::SetLogMask(MessageRouter::kLogCritical);
   Encoding::InitializeCodec();
   InputPath();
-  std::atexit(RemoveFolder);
   return 0;
 }
 

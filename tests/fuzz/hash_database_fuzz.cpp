@@ -5,36 +5,20 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include "routing/HashDatabase.h"
+#include "scratch_file.h"
 
 namespace {
 
 using namespace MessageRouter;
 
-// In memory, where the machine has such a folder: the files are written for each input.
-std::string MakePath() {
-  const std::filesystem::path memory = "/dev/shm";
-  std::string folder =
-      ((std::filesystem::is_directory(memory) ? memory : std::filesystem::temp_directory_path()) /
-       "brelix-fuzz-XXXXXX")
-          .string();
-  if (mkdtemp(folder.data()) == nullptr) std::abort();
-  return folder + "/map";
-}
-
 const std::string& InputPath() {
-  static const std::string path = MakePath();
-  return path;
-}
-
-void RemoveFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(std::filesystem::path(InputPath()).parent_path(), ignored);
+  static const FuzzTarget::ScratchFile file("map");
+  return file.Path();
 }
 
 void Write(const std::string& file, const std::string& bytes) {
@@ -61,7 +45,6 @@ void StoreAndFind(HashDatabase* database, const std::string& key, const std::str
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   InputPath();
-  std::atexit(RemoveFolder);
   return 0;
 }
 

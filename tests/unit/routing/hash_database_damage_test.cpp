@@ -6,7 +6,18 @@
 namespace MessageRouter {
 namespace {
 
-class DamagedHashDatabase : public HashDatabaseTest {};
+class DamagedHashDatabase : public HashDatabaseTest {
+ protected:
+  // Page 0 is full: one pair more splits it. Gives the keys.
+  std::vector<std::string> FillPage() {
+    std::vector<std::string> keys;
+    for (int i = 0; i < 10; ++i) {
+      keys.push_back("key" + std::to_string(i));
+      EXPECT_EQ(Store(keys.back(), std::string(90, 'v')), 0);
+    }
+    return keys;
+  }
+};
 
 // Failing disks
 
@@ -26,12 +37,7 @@ TEST_F(DamagedHashDatabase, AFailedStoreIntoAPageLosesNothingAndIsNotFound) {
 }
 
 TEST_F(DamagedHashDatabase, ASplitThatFailsAtAnyOfItsWritesLosesNoPair) {
-  // Page 0 is full: one pair more splits it.
-  std::vector<std::string> keys;
-  for (int i = 0; i < 10; ++i) {
-    keys.push_back("key" + std::to_string(i));
-    ASSERT_EQ(Store(keys.back(), std::string(90, 'v')), 0);
-  }
+  const std::vector<std::string> keys = FillPage();
   const std::string full = Read("map.pag");
   ASSERT_EQ(full.size(), PBLKSIZ);
   // The new pair belongs to the old page, or to the new one.
@@ -55,11 +61,7 @@ TEST_F(DamagedHashDatabase, ASplitThatFailsAtAnyOfItsWritesLosesNoPair) {
 }
 
 TEST_F(DamagedHashDatabase, AReplacementThatSplitsAndFailsAtAnyOfItsWritesLosesNoPair) {
-  std::vector<std::string> keys;
-  for (int i = 0; i < 10; ++i) {
-    keys.push_back("key" + std::to_string(i));
-    ASSERT_EQ(Store(keys.back(), std::string(90, 'v')), 0);
-  }
+  const std::vector<std::string> keys = FillPage();
   const std::string full = Read("map.pag");
   ASSERT_EQ(full.size(), PBLKSIZ);
   // One that stays in the old page, and one that goes to the new one.
