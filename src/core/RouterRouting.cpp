@@ -11,12 +11,15 @@
 #include "core/Step.h"
 #include "logging/Log.h"
 #include "parent/Connector.h"
+#include "platform/Process.h"
 #include "servants/ServantHelper.h"
 
 namespace MessageRouter {
 namespace {
 
 constexpr std::chrono::seconds kIorPortTime{5};
+// What is short for a moment may be there after it; a stop has ten seconds for all.
+constexpr unsigned kTablePauseMilliseconds = 200;
 
 }  // namespace
 
@@ -101,7 +104,8 @@ void Router::doStopRouting() {
   Step("emptying the route queue", [this] { routing_.EmptyRouteQueue(); });
   // A start that failed before it had read the table must not replace the file by an empty one.
   Step("writing the router table", [this] {
-    if (tableRead_) routerTable_.WriteTable(true);
+    if (!tableRead_) return;
+    routerTable_.WriteLast([] { Platform::SleepMilliseconds(kTablePauseMilliseconds); });
   });
   tableRead_ = false;
   Step("clearing the router table", [this] { routerTable_.Clear(); });

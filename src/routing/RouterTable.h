@@ -73,6 +73,10 @@ class RouterTable {
   void Tick();
   // A write that is owed, at once: for a stop, whose forced write may never come.
   void WriteOwed();
+  // The forced write of a stop. One that fails is tried again a few times, after `pause` each; the
+  // last exception leaves. What the disk does not take even so is kept for the next ReadTable,
+  // which takes it for the file's text and writes it.
+  void WriteLast(const std::function<void()>& pause);
   void Scan(FunctionClassBase& function) const;
   // Empties and closes the table. The entries are detached: their peers are forgotten, what they
   // held stays on disk alone, but they stay good until FreeDetached.
@@ -91,6 +95,9 @@ class RouterTable {
     BrelixMessaging::RouterConsumer_var consumer;
     BrelixMessaging::NotifyConsumer_var notify;
   };
+
+  using Rows = std::map<std::string, RouterTableEntry*>;
+  class PendingRow;
 
   RouterTableEntry* FindLocked(const std::string& name) const REQUIRES_SHARED(mutex_);
   RouterTableEntry& AddLocked(const std::string& name, bool isRouter, bool isParent)
@@ -111,7 +118,10 @@ class RouterTable {
   bool IsClosed() const;  // no, if the lock can't be taken: whoever writes looks again
   // False if the table is closed. Closes it if asked to, in the same step.
   bool CollectRows(bool close, std::vector<Row>& rows);
-  void Reopen();
+  // False if a closed table has left no text to write.
+  bool WriteKeptText();
+  std::optional<std::string> KeptText();
+  void ForgetKeptText();
   RegEntry RecordOf(const Row& row);
   std::string ComposeFile(const std::vector<Row>& rows) REQUIRES(fileMutex_);
 
@@ -121,9 +131,11 @@ class RouterTable {
   LoggedOffNotice loggedOffNotice_;
 
   mutable ThreadHelper::RWMutex mutex_;
-  bool closed_ GUARDED_BY(mutex_) = false;
+  // Changed under the lock, but for a write that has failed: it opens the table again whatever
+  // locks there are.
+  std::atomic<bool> closed_{false};
   // The parent can stand in it twice, an entry that lost its name not at all.
-  std::map<std::string, RouterTableEntry*> rows_ GUARDED_BY(mutex_);
+  Rows rows_ GUARDED_BY(mutex_);
   std::vector<std::unique_ptr<RouterTableEntry>> entries_ GUARDED_BY(mutex_);
   std::vector<std::unique_ptr<RouterTableEntry>> detached_ GUARDED_BY(mutex_);
   std::atomic<RouterTableEntry*> parent_{nullptr};
@@ -133,6 +145,8 @@ class RouterTable {
   // Writers of the file, one after the other; taken before mutex_.
   ThreadHelper::Mutex fileMutex_;
   std::set<std::string> namesWarnedOf_ GUARDED_BY(fileMutex_);
+  // What a table was closed with and the disk did not take.
+  std::optional<std::string> unwritten_ GUARDED_BY(fileMutex_);
 
   // A leaf.
   ThreadHelper::Mutex writeTimeMutex_;

@@ -8,6 +8,7 @@
 #include "envelope/Address.h"
 #include "logging/Log.h"
 #include "platform/Files.h"
+#include "routing/Quietly.h"
 #include "routing/RouterTable.h"
 #include "security/OwnIdentity.h"
 
@@ -22,6 +23,7 @@ namespace {
 constexpr std::chrono::milliseconds kWriteInterval(60001);
 constexpr std::size_t kLargestFile = std::size_t{64} << 20;
 constexpr unsigned kFileMode = 0600;
+constexpr unsigned kLastTries = 3;
 
 bool CanBeStored(const std::string& name) {
   return name.find_first_of(".\r\n") == std::string::npos;
@@ -43,6 +45,14 @@ bool IsOpenFailure(int error) {
       return true;
     default:
       return false;
+  }
+}
+
+void LogWriteFailure(int error) {
+  if (IsOpenFailure(error)) {
+    LogWarning("Cannot open the router table file for writing.\n");
+  } else if (error != 0) {
+    LogWarning("Cannot write the router table file.\n");
   }
 }
 
@@ -85,7 +95,8 @@ void RouterTable::ReadTable(bool createParent) {
     }
   }
   int error = 0;
-  if (const auto text = Platform::ReadFile(filePath_, kLargestFile, &error)) {
+  const std::optional<std::string> kept = KeptText();
+  if (const auto text = kept ? kept : Platform::ReadFile(filePath_, kLargestFile, &error)) {
     std::size_t badLine = 0;
     const std::vector<RegEntry> records = ParseTableFile(*text, badLine);
     if (badLine != 0) {
@@ -100,10 +111,23 @@ void RouterTable::ReadTable(bool createParent) {
     Platform::RenameFile(filePath_, filePath_ + ".bad");
   }
   if (createParent) AddParent("");
+  // From here on the rows are what a write is made of.
+  const bool owed = kept && Platform::ReplaceFile(filePath_, *kept, kFileMode) != 0;
+  ForgetKeptText();
   Guard guard(writeTimeMutex_);
   if (!guard) return;
   lastWrite_ = Platform::Clock::Instance().SteadyNow();
-  writeOwed_ = false;
+  writeOwed_ = owed;
+}
+
+std::optional<std::string> RouterTable::KeptText() {
+  Guard guard(fileMutex_);
+  return guard ? unwritten_ : std::nullopt;
+}
+
+void RouterTable::ForgetKeptText() {
+  Guard guard(fileMutex_);
+  if (guard) unwritten_.reset();
 }
 
 // A peer is not called here: it may be down, and its type is known from when it logged on.
@@ -197,11 +221,6 @@ bool RouterTable::CollectRows(bool close, std::vector<Row>& rows) {
   return true;
 }
 
-void RouterTable::Reopen() {
-  WriteGuard guard(mutex_);
-  if (guard) closed_ = false;
-}
-
 // A client is written without a reference: it logs on again by itself, while a router below must be
 // reachable at once.
 RegEntry RouterTable::RecordOf(const Row& row) {
@@ -245,6 +264,23 @@ void RouterTable::WriteTable(bool force) {
   Write(force);
 }
 
+// A table that an exception has opened again is written anew, with what has come in meanwhile; of
+// a closed one the text.
+void RouterTable::WriteLast(const std::function<void()>& pause) {
+  for (unsigned left = kLastTries; left != 0; --left) {
+    if (left != kLastTries) {
+      Quietly([] { LogWarning("Trying again to write the router table file\n"); });
+      pause();
+    }
+    try {
+      if (!WriteKeptText()) WriteTable(true);
+      if (IsClosed() && !IsWriteOwed()) return;
+    } catch (...) {
+      if (left == 1) throw;
+    }
+  }
+}
+
 void RouterTable::Write(bool close) {
   LogInfo("Writing router table file\n");
   Guard guard(fileMutex_);
@@ -255,20 +291,31 @@ void RouterTable::Write(bool close) {
     std::vector<Row> rows;
     collected = guard && CollectRows(close, rows);
     if (!collected) return WriteDone(false);
-    error = Platform::ReplaceFile(filePath_, ComposeFile(rows), kFileMode);
+    std::string text = ComposeFile(rows);
+    error = Platform::ReplaceFile(filePath_, text, kFileMode);
+    if (error == 0) {
+      unwritten_.reset();
+    } else if (close) {
+      unwritten_ = std::move(text);
+    }
   } catch (...) {
-    if (close && collected) Reopen();
+    if (close && collected) closed_ = false;
     WriteDone(false);
     throw;
   }
-  if (error != 0) {
-    if (IsOpenFailure(error)) {
-      LogWarning("Cannot open the router table file for writing.\n");
-    } else {
-      LogWarning("Cannot write the router table file.\n");
-    }
-  }
+  LogWriteFailure(error);
   WriteDone(error == 0);
+}
+
+bool RouterTable::WriteKeptText() {
+  Guard guard(fileMutex_);
+  if (!guard || !unwritten_) return false;
+  const int error = Platform::ReplaceFile(filePath_, *unwritten_, kFileMode);
+  LogWriteFailure(error);
+  if (error != 0) return true;
+  unwritten_.reset();
+  ClaimWrite(true);
+  return true;
 }
 
 bool RouterTable::IsWriteOwed() {

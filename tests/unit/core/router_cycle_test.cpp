@@ -219,6 +219,27 @@ TEST_F(EarlyRequestTest, AStopWritesTheRegistrationsOfTheLastMinuteBeforeItWaits
   EXPECT_EQ(written, "agent.0..\n");
 }
 
+TEST_F(CycleTest, RegistrationsThatTheStopCouldNotWriteAreKnownInTheNextCycleAndWrittenThen) {
+  bool known = false;
+  whileRunning = [&](int cycle) {
+    Routing& routing = *Cycle::Current();
+    if (cycle == 1) {
+      routing.RegisterPeer("agent", false);
+      std::filesystem::create_directory(RouterTableFile("Router"));
+      return Router::instance().Reinitialize();
+    }
+    known = routing.Table().Find("agent") != nullptr;
+    std::filesystem::remove(RouterTableFile("Router"));
+    Router::instance().Shutdown();
+  };
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_TRUE(LoggedInOrder({"W Trying again to write the router table file\n",
+                             "W Trying again to write the router table file\n",
+                             "Deactivating CORBA objects...\n"}));
+  EXPECT_TRUE(known);
+  EXPECT_EQ(TestSupport::TextOf(RouterTableFile("Router")), "agent.0..\n");
+}
+
 TEST_F(CycleTest, WithoutThresholdThreadsAnOfferIsAWarning) {
   whileThreadsAreMissing = [](int) {
     RouterTable& table = Cycle::Current()->Table();
