@@ -5,6 +5,7 @@
 
 #include "config/Configuration.h"
 #include "routing/FindFreeEntries.h"
+#include "routing/Quietly.h"
 
 namespace MessageRouter {
 
@@ -43,12 +44,32 @@ void RouterTable::SetLoggedOffNotice(LoggedOffNotice notice) {
 
 void RouterTable::RouteAnew(std::vector<Envelope>& envelopes) const {
   if (!reroute_) return;
-  for (Envelope& envelope : envelopes) reroute_(std::move(envelope));
+  // What finds no memory waits on disk for the next cycle.
+  for (Envelope& envelope : envelopes) Quietly([&] { reroute_(std::move(envelope)); });
 }
 
 void RouterTable::PeerLoggedOff(const std::string& name, bool isRouter) const {
   if (loggedOffNotice_) loggedOffNotice_(name, isRouter);
 }
+
+// A row that is in the table while this lives, and stays if it is filled.
+class RouterTable::PendingRow {
+ public:
+  PendingRow(Rows& rows, const std::string& name)
+      : rows_(rows), row_(rows.try_emplace(name, nullptr).first) {}
+  ~PendingRow() {
+    if (row_->second == nullptr) rows_.erase(row_);
+  }
+  PendingRow(const PendingRow&) = delete;
+  PendingRow& operator=(const PendingRow&) = delete;
+
+  // Returns what stood in it.
+  RouterTableEntry* Fill(RouterTableEntry& entry) { return std::exchange(row_->second, &entry); }
+
+ private:
+  Rows& rows_;
+  const Rows::iterator row_;
+};
 
 // While the table is closed there are no rows.
 RouterTableEntry* RouterTable::FindLocked(const std::string& name) const {
@@ -58,9 +79,10 @@ RouterTableEntry* RouterTable::FindLocked(const std::string& name) const {
 }
 
 RouterTableEntry& RouterTable::AddLocked(const std::string& name, bool isRouter, bool isParent) {
+  PendingRow row(rows_, name);
   entries_.push_back(std::make_unique<RouterTableEntry>(name, isRouter, isParent, *this, host_));
   RouterTableEntry& entry = *entries_.back();
-  rows_[name] = &entry;
+  row.Fill(entry);
   return entry;
 }
 
@@ -147,10 +169,10 @@ void RouterTable::SetParentName(const std::string& name) {
     if (!guard || closed_) return;
     RouterTableEntry* const parent = parent_;
     if (parent == nullptr || parent->Name() == name) return;
-    parent->SetName(name);
-    RouterTableEntry*& row = rows_[name];
-    if (row != nullptr && row != parent) displaced = row;
-    row = parent;
+    PendingRow row(rows_, name);
+    if (!parent->SetName(name)) return;
+    displaced = row.Fill(*parent);
+    if (displaced == parent) displaced = nullptr;
     // Nothing leads to it any more; whoever found it before must not leave an envelope there.
     if (displaced != nullptr) displaced->Detach(dismissed, leftovers);
   }
@@ -160,11 +182,12 @@ void RouterTable::SetParentName(const std::string& name) {
 
 bool RouterTable::ReuseFreeEntryLocked(const std::vector<RouterTableEntry*>& free,
                                        const std::string& name, std::vector<Envelope>& leftovers) {
+  PendingRow row(rows_, name);
   for (RouterTableEntry* entry : free) {
     const std::string former = entry->Name();
     if (!entry->TakeOver(name, leftovers)) continue;
     rows_.erase(former);
-    rows_[name] = entry;
+    row.Fill(*entry);
     return true;
   }
   return false;
@@ -176,7 +199,9 @@ void RouterTable::AddCertificationEntry(const std::string& name) {
   {
     // One step, so that of many newcomers at once no more get in than the limit allows.
     WriteGuard guard(mutex_);
-    if (!guard || closed_ || FindLocked(name) != nullptr) return;
+    if (!guard || closed_) return;
+    const RouterTableEntry* const present = FindLocked(name);
+    if (present != nullptr && !IsFormerParentsName(*present, name)) return;
     FindFreeEntries entries;
     ScanLocked(entries);
     if (!ReuseFreeEntryLocked(entries.Free(), name, leftovers)) {
@@ -222,6 +247,12 @@ void RouterTable::Clear() {
   }
   // There are some only where a cycle's end did not free them.
   if (detached_.empty()) detached_.swap(entries_);
+  try {
+    detached_.reserve(detached_.size() + entries_.size());
+  } catch (const std::bad_alloc&) {
+    // Without rows they do no harm, and the next Clear finds them.
+    return;
+  }
   for (std::unique_ptr<RouterTableEntry>& entry : entries_) detached_.push_back(std::move(entry));
   entries_.clear();
 }

@@ -282,20 +282,23 @@ bool RouterTableEntry::TakeOver(const std::string& name, std::vector<Envelope>& 
   if (!guard || detached_ || isParent_ || registered_ || IsLoggedOn()) return false;
   // Another peer must not wait for a call that the former one does not end.
   if (polling_.inside || outgoing_.inside) return false;
-  ++generation_;
+  std::string taken = name;
+  // Nothing has been changed yet where there is no memory.
   envelopes_.TakeAll(leftovers);
+  ++generation_;
   // Nothing of the former peer is left but the place.
   isRouter_ = false;
   lastPull_.reset();
-  name_ = name;
+  name_.swap(taken);
   logonState_ = kCertificationReserved;
   return true;
 }
 
-void RouterTableEntry::SetName(const std::string& name) {
+bool RouterTableEntry::SetName(const std::string& name) {
   if (!isParent_) throw std::logic_error("Only the parent TableEntry name may be changed");
   WriteGuard guard(lock_);
   if (guard) name_ = name;
+  return static_cast<bool>(guard);
 }
 
 }  // namespace MessageRouter

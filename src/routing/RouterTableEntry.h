@@ -182,7 +182,8 @@ class RouterTableEntry {
   // For a free entry: takes the new name and is reserved for a certification logon. Envelopes that
   // waited under the old name are in `leftovers`.
   bool TakeOver(const std::string& name, std::vector<Envelope>& leftovers);
-  void SetName(const std::string& name);  // throws std::logic_error unless this is the parent
+  // Throws std::logic_error unless this is the parent. False if the lock can't be taken.
+  bool SetName(const std::string& name);
 
   // Polling, when this router is the one that asks.
   void responseExpected();

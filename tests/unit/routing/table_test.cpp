@@ -285,6 +285,41 @@ TEST_F(TableTest, TheParentIsNeverTakenOver) {
   EXPECT_EQ(table_.Find(""), table_.Parent());
 }
 
+TEST_F(TableTest, AFormerParentGetsACertificationEntryOfItsOwn) {
+  table_.AddParent("");
+  table_.SetParentName("former");
+  table_.SetParentName("boss");
+  Entry& parent = *table_.Parent();
+  LogonPolled(parent);
+  Entry& entry = Certified("former");
+  EXPECT_NE(&entry, &parent);
+  EXPECT_TRUE(entry.IsLoggedOn());
+  EXPECT_EQ(table_.Find("boss"), &parent);
+  EXPECT_EQ(table_.Find(""), &parent);
+  EXPECT_EQ(parent.GetLogonState(), Entry::kLoggedOn);
+}
+
+TEST_F(TableTest, AFormerParentTakesAFreeEntryOverForItsCertification) {
+  table_.AddParent("");
+  table_.SetParentName("former");
+  table_.SetParentName("boss");
+  Entry& free = AClient("gone");
+  table_.Unregister("gone");
+  table_.AddCertificationEntry("former");
+  EXPECT_EQ(table_.Find("former"), &free);
+  EXPECT_EQ(table_.Find("gone"), nullptr);
+  EXPECT_EQ(table_.Find("boss"), table_.Parent());
+}
+
+TEST_F(TableTest, TheParentsPresentNamesGetNoCertificationEntry) {
+  table_.AddParent("");
+  table_.SetParentName("boss");
+  for (const char* name : {"", "boss"}) {
+    table_.AddCertificationEntry(name);
+    EXPECT_EQ(table_.Find(name), table_.Parent()) << name;
+  }
+}
+
 TEST_F(TableTest, WithTheLimitAtThreeAndThreeActiveUnregisteredEntriesNothingIsCreated) {
   MessageRouter::SetConfigInt("ActiveCertificationLogonLimit", 3);
   for (const char* name : {"a", "b", "c"}) Certified(name);
