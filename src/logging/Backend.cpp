@@ -198,13 +198,17 @@ void Backend::CloseFile() {
 void Backend::CheckSize() {
   if (stream_ == nullptr) return;
   std::fflush(stream_);
-  if (static_cast<std::int32_t>(std::ftell(stream_)) < maxSize_) return;
-  // Before one file is closed: another must follow it.
-  path_.reserve(directory_.size() + BaseName().size() + kStampSize);
-  LogInfo("EOF: %s\n", path_.c_str());
-  CloseFile();
-  OpenFile();
+  if (static_cast<std::int32_t>(std::ftell(stream_)) >= maxSize_) {
+    // Before one file is closed: another must follow it.
+    path_.reserve(directory_.size() + BaseName().size() + kStampSize);
+    LogInfo("EOF: %s\n", path_.c_str());
+    CloseFile();
+    purgeOwed_ = true;
+    OpenFile();
+  }
+  if (!purgeOwed_) return;
   Purge();
+  purgeOwed_ = false;
 }
 
 void Backend::Purge() {

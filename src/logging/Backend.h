@@ -61,6 +61,7 @@ class Backend : public ACE_Log_Msg_Backend {
   std::uint32_t fileCount_;
   std::string path_;
   bool inRotation_ = false;
+  bool purgeOwed_ = false;  // of a rotation
   bool console_;
 
   // Formatting a local time costs more than the rest of a line: it is done once a second.

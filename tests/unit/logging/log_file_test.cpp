@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <new>
 #include <thread>
 
 #include "LogFolder.h"
 #include "platform/Process.h"
+#include "support/AllocationFailure.h"
 #include "support/FakeClock.h"
 
 namespace MessageRouter {
@@ -227,6 +229,32 @@ TEST_F(LogFile, OpeningPurgesTheOldestOfAFullFolder) {
   ASSERT_TRUE(Open(4));
   EXPECT_THAT(Names(), ElementsAre("router-20160101-000000.log", "router-20160102-000000.log",
                                    "router-20160103-000000.log", kFirstFile));
+}
+
+// Whichever allocation of it it is.
+TEST_F(LogFile, RotationThatLacksMemoryOnceIsFinishedWithTheNextRecord) {
+  const std::string full(1024, 'x');
+  ASSERT_TRUE(Open(2, 1024));
+  Rotate();
+  bool complete = false;
+  for (std::size_t successes = 0; !complete; ++successes) {
+    const std::string before = Names().back();
+    clock_.Advance(std::chrono::seconds(1));
+    bool written = true;
+    {
+      const TestSupport::AllocationFailure failure(successes, 1);
+      try {
+        LogInfo("%s\n", full.c_str());
+      } catch (const std::bad_alloc&) {
+        written = false;
+      }
+      complete = !TestSupport::AllocationFailure::Happened();
+    }
+    LogInfo("next\n");
+    EXPECT_THAT(Names(), SizeIs(2)) << successes;
+    EXPECT_THAT(Lines(), ::testing::Contains("I next")) << successes;
+    EXPECT_TRUE(!written || Names().back() != before) << successes;
+  }
 }
 
 TEST_F(LogFile, EachPurgedFileIsLoggedFirst) {
