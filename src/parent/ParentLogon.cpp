@@ -9,6 +9,7 @@
 #include "logging/Log.h"
 #include "parent/ParentCallLimit.h"
 #include "platform/Clock.h"
+#include "routing/Quietly.h"
 #include "security/OwnIdentity.h"
 
 namespace MessageRouter {
@@ -78,9 +79,9 @@ void ParentLogon::Process() {
       }
       continue;
     } catch (const CORBA::Exception& exception) {
-      LogCaughtCorbaException("ParentLogon::Process", exception, "");
+      Quietly([&] { LogCaughtCorbaException("ParentLogon::Process", exception, ""); });
     } catch (const std::exception& exception) {
-      LogCaughtException("ParentLogon::Process", exception, "");
+      Quietly([&] { LogCaughtException("ParentLogon::Process", exception, ""); });
     }
     // What fails at once must not fail without a pause.
     PauseBetweenAttempts();

@@ -1,6 +1,7 @@
 // The way of a router to its parent, and what ends a session.
 #include "broker/CorbaExceptions.h"
 #include "parent_logon_fixture.h"
+#include "support/AllocationFailure.h"
 #include "support/RemoteDoor.h"
 
 namespace MessageRouter {
@@ -206,6 +207,20 @@ TEST_F(ParentLogonTest, ACorbaExceptionOutOfAStepIsLoggedAndTheThreadGoesOn) {
   EXPECT_TRUE(log_.Has(kLogError,
                        "ParentLogon::Process: Caught CORBA " + Broker::Describe(failure) + " \n"));
   EXPECT_EQ(parent_.Calls("Register"), 1u);
+}
+
+TEST_F(ParentLogonTest, AFailureForWhoseLineThereIsNoMemoryIsFollowedByTheNextAttempt) {
+  std::optional<TestSupport::AllocationFailure> failure;
+  host_.onObjects = [&failure] {
+    if (failure) return;
+    failure.emplace(0, 1);
+    throw CORBA::OBJ_ADAPTER(0, CORBA::COMPLETED_NO);
+  };
+  ParentLogon logon(routing_, router_, kShortSecond);
+  Begin(logon);
+  EXPECT_TRUE(LogsOn());
+  logon.StopLogon(false);
+  EXPECT_FALSE(log_.Contains("ParentLogon::Process: Caught"));
 }
 
 }  // namespace
