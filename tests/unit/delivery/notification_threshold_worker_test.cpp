@@ -1,6 +1,9 @@
 #include "delivery/NotificationThresholdWorker.h"
 
+#include <optional>
+
 #include "fixture.h"
+#include "support/AllocationFailure.h"
 
 namespace DeliveryTests {
 namespace {
@@ -35,6 +38,22 @@ class ThresholdTest : public DeliveryTest {
     clock.Advance(milliseconds(1));
     VisitForThreshold();
     EXPECT_GT(ThresholdCalls(), before) << wait.count();
+  }
+
+  // The same, of a peer whose name takes memory, and with none left once the peer has been called.
+  RouterTableEntry& VisitThatRunsOutOfMemory() {
+    RouterTableEntry& other = ARouter("a name that takes memory wherever it is copied");
+    other.LogonRouter(other.Name(), BrelixMessaging::RouterConsumer::_nil(),
+                      BrelixMessaging::RouterSupplier::_nil(), peer.Reference(), 0, true);
+    NotificationThresholdWorker worker(pool);
+    std::optional<TestSupport::AllocationFailure> failure;
+    peer->thresholdCalls.onCall = [&failure, then = peer->thresholdCalls.onCall](int call) {
+      if (!failure) failure.emplace();
+      if (then) then(call);
+    };
+    worker.ProcessEntry(other);
+    EXPECT_TRUE(TestSupport::AllocationFailure::Happened());
+    return other;
   }
 
   NotifyPeer peer;
@@ -106,6 +125,19 @@ TEST_F(ThresholdTest, FailureWhoseOfferToTheSendersFailsTooCostsNotTheProcess) {
   EXPECT_TRUE(log.Contains("NotificationThresholdWorker: Caught"));
   // Nobody is at the peer any more.
   EXPECT_TRUE(entry.NotificationWanted().acquired);
+}
+
+TEST_F(ThresholdTest, AnswerForWhoseLineThereIsNoMemoryCounts) {
+  const RouterTableEntry& other = VisitThatRunsOutOfMemory();
+  EXPECT_EQ(other.GetConsumerState(), RouterTableEntry::kNotified);
+  EXPECT_THAT(host.Senders(), ElementsAre(&other));
+}
+
+TEST_F(ThresholdTest, FailureForWhoseLineThereIsNoMemoryIsNoOtherThanAnyElse) {
+  peer->thresholdCalls.onCall = [](int) { throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO); };
+  const RouterTableEntry& other = VisitThatRunsOutOfMemory();
+  EXPECT_TRUE(other.IsLoggedOn());
+  EXPECT_EQ(other.GetConsumerState(), RouterTableEntry::kNoNotification);
 }
 
 TEST_F(ThresholdTest, CallsThatKeepFailingComeAfterOneTwoAndFourHoursUpTo48) {

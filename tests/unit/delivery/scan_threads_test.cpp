@@ -285,6 +285,19 @@ TEST_F(ScanTest, LogoffWhoseNoticeFailsIsLoggedAndCostsTheVisitAlone) {
   EXPECT_FALSE(entry.IsLoggedOn());
 }
 
+TEST_F(ScanTest, SilentRouterIsLoggedOffThoughThereIsNoMemoryForTheLine) {
+  RouterTableEntry& entry = APullingRouter("a name that takes memory wherever it is copied");
+  clock.Advance(std::chrono::seconds(1801));
+  TimeoutWorker worker(pool);
+  {
+    const TestSupport::AllocationFailure failure(0, 1);
+    worker.ProcessEntry(entry);
+    EXPECT_TRUE(TestSupport::AllocationFailure::Happened());
+  }
+  EXPECT_FALSE(log.Contains("Communications timeout"));
+  EXPECT_FALSE(entry.IsLoggedOn());
+}
+
 TEST_F(ScanTest, WhatHasExpiredIsRetiredBeforeTheSilentRouterIsLoggedOff) {
   RouterTableEntry& entry = APullingRouter();
   Enqueue(entry, Expired(1));

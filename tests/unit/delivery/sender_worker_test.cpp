@@ -197,6 +197,39 @@ TEST_F(SenderTest, OneAllocationThatFailsLosesNoEnvelope) {
   EXPECT_THAT(peer->received, ElementsAre(1u));
 }
 
+// Its file has to stay where its name can't be made. What was delivered goes out a second time at
+// the next start, but not before.
+TEST_F(SenderTest, DeliveredEnvelopeThatCannotBeRetiredFailsTheVisitAndStaysOnDiskAlone) {
+  ClientPeer peer;
+  RouterTableEntry& entry = APushedClient(peer);
+  bool met = false;
+  bool complete = false;
+  for (std::size_t successes = 0; !complete; ++successes) {
+    if (!entry.IsLoggedOn()) Logon(entry, peer);
+    Enqueue(entry, Stored(1));
+    Enqueue(entry, Stored(2));
+    peer->received.clear();
+    log.Clear();
+    std::optional<AllocationFailure> failure;
+    peer->onCall = [&](int) {
+      if (!failure) failure.emplace(successes, 1);
+    };
+    Visit(entry);
+    complete = !AllocationFailure::Happened();
+    failure.reset();
+    const std::vector<std::uint32_t> waiting = Waiting(entry);
+    if (peer->received.front() != 1 || !OnDisk(1) || waiting.size() != 1) continue;
+    met = true;
+    EXPECT_THAT(peer->received, ElementsAre(1u)) << successes;
+    EXPECT_THAT(waiting, ElementsAre(2u)) << successes;
+    EXPECT_FALSE(entry.IsLoggedOn()) << successes;
+    EXPECT_TRUE(log.Has(kLogError, "SenderWorker: Caught std::bad_alloc \n")) << successes;
+    EXPECT_TRUE(log.Has(kLogError, "Failed to send messages, logging agent off\n")) << successes;
+  }
+  EXPECT_TRUE(met);
+  EXPECT_THAT(peer->received, ElementsAre(1u, 2u));
+}
+
 TEST_F(SenderTest, LostParentIsToldWithoutMemory) {
   RouterPeer peer;
   table.AddParent(kLongName);

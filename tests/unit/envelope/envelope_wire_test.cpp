@@ -7,6 +7,7 @@
 #include "envelope/Settings.h"
 #include "fixture.h"
 #include "logging/Log.h"
+#include "support/AllocationFailure.h"
 #include "support/EnvelopeBuilder.h"
 #include "support/MemoryLimit.h"
 
@@ -359,6 +360,14 @@ TEST_F(EnvelopeErrors, OnlyBrokenStoredDataIsDiscardable) {
   log_.Clear();
   EXPECT_FALSE(IsDiscardableError(std::runtime_error("something else"), envelope));
   EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(EnvelopeErrors, BrokenStoredDataIsDiscardableThoughThereIsNoMemoryForTheLine) {
+  const Envelope envelope = AnEnvelope().WithType("a type that takes memory wherever it is copied");
+  const std::runtime_error error("Encoding::DecodeAny");
+  const TestSupport::AllocationFailure failure;
+  EXPECT_TRUE(IsDiscardableError(error, envelope));
+  EXPECT_TRUE(TestSupport::AllocationFailure::Happened());
 }
 
 TEST_F(EnvelopeErrors, AnExceptionThatIsNotExactlyTheRuntimeErrorIsNotDiscardable) {

@@ -1,8 +1,10 @@
 // Registrations and logons, as servants ask for them.
 #include <algorithm>
+#include <new>
 #include <stdexcept>
 
 #include "fixture.h"
+#include "support/AllocationFailure.h"
 
 namespace TestSupport {
 namespace {
@@ -338,6 +340,34 @@ TEST_F(PeersTest, UnregisteringTakesTheQueueBackIntoRouting) {
   routing_.UnregisterPeer("agent", false);
   EXPECT_FALSE(client.HasEnvelopes());
   EXPECT_EQ(routing_.RouteQueueSize(), 2u);
+}
+
+// Whichever allocation it is: one waits on disk at the worst, and the rest where it was.
+TEST_F(PeersTest, UnregisteringThatLacksMemoryOnceLosesNoEnvelope) {
+  const std::string name = "a name that takes memory wherever it is copied";
+  const std::vector<std::string> leaves = {"1.msg", "2.msg", "3.msg"};
+  unsigned onDiskAlone = 0;
+  bool complete = false;
+  for (std::size_t successes = 0; !complete; ++successes) {
+    Entry* client = table_.Find(name);
+    if (client == nullptr || !client->IsRegistered()) client = &AClient(name);
+    PassAMinute();
+    for (const std::string& leaf : leaves) Enqueue(*client, AStoredEnvelope(leaf));
+    {
+      const AllocationFailure failure(successes, 1);
+      try {
+        routing_.UnregisterPeer(name, false);
+      } catch (const std::bad_alloc&) {
+      }
+      complete = !AllocationFailure::Happened();
+    }
+    const std::size_t held = routing_.RouteQueueSize() + Drain(*client).size();
+    routing_.EmptyRouteQueue();
+    EXPECT_GE(held + 1, leaves.size()) << successes;
+    for (const std::string& leaf : leaves) EXPECT_TRUE(FileExists(leaf)) << successes;
+    if (held != leaves.size()) ++onDiskAlone;
+  }
+  EXPECT_NE(onDiskAlone, 0u);
 }
 
 TEST_F(PeersTest, LogonsOfUnknownPeersAreRefused) {
