@@ -1,8 +1,5 @@
 #pragma once
 
-#include <BrelixMessaging.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "support/FakeRoutingHost.h"
 #include "support/Giop.h"
+#include "support/LoopbackListener.h"
 
 namespace TestSupport {
 
@@ -26,33 +23,23 @@ class RemoteDoor {
   // What it is asked beside the operations: whether it is there.
   static constexpr char kPlace[] = "(place)";
 
-  RemoteDoor() : listener_(socket(AF_INET, SOCK_STREAM, 0)) {
-    address_.sin_family = AF_INET;
-    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address_;
-    bind(listener_, reinterpret_cast<sockaddr*>(&address_), sizeof address_);
-    listen(listener_, 64);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address_), &size);
+  RemoteDoor() {
     acceptor_ = std::thread([this] { Accept(); });
   }
   ~RemoteDoor() {
     Answer();
-    shutdown(listener_, SHUT_RDWR);
+    shutdown(listener_.Socket(), SHUT_RDWR);
     acceptor_.join();
     for (const int connection : connections_) shutdown(connection, SHUT_RDWR);
     for (std::thread& thread : threads_) thread.join();
     for (const int connection : connections_) close(connection);
-    close(listener_);
   }
   RemoteDoor(const RemoteDoor&) = delete;
   RemoteDoor& operator=(const RemoteDoor&) = delete;
 
   template <class Interface>
   typename Interface::_ptr_type Reference() const {
-    const std::string place =
-        "corbaloc::1.2@127.0.0.1:" + std::to_string(ntohs(address_.sin_port)) + "/Door";
-    const CORBA::Object_var object = ReferenceOrb()->string_to_object(place.c_str());
-    return Interface::_unchecked_narrow(object);
+    return listener_.Reference<Interface>();
   }
 
   // From now on this is not answered.
@@ -84,7 +71,7 @@ class RemoteDoor {
 
  private:
   void Accept() {
-    for (int connection; (connection = accept(listener_, nullptr, nullptr)) >= 0;) {
+    for (int connection; (connection = accept(listener_.Socket(), nullptr, nullptr)) >= 0;) {
       connections_.push_back(connection);
       threads_.emplace_back([this, connection] { Serve(connection); });
     }
@@ -144,8 +131,7 @@ class RemoteDoor {
     return GiopHeader(kGiopReply, size) + body.Bytes();
   }
 
-  const int listener_;
-  sockaddr_in address_{};
+  const LoopbackListener listener_;
   std::thread acceptor_;
   std::vector<int> connections_;      // the acceptor's until it is joined
   std::vector<std::thread> threads_;  // as above

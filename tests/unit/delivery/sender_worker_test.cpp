@@ -25,7 +25,24 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using TestSupport::AllocationFailure;
 
-using SenderTest = DeliveryTest;
+class SenderTest : public DeliveryTest {
+ protected:
+  // A visit whose delivery fails, with no memory from its second failure on.
+  template <class Peer>
+  void VisitThatFailsWithoutMemory(RouterTableEntry& entry, Peer& peer) {
+    std::optional<AllocationFailure> failure;
+    peer->onCall = [&failure](int call) {
+      if (call == 2) failure.emplace();
+      throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    };
+    try {
+      Visit(entry);
+    } catch (const std::bad_alloc&) {
+    }
+    EXPECT_TRUE(AllocationFailure::Happened());
+    EXPECT_EQ(peer->count, 2);
+  }
+};
 
 constexpr char kLongName[] = "a name that takes memory wherever it is copied";
 
@@ -152,19 +169,7 @@ TEST_F(SenderTest, FailureWithoutMemoryPutsTheEnvelopeBackAndLogsThePeerOff) {
   RouterTableEntry& entry = APushedClient(peer, kLongName);
   Enqueue(entry, Stored(1).WithPriority(1));
   Enqueue(entry, Stored(2).WithPriority(0));
-  {
-    std::optional<AllocationFailure> failure;
-    peer->onCall = [&](int call) {
-      if (call == 2) failure.emplace();
-      throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
-    };
-    try {
-      Visit(entry);
-    } catch (const std::bad_alloc&) {
-    }
-    EXPECT_TRUE(AllocationFailure::Happened());
-  }
-  EXPECT_EQ(peer->count, 2);
+  VisitThatFailsWithoutMemory(entry, peer);
   EXPECT_FALSE(entry.IsLoggedOn());
   EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNothingSent);
   EXPECT_THAT(Waiting(entry), ElementsAre(1u, 2u));
@@ -238,18 +243,7 @@ TEST_F(SenderTest, LostParentIsToldWithoutMemory) {
                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
   Enqueue(parent, Stored(1));
   const unsigned before = host.LinksLost();
-  {
-    std::optional<AllocationFailure> failure;
-    peer->onCall = [&](int call) {
-      if (call == 2) failure.emplace();
-      throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
-    };
-    try {
-      Visit(parent);
-    } catch (const std::bad_alloc&) {
-    }
-    EXPECT_TRUE(AllocationFailure::Happened());
-  }
+  VisitThatFailsWithoutMemory(parent, peer);
   EXPECT_EQ(host.LinksLost(), before + 1);
 }
 

@@ -36,10 +36,7 @@ class HeartbeatTest : public ParentLogonTest {
 };
 
 TEST_F(HeartbeatTest, ComesAgainAndAgain) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return servant_->heartbeats >= 2; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return servant_->heartbeats >= 2; });
   EXPECT_TRUE(log_.Has(kLogInfo, "Calling parent with heartbeat..."));
   EXPECT_TRUE(log_.Has(kLogInfo, "Heartbeat to parent succeeded."));
   EXPECT_EQ(parent_.Calls("Logon"), 1u);
@@ -101,10 +98,7 @@ TEST_F(HeartbeatTest, AParentThatChangesItsNameTooOftenIsRegisteredWithNoMore) {
       parent_.name = "boss" + std::to_string(parent_.Calls("GetName"));
     }
   });
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.reinitialised == 1; });
   EXPECT_EQ(table_.Find("boss20"), table_.Parent());
   EXPECT_EQ(table_.Find("boss21"), nullptr);
   EXPECT_EQ(log_.Count("because of its name"), 11u);
@@ -232,10 +226,7 @@ TEST_F(HeartbeatTest, ATimeoutThatIsSetMeanwhileCountsForTheNext) {
 TEST_F(HeartbeatTest, AStopWithoutLeaveOfAnAttachedRouterSetsTheFlagOfTheLogonAlone) {
   ParentLogon::Escalation& escalation = ParentLogon::TheEscalation();
   servant_->onHeartbeat = [&] { escalation.registerResetTried = true; };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats >= 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return servant_->heartbeats >= 1; });
   EXPECT_FALSE(escalation.registerResetTried);
   EXPECT_TRUE(escalation.logonResetTried);
 }
@@ -246,10 +237,7 @@ TEST_F(HeartbeatTest, AStopWithLeaveOfAnAttachedRouterSetsNeitherFlag) {
     escalation.registerResetTried = true;
     escalation.logonResetTried = true;
   };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return servant_->heartbeats >= 1; }));
-  logon.StopLogon(true);
+  RunUntil([&] { return servant_->heartbeats >= 1; }, true);
   EXPECT_FALSE(escalation.registerResetTried);
   EXPECT_FALSE(escalation.logonResetTried);
 }

@@ -10,22 +10,14 @@ constexpr char kForced[] =
 
 TEST_F(ParentLogonTest, AnInvalidIorElevenTimesResetsTheRouterAndElevenMoreEndTheProcess) {
   ServeIor("IOR:00");
-  {
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    ASSERT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-    logon.StopLogon(false);
-  }
+  RunUntil([&] { return router_.reinitialised == 1; });
   const std::string complaint = "Cannot log on to the parent router, because its IOR is invalid\n";
   EXPECT_EQ(log_.Count(complaint), 11u);
   EXPECT_TRUE(
       log_.Has(kLogWarning, "Register parent retry failed after 10 attempts. Resetting router..."));
   EXPECT_EQ(router_.ended, 0);
 
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.ended == 1; });
   EXPECT_EQ(log_.Count(complaint), 22u);
   EXPECT_TRUE(log_.Has(kLogWarning, kForced));
   EXPECT_EQ(router_.exitStatus, 0);
@@ -50,29 +42,18 @@ TEST_F(ParentLogonTest, ASuccessAfterAResetStartsTheLadderAfresh) {
     logon.StopLogon(true);
   }
   RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 2; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.reinitialised == 2; });
   EXPECT_EQ(router_.ended, 0);
 }
 
 TEST_F(ParentLogonTest, ElevenFailedLogonsResetTheRouterAndElevenMoreEndTheProcess) {
   RefuseLogon();
-  {
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    ASSERT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-    logon.StopLogon(false);
-  }
+  RunUntil([&] { return router_.reinitialised == 1; });
   EXPECT_EQ(parent_.Calls("Logon"), 11u);
   EXPECT_EQ(parent_.Calls("Register"), 1u);
   EXPECT_TRUE(log_.Has(kLogWarning, "Parent logon failed after 10 attempts. Resetting router..."));
   EXPECT_FALSE(ParentLogon::TheEscalation().registerResetTried);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.ended == 1; });
   EXPECT_EQ(parent_.Calls("Logon"), 22u);
   EXPECT_TRUE(log_.Has(kLogWarning, kForced));
 }
@@ -80,10 +61,7 @@ TEST_F(ParentLogonTest, ElevenFailedLogonsResetTheRouterAndElevenMoreEndTheProce
 TEST_F(ParentLogonTest, AResetThatDoesNotStopItEndsTheProcess) {
   SetConfigInt("ResetTimeout", 3);
   RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.ended == 1; });
   EXPECT_TRUE(log_.Has(kLogWarning,
                        "Resetting router failed to terminate parent logon thread after 3 seconds. "
                        "Forcing router shutdown. Router should restart automatically."));
@@ -93,10 +71,7 @@ TEST_F(ParentLogonTest, AResetThatDoesNotStopItEndsTheProcess) {
 TEST_F(ParentLogonTest, AStopBeforeTheRegistrationSetsItsFlag) {
   RefuseRegistration();
   SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return parent_.Calls("Register") == 1; });
   EXPECT_TRUE(ParentLogon::TheEscalation().registerResetTried);
   EXPECT_TRUE(ParentLogon::TheEscalation().logonResetTried);
   EXPECT_EQ(parent_.Calls("Logon"), 0u);
@@ -105,10 +80,7 @@ TEST_F(ParentLogonTest, AStopBeforeTheRegistrationSetsItsFlag) {
 TEST_F(ParentLogonTest, AStopBeforeTheLogonSetsItsFlagAlone) {
   RefuseLogon();
   SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return parent_.Calls("Logon") == 1; });
   EXPECT_FALSE(ParentLogon::TheEscalation().registerResetTried);
   EXPECT_TRUE(ParentLogon::TheEscalation().logonResetTried);
 }
@@ -116,17 +88,9 @@ TEST_F(ParentLogonTest, AStopBeforeTheLogonSetsItsFlagAlone) {
 TEST_F(ParentLogonTest, AfterAStopBeforeTheLogonTheNextSeriesOfItsFailuresEndsTheProcess) {
   RefuseLogon();
   SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  {
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
-    logon.StopLogon(false);
-  }
+  RunUntil([&] { return parent_.Calls("Logon") == 1; });
   SetConfigInt("LogonRetryInterval", 1);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.ended == 1; });
   EXPECT_EQ(parent_.Calls("Logon"), 12u);
   EXPECT_EQ(router_.reinitialised, 0);
 }
@@ -144,17 +108,9 @@ TEST_F(ParentLogonTest, AStopWithoutLeaveRightAfterTheLogonSetsItsFlag) {
 TEST_F(ParentLogonTest, AfterAStopBeforeTheRegistrationTheNextSeriesOfFailuresEndsTheProcess) {
   RefuseRegistration();
   SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  {
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    ASSERT_TRUE(Eventually([&] { return parent_.Calls("Register") == 1; }));
-    logon.StopLogon(false);
-  }
+  RunUntil([&] { return parent_.Calls("Register") == 1; });
   SetConfigInt("LogonRetryInterval", 1);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.ended == 1; });
   EXPECT_EQ(router_.reinitialised, 0);
 }
 
@@ -162,10 +118,7 @@ TEST_F(ParentLogonTest, AResetIsWaitedForTwoMinutesUnlessSetOtherwise) {
   ConfigureNothing();
   SetConfigInt("LogonRetryInterval", 1);
   RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.ended == 1; });
   EXPECT_TRUE(log_.Contains("failed to terminate parent logon thread after 120 seconds."));
 }
 
@@ -175,10 +128,7 @@ TEST_F(ParentLogonTest, AResetTimeoutThatIsSetMeanwhileCounts) {
     if (parent_.Calls(operation) == 11) SetConfigInt("ResetTimeout", 3);
     throw BrelixMessaging::Rejected();
   });
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.ended == 1; });
   EXPECT_TRUE(log_.Contains("failed to terminate parent logon thread after 3 seconds."));
 }
 
@@ -196,10 +146,7 @@ TEST_F(ParentLogonTest, ARegistrationClearsItsMemoryOfTheResetEvenIfTheLogonFail
 TEST_F(ParentLogonTest, ANegativeResetTimeoutIsNoTimeAndIsShownAsItIs) {
   SetConfigInt("ResetTimeout", static_cast<std::uint32_t>(-5));
   RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.ended == 1; });
   EXPECT_TRUE(log_.Contains("failed to terminate parent logon thread after -5 seconds."));
 }
 

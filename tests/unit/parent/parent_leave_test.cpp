@@ -6,19 +6,13 @@ namespace MessageRouter {
 namespace {
 
 TEST_F(ParentLogonTest, AStopWhileLoggedOnTakesLeaveOnce) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  logon.StopLogon(true);
+  RunUntil([&] { return LogsOn(); }, true);
   EXPECT_EQ(parent_.Calls("Logoff"), 1u);
   EXPECT_TRUE(log_.Has(kLogInfo, "Logged off from parent router\n"));
 }
 
 TEST_F(ParentLogonTest, AReinitialisationTakesNoLeave) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  logon.StopLogon(false);
+  RunUntil([&] { return LogsOn(); });
   EXPECT_EQ(parent_.Calls("Logoff"), 0u);
 }
 
@@ -37,10 +31,7 @@ TEST_F(ParentLogonTest, ALeaveThatFailsIsLogged) {
 TEST_F(ParentLogonTest, AStopBetweenRegistrationAndLogonTakesNoLeave) {
   RefuseLogon();
   SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return parent_.Calls("Logon") == 1; }));
-  logon.StopLogon(true);
+  RunUntil([&] { return parent_.Calls("Logon") == 1; }, true);
   EXPECT_EQ(parent_.Calls("Register"), 1u);
   EXPECT_EQ(parent_.Calls("Logoff"), 0u);
 }

@@ -156,8 +156,10 @@ class FakeHost : public TestSupport::FakeRoutingHost {
   TestSupport::FakeParent& parent_;
 };
 
-// A router named "router1" with a parent named "boss", whose IOR port is open. A second of the
-// parent logon takes a millisecond.
+// What a second of the parent logon takes.
+inline constexpr std::chrono::milliseconds kShortSecond{1};
+
+// A router named "router1" with a parent named "boss", whose IOR port is open.
 class ParentLogonTest : public testing::Test {
  protected:
   ParentLogonTest()
@@ -200,6 +202,15 @@ class ParentLogonTest : public testing::Test {
     logon.Start();
     logon.Enable();
   }
+  // One life of the thread: until then, and with a leave only if the stop asks for one.
+  template <class Condition>
+  void RunUntil(Condition&& condition, bool logoff = false) {
+    ParentLogon logon(routing_, router_, kShortSecond);
+    Begin(logon);
+    EXPECT_TRUE(Eventually(condition));
+    logon.StopLogon(logoff);
+    host_.logon = nullptr;
+  }
   bool LogsOn(std::size_t times = 1) {
     return Eventually([&] { return log_.Count("Logged on to parent router as") >= times; });
   }
@@ -236,7 +247,5 @@ class ParentLogonTest : public testing::Test {
   FakeLogonHost router_;
   IOR_Sender port_;
 };
-
-inline constexpr std::chrono::milliseconds kShortSecond{1};
 
 }  // namespace MessageRouter

@@ -38,19 +38,13 @@ TEST_F(ParentLogonTest, RegistersAndLogsOn) {
 TEST_F(ParentLogonTest, AfterTheLogonTheParentIsPolledAndWhatWaitsIsOffered) {
   // A parent that can be notified is owed a threshold call first; this one is pushed to.
   LetItBePushedTo(AReferenceTo<BrelixMessaging::RouterConsumer>("parent-consumer"));
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  logon.StopLogon(false);
+  RunUntil([&] { return LogsOn(); });
   EXPECT_THAT(host_.Pollers(), ElementsAre(table_.Parent()));
   EXPECT_THAT(host_.Senders(), ElementsAre(table_.Parent()));
 }
 
 TEST_F(ParentLogonTest, AfterTheLogonAParentThatCanBeNotifiedIsOwedAThresholdCallFirst) {
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  logon.StopLogon(false);
+  RunUntil([&] { return LogsOn(); });
   EXPECT_THAT(host_.ThresholdCalls(), ElementsAre(table_.Parent()));
   EXPECT_THAT(host_.Senders(), testing::IsEmpty());
 }
@@ -114,10 +108,7 @@ TEST_F(ParentLogonTest, EachCallIsRepeatedOnceAtOnce) {
   parent_.SetOnCall([&](const std::string& operation) {
     if (parent_.Calls(operation) == 1) throw CORBA::COMM_FAILURE();
   });
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  logon.StopLogon(true);
+  RunUntil([&] { return LogsOn(); }, true);
   EXPECT_THAT(parent_.AllCalls(),
               ElementsAre("GetName", "GetName", "GetRouter", "GetRouter", "Register", "Register",
                           "Logon", "Logon", "Logoff", "Logoff"));
@@ -164,19 +155,13 @@ TEST_F(ParentLogonTest, ALogonOffersWhatWaitsThenPollsThenIsLoggedThenReported) 
   host_.onOfferToSenders = [&] { pass("offered"); };
   host_.onNotifiedPoll = [&] { pass("polled"); };
   router_.status.onReport = [&] { pass("reported"); };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
-  logon.StopLogon(false);
+  RunUntil([&] { return LogsOn(); });
   EXPECT_THAT(order, ElementsAre("offered", "polled", "reported", "logged"));
 }
 
 TEST_F(ParentLogonTest, TheRoutersNameIsLoggedAsPeopleReadIt) {
   OwnIdentity::Set("caf+AOk-", "router's certificate");
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(LogsOn());
-  logon.StopLogon(false);
+  RunUntil([&] { return LogsOn(); });
   EXPECT_TRUE(log_.Has(kLogInfo, "Logged on to parent router as caf\xC3\xA9\n"));
 }
 
@@ -200,10 +185,7 @@ TEST_F(ParentLogonTest, ACorbaExceptionOutOfAStepIsLoggedAndTheThreadGoesOn) {
   host_.onObjects = [&, failed = false]() mutable {
     if (!std::exchange(failed, true)) throw failure;
   };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(LogsOn());
-  logon.StopLogon(false);
+  RunUntil([&] { return LogsOn(); });
   EXPECT_TRUE(log_.Has(kLogError,
                        "ParentLogon::Process: Caught CORBA " + Broker::Describe(failure) + " \n"));
   EXPECT_EQ(parent_.Calls("Register"), 1u);
@@ -216,10 +198,7 @@ TEST_F(ParentLogonTest, AFailureForWhoseLineThereIsNoMemoryIsFollowedByTheNextAt
     failure.emplace(0, 1);
     throw CORBA::OBJ_ADAPTER(0, CORBA::COMPLETED_NO);
   };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(LogsOn());
-  logon.StopLogon(false);
+  RunUntil([&] { return LogsOn(); });
   EXPECT_FALSE(log_.Contains("ParentLogon::Process: Caught"));
 }
 

@@ -44,30 +44,21 @@ TEST_F(ParentLogonTest, APauseThatIsSetMeanwhileCountsFromTheNextOn) {
     if (moments_.Count() == 3) SetConfigInt("LogonRetryInterval", 200);
     throw BrelixMessaging::Rejected();
   });
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return moments_.Count() >= 5; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return moments_.Count() >= 5; });
   EXPECT_GE(moments_.Between(2, 4), 400ms);
 }
 
 TEST_F(ParentLogonTest, BetweenAttemptsToRegisterTheIntervalPasses) {
   SetConfigInt("LogonRetryInterval", 20);
   RefuseRegistration();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return moments_.Count() >= 6; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return moments_.Count() >= 6; });
   EXPECT_GE(moments_.Between(0, 5), 100ms);
 }
 
 TEST_F(ParentLogonTest, BetweenAttemptsToLogOnTheIntervalPasses) {
   SetConfigInt("LogonRetryInterval", 20);
   RefuseLogon();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return moments_.Count() >= 6; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return moments_.Count() >= 6; });
   EXPECT_GE(moments_.Between(0, 5), 100ms);
 }
 
@@ -91,10 +82,7 @@ TEST_F(ParentLogonTest, ASessionThatEndsAtOnceIsNotBegunAnewAtOnce) {
     moments_.Note();
     table_.Parent()->Logoff();
   };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return moments_.Count() >= 6; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return moments_.Count() >= 6; });
   EXPECT_GE(moments_.Between(0, 5), 100ms);
   EXPECT_EQ(router_.reinitialised, 0);
 }
@@ -135,10 +123,7 @@ TEST_F(ParentLogonTest, AFailureThatEndsTheSessionIsFollowedByOnePause) {
     table_.Parent()->Logoff();
     throw std::runtime_error("no report");
   };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return moments_.Count() >= 2; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return moments_.Count() >= 2; });
   const auto passed = moments_.Between(0, 1);
   EXPECT_GE(passed, 1000ms);
   EXPECT_LT(passed, 1900ms);

@@ -58,39 +58,27 @@ TEST_F(ParentLogonTest, AnyOtherNameIsTheParents) {
   for (const std::string& name : {std::string("a:b"), std::string(4096, 'b')}) {
     log_.Clear();
     parent_.name = name;
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    EXPECT_TRUE(LogsOn());
-    logon.StopLogon(false);
+    RunUntil([&] { return LogsOn(); });
     EXPECT_EQ(table_.Find(name), table_.Parent());
   }
 }
 
 TEST_F(ParentLogonTest, WhatCannotMakeAReferenceIsAFailedAttempt) {
   host_.onStringToObject = [] { throw omniORB::fatalException("file", 1, "check failed"); };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.reinitialised == 1; });
   EXPECT_EQ(log_.Count("ParentLogon::RegisterParent: Caught CORBA INTERNAL"), 11u);
 }
 
 TEST_F(ParentLogonTest, AReferenceToNothingIsAFailedAttempt) {
   host_.nothingThere = true;
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.reinitialised == 1; });
   EXPECT_EQ(log_.Count("Successfully validated parent router's IOR\n"), 11u);
   EXPECT_TRUE(parent_.AllCalls().empty());
 }
 
 TEST_F(ParentLogonTest, AParentWithoutADoorForRoutersIsAFailedAttempt) {
   parent_.HideDoor();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.reinitialised == 1; });
   EXPECT_EQ(parent_.Calls("GetRouter"), 11u);
   EXPECT_EQ(parent_.Calls("Register"), 0u);
 }
@@ -98,19 +86,11 @@ TEST_F(ParentLogonTest, AParentWithoutADoorForRoutersIsAFailedAttempt) {
 TEST_F(ParentLogonTest, TheHealthReportHearsOfAnInvalidIorAndOfItsEnd) {
   ServeIor("IOR:00");
   SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  {
-    ParentLogon logon(routing_, router_, kShortSecond);
-    Begin(logon);
-    ASSERT_TRUE(Eventually([&] { return router_.status.All().size() >= 4; }));
-    logon.StopLogon(false);
-  }
+  RunUntil([&] { return router_.status.All().size() >= 4; });
   EXPECT_THAT(router_.status.All(),
               ElementsAre("parent 127.0.0.1", "clear 1", "parent ", "raise 2 "));
   ServeIor(ParentTests::IorOf("192.0.2.1"));
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(Eventually([&] { return router_.status.All().size() >= 8; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.status.All().size() >= 8; });
   EXPECT_THAT(router_.status.All(),
               ElementsAre("parent 127.0.0.1", "clear 1", "parent ", "raise 2 ", "parent 127.0.0.1",
                           "clear 1", "clear 2", "report"));
@@ -119,19 +99,13 @@ TEST_F(ParentLogonTest, TheHealthReportHearsOfAnInvalidIorAndOfItsEnd) {
 TEST_F(ParentLogonTest, WhoeverAnswersAtTheIorPortMakesNoLogLines) {
   ServeIor("IOR:\nforged\r\x1B\x7F.");
   SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return log_.Contains("its IOR is invalid"); }));
-  logon.StopLogon(false);
+  RunUntil([&] { return log_.Contains("its IOR is invalid"); });
   EXPECT_TRUE(log_.Has(kLogInfo, "Received parent router's IOR:\nIOR:?forged???.\n"));
 }
 
 TEST_F(ParentLogonTest, AReferenceToAnotherKindOfObjectIsAFailedAttempt) {
   host_.root = CORBA::Object::_duplicate(parent_.Door());
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.reinitialised == 1; });
   EXPECT_EQ(log_.Count("Successfully validated parent router's IOR\n"), 11u);
   EXPECT_FALSE(log_.Contains("Accessing parent"));
   EXPECT_FALSE(log_.Contains("Caught"));
@@ -141,20 +115,14 @@ TEST_F(ParentLogonTest, AReferenceToAnotherKindOfObjectIsAFailedAttempt) {
 TEST_F(ParentLogonTest, TheParentsAddressesAreKnownBeforeAReferenceIsMade) {
   std::string known;
   host_.onStringToObject = [&] { known = router_.parentAddresses; };
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(LogsOn());
-  logon.StopLogon(false);
+  RunUntil([&] { return LogsOn(); });
   EXPECT_EQ(known, ParentTests::IorOf("192.0.2.1"));
 }
 
 TEST_F(ParentLogonTest, AnInvalidIorIsAnError) {
   ServeIor("IOR:00");
   const std::string complaint = "Cannot log on to the parent router, because its IOR is invalid\n";
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return log_.Contains(complaint); }));
-  logon.StopLogon(false);
+  RunUntil([&] { return log_.Contains(complaint); });
   EXPECT_TRUE(log_.Has(kLogError, complaint));
 }
 

@@ -24,10 +24,7 @@ TEST_F(SilentParentTest, AtItsRootIsAFailedAttempt) {
   door_.FallSilentAt("_is_a");
   SetConfigInt("HeartbeatTimeout", 50);
   host_.root = door_.Reference<CORBA::Object>();
-  ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
-  logon.StopLogon(false);
+  RunUntil([&] { return router_.reinitialised == 1; });
   EXPECT_EQ(log_.Count("ParentLogon::RegisterParent: Caught CORBA TIMEOUT"), 11u);
 }
 

@@ -1,13 +1,8 @@
 #include "broker/CallTimeout.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <string>
 #include <thread>
 
 #include "ServantWorld.h"
@@ -15,6 +10,7 @@
 #include "broker/CorbaExceptions.h"
 #include "servants/CallBack.h"
 #include "support/LogCapture.h"
+#include "support/LoopbackListener.h"
 #include "support/RemoteDoor.h"
 
 namespace ServantTests {
@@ -25,28 +21,11 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 // A host that takes connections and never answers.
-class SilentHost {
- public:
-  SilentHost() : listener_(socket(AF_INET, SOCK_STREAM, 0)) {
-    address_.sin_family = AF_INET;
-    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address_;
-    bind(listener_, reinterpret_cast<sockaddr*>(&address_), sizeof address_);
-    listen(listener_, 8);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address_), &size);
-  }
-  ~SilentHost() { close(listener_); }
-
+struct SilentHost : TestSupport::LoopbackListener {
   BrelixMessaging::EnvelopeConsumer_ptr Peer() const {
-    const std::string place =
-        "corbaloc::127.0.0.1:" + std::to_string(ntohs(address_.sin_port)) + "/Peer";
-    const CORBA::Object_var object = TestOrb()->string_to_object(place.c_str());
-    return BrelixMessaging::EnvelopeConsumer::_unchecked_narrow(object);
+    TestOrb();
+    return Reference<BrelixMessaging::EnvelopeConsumer>();
   }
-
- private:
-  int listener_;
-  sockaddr_in address_{};
 };
 
 TEST(CallTimeout, ACallToASilentPeerEndsInTime) {
