@@ -110,12 +110,14 @@ class Router:
     """One router in a folder of its own, with a fixed TLS port, so that it is found again."""
 
     def __init__(self, test, ca, name="router", settings=None, endpoint=None, identity=None,
-                 host=None):
-        """`host`: where it runs, one of hosts.Hosts; this host if there is none."""
+                 host=None, environment=None):
+        """`host`: where it runs, one of hosts.Hosts; this host if there is none. `environment`: what
+        its own has beside this process's."""
         self.test = test
         self.name = name
         self.host = host
         self.within = host.within if host else ()
+        self.environment = environment or {}
         self.address = host.address if host else "localhost"
         self.folder = test.folder / f"router-{name}"
         self.data = self.folder / "Router"
@@ -157,7 +159,8 @@ class Router:
             self.process = subprocess.Popen(
                 [*self.within, BIN / "brelix-message-router", "-config", "./brelix.config",
                  "-ORBendPoint", self.endpoint],
-                cwd=self.folder, stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr)
+                cwd=self.folder, stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr,
+                env={**os.environ, **self.environment})
         if wait:
             self.wait_log("Waiting for messages...", seconds, since=mark)
         return self
