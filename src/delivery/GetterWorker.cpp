@@ -18,11 +18,13 @@ constexpr std::uint32_t kLowMaximum = 10;
 std::uint32_t ReadMaximumToGet() {
   const std::uint32_t maximum = GetConfigInt("MaximumToGet", kUnlimited);
   if (maximum == 0) {
-    LogWarning("MaximumToGet is zero, using value of %u\n", kUnlimited);
+    LogWarning("MaximumToGet is zero, using value of %d\n",
+               static_cast<std::int32_t>(kUnlimited));
     return kUnlimited;
   }
   if (maximum < kLowMaximum) {
-    LogWarning("MaximumToGet value is %u - this is low and may degrade performance\n", maximum);
+    LogWarning("MaximumToGet value is %d - this is low and may degrade performance\n",
+               static_cast<std::int32_t>(maximum));
   }
   return maximum;
 }
@@ -30,7 +32,9 @@ std::uint32_t ReadMaximumToGet() {
 // One envelope: fetched, stored, queued, and only then acknowledged.
 void Fetch(BrelixMessaging::RouterSupplier_ptr supplier, const RouterTableEntry& entry,
            const std::string& name, GetEntryGuard& guard) {
-  LogDebug("GetterWorker::ProcessEntry() - polling %s\n", Shown(name).c_str());
+  if (LogEnabled(kLogDebug)) {
+    LogDebug("GetterWorker::ProcessEntry() - polling %s\n", Shown(name).c_str());
+  }
   const BrelixMessaging::Envelope_var wire =
       Broker::RepeatOnce([supplier] { return supplier->GetEnvelope(); });
   guard.GotSomething();

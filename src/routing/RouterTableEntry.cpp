@@ -160,7 +160,10 @@ bool RouterTableEntry::PeekNext(Envelope& out, const std::string& name) {
   if (!guard) return false;
   if (!IsCallersLocked(name)) throw BrelixMessaging::Rejected();
   const Envelope* next = envelopes_.Next();
-  if (next == nullptr) return false;
+  if (next == nullptr) {
+    EnvelopePulledWithNothingThereLocked();
+    return false;
+  }
   out = *next;
   return true;
 }

@@ -134,7 +134,7 @@ class RouterTableEntry {
   // The same, for a sender of that session: nothing is taken once it is over.
   bool PopNext(EnvelopeQueue::Taken& out, LogonGeneration session);
   // For the peer of that name, as is CancelSupplied: they throw Rejected if the entry is no longer
-  // this peer's.
+  // this peer's. False if nothing waits: whatever comes from then on causes another notification.
   bool PeekNext(Envelope& out, const std::string& name);
   // Throws NoCertificationMessage too.
   void PeekCertification(Envelope& out, const std::string& name);
@@ -216,8 +216,7 @@ class RouterTableEntry {
   // The failed call of a threshold worker: the back-off stays as it is.
   void ThresholdCallFailed(LogonGeneration generation);
   bool NotificationFinished(LogonGeneration generation);  // true: look again at once
-  // These two are for the peer of that name, and do nothing if the entry is not, or no longer, its.
-  void EnvelopePulledWithNothingThere(const std::string& name);
+  // Does nothing if the entry is not, or no longer, the peer's of that name.
   void TouchLastPull(const std::string& name);
   bool PullTimedOut() const;
   // False, too, if that session is over.
@@ -316,6 +315,8 @@ class RouterTableEntry {
   bool CountsPulls() const;  // the states in which lastPull applies
   void NoNotificationLocked() REQUIRES(lock_);
   bool NotificationRunningLocked() const REQUIRES_SHARED(lock_);
+  bool IsWorthNotifyingLocked(const Envelope& envelope) const REQUIRES_SHARED(lock_);
+  void EnvelopePulledWithNothingThereLocked() REQUIRES(lock_);
   // For those that were turned away at the end of a push or notification.
   void OfferAgain(const Visitors& turnedAway);
 

@@ -64,6 +64,13 @@ void RouterTableEntry::OfferAgain(const Visitors& turnedAway) {
   if (turnedAway.threshold) host_.OfferToThreshold(*this);
 }
 
+// A threshold of 0 refuses nothing: one envelope of a negative priority, which stands at the exit,
+// would keep the peer from hearing of all others.
+bool RouterTableEntry::IsWorthNotifyingLocked(const Envelope& envelope) const {
+  return notificationThreshold_ == 0 ||
+         static_cast<std::int32_t>(envelope.Priority()) >= notificationThreshold_;
+}
+
 RouterTableEntry::Claim RouterTableEntry::NotificationWanted() {
   return NotificationWanted(Generation());
 }
@@ -77,7 +84,7 @@ RouterTableEntry::Claim RouterTableEntry::NotificationWanted(LogonGeneration ses
   const Envelope* next = envelopes_.Next();
   if (logonState_ == kLoggedOn && !CORBA::is_nil(references_.notifyConsumer) &&
       (state == kNothingSent || state == kNotified) && next != nullptr &&
-      static_cast<std::int32_t>(next->Priority()) >= notificationThreshold_) {
+      IsWorthNotifyingLocked(*next)) {
     if (!outgoing_.Enter(&Visitors::worker)) return claim;
     consumerState_ = kNotifying;
     claim.acquired = true;
@@ -181,9 +188,7 @@ bool RouterTableEntry::NotificationFinished(LogonGeneration generation) {
   return again;
 }
 
-void RouterTableEntry::EnvelopePulledWithNothingThere(const std::string& name) {
-  WriteGuard guard(lock_);
-  if (!guard || !IsCallersLocked(name)) return;
+void RouterTableEntry::EnvelopePulledWithNothingThereLocked() {
   if (consumerState_ == kNotifying) consumerState_ = kNotifyingPulledEmpty;
 }
 

@@ -24,12 +24,10 @@ namespace {
 void PeekFor(const Caller& caller, Envelope& envelope) {
   RouterTableEntry& entry = caller.entry;
   if (entry.PeekNext(envelope, caller.name)) return;
-  // From here on a newcomer causes another notification; one that came just before does not, so it
-  // is looked for once more.
-  entry.EnvelopePulledWithNothingThere(caller.name);
-  if (entry.PeekNext(envelope, caller.name)) return;
-  LogTrace("EnvelopeSupplier::GetEnvelope() - no envelope to supply for %s\n",
-           Shown(entry.Name()).c_str());
+  if (MessageRouter::LogEnabled(MessageRouter::kLogTrace)) {
+    LogTrace("EnvelopeSupplier::GetEnvelope() - no envelope to supply for %s\n",
+             Shown(entry.Name()).c_str());
+  }
   throw BrelixMessaging::NoEnvelope();
 }
 
@@ -72,7 +70,7 @@ BrelixMessaging::Envelope* EnvelopeSupplier_i::GetEnvelope() {
 // The broken one would stand in front of all others for ever.
 bool EnvelopeSupplier_i::Discard(const Envelope& broken) {
   try {
-    Acknowledge({broken.Originator()}, broken.MessageId());
+    Acknowledge(broken.Originator(), broken.MessageId(), false);
   } catch (const BrelixMessaging::NoEnvelope&) {
     return false;
   } catch (...) {  // the caller is told Rejected whatever came of it
@@ -83,17 +81,17 @@ bool EnvelopeSupplier_i::Discard(const Envelope& broken) {
 void EnvelopeSupplier_i::AcknowledgeEnvelope(const char* originator,
                                              BrelixMessaging::MessageId message_id) {
   const Broker::Gate::Pass pass;
-  // A router hands back the form that it was given; the queue holds the stored one.
-  Acknowledge(isRouterSupplier_ ? MessageRouter::UnqualifiedForms(originator)
-                                : std::vector<std::string>{originator},
-              static_cast<std::uint32_t>(message_id));
+  Acknowledge(originator, static_cast<std::uint32_t>(message_id), isRouterSupplier_);
 }
 
-void EnvelopeSupplier_i::Acknowledge(const std::vector<std::string>& originators,
-                                     std::uint32_t messageId) {
+void EnvelopeSupplier_i::Acknowledge(const std::string& originator, std::uint32_t messageId,
+                                     bool mayBeQualified) {
   Framed("EnvelopeSupplier::AcknowledgeEnvelope", [&] {
     const Caller caller = Caller::LoggedOn();
     caller.entry.TouchLastPull(caller.name);
+    // A router hands back the form that it was given; the queue holds the stored one.
+    const std::vector<std::string> originators =
+        mayBeQualified ? MessageRouter::UnqualifiedForms(originator) : std::vector{originator};
     if (!caller.entry.CancelSupplied(originators, messageId, caller.name)) {
       throw BrelixMessaging::NoEnvelope();
     }

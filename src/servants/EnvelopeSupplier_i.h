@@ -27,7 +27,7 @@ class EnvelopeSupplier_i : public POA_BrelixMessaging::RouterSupplier {
 
  private:
   // The end of an envelope that has been supplied, under any of these originators.
-  void Acknowledge(const std::vector<std::string>& originators, std::uint32_t messageId);
+  void Acknowledge(const std::string& originator, std::uint32_t messageId, bool mayBeQualified);
   // The end of one that can't be. False if it has been taken from the queue since.
   bool Discard(const MessageRouter::Envelope& broken);
 

@@ -6,6 +6,7 @@
 #include "config/Configuration.h"
 #include "envelope/Address.h"
 #include "logging/Log.h"
+#include "routing/Quietly.h"
 #include "servants/Caller.h"
 #include "servants/Frame.h"
 #include "threads/Mutex.h"
@@ -52,8 +53,11 @@ void NotifyConsumer_i::Notify() {
     // that has just become another peer's means a poll of that one, which does no harm.
     if (entry == nullptr || !entry->StandingOf(*name)) return;
     routing->Host().NotifiedPoll(*entry);
-    MessageRouter::LogDebug("NotifyConsumer_i::Notify() notified by %s\n",
-                            MessageRouter::Shown(*name).c_str());
+    // The poll is under way, whatever becomes of the line.
+    MessageRouter::Quietly([&] {
+      MessageRouter::LogDebug("NotifyConsumer_i::Notify() notified by %s\n",
+                              MessageRouter::Shown(*name).c_str());
+    });
   });
 }
 

@@ -584,7 +584,7 @@ TEST_F(GetterWorkerTest, MaximumToGetOf0IsUnlimitedAndEachWorkerWarns) {
   TimedPoll();
   EXPECT_THAT(peer->waiting, IsEmpty());
   EXPECT_EQ(log.Count("MaximumToGet"), 2u);
-  EXPECT_TRUE(log.Has(kLogWarning, "MaximumToGet is zero, using value of 4294967295\n"));
+  EXPECT_TRUE(log.Has(kLogWarning, "MaximumToGet is zero, using value of -1\n"));
 }
 
 TEST_F(GetterWorkerTest, MaximumToGetOf9IsWarnedAboutAndStands) {

@@ -4,6 +4,7 @@
 
 #include "fixture.h"
 #include "support/AllocationFailure.h"
+#include "support/EmptyPull.h"
 
 namespace DeliveryTests {
 namespace {
@@ -231,14 +232,14 @@ TEST_F(ThresholdTest, PeerThatNobodyNotifiedYetComesHereThroughTheOfferAfterItsL
 }
 
 TEST_F(ThresholdTest, EmptyPullDuringTheCallEndsAsNotified) {
-  peer->thresholdCalls.onCall = [this](int) { entry.EnvelopePulledWithNothingThere(entry.Name()); };
+  peer->thresholdCalls.onCall = [this](int) { PullWithNothingThere(entry); };
   VisitForThreshold();
   EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
 }
 
 TEST_F(ThresholdTest, FailureAfterAnEmptyPullIsAFailure) {
   peer->thresholdCalls.onCall = [this](int) {
-    entry.EnvelopePulledWithNothingThere(entry.Name());
+    PullWithNothingThere(entry);
     throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
   };
   VisitForThreshold();

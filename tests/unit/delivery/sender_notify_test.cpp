@@ -3,6 +3,7 @@
 
 #include "fixture.h"
 #include "support/AllocationFailure.h"
+#include "support/EmptyPull.h"
 
 namespace DeliveryTests {
 namespace {
@@ -99,7 +100,7 @@ TEST_F(SenderNotifyTest, EnvelopeThatArrivesAfterAnEmptyPullIsNotifiedOnceMore) 
   Enqueue(entry, Stored(1));
   peer->onCall = [&](int call) {
     if (call > 1) return;
-    entry.EnvelopePulledWithNothingThere(entry.Name());
+    PullWithNothingThere(entry);
     EXPECT_FALSE(entry.NotificationWanted().acquired);
   };
   Visit(entry);
@@ -116,7 +117,7 @@ TEST_F(SenderNotifyTest, FailureOfTheSecondNotificationIsRecorded) {
       EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotifying);
       throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
     }
-    entry.EnvelopePulledWithNothingThere(entry.Name());
+    PullWithNothingThere(entry);
     EXPECT_FALSE(entry.NotificationWanted().acquired);
   };
   Visit(entry);
@@ -131,7 +132,7 @@ TEST_F(SenderNotifyTest, EnvelopeThatIsFetchedBeforeTheSecondNotificationNeedsNo
   RouterTableEntry& entry = ANotifiedClient(peer);
   Enqueue(entry, Stored(1));
   peer->onCall = [&](int) {
-    entry.EnvelopePulledWithNothingThere(entry.Name());
+    PullWithNothingThere(entry);
     EXPECT_FALSE(entry.NotificationWanted().acquired);
     entry.TakeAll();
   };

@@ -1,6 +1,7 @@
 #include <functional>
 
 #include "fixture.h"
+#include "support/EmptyPull.h"
 #include "support/FakeParent.h"
 
 namespace TestSupport {
@@ -151,6 +152,7 @@ TEST_F(EntryNotificationTest, IsWantedOnceSomethingWaits) {
 
 TEST_F(EntryNotificationTest, ThePriorityComparesSignedWithTheThreshold) {
   Enqueue(peer_, AnEnvelope().WithPriority(0xFFFFFFFF));  // -1
+  Logon(1);
   EXPECT_FALSE(peer_.NotificationWanted().acquired);
   Logon(-1);
   EXPECT_TRUE(peer_.NotificationWanted().acquired);
@@ -158,7 +160,7 @@ TEST_F(EntryNotificationTest, ThePriorityComparesSignedWithTheThreshold) {
 
 TEST_F(EntryNotificationTest, APullThatFoundNothingMeanwhileAsksForOneMoreNotification) {
   const auto generation = Begin();
-  peer_.EnvelopePulledWithNothingThere(peer_.Name());
+  PullWithNothingThere(peer_);
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyingPulledEmpty);
   EXPECT_FALSE(peer_.NotificationWanted().acquired);
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyAgain);
@@ -171,7 +173,7 @@ TEST_F(EntryNotificationTest, AFinishedOneLeavesThePeerNotifiedAndItCanBeNotifie
   EXPECT_FALSE(peer_.NotificationFinished(Begin()));
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
   EXPECT_TRUE(peer_.NotificationWanted().acquired);
-  peer_.EnvelopePulledWithNothingThere(peer_.Name());
+  PullWithNothingThere(peer_);
   EXPECT_FALSE(peer_.NotificationFinished(peer_.Generation()));
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
 }
@@ -179,12 +181,12 @@ TEST_F(EntryNotificationTest, AFinishedOneLeavesThePeerNotifiedAndItCanBeNotifie
 TEST_F(EntryNotificationTest, APullOutsideOfANotificationChangesNoState) {
   const auto expectToStay = [this](Entry::ConsumerState state) {
     ASSERT_EQ(peer_.GetConsumerState(), state);
-    peer_.EnvelopePulledWithNothingThere(peer_.Name());
+    PullWithNothingThere(peer_);
     EXPECT_EQ(peer_.GetConsumerState(), state);
   };
   expectToStay(Entry::kNothingSent);
   const auto generation = Begin();
-  peer_.EnvelopePulledWithNothingThere(peer_.Name());
+  PullWithNothingThere(peer_);
   expectToStay(Entry::kNotifyingPulledEmpty);
   peer_.NotificationWanted();
   expectToStay(Entry::kNotifyAgain);
@@ -195,7 +197,19 @@ TEST_F(EntryNotificationTest, APullOutsideOfANotificationChangesNoState) {
 }
 
 TEST_F(EntryNotificationTest, WithAThresholdOf0EveryEnvelopeIsWorthANotification) {
-  Enqueue(peer_, AnEnvelope().WithPriority(0));
+  for (const std::uint32_t priority : {0u, 1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+    Logon(0);
+    Enqueue(peer_, AnEnvelope().WithPriority(priority));
+    const Entry::Claim claim = peer_.NotificationWanted();
+    EXPECT_TRUE(claim.acquired) << priority;
+    peer_.NotificationFinished(claim.generation);
+    peer_.TakeAll();
+  }
+}
+
+TEST_F(EntryNotificationTest, OneOfNegativePriorityDoesNotKeepThePeerFromHearingOfTheOthers) {
+  Enqueue(peer_, AnEnvelope().WithPriority(0xFFFFFFFF));
+  Enqueue(peer_, AnEnvelope().WithPriority(5));
   EXPECT_TRUE(peer_.NotificationWanted().acquired);
 }
 
@@ -299,7 +313,7 @@ TEST_F(EntryNotificationTest,
   for (const bool pulledEmpty : {false, true}) {
     const auto generation = Begin();
     if (pulledEmpty) {
-      peer_.EnvelopePulledWithNothingThere(peer_.Name());
+      PullWithNothingThere(peer_);
       peer_.TouchLastPull(peer_.Name());
     }
     clock_.Advance(seconds(1801));
@@ -321,7 +335,7 @@ TEST_F(EntryNotificationTest, ASilentRouterTimesOutWhileItIsBeingNotified) {
 TEST_F(EntryNotificationTest, OneThatPulledDuringTheCallDoesNotTimeOutBeforeItsEnd) {
   Begin();
   for (const bool again : {false, true}) {
-    peer_.EnvelopePulledWithNothingThere(peer_.Name());
+    PullWithNothingThere(peer_);
     if (again) peer_.NotificationWanted();
     peer_.TouchLastPull(peer_.Name());
     clock_.Advance(seconds(1801));
@@ -335,7 +349,7 @@ TEST_F(EntryNotificationTest, AfterAFailedCallTheTimeRunsFromThereIfThePeerPulle
     for (const auto fail : {&Entry::NotificationFailed, &Entry::ThresholdCallFailed}) {
       Logon(0);
       const auto generation = Begin();
-      peer_.EnvelopePulledWithNothingThere(peer_.Name());
+      PullWithNothingThere(peer_);
       if (again) peer_.NotificationWanted();
       peer_.TouchLastPull(peer_.Name());
       clock_.Advance(seconds(1801));
@@ -365,7 +379,9 @@ TEST_F(EntryNotificationTest, AFailedCallMakesNobodyTimeOutWhoCouldNotBefore) {
 
 TEST_F(EntryNotificationTest, APullOfAnotherPeerIsNoneOfThisOnes) {
   Begin();
-  peer_.EnvelopePulledWithNothingThere("stranger");
+  peer_.TakeAll();
+  Envelope none;
+  EXPECT_THROW(peer_.PeekNext(none, "stranger"), BrelixMessaging::Rejected);
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifying);
 }
 
@@ -410,7 +426,7 @@ TEST_F(EntryNotificationTest, EveryOutcomeEndsACallDuringWhichAnotherWasWanted) 
   const auto begin = [this] {
     Logon(0);
     const auto generation = Begin();
-    peer_.EnvelopePulledWithNothingThere(peer_.Name());
+    PullWithNothingThere(peer_);
     peer_.NotificationWanted();
     EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyAgain);
     return generation;

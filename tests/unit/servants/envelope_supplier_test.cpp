@@ -100,14 +100,25 @@ TEST_F(EnvelopeSupplierTest, AnEmptyPullDuringANotificationIsRemembered) {
 TEST_F(EnvelopeSupplierTest, AnEmptyPullInAnyOtherStateLeavesTheStateAlone) {
   LogOnClient("agent-1", notifier.reference);
   LogOnClient("agent-2");
-  {
-    const CallFrom call("agent-1");
-    EXPECT_THROW(forClients->GetEnvelope(), NoEnvelope);
-    EXPECT_EQ(Entry("agent-1").GetConsumerState(), RouterTableEntry::kNothingSent);
+  const PeerConsumer consumer{adapters.peers};
+  for (const char* const name : {"idle", "busy", "failed"}) {
+    RegisterClient(name);
+    Entry(name).LogonClient(name, consumer.reference, BrelixMessaging::NotifyConsumer::_nil(), 0,
+                            true);
   }
-  const CallFrom call("agent-2");
-  EXPECT_THROW(forClients->GetEnvelope(), NoEnvelope);
-  EXPECT_EQ(Entry("agent-2").GetConsumerState(), RouterTableEntry::kNoNotification);
+  ASSERT_TRUE(Entry("busy").ClaimForSending().acquired);
+  ASSERT_TRUE(Entry("failed").SendFailed(Entry("failed").ClaimForSending()));
+  const std::pair<const char*, RouterTableEntry::ConsumerState> cases[] = {
+      {"agent-1", RouterTableEntry::kNothingSent}, {"agent-2", RouterTableEntry::kNoNotification},
+      {"idle", RouterTableEntry::kPushIdle},       {"busy", RouterTableEntry::kPushBusy},
+      {"failed", RouterTableEntry::kPushFailed},
+  };
+  for (const auto& [name, state] : cases) {
+    ASSERT_EQ(Entry(name).GetConsumerState(), state) << name;
+    const CallFrom call(name);
+    EXPECT_THROW(forClients->GetEnvelope(), NoEnvelope) << name;
+    EXPECT_EQ(Entry(name).GetConsumerState(), state) << name;
+  }
 }
 
 TEST_F(EnvelopeSupplierTest, OriginatorsGoQualifiedToRoutersAndAsStoredToClients) {

@@ -57,6 +57,19 @@ TEST_F(NotifyConsumerTest, NotifyFromAPeerThatIsLoggedOffIsToldAndPollsNothing) 
   EXPECT_TRUE(log.Has(kLogDebug, "NotifyConsumer_i::Notify() notified by child-1\n"));
 }
 
+// The name leads to the entry of the parent, which has another one by now.
+TEST_F(NotifyConsumerTest, NotifyUnderAFormerNameOfTheParentIsDroppedWithoutAWord) {
+  table.AddParent("boss");
+  ASSERT_NE(table.Parent(), nullptr);
+  table.SetParentName("new boss");
+  ASSERT_EQ(table.Find("boss"), table.Parent());
+  log.Clear();
+  const CallFrom call("boss", {kRouterRole});
+  servant->Notify();
+  EXPECT_TRUE(host.polled.empty());
+  EXPECT_EQ(log.Lines().size(), 1u);  // the trace line
+}
+
 TEST_F(NotifyConsumerTest, NotifyFromAStrangerIsDroppedWithoutAWord) {
   const CallFrom call("child-1", {kRouterRole});
   EXPECT_NO_THROW(servant->Notify());
