@@ -4,6 +4,7 @@
 
 #include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
+#include "envelope/Address.h"
 #include "logging/Log.h"
 #include "routing/Quietly.h"
 #include "routing/RouterTable.h"
@@ -158,12 +159,13 @@ void RouterTableEntry::Announce(const SessionReport& report, bool loggingOn) con
     if (report.pollInterval) {
       LogDebug(
           "RouterTableEntry::unsafe_enablePolling(): set polling interval to %u seconds for %s\n",
-          *report.pollInterval, name.c_str());
+          *report.pollInterval, Shown(name).c_str());
     }
     // A client's state is told by its logon alone.
     if (!report.isRouter) return;
     LogInfo("RouterTableEntry state (%srouter, %s): %s is %s, %s\n", "",
-            loggingOn ? "logging on" : "restoring", name.c_str(), report.consumer, report.supplier);
+            loggingOn ? "logging on" : "restoring", Shown(name).c_str(), report.consumer,
+            report.supplier);
   });
 }
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <utility>
 
+#include "envelope/Address.h"
 #include "logging/Log.h"
 #include "routing/Quietly.h"
 #include "routing/RouterTableEntry.h"
@@ -64,7 +65,7 @@ void RouterTableEntry::responseExpected() {
   if (!changed) return;
   Quietly([&] {
     LogDebug("RouterTableEntry::responseExpected(): set polling interval to %u seconds for %s\n",
-             interval, Name().c_str());
+             interval, Shown(Name()).c_str());
   });
 }
 
@@ -86,7 +87,7 @@ void RouterTableEntry::responseNotRequired() {
   if (!changed) return;
   Quietly([&] {
     LogDebug("RouterTableEntry::responseNotRequired(): set polling interval to %u seconds for %s\n",
-             interval, Name().c_str());
+             interval, Shown(Name()).c_str());
   });
 }
 
@@ -127,14 +128,14 @@ bool RouterTableEntry::readyForTimedPoll() {
       LogDebug(
           "RouterTableEntry::readyForTimedPoll(): reset current polling interval to %u seconds for "
           "%s\n",
-          resetInterval, name.c_str());
+          resetInterval, Shown(name).c_str());
     }
     if (!due) return;
     LogDebug("RouterTableEntry::readyForTimedPoll(): waited %u seconds for poll of %s\n", waited,
-             name.c_str());
+             Shown(name).c_str());
     LogDebug(
         "RouterTableEntry::readyForTimedPoll(): set next polling interval to %u seconds for %s\n",
-        nextInterval, name.c_str());
+        nextInterval, Shown(name).c_str());
   });
   return due;
 }
@@ -151,7 +152,8 @@ bool RouterTableEntry::readyForNotifiedPoll() {
   // From here on nothing may fail: the caller is the one who brings the entry to a getter.
   if (LogEnabled(kLogDebug)) {
     Quietly([this] {
-      LogDebug("RouterTableEntry::readyForNotifiedPoll(): await poll of %s\n", Name().c_str());
+      LogDebug("RouterTableEntry::readyForNotifiedPoll(): await poll of %s\n",
+               Shown(Name()).c_str());
     });
   }
   return true;
@@ -162,10 +164,11 @@ RouterTableEntry::Claim RouterTableEntry::ClaimForPolling() {
   WriteGuard guard(lock_);
   claim.generation = generation_;
   if (!guard || logonState_ != kLoggedOn) return claim;
-  claim.notified = supplierState_ == kPollNotified;
-  if (!claim.notified && supplierState_ != kPollDue) return claim;
+  const bool notified = supplierState_ == kPollNotified;
+  if (!notified && supplierState_ != kPollDue) return claim;
   if (!polling_.Enter(&Visitors::worker)) return claim;
   supplierState_ = kPollRunning;
+  claim.notified = notified;
   notifiedWhilePolled_ = false;
   claim.acquired = true;
   return claim;
@@ -189,7 +192,7 @@ void RouterTableEntry::successfulGet(LogonGeneration generation) {
   if (current && LogEnabled(kLogDebug)) {
     Quietly([this] {
       LogDebug("RouterTableEntry::successfulGet(): re-started polling interval for %s\n",
-               Name().c_str());
+               Shown(Name()).c_str());
     });
   }
   if (again) host_.NotifiedPoll(*this);

@@ -19,6 +19,7 @@ using BrelixMessaging::NotifyConsumer_ptr;
 using MessageRouter::LogInfo;
 using MessageRouter::LogWarning;
 using MessageRouter::RouterTableEntry;
+using MessageRouter::Shown;
 
 namespace {
 
@@ -42,7 +43,7 @@ void Client_i::Register() {
   Operation("Client::Register", [] {
     const std::string name = CallerName();
     RunningRouting().RegisterPeer(name, false);
-    LogInfo("Registered client %s\n", name.c_str());
+    LogInfo("Registered client %s\n", Shown(name).c_str());
   });
 }
 
@@ -50,7 +51,7 @@ void Client_i::Unregister() {
   Operation("Client::Unregister", [] {
     const std::string name = CallerName();
     RunningRouting().UnregisterPeer(name, false);
-    LogInfo("Unregistered client %s\n", name.c_str());
+    LogInfo("Unregistered client %s\n", Shown(name).c_str());
   });
 }
 
@@ -102,7 +103,7 @@ void Client_i::Logoff() {
   Operation("Client::Logoff", [] {
     const std::string name = CallerName();
     RunningRouting().LogoffPeer(name);
-    LogInfo("Logged off %s\n", name.c_str());
+    LogInfo("Logged off %s\n", Shown(name).c_str());
   });
 }
 

@@ -20,6 +20,7 @@ using BrelixMessaging::RouterSupplier_ptr;
 using MessageRouter::CertificateContext;
 using MessageRouter::LogInfo;
 using MessageRouter::LogWarning;
+using MessageRouter::Shown;
 
 namespace {
 
@@ -38,7 +39,7 @@ RouterConsumer_ptr TestConsumer(const std::string& name, RouterConsumer_ptr cons
   if (CORBA::is_nil(reachable)) {
     // Only the consumer's absence makes delivery slow.
     LogWarning("%s is likely to be behind a firewall, causing slow message delivery\n",
-               name.c_str());
+               Shown(name).c_str());
   }
   return reachable;
 }
@@ -49,11 +50,11 @@ void Router_i::Register() {
   Operation("Router::Register", [] {
     const std::string name = CallingRouterName();
     if (name == CertificateContext::instance().OwnCommonName()) {
-      LogInfo("Self registration by %s is illegal", name.c_str());
+      LogInfo("Self registration by %s is illegal", Shown(name).c_str());
       throw BrelixMessaging::Rejected();
     }
     RunningRouting().RegisterPeer(name, true);
-    LogInfo("Registered router %s\n", name.c_str());
+    LogInfo("Registered router %s\n", Shown(name).c_str());
   });
 }
 
@@ -61,7 +62,7 @@ void Router_i::Unregister() {
   Operation("Router::Unregister", [] {
     const std::string name = CallingRouterName();
     RunningRouting().UnregisterPeer(name, true);
-    LogInfo("Unregistered router %s\n", name.c_str());
+    LogInfo("Unregistered router %s\n", Shown(name).c_str());
   });
 }
 
@@ -94,7 +95,7 @@ void Router_i::Logoff() {
   Operation("Router::Logoff", [] {
     const std::string name = CallingRouterName();
     RunningRouting().LogoffPeer(name);
-    LogInfo("Logged off %s\n", name.c_str());
+    LogInfo("Logged off %s\n", Shown(name).c_str());
   });
 }
 

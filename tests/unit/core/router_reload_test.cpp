@@ -93,6 +93,7 @@ TEST_P(ReloadOfAPeriod, CountsFromTheNextCycleOn) {
 
 INSTANTIATE_TEST_SUITE_P(Keys, ReloadOfAPeriod,
                          testing::Values(std::pair("TimeoutInterval", "TimeoutThread"),
+                                         std::pair("GetterTickSecs", "GetterThread"),
                                          std::pair("NotificationThresholdThreadIntervalSecs",
                                                    "NotificationThresholdThread")),
                          [](const auto& row) { return std::string(row.param.first); });
@@ -116,6 +117,35 @@ class PollListener : public StatusReporting::StatusReporter {
  private:
   Section incoming_;
 };
+
+TEST_F(CycleTest, APeerThatIsOfferedToTheGettersIsPolled) {
+  whileRunning = [&](int) {
+    const BrelixMessaging::RouterSupplier_var supplier =
+        APeer<Supplier, BrelixMessaging::RouterSupplier>();
+    Routing& routing = *Cycle::Current();
+    routing.RegisterPeer("child", true);
+    RouterTableEntry& child = *routing.Table().Find("child");
+    // Logged on past the routing, which would have it polled itself.
+    child.LogonRouter("child", BrelixMessaging::RouterConsumer::_nil(), supplier,
+                      BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+    EXPECT_TRUE(child.readyForNotifiedPoll());
+    Router::instance().OfferToGetters(child);
+    EXPECT_TRUE(Called());
+    Router::instance().Shutdown();
+  };
+  EXPECT_EQ(RunRouter(), 0);
+}
+
+TEST_F(CycleTest, ThereAreAsManyWorkersAsTheConfigurationSays) {
+  SetConfigInt("NumSenderThreads", 4);
+  SetConfigInt("NumGetterThreads", 5);
+  SetConfigInt("NumNotificationThresholdThreads", 6);
+  EXPECT_EQ(RunRouter(), 0);
+  const std::string log = LogText();
+  EXPECT_EQ(Count(log, "SenderWorker derived from BasicThreadHelper: starting"), 4u);
+  EXPECT_EQ(Count(log, "GetterWorker derived from BasicThreadHelper: starting"), 5u);
+  EXPECT_EQ(Count(log, "NotificationThresholdWorker derived from BasicThreadHelper: starting"), 6u);
+}
 
 TEST_F(CycleTest, TellsTheStatusReporterHowAPollWent) {
   auto reporter = std::make_unique<PollListener>();

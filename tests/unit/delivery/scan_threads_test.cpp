@@ -7,6 +7,7 @@
 #include <thread>
 #include <utility>
 
+#include "broker/CorbaExceptions.h"
 #include "delivery/NotificationThresholdWorker.h"
 #include "delivery/RouterThread.h"
 #include "delivery/TimeoutWorker.h"
@@ -236,6 +237,7 @@ TEST_F(ScanTest, ClientThatPullsAndStaysSilentStaysLoggedOn) {
   RouterTableEntry& entry = AClient();
   entry.LogonClient(entry.Name(), BrelixMessaging::EnvelopeConsumer::_nil(),
                     BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+  entry.TouchLastPull(entry.Name());
   Exposed<TimeoutThread> thread(table);
   clock.Advance(std::chrono::seconds(1801));
   thread.CheckEntry(entry);
@@ -254,7 +256,9 @@ TEST_F(ScanTest, LogoffThatRaisesIsLoggedAndCostsTheVisitAlone) {
   host.onParentLinkLost = [] { throw BrelixMessaging::NotLoggedOn(); };
   clock.Advance(std::chrono::seconds(1801));
   EXPECT_NO_THROW(VisitForTimeout(parent));
-  EXPECT_TRUE(log.Contains("TimeoutWorker: Caught CORBA"));
+  EXPECT_TRUE(log.Has(MessageRouter::kLogError,
+                      "TimeoutWorker: Caught CORBA " +
+                          Broker::Describe(BrelixMessaging::NotLoggedOn()) + " \n"));
 }
 
 // A router that was unregistered and asks for a certificate: nothing it can be logged off from.
