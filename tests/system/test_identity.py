@@ -169,6 +169,18 @@ class Forged(SystemTest):
         agent.wait_received(1)
         self.assertEqual(["EM"], [one["originator"] for one in agent.received()])
 
+    def test_whoever_has_a_certificate_may_ask_for_the_threshold(self):
+        box = self.router(settings={"NotifyThreshold": 7})
+        child = self.neighbour(box, "child", consumer=False, supplier=True)
+        self.assertEqual(7, child("router_notify.NotificationThreshold"))
+        door = child("ior_of", target="router_notify")
+        for identity, answer in ((self.ca.issue("stranger"), (0, None, struct.pack("<I", 7))),
+                                 (None, (1, "IDL:BrelixMessaging/Rejected:1.0"))):
+            with giop.tls("127.0.0.1", box.tls_port, identity,
+                          30 * harness.PATIENCE) as connection:
+                connection.sendall(giop.request(giop.Ior(door).key, "NotificationThreshold", b""))
+                self.assertEqual(answer, giop.reply(connection)[:len(answer)])
+
     def test_a_client_that_offers_the_routers_own_objects_does_no_harm(self):
         box = self.router(settings=self.SETTINGS)
         agent = self.peer(box, "agent-1").log_on()
