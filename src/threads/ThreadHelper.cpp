@@ -109,12 +109,19 @@ void BasicThreadHelper::Run() {
     Process();
     return;
   } catch (const std::exception& exception) {
-    MessageRouter::LogError("%sBasicThreadHelper: Caught %sstd::exception: ''%s''\n",
-                            prefix.c_str(), Prefix(exception).c_str(), exception.what());
+    // The process ends as it should where there is no memory for the line either.
+    try {
+      MessageRouter::LogError("%sBasicThreadHelper: Caught %sstd::exception: ''%s''\n",
+                              prefix.c_str(), Prefix(exception).c_str(), exception.what());
+    } catch (...) {
+    }
   } catch (...) {
-    const UnknownExceptionReporter reporter = unknownExceptionReporter;
-    if (reporter == nullptr || !reporter(prefix.c_str())) {
-      MessageRouter::LogError("%sBasicThreadHelper: Caught unknown exception\n", prefix.c_str());
+    try {
+      const UnknownExceptionReporter reporter = unknownExceptionReporter;
+      if (reporter == nullptr || !reporter(prefix.c_str())) {
+        MessageRouter::LogError("%sBasicThreadHelper: Caught unknown exception\n", prefix.c_str());
+      }
+    } catch (...) {
     }
   }
   Platform::ExitProcess(-1);

@@ -46,7 +46,11 @@ void SetLastWords(void (*flush)()) {
 
 void ExitProcess(int status) {
   // Every thread that comes here runs them: one must not end the process under another's.
-  if (void (*const flush)() = lastWords.load()) flush();
+  try {
+    if (void (*const flush)() = lastWords.load()) flush();
+  } catch (...) {
+    // There was no memory for them.
+  }
   _exit(status & 0xFF);
 }
 

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <future>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -351,6 +352,37 @@ TEST_F(ScanTest, ZeroTimeoutIntervalStopsExpiryAndPullTimeoutAfterTheFirstScan) 
   thread.Stop();
   EXPECT_TRUE(OnDisk(2));
   EXPECT_TRUE(silent.IsLoggedOn());
+}
+
+// A thread of scans, whose memory goes at the first entry.
+class ShortOfMemory : public Exposed<TimeoutThread> {
+ public:
+  ShortOfMemory(MessageRouter::RouterTable& table, std::size_t failures)
+      : Exposed(table), failures_(failures) {}
+  void CheckEntry(RouterTableEntry&) override {
+    static thread_local std::optional<TestSupport::AllocationFailure> failure;
+    failure.emplace(0, failures_);
+  }
+
+ private:
+  const std::size_t failures_;
+};
+
+// Whatever is there still for the log.
+using ScanDeathTest = ScanTest;
+TEST_F(ScanDeathTest, AScanThatFindsNoMemoryEndsTheProcess) {
+  AClient("a name that takes memory wherever it is copied");
+  AClient("another name that takes memory wherever it is copied");
+  for (const std::size_t failures : {std::size_t{1}, TestSupport::AllocationFailure::kForGood}) {
+    EXPECT_EXIT(
+        {
+          ShortOfMemory thread(table, failures);
+          thread.Start();
+          thread.Join();
+        },
+        testing::ExitedWithCode(255), "")
+        << failures;
+  }
 }
 
 // What the getter thread looks at.
