@@ -1,6 +1,7 @@
 #include "routing/Dispatcher.h"
 
 #include <exception>
+#include <new>
 #include <sstream>
 
 #include "broker/CorbaExceptions.h"
@@ -166,12 +167,15 @@ void Dispatcher::Reply(const Envelope& envelope, const std::string& type, const 
 }
 
 // An address that can't be answered, or a payload that can't be passed on, must not end the thread:
-// the message that it came with would do so again after the restart.
+// the message that it came with would do so again after the restart. Where there is no memory that
+// message is handled anew, and what has not been told must not count as told.
 void Dispatcher::Send(const std::string& destination, const std::string& type,
                       const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl) {
   const auto what = [&] { return Shown(type) + " for " + Shown(destination); };
   try {
     routing_.SendLocalMessage(destination, type, data, priority, ttl);
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const CORBA::Exception& exception) {
     LogCaughtCorbaException("Dispatcher::Send", exception, what().c_str());
   } catch (const std::exception& exception) {

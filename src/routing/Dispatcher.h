@@ -21,7 +21,8 @@ using StopTest = std::function<bool()>;
 // Handles the messages whose route ends at this router: decides who may ask, does what is asked,
 // and answers with an envelope of its own. Who asks is told by the certificate that came with the
 // message. Whoever may not is not answered, only logged.
-// A payload that can't be decoded, where it is needed, leaves as std::runtime_error.
+// A payload that can't be decoded, where it is needed, leaves as std::runtime_error. After
+// std::bad_alloc, PassingShortage and MapLockFailure the message can be handled again.
 // Threads: the route thread.
 class Dispatcher {
  public:

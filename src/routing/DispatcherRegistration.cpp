@@ -60,10 +60,15 @@ bool Dispatcher::HandleRouterRegistered(Envelope& envelope, RouterTable& table, 
   const String_seq* names = nullptr;
   const bool isList = name.empty() && (data >>= names);
   const CORBA::ULong count = isList ? names->length() : 0;
+  // Of a router that is logged on here the news is late.
+  const auto store = [&](const char* text) {
+    if (!table.HasChildRouterHere(text)) logical->Store(text, originator);
+  };
   CORBA::ULong done = 0;
   do {
     if (IsTime(done, stopping)) return false;
     const ThreadHelper::Guard guard(routing_.MapMutex());
+    if (!guard) throw MapLockFailure();
     if (!table.HasChildRouter(originator)) {
       line += kNotOurChild;
       return true;
@@ -71,7 +76,7 @@ bool Dispatcher::HandleRouterRegistered(Envelope& envelope, RouterTable& table, 
     if (!name.empty()) {
       if (logical->Lookup(name) == originator) return true;
       if (forward) Forward(envelope, "RouterRegistered", data);
-      logical->Store(name, originator);
+      store(name.c_str());
       return true;
     }
     if (!isList) {
@@ -80,7 +85,7 @@ bool Dispatcher::HandleRouterRegistered(Envelope& envelope, RouterTable& table, 
     }
     for (const CORBA::ULong end = std::min(count, done + kNamesAtOnce); done < end; ++done) {
       const char* const text = (*names)[done].in();
-      if (logical->Lookup(text) != originator) logical->Store(text, originator);
+      if (logical->Lookup(text) != originator) store(text);
     }
     if (done == count && forward) Forward(envelope, "RouterRegistered", data);
   } while (done < count);
@@ -101,6 +106,8 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
   }
   if (logical == nullptr) {
     line += kNoMap;
+    const ThreadHelper::Guard guard(routing_.MapMutex());
+    if (!guard) throw MapLockFailure();
     if (forward) ForwardFarewell(envelope, data);
     return true;
   }
@@ -114,6 +121,7 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
   std::vector<const char*> told;
   {
     const ThreadHelper::Guard guard(routing_.MapMutex());
+    if (!guard) throw MapLockFailure();
     if (!table.HasChildRouter(originator)) {
       line += kNotOurChild;
       return true;

@@ -8,7 +8,7 @@ namespace MessageRouter {
 
 RouteQueue::RouteQueue() : condition_(mutex_) {}
 
-void RouteQueue::Append(Envelope envelope) {
+void RouteQueue::Append(Envelope&& envelope) {
   {
     ThreadHelper::Guard guard(mutex_);
     if (!guard) return;
@@ -18,14 +18,19 @@ void RouteQueue::Append(Envelope envelope) {
   condition_.Broadcast();
 }
 
-void RouteQueue::PutBack(Envelope envelope) {
+void RouteQueue::PutBack(Envelope&& envelope) {
   ThreadHelper::Guard guard(mutex_);
-  if (guard) queue_.push_front(std::move(envelope));
+  if (guard) putBack_ = std::move(envelope);
 }
 
 bool RouteQueue::Take(unsigned seconds, unsigned milliseconds, Envelope& out) {
   ThreadHelper::Guard guard(mutex_);
   if (!guard) return false;
+  if (putBack_) {
+    out = std::move(*putBack_);
+    putBack_.reset();
+    return true;
+  }
   if (queue_.empty()) {
     condition_.WaitFor(std::chrono::seconds(seconds) + std::chrono::milliseconds(milliseconds));
     if (queue_.empty()) return false;
@@ -39,9 +44,15 @@ bool RouteQueue::TakeMatching(const std::string& originator, std::uint32_t messa
                               Envelope& out) {
   ThreadHelper::Guard guard(mutex_);
   if (!guard) return false;
-  const auto found = std::find_if(queue_.begin(), queue_.end(), [&](const Envelope& envelope) {
+  const auto matches = [&](const Envelope& envelope) {
     return envelope.MessageId() == messageId && envelope.Originator() == originator;
-  });
+  };
+  if (putBack_ && matches(*putBack_)) {
+    out = std::move(*putBack_);
+    putBack_.reset();
+    return true;
+  }
+  const auto found = std::find_if(queue_.begin(), queue_.end(), matches);
   if (found == queue_.end()) return false;
   out = std::move(*found);
   queue_.erase(found);
@@ -54,11 +65,12 @@ void RouteQueue::Empty() {
   ThreadHelper::Guard guard(mutex_);
   if (!guard) return;
   dropped.swap(queue_);
+  putBack_.reset();
 }
 
 std::size_t RouteQueue::Size() const {
   ThreadHelper::Guard guard(mutex_);
-  return guard ? queue_.size() : 0;
+  return guard ? queue_.size() + (putBack_ ? 1 : 0) : 0;
 }
 
 }  // namespace MessageRouter

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <optional>
 
 #include "envelope/Envelope.h"
 #include "threads/Mutex.h"
@@ -13,9 +14,10 @@ class RouteQueue {
  public:
   RouteQueue();
 
-  void Append(Envelope envelope);
-  // The next one again.
-  void PutBack(Envelope envelope);
+  // Leaves the envelope as it is where it throws std::bad_alloc.
+  void Append(Envelope&& envelope);
+  // The one that was taken last is the next again. Needs no memory.
+  void PutBack(Envelope&& envelope);
   // Waits for one at most that long. False if none came.
   bool Take(unsigned seconds, unsigned milliseconds, Envelope& out);
   // Takes out the first from the front with that id and exactly that originator.
@@ -27,6 +29,7 @@ class RouteQueue {
  private:
   mutable ThreadHelper::Mutex mutex_;
   ThreadHelper::Condition condition_;
+  std::optional<Envelope> putBack_ GUARDED_BY(mutex_);  // before all others
   std::deque<Envelope> queue_ GUARDED_BY(mutex_);
 };
 

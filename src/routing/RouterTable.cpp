@@ -24,7 +24,7 @@ bool IsFormerParentsName(const RouterTableEntry& entry, const std::string& name)
 
 // An entry that stands under another name than its own is the parent, or another peer's by now.
 bool IsChildRouter(const RouterTableEntry& entry, const std::string& name) {
-  return entry.IsRegistered() && entry.IsRouter() && !entry.IsParent() && entry.Name() == name;
+  return entry.IsRegistered() && entry.IsRouter() && !entry.IsParent() && entry.StandingOf(name);
 }
 
 }  // namespace
@@ -101,6 +101,11 @@ bool RouterTable::HasChildRouter(const std::string& name) const {
   if (!guard) return false;
   const auto row = rows_.find(name);
   return row == rows_.end() ? clearedChildren_.contains(name) : IsChildRouter(*row->second, name);
+}
+
+bool RouterTable::HasChildRouterHere(const std::string& name) const {
+  const RouterTableEntry* const entry = Find(name);
+  return entry != nullptr && IsChildRouter(*entry, name) && entry->IsLoggedOn();
 }
 
 bool RouterTable::IsParentsName(const std::string& name) const {

@@ -52,6 +52,8 @@ class RouterTable {
   RouterTableEntry* Parent() const;                       // no lock
   // Whether a router of that name is registered below this one.
   bool HasChildRouter(const std::string& name) const;
+  // Whether that one is logged on.
+  bool HasChildRouterHere(const std::string& name) const;
   // Whether the parent bears that name, or began under it. A former name is anybody's.
   bool IsParentsName(const std::string& name) const;
   // Throws AlreadyRegistered; Rejected while the table is closed. Whoever bears a name that the

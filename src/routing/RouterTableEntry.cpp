@@ -284,7 +284,7 @@ bool RouterTableEntry::TakeOver(const std::string& name, std::vector<Envelope>& 
   WriteGuard guard(lock_);
   if (!guard || detached_ || isParent_ || registered_ || IsLoggedOn()) return false;
   // Another peer must not wait for a call that the former one does not end.
-  if (polling_.inside || outgoing_.inside) return false;
+  if (polling_.inside || outgoing_.inside || owesNews_) return false;
   std::string taken = name;
   // Nothing has been changed yet where there is no memory.
   envelopes_.TakeAll(leftovers);

@@ -122,6 +122,12 @@ class RouterTableEntry {
   PeerReferences References() const;
   bool HasNotifyConsumer() const;
 
+  // Whether the parent has yet to be told what has become of this peer. No other peer takes the
+  // entry over until then.
+  void OweNews() { owesNews_ = true; }
+  bool OwesNews() const { return owesNews_; }
+  bool SettleNews() { return owesNews_.exchange(false); }
+
   // For that pool's queue alone, whose lock guards it.
   PlaceInQueue& PlaceIn(Pool pool) { return places_[pool]; }
 
@@ -335,6 +341,7 @@ class RouterTableEntry {
   std::atomic<std::uint32_t> consumerState_{kNothingSent};
   std::atomic<LogonGeneration> generation_{0};
   std::atomic<bool> hasNotifyConsumer_{false};
+  std::atomic<bool> owesNews_{false};
 
   EnvelopeQueue envelopes_ GUARDED_BY(lock_);
   std::string name_ GUARDED_BY(lock_);

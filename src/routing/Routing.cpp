@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <chrono>
 #include <exception>
+#include <new>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -47,9 +49,49 @@ bool Attempt(const char* where, const std::string& what, Work&& work) {
   return false;
 }
 
+// Whether what it ended may well succeed at another moment.
+bool IsPassing(const std::exception& exception) {
+  return dynamic_cast<const std::bad_alloc*>(&exception) != nullptr ||
+         dynamic_cast<const PassingShortage*>(&exception) != nullptr ||
+         dynamic_cast<const MapLockFailure*>(&exception) != nullptr;
+}
+
+// Between two attempts to tell what is owed.
+constexpr std::chrono::seconds kTellingInterval{1};
+
+// The children of whom the parent has yet to be told.
+class OwingChildren : public FunctionClassBase {
+ public:
+  void operator()(std::string name, RouterTableEntry& entry) override {
+    if (entry.OwesNews()) names.push_back(std::move(name));
+  }
+  std::vector<std::string> names;
+};
+
 std::atomic<Routing*> currentCycle{nullptr};
 
 }  // namespace
+
+// A message of the router itself. Unless it is queued it goes, with its file.
+class Routing::OwnMessage {
+ public:
+  OwnMessage() = default;
+  ~OwnMessage() {
+    if (!queued_) Quietly([this] { envelope.Retire(); });
+  }
+  OwnMessage(const OwnMessage&) = delete;
+  OwnMessage& operator=(const OwnMessage&) = delete;
+
+  void Queue(RouteQueue& queue) {
+    queue.Append(std::move(envelope));
+    queued_ = true;
+  }
+
+  Envelope envelope;
+
+ private:
+  bool queued_ = false;
+};
 
 Routing* Cycle::Current() {
   return currentCycle;
@@ -126,6 +168,13 @@ RouterTableEntry* Routing::FindRoute(const std::string& name, std::string& reach
 }
 
 void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest& stopping) {
+  if (newsOwed_) {
+    const auto now = Platform::Clock::Instance().SteadyNow();
+    if (now >= nextTelling_) {
+      nextTelling_ = now + kTellingInterval;
+      TellWhatIsOwed();
+    }
+  }
   Envelope envelope;
   if (!queue_.Take(seconds, milliseconds, envelope)) return;
 
@@ -135,12 +184,14 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest&
   bool local = envelope.HopPopped();
   if (!local && IsThisRouter(hop)) {
     if (envelope.HopCount() < 2) {
-      LogInfo("Received message for this router\n");
       try {
+        LogInfo("Received message for this router\n");
         if (dispatcher_.DispatchLocal(envelope, table_, logical_, stopping)) envelope.Retire();
-      } catch (const PassingShortage& shortage) {
-        // Nothing has been done about it yet, and none may overtake another's news.
-        LogCaughtException("Routing::RouteNext", shortage, "");
+      } catch (const std::exception& exception) {
+        if (!IsPassing(exception)) throw;
+        // Nothing has been done about it that can't be done again, and none may overtake another's
+        // news.
+        Quietly([&] { LogCaughtException("Routing::RouteNext", exception, ""); });
         queue_.PutBack(std::move(envelope));
         Platform::SleepMilliseconds(1000 * seconds + milliseconds);
       }
@@ -186,55 +237,107 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest&
 
 void Routing::SendLocalMessage(const std::string& destination, const std::string& type,
                                const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl) {
-  Envelope envelope;
-  envelope.CreateLocal(destination, priority, ttl, type, data, "");
-  QueueForRouting(std::move(envelope));
+  OwnMessage message;
+  message.envelope.CreateLocal(destination, priority, ttl, type, data, "");
+  message.Queue(queue_);
 }
 
 bool Routing::MakeNews(const std::string& event, const std::vector<const char*>& names, bool asList,
-                       Envelope& news) {
+                       OwnMessage& news) {
   const std::string type = SystemMessageType(event);
-  return Attempt("Routing::MakeNews", type, [&] {
-    CORBA::Any data;
-    if (asList) {
-      data = AsNameList(names);
-    } else {
-      data <<= names.front();
+  bool isShort = false;
+  const bool made = Attempt("Routing::MakeNews", type, [&] {
+    try {
+      CORBA::Any data;
+      if (asList) {
+        data = AsNameList(names);
+      } else {
+        data <<= names.front();
+      }
+      news.envelope.CreateLocal(kParentAddress, 0, TimeToLive::Stated(MessageTimeoutSeconds()),
+                                type, data, "");
+    } catch (const std::bad_alloc&) {
+      isShort = true;
     }
-    news.CreateLocal(kParentAddress, 0, TimeToLive::Stated(MessageTimeoutSeconds()), type, data,
-                     "");
   });
+  if (isShort) throw std::bad_alloc();
+  return made;
+}
+
+template <class Telling>
+void Routing::TellOf(const std::string& name, Telling&& telling) {
+  try {
+    telling();
+  } catch (const std::exception& exception) {
+    if (!IsPassing(exception)) throw;
+    Quietly([&] { LogCaughtException("Routing::TellOf", exception, Shown(name).c_str()); });
+    RouterTableEntry* const entry = table_.Find(name);
+    if (entry == nullptr) return;
+    entry->OweNews();
+    newsOwed_ = true;
+  }
+}
+
+void Routing::TellWhatIsOwed() {
+  if (!newsOwed_.exchange(false)) return;
+  OwingChildren owing;
+  try {
+    table_.Scan(owing);
+  } catch (const std::bad_alloc&) {
+    newsOwed_ = true;
+  }
+  for (const std::string& name : owing.names) {
+    RouterTableEntry* const entry = table_.Find(name);
+    if (entry == nullptr || !entry->SettleNews()) continue;
+    TellOf(name, [&] {
+      if (table_.HasChildRouter(name)) {
+        ChildIsHere(name, true, table_.Parent() != nullptr);
+      } else {
+        ChildIsGone(name);
+      }
+    });
+  }
+}
+
+void Routing::IsHere(const std::string& name) {
+  if (logical_ == nullptr) return;
+  const ThreadHelper::Guard guard(mapMutex_);
+  if (!guard) throw MapLockFailure();
+  if (table_.HasChildRouterHere(name)) LeaveMap(name);
+}
+
+void Routing::LeaveMap(const std::string& name) {
+  Logical* const logical = logical_;
+  if (logical == nullptr) return;
+  if (const std::string child = logical->Lookup(name); !child.empty()) {
+    logical->Remove(name, child);
+  }
 }
 
 // Of a child that is announced again a list goes up, to the top, whoever on the way believes to
 // know it already.
 void Routing::ChildIsHere(const std::string& name, bool again, bool tell) {
-  const auto make = [&](Envelope& news) {
+  const auto make = [&](OwnMessage& news) {
     return MakeNews("RouterRegistered", {name.c_str()}, again, news);
   };
   // Made before the lock is taken: its id can take a moment, and it is written to disk.
   const std::uint64_t farewells = farewells_;
-  Envelope news;
+  OwnMessage news;
   if (tell) tell = make(news);
   const ThreadHelper::Guard guard(mapMutex_);
-  if (!table_.HasChildRouter(name)) {
-    if (tell) news.Retire();
-    return;
-  }
+  if (!guard) throw MapLockFailure();
+  if (!table_.HasChildRouter(name)) return;
   // After a restart the order of the files is that of the news: a farewell that was made meanwhile
   // may be this one's, and must not come after it.
-  if (Envelope later; tell && farewells != farewells_ && make(later)) {
+  if (OwnMessage later; tell && farewells != farewells_ && make(later)) {
     // On disk counts more than in order.
-    if (!later.FileName().empty() || news.FileName().empty()) std::swap(news, later);
-    later.Retire();
-  }
-  // Its former way here would take it along when it ends.
-  if (Logical* const logical = logical_) {
-    if (const std::string child = logical->Lookup(name); !child.empty()) {
-      logical->Remove(name, child);
+    if (!later.envelope.FileName().empty() || news.envelope.FileName().empty()) {
+      std::swap(news.envelope, later.envelope);
     }
   }
-  if (tell) QueueForRouting(std::move(news));
+  // Its former way here would take it along when it ends.
+  LeaveMap(name);
+  if (tell) news.Queue(queue_);
 }
 
 void Routing::RegisterPeer(const std::string& name, bool isRouter) {
@@ -243,13 +346,15 @@ void Routing::RegisterPeer(const std::string& name, bool isRouter) {
   try {
     table_.Register(name, isRouter);
   } catch (const BrelixMessaging::AlreadyRegistered&) {
-    if (isRouter && table_.HasChildRouter(name)) ChildIsHere(name, true, hasParent);
+    TellOf(name, [&] {
+      if (isRouter && table_.HasChildRouter(name)) ChildIsHere(name, true, hasParent);
+    });
     throw;
   }
   Attempt("Routing::RegisterPeer", name, [&] { table_.WriteTable(false); });
   Attempt("Routing::RegisterPeer", name,
           [&] { (isRouter ? routerUpdateNotifier_ : clientUpdateNotifier_).Registered(name); });
-  if (isRouter) ChildIsHere(name, false, hasParent);
+  if (isRouter) TellOf(name, [&] { ChildIsHere(name, false, hasParent); });
 }
 
 Routing::Drain::~Drain() {
@@ -266,8 +371,8 @@ bool Routing::IsFurtherDown(const std::string& name) const {
   return logical != nullptr && table_.HasChildRouter(logical->Lookup(name));
 }
 
-// A name leaves the map after the parent has been told of it: after a crash in between it is told
-// again.
+// A name leaves the map after the parent has been told of it: after a crash or a shortage in
+// between it is told again.
 void Routing::ChildIsGone(const std::string& name) {
   Logical* const logical = logical_;
   std::vector<std::string> keys;
@@ -275,6 +380,7 @@ void Routing::ChildIsGone(const std::string& name) {
   std::size_t next = 0;
   do {
     const ThreadHelper::Guard guard(mapMutex_);
+    if (!guard) throw MapLockFailure();
     // It is back, and has been announced or will be.
     if (table_.HasChildRouter(name)) return;
     std::vector<const char*> names;
@@ -292,9 +398,9 @@ void Routing::ChildIsGone(const std::string& name) {
       names.push_back(keys[next].c_str());
       size += keys[next].size() + sizeof(CORBA::ULong);
     }
-    if (Envelope news;
+    if (OwnMessage news;
         !names.empty() && MakeNews("RouterUnregistered", names, !keys.empty(), news)) {
-      QueueForRouting(std::move(news));
+      news.Queue(queue_);
       FarewellMade();
     }
     for (std::size_t i = first; i < next; ++i) logical->Remove(keys[i], name);
@@ -310,7 +416,7 @@ void Routing::UnregisterPeer(const std::string& name, bool isRouter) {
   Attempt("Routing::UnregisterPeer", name, [&] { table_.WriteTable(false); });
   Attempt("Routing::UnregisterPeer", name,
           [&] { (isRouter ? routerUpdateNotifier_ : clientUpdateNotifier_).Unregistered(name); });
-  if (isRouter && hasParent) ChildIsGone(name);
+  if (isRouter && hasParent) TellOf(name, [&] { ChildIsGone(name); });
 }
 
 RouterTableEntry& Routing::FindForLogon(const std::string& name) {
@@ -337,6 +443,8 @@ RouterTableEntry::LocalPeerObjects Routing::LogonRouterPeer(
   RouterTableEntry& entry = FindForLogon(name);
   const auto activated = entry.LogonRouter(name, consumer, supplier, notify, threshold, true);
   Attempt("Routing::LogonRouterPeer", name, [&] { table_.WriteTable(false); });
+  // Late news of its former way here would keep its end from being told.
+  Attempt("Routing::LogonRouterPeer", name, [&] { IsHere(name); });
   host_.NotifiedPoll(entry);
   OfferForDelivery(entry);
   routerUpdateNotifier_.Logon(name);

@@ -4,10 +4,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "platform/Clock.h"
 #include "routing/Dispatcher.h"
 #include "routing/Logical.h"
 #include "routing/RouteQueue.h"
@@ -18,6 +20,12 @@ namespace MessageRouter {
 
 // The parent of whichever router makes the envelope: it need not know the parent's name.
 inline constexpr char kParentAddress[] = ":.:";
+
+// The lock of the map can't be taken: what needs it is done later.
+class MapLockFailure : public std::exception {
+ public:
+  const char* what() const noexcept override { return "The lock of the map cannot be taken"; }
+};
 
 // Where every envelope goes next, and the operations on peers that servants and threads share.
 // Threads: any, RouteNext excepted, which belongs to the route thread.
@@ -46,7 +54,7 @@ class Routing {
 
   void QueueForRouting(Envelope envelope);
   // One pass of the route thread. What escapes it ends the process. An envelope in whose middle the
-  // stop comes is left on disk.
+  // stop comes is left on disk. A message to the router that finds no memory is handled anew.
   void RouteNext(unsigned seconds, unsigned milliseconds, const StopTest& stopping = {});
   // Retires an envelope that still waits for its decision. False if there is none.
   bool CancelInRouteQueue(const std::string& originator, std::uint32_t messageId);
@@ -60,6 +68,9 @@ class Routing {
   // elsewhere meanwhile, or the news may have been lost.
   void RegisterPeer(const std::string& name, bool isRouter);
   void UnregisterPeer(const std::string& name, bool isRouter);
+  // Tells the parent of the children of whom there was no memory to tell it. The route thread does
+  // so now and then; for a stop, once it has ended.
+  void TellWhatIsOwed();
 
   // Logons throw NotRegistered. They return the objects activated for the peer.
   RouterTableEntry::LocalPeerObjects LogonClientPeer(const std::string& name,
@@ -74,21 +85,32 @@ class Routing {
   void LogoffPeer(const std::string& name);
   void OfferForDelivery(RouterTableEntry& entry);
 
-  // The one way for the router itself to speak.
+  // The one way for the router itself to speak. Where it throws, no file is left that the next
+  // start would send, whatever has happened by then.
   void SendLocalMessage(const std::string& destination, const std::string& type,
                         const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl);
 
  private:
+  class OwnMessage;
+
   // `reachedAs` is the name under which the entry was found.
   RouterTableEntry* FindRoute(const std::string& name, std::string& reachedAs);
   RouterTableEntry& FindForLogon(const std::string& name);
-  // A message for the parent about these names. What can't be told is logged, and false.
+  // A message for the parent about these names. What can never be told is logged, and false.
   static bool MakeNews(const std::string& event, const std::vector<const char*>& names, bool asList,
-                       Envelope& news);
+                       OwnMessage& news);
   // The parts of a registration and of its end that concern the map and the parent. `tell`: there
   // was a parent before the table was changed; none is found in a table that has closed since.
+  // Where they throw they can be done again.
   void ChildIsHere(const std::string& name, bool again, bool tell);
   void ChildIsGone(const std::string& name);
+  // Does one of these. What there is no memory for is owed.
+  template <class Telling>
+  void TellOf(const std::string& name, Telling&& telling);
+  // A child has logged on.
+  void IsHere(const std::string& name);
+  // Of a router that is registered or logs on here: the map leads to it no more.
+  void LeaveMap(const std::string& name) REQUIRES(mapMutex_);
   // Whether the map leads to it through a child of ours.
   bool IsFurtherDown(const std::string& name) const;
 
@@ -97,6 +119,8 @@ class Routing {
   RouteQueue queue_;
   ThreadHelper::Mutex mapMutex_;
   std::atomic<std::uint64_t> farewells_{0};
+  std::atomic<bool> newsOwed_{false};
+  Platform::Clock::SteadyTime nextTelling_{};  // the route thread's
   UpdateNotifier routerUpdateNotifier_{*this, true};
   UpdateNotifier clientUpdateNotifier_{*this, false};
   Dispatcher dispatcher_{*this};

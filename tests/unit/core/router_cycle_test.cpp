@@ -240,6 +240,37 @@ TEST_F(CycleTest, RegistrationsThatTheStopCouldNotWriteAreKnownInTheNextCycleAnd
   EXPECT_EQ(TestSupport::TextOf(RouterTableFile("Router")), "agent.0..\n");
 }
 
+// Writes nothing for want of memory, except for the main thread.
+class ShortStore : public EnvelopeStore {
+ public:
+  using EnvelopeStore::EnvelopeStore;
+  int Write(const std::string& name, const std::string& content) override {
+    if (std::this_thread::get_id() != main_) throw std::bad_alloc();
+    return EnvelopeStore::Write(name, content);
+  }
+
+ private:
+  const std::thread::id main_ = std::this_thread::get_id();
+};
+
+TEST_F(CycleTest, WhatTheParentIsOwedIsToldAtTheStop) {
+  ShortStore store((configuration_.Folder() / "Envelopes").string());
+  EnvelopeStore::Replace(&store);
+  SetConfigString("ParentAddress", "127.0.0.1");
+  SetConfigInt("ParentPort", 1);
+  whileRunning = [](int) {
+    Routing& routing = *Cycle::Current();
+    routing.Table().Register("child", true);
+    std::thread([&] { routing.UnregisterPeer("child", true); }).join();
+    Router::instance().Shutdown();
+  };
+  EXPECT_EQ(RunRouter(), 0);
+  std::vector<Envelope> told;
+  LoadPersistentEnvelopes(told);
+  ASSERT_EQ(told.size(), 1u);
+  EXPECT_EQ(told[0].Type(), "MS-RouterUnregistered");
+}
+
 TEST_F(CycleTest, WithoutThresholdThreadsAnOfferIsAWarning) {
   whileThreadsAreMissing = [](int) {
     RouterTable& table = Cycle::Current()->Table();

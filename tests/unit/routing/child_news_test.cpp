@@ -2,6 +2,7 @@
 #include <new>
 
 #include "dispatcher_fixture.h"
+#include "threads/FailLocks.h"
 
 namespace TestSupport {
 namespace {
@@ -32,6 +33,19 @@ class ChildNewsTest : public DispatcherTest {
     Envelope sent;
     while (table_.Parent()->PopNext(sent)) told.push_back(sent.Type() + " " + PayloadOf(sent));
     return told;
+  }
+  // So many names below a child that the last of them has a piece of its farewell for itself.
+  static std::set<std::string> ANameTooMany(MessageRouter::Logical& map, const std::string& child) {
+    constexpr std::size_t kLength = 900;
+    constexpr std::size_t kPiece = std::size_t{4} << 20;
+    std::set<std::string> names;
+    for (std::size_t size = 0;; size += kLength + 4) {
+      std::string name = std::to_string(names.size());
+      name.append(kLength - name.size(), 'n');
+      EXPECT_EQ(map.Store(name, child), 0);
+      names.insert(std::move(name));
+      if (size >= kPiece) return names;
+    }
   }
   // Routing stops: the table is closed, and emptied.
   void Stop(bool cleared) {
@@ -131,6 +145,47 @@ TEST_F(StopInBetweenTest, TheEndOfAChildIsToldWhenTheRouterStartsAgain) {
                                                "MS-RouterUnregistered [child1,leaf]"));
 }
 
+TEST_F(StopInBetweenTest, AFarewellInPiecesIsToldWholeThoughTheStopComesInItsMiddle) {
+  MessageRouter::Logical& map = AMap();
+  for (const bool cleared : {false, true}) {
+    const std::string child = "child" + std::to_string(cleared);
+    ARouter(child);
+    // One more than what fits into the first piece.
+    const std::set<std::string> names = ANameTooMany(map, child);
+    // The subscriber's envelope, the first piece, the second.
+    WithAStopAt(3, cleared, [&] { routing_.UnregisterPeer(child, true); });
+    HeardAbove above(names);
+    std::vector<Envelope> envelopes;
+    MessageRouter::LoadPersistentEnvelopes(envelopes);
+    for (Envelope& envelope : envelopes) {
+      above.Hear(envelope);
+      envelope.Retire();
+    }
+    for (const std::string& name : names) ASSERT_FALSE(above.Knows(name)) << name;
+    std::vector<std::string> left;
+    EXPECT_EQ(map.AllKeys(left), 0u);
+    routing_.EmptyRouteQueue();
+    table_.Clear();
+    table_.ReadTable(true);
+    EXPECT_FALSE(table_.HasChildRouter(child));
+  }
+}
+
+// A farewell in pieces
+
+TEST_F(ChildNewsTest, ThePieceOfAFarewellThatHasOneNameIsAListLikeTheOthers) {
+  MessageRouter::Logical& map = AMap();
+  ARouter("child");
+  const std::set<std::string> names = ANameTooMany(map, "child");
+  routing_.UnregisterPeer("child", true);
+  const std::vector<std::string> told = Told();
+  ASSERT_EQ(told.size(), 2u);
+  EXPECT_TRUE(told[0].starts_with("MS-RouterUnregistered [child,"));
+  ASSERT_TRUE(told[1].starts_with("MS-RouterUnregistered ["));
+  const std::string inBrackets = told[1].substr(told[1].find('[') + 1);
+  EXPECT_TRUE(names.contains(inBrackets.substr(0, inBrackets.size() - 1)));
+}
+
 // The order after a restart
 
 TEST_F(ChildNewsTest, AFarewellThatIsMadeBesideARegistrationComesBeforeItAfterARestart) {
@@ -228,6 +283,80 @@ TEST_F(ChildNewsTest, TheEndOfAChildIsToldWhereTheMapLeadsToNoOtherChild) {
   }
 }
 
+// Late news of a child that is here
+
+class LateNewsTest : public ChildNewsTest {
+ protected:
+  LateNewsTest() : map_(AMap()) {
+    ARouter("child1");
+    ARouter("near");
+  }
+  void LogOn(const std::string& child) {
+    routing_.LogonRouterPeer(child, BrelixMessaging::RouterConsumer::_nil(),
+                             BrelixMessaging::RouterSupplier::_nil(),
+                             BrelixMessaging::NotifyConsumer::_nil(), 0);
+  }
+  // Its former way announces it.
+  void Announce(const CORBA::Any& payload) {
+    Arrive(
+        AMessage("MS-RouterRegistered", RouterRole()).WithOriginator("child1").WithData(payload));
+  }
+
+  MessageRouter::Logical& map_;
+};
+
+TEST_F(LateNewsTest, DoesNotKeepTheEndOfAChildFromBeingTold) {
+  for (const CORBA::Any& payload : {TextPayload("near"), ListPayload({"near"})}) {
+    if (!table_.HasChildRouter("near")) ARouter("near");
+    LogOn("near");
+    Announce(payload);
+    EXPECT_EQ(map_.Lookup("near"), "");
+    EXPECT_EQ(Told().size(), 1u);
+    routing_.UnregisterPeer("near", true);
+    EXPECT_THAT(Told(), ElementsAre("MS-RouterUnregistered near"));
+  }
+}
+
+TEST_F(LateNewsTest, OfAChildThatIsAwayCountsUntilItLogsOn) {
+  Announce(TextPayload("near"));
+  EXPECT_EQ(map_.Lookup("near"), "child1");
+  EXPECT_THAT(Told(), ElementsAre("MS-RouterRegistered near"));
+  LogOn("near");
+  EXPECT_EQ(map_.Lookup("near"), "");
+  routing_.UnregisterPeer("near", true);
+  EXPECT_THAT(Told(), ElementsAre("MS-RouterUnregistered near"));
+}
+
+TEST_F(LateNewsTest, OfAChildThatIsAwayAndStaysSoIsTakenForItsMove) {
+  Announce(TextPayload("near"));
+  Told();
+  routing_.UnregisterPeer("near", true);
+  EXPECT_THAT(Told(), IsEmpty());
+  EXPECT_EQ(map_.Lookup("near"), "child1");
+}
+
+TEST_F(LateNewsTest, AboutTheNameOfAClientIsMapped) {
+  LogonPushed(asker_);
+  Announce(TextPayload("asker"));
+  EXPECT_EQ(map_.Lookup("asker"), "child1");
+}
+
+TEST_F(LateNewsTest, ThatCannotBeTakenBackKeepsNobodyFromLoggingOn) {
+  Announce(TextPayload("near"));
+  unsigned spared = 0;
+  for (; !log_.Contains("The lock of the map cannot be taken"); ++spared) {
+    ASSERT_LT(spared, 100u);
+    ThreadHelper::FailLocksAfter(spared, 1);
+    try {
+      LogOn("near");
+    } catch (const CORBA::UserException&) {
+      // Another lock.
+    }
+    ThreadHelper::FailNextLocks(0);
+  }
+  EXPECT_TRUE(table_.Find("near")->IsLoggedOn());
+}
+
 // What goes wrong
 
 TEST_F(ChildNewsTest, AChildIsToldThoughTheTablesFileCannotBeMade) {
@@ -236,6 +365,28 @@ TEST_F(ChildNewsTest, AChildIsToldThoughTheTablesFileCannotBeMade) {
   EXPECT_TRUE(table_.HasChildRouter("child"));
   EXPECT_THAT(Told(), ElementsAre("MS-RouterRegistered child"));
   EXPECT_TRUE(log_.Contains("Routing::RegisterPeer: Caught "));
+}
+
+TEST_F(ChildNewsTest, ALogonCountsThoughTheTablesFileCannotBeMade) {
+  ARouter("child");
+  BreakTheFile();
+  const auto client = routing_.LogonClientPeer("asker", BrelixMessaging::EnvelopeConsumer::_nil(),
+                                               BrelixMessaging::NotifyConsumer::_nil(), 0);
+  EXPECT_FALSE(CORBA::is_nil(client.supplier));
+  EXPECT_TRUE(asker_.IsLoggedOn());
+  EXPECT_THAT(host_.Senders(), ElementsAre(&asker_));
+  EXPECT_TRUE(log_.Contains("Routing::LogonClientPeer: Caught "));
+  PassAMinute();
+  const auto router = routing_.LogonRouterPeer("child", BrelixMessaging::RouterConsumer::_nil(),
+                                               BrelixMessaging::RouterSupplier::_nil(),
+                                               BrelixMessaging::NotifyConsumer::_nil(), 0);
+  EXPECT_FALSE(CORBA::is_nil(router.supplier));
+  EXPECT_TRUE(table_.Find("child")->IsLoggedOn());
+  EXPECT_TRUE(log_.Contains("Routing::LogonRouterPeer: Caught "));
+  host_.onObjectToString = nullptr;
+  PassAMinute();
+  table_.Tick();
+  EXPECT_NE(TableText().find("asker.0"), std::string::npos);
 }
 
 TEST_F(ChildNewsTest, TheEndOfAChildIsToldThoughTheTablesFileCannotBeMade) {
