@@ -138,7 +138,10 @@ TEST(Thread, StopEndsAWaitWithoutLimit) {
   bool result = false;
   TestThread thread([&](TestThread& self) {
     waiting.release();
-    while (!self.IsTerminated()) result = self.Wait(0, 0);
+    // The stop may come before the wait.
+    do {
+      result = self.Wait(0, 0);
+    } while (!self.IsTerminated());
   });
   thread.Start();
   waiting.acquire();
