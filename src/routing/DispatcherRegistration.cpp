@@ -9,6 +9,7 @@
 #include "routing/Dispatcher.h"
 #include "routing/Logical.h"
 #include "routing/NameList.h"
+#include "routing/Passing.h"
 #include "routing/RouterTable.h"
 #include "routing/Routing.h"
 

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,14 +17,10 @@
 
 namespace MessageRouter {
 
+class OwnMessage;
+
 // The parent of whichever router makes the envelope: it need not know the parent's name.
 inline constexpr char kParentAddress[] = ":.:";
-
-// The lock of the map can't be taken: what needs it is done later.
-class MapLockFailure : public std::exception {
- public:
-  const char* what() const noexcept override { return "The lock of the map cannot be taken"; }
-};
 
 // Where every envelope goes next, and the operations on peers that servants and threads share.
 // Threads: any, RouteNext excepted, which belongs to the route thread.
@@ -91,8 +86,6 @@ class Routing {
                         const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl);
 
  private:
-  class OwnMessage;
-
   // `reachedAs` is the name under which the entry was found.
   RouterTableEntry* FindRoute(const std::string& name, std::string& reachedAs);
   RouterTableEntry& FindForLogon(const std::string& name);
