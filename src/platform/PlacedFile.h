@@ -29,6 +29,8 @@ class PlacedFile {
   // Closes what was open before.
   int Open(const std::string& path, const Mode& mode);
   int Size(std::uint64_t& size) const;
+  // The bytes that it takes on the disk, without its holes.
+  int Allocated(std::uint64_t& size) const;
   // `count` bytes are read: fewer than asked for only where the file ends.
   int Read(std::uint64_t offset, void* buffer, std::size_t size, std::size_t& count) const;
   int Write(std::uint64_t offset, const void* data, std::size_t size);

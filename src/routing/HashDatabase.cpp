@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <limits>
 
 #include "platform/PlacedFile.h"
 
@@ -16,6 +17,7 @@ struct HashDatabase {
   bool Select(std::uint32_t hash);
   bool LoadPage(std::uint64_t number);
   bool WritePage(std::uint64_t number, const HashPage& content);
+  bool IsFull();
   bool MakeRoom(std::string_view key, std::uint32_t hash, std::size_t size);
   bool Split(std::uint32_t hash);
   bool LoadDirectoryBlock(std::uint64_t number);
@@ -29,6 +31,7 @@ struct HashDatabase {
   PlacedFile pages;
   bool readOnly = false;
   int error = 0;  // the first one
+  std::uint64_t limit = std::numeric_limits<std::uint64_t>::max();
 
   HashPage page;
   std::optional<std::uint64_t> pageNumber;  // nothing: the page in memory stands for none on disk
@@ -176,14 +179,27 @@ bool HashDatabase::Split(std::uint32_t hash) {
   return true;
 }
 
+// Only splits make the files grow: whatever else is written has its page already.
+bool HashDatabase::IsFull() {
+  std::uint64_t inPages = 0;
+  std::uint64_t inDirectory = 0;
+  int failure = pages.Allocated(inPages);
+  if (failure == 0) failure = directory.Allocated(inDirectory);
+  if (failure == 0 && inPages + inDirectory >= limit) failure = EFBIG;
+  return failure != 0 && !Fail(failure);
+}
+
 // A pair that is to be replaced is divided with the others, and goes with the last page that is
 // written: its successor's.
 bool HashDatabase::MakeRoom(std::string_view key, std::uint32_t hash, std::size_t size) {
-  for (int attempt = 0; attempt < SPLTMAX && mask != kAllBits; ++attempt) {
-    if (!Split(hash)) return false;
+  int attempts = 0;
+  while (attempts < SPLTMAX && mask != kAllBits) {
+    if (IsFull() || !Split(hash)) return false;
     if (Without(page, key).HasRoomFor(size)) return true;
+    ++attempts;
   }
-  std::fputs(kCannotInsert, stderr);
+  // Not for what nothing was tried for: whoever names such keys over and over would fill a log.
+  if (attempts > 0) std::fputs(kCannotInsert, stderr);
   return Fail(EFBIG);
 }
 
@@ -227,8 +243,12 @@ HashDatabasePtr sdbm_open(const std::string& name, unsigned flags, unsigned mode
   return database;
 }
 
-void sdbm_close(HashDatabase* database) {
-  if (IsUsable(database)) HashDatabaseCloser()(database);
+void sdbm_close(HashDatabasePtr database) {
+  if (IsUsable(database.get())) database.reset();
+}
+
+void sdbm_limit(HashDatabase* database, std::uint64_t bytes) {
+  if (IsUsable(database)) database->limit = bytes;
 }
 
 std::optional<std::string_view> sdbm_fetch(HashDatabase* database, std::string_view key) {
@@ -257,9 +277,8 @@ int sdbm_store(HashDatabase* database, std::string_view key, std::string_view va
 
 int sdbm_delete(HashDatabase* database, std::string_view key) {
   if (!IsWritable(database, key) || !database->Select(HashOfKey(key))) return -1;
-  const auto pair = database->page.Find(key);
-  if (!pair) return -1;
-  database->page.Remove(*pair);
+  if (!database->page.Find(key)) return -1;
+  database->page = Without(database->page, key);
   return database->WritePage(*database->pageNumber, database->page) ? 0 : -1;
 }
 

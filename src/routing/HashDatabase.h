@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +29,7 @@ struct HashDatabase;
 struct HashDatabaseCloser {
   void operator()(HashDatabase* database) const;
 };
+// An open handle and its owner: the files are closed with it, or by sdbm_close.
 using HashDatabasePtr = std::unique_ptr<HashDatabase, HashDatabaseCloser>;
 
 // For sdbm_open; one of the first three, with or without the others.
@@ -42,7 +44,10 @@ enum HashDatabaseStore : int { kInsert = 0, kReplace = 1 };
 
 // Null, with the system's number in errno, if the files can't be opened.
 HashDatabasePtr sdbm_open(const std::string& name, unsigned flags, unsigned mode);
-void sdbm_close(HashDatabase* database);
+void sdbm_close(HashDatabasePtr database);
+// From now on no page is split once the files take so many bytes on the disk: a pair that needs a
+// split fails then, with EFBIG. Pairs that lie far down the tree take many times their own size.
+void sdbm_limit(HashDatabase* database, std::uint64_t bytes);
 std::optional<std::string_view> sdbm_fetch(HashDatabase* database, std::string_view key);
 // 0; 1 if the key is there and was not to be replaced; -1 for a failure.
 int sdbm_store(HashDatabase* database, std::string_view key, std::string_view value, int flags);
@@ -51,8 +56,8 @@ int sdbm_delete(HashDatabase* database, std::string_view key);  // 0; -1 also if
 // which something is stored or deleted may miss keys or meet them twice.
 std::optional<std::string_view> sdbm_firstkey(HashDatabase* database);
 std::optional<std::string_view> sdbm_nextkey(HashDatabase* database);
-// The number of the first error that the files gave, EIO for damaged pages, EFBIG for keys that no
-// split can part; 0 while there was none.
+// The number of the first error that the files gave, EIO for damaged pages, EFBIG for keys that the
+// splits did not part and for files at their limit; 0 while there was none.
 int sdbm_error(const HashDatabase* database);
 
 }  // namespace MessageRouter

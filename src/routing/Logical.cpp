@@ -21,7 +21,8 @@ bool RemoveIfThere(const std::string& path) {
 
 }  // namespace
 
-Logical::Logical(std::string path) : path_(std::move(path)) {
+Logical::Logical(std::string path, std::uint64_t largestFiles)
+    : path_(std::move(path)), largestFiles_(largestFiles) {
   const ThreadHelper::WriteGuard guard(mutex_);
   if (!guard || !Open(kReadWrite | kCreate)) LogError("Failed to open logical routing database\n");
 }
@@ -29,7 +30,9 @@ Logical::Logical(std::string path) : path_(std::move(path)) {
 bool Logical::Open(unsigned flags) {
   database_ = sdbm_open(path_, flags, kFileMode);
   failureLogged_ = false;
-  return database_ != nullptr;
+  if (database_ == nullptr) return false;
+  sdbm_limit(database_.get(), largestFiles_);
+  return true;
 }
 
 bool Logical::IsClosed() const {
@@ -83,11 +86,13 @@ int Logical::Remove(const std::string& key, const std::string& owner) {
 template <class Wanted>
 std::size_t Logical::Collect(std::vector<std::string>& keys, Wanted&& wanted) const {
   WithDatabase(0, [&](HashDatabase* database) {
-    // A split that was broken off leaves pairs in two pages.
+    // A split that was broken off leaves pairs in two pages, and those that are removed then in one
+    // where they are not looked for.
     std::unordered_set<std::string> met;
     for (auto found = sdbm_firstkey(database); found; found = sdbm_nextkey(database)) {
       std::string key(*found);
-      if (wanted(database, key) && met.insert(key).second) keys.push_back(std::move(key));
+      const auto value = sdbm_fetch(database, key);
+      if (value && wanted(*value) && met.insert(key).second) keys.push_back(std::move(key));
     }
     return 0;
   });
@@ -95,19 +100,17 @@ std::size_t Logical::Collect(std::vector<std::string>& keys, Wanted&& wanted) co
 }
 
 std::size_t Logical::KeysOf(const std::string& owner, std::vector<std::string>& keys) const {
-  return Collect(keys, [&](HashDatabase* database, const std::string& key) {
-    return sdbm_fetch(database, key) == std::string_view(owner);
-  });
+  return Collect(keys, [&](std::string_view value) { return value == owner; });
 }
 
 std::size_t Logical::AllKeys(std::vector<std::string>& keys) const {
-  return Collect(keys, [](HashDatabase*, const std::string&) { return true; });
+  return Collect(keys, [](std::string_view) { return true; });
 }
 
 bool Logical::Reset() {
   const ThreadHelper::WriteGuard guard(mutex_);
   if (!guard) return false;
-  database_.reset();
+  if (database_ != nullptr) sdbm_close(std::move(database_));
   const bool directory = RemoveIfThere(path_ + ".dir");
   const bool pages = RemoveIfThere(path_ + ".pag");
   // Half of the old files would be no map.

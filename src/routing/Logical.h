@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -22,7 +23,11 @@ class Logical final {
   static constexpr int kClosed = -2;
   static constexpr int kOtherOwner = -3;
 
-  explicit Logical(std::string path);
+  // Bytes that the files may take on the disk. A child that announces many long names of nearly the
+  // same hash makes them take forty times as much as the names.
+  static constexpr std::uint64_t kLargestFiles = std::uint64_t{256} << 20;
+
+  explicit Logical(std::string path, std::uint64_t largestFiles = kLargestFiles);
   virtual bool IsClosed() const;
   virtual std::ostream& write(std::ostream& stream) const;
 
@@ -33,7 +38,8 @@ class Logical final {
   int Remove(const std::string& key, const std::string& owner);
   // 0 if Remove would try to remove it, otherwise what Remove would return.
   int MayRemove(const std::string& key, const std::string& owner) const;
-  // Both append each key once, and return the size of the list.
+  // Both append each key that Lookup finds once, in the order of the database, and return the size
+  // of the list.
   std::size_t KeysOf(const std::string& owner, std::vector<std::string>& keys) const;
   std::size_t AllKeys(std::vector<std::string>& keys) const;
   // Begins anew with new files. False if any step of it fails: the map is closed then, or empty in
@@ -49,6 +55,7 @@ class Logical final {
   bool Open(unsigned flags) REQUIRES(mutex_);
 
   const std::string path_;
+  const std::uint64_t largestFiles_;
   HashDatabasePtr database_ GUARDED_BY(mutex_);  // null: closed
   mutable ThreadHelper::RWMutex mutex_;
   mutable bool failureLogged_ GUARDED_BY(mutex_) = false;

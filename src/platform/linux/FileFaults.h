@@ -21,6 +21,9 @@ struct FileFaults {
   std::atomic<std::latch*> folderSyncHold{nullptr};
   // So many writes of placed files work, and none after them; below 0 all do.
   std::atomic<int> placedWritesLeft{-1};
+  // The read of a placed file that comes after so many fails once; below 0 none does.
+  std::atomic<int> placedReadToFail{-1};
+  std::atomic<int> placedSearchError{0};  // what the next search of one for content reports
   std::atomic<bool> placedWritesTakeNothing{false};  // as some file systems do when full
 };
 FileFaults& Faults();

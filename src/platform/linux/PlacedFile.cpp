@@ -13,8 +13,14 @@
 namespace Platform {
 namespace {
 
+// What a test has planned for this read.
+int PlannedReadError() {
+  std::atomic<int>& toFail = Faults().placedReadToFail;
+  return toFail.load() >= 0 && toFail.fetch_sub(1) == 0 ? EIO : 0;
+}
+
 // What a test has planned for this write.
-int PlannedError() {
+int PlannedWriteError() {
   FileFaults& faults = Faults();
   int left = faults.placedWritesLeft.load();
   while (left > 0 && !faults.placedWritesLeft.compare_exchange_weak(left, left - 1)) {
@@ -55,10 +61,20 @@ int PlacedFile::Size(std::uint64_t& size) const {
   return 0;
 }
 
+int PlacedFile::Allocated(std::uint64_t& size) const {
+  constexpr std::uint64_t kBlock = 512;  // whatever the file system's own are
+  struct stat status {};
+  if (!state_) return EBADF;
+  if (fstat(state_->file.Get(), &status) != 0) return errno;
+  size = static_cast<std::uint64_t>(status.st_blocks) * kBlock;
+  return 0;
+}
+
 int PlacedFile::Read(std::uint64_t offset, void* buffer, std::size_t size,
                      std::size_t& count) const {
   count = 0;
   if (!state_) return EBADF;
+  if (const int planned = PlannedReadError()) return planned;
   while (count < size) {
     const ssize_t read = pread(state_->file.Get(), static_cast<char*>(buffer) + count, size - count,
                                static_cast<off_t>(offset + count));
@@ -72,7 +88,7 @@ int PlacedFile::Read(std::uint64_t offset, void* buffer, std::size_t size,
 
 int PlacedFile::Write(std::uint64_t offset, const void* data, std::size_t size) {
   if (!state_) return EBADF;
-  if (const int planned = PlannedError()) return planned;
+  if (const int planned = PlannedWriteError()) return planned;
   std::size_t written = 0;
   while (written < size) {
     const std::size_t left = Faults().placedWritesTakeNothing ? 0 : size - written;
@@ -89,6 +105,7 @@ int PlacedFile::Write(std::uint64_t offset, const void* data, std::size_t size) 
 int PlacedFile::NextContent(std::uint64_t offset, std::optional<std::uint64_t>& found) const {
   found.reset();
   if (!state_) return EBADF;
+  if (const int planned = Faults().placedSearchError.exchange(0)) return planned;
   const off_t place = lseek(state_->file.Get(), static_cast<off_t>(offset), SEEK_DATA);
   if (place < 0) return errno == ENXIO ? 0 : errno;
   found = static_cast<std::uint64_t>(place);

@@ -18,6 +18,8 @@ class PlacedFileTest : public Folder {
   ~PlacedFileTest() override {
     Faults().placedWritesLeft = -1;
     Faults().placedWritesTakeNothing = false;
+    Faults().placedReadToFail = -1;
+    Faults().placedSearchError = 0;
   }
 
   static PlacedFile::Mode Made() { return {.write = true, .create = true, .permissions = 0600}; }
@@ -112,6 +114,40 @@ TEST_F(PlacedFileTest, WritesFailAsATestPlannedIt) {
   EXPECT_EQ(Text("a"), "a");
 }
 
+TEST_F(PlacedFileTest, OneReadFailsAsATestPlannedIt) {
+  Write("a", "abc");
+  PlacedFile file;
+  ASSERT_EQ(file.Open(Path("a"), {}), 0);
+  Faults().placedReadToFail = 1;
+  char byte = 0;
+  std::size_t count = 0;
+  EXPECT_EQ(Read(file, 0, 1), "a");
+  EXPECT_EQ(file.Read(1, &byte, 1, count), EIO);
+  EXPECT_EQ(Read(file, 1, 1), "b");
+}
+
+TEST_F(PlacedFileTest, OneSearchForContentFailsAsATestPlannedIt) {
+  Write("a", "abc");
+  PlacedFile file;
+  ASSERT_EQ(file.Open(Path("a"), {}), 0);
+  Faults().placedSearchError = EIO;
+  std::optional<std::uint64_t> found;
+  EXPECT_EQ(file.NextContent(0, found), EIO);
+  EXPECT_EQ(file.NextContent(0, found), 0);
+  EXPECT_EQ(found, 0u);
+}
+
+TEST_F(PlacedFileTest, HolesTakeNothingOnTheDisk) {
+  PlacedFile file;
+  ASSERT_EQ(file.Open(Path("a"), Made()), 0);
+  const std::string bytes(100000, 'x');
+  ASSERT_EQ(file.Write(std::uint64_t{1} << 30, bytes.data(), bytes.size()), 0);
+  std::uint64_t allocated = 0;
+  EXPECT_EQ(file.Allocated(allocated), 0);
+  EXPECT_GE(allocated, bytes.size());
+  EXPECT_LT(allocated, std::uint64_t{1} << 29);
+}
+
 TEST_F(PlacedFileTest, AWriteOfWhichNothingIsTakenFails) {
   PlacedFile file;
   ASSERT_EQ(file.Open(Path("a"), Made()), 0);
@@ -127,6 +163,7 @@ TEST_F(PlacedFileTest, WithNothingOpenEveryOperationFails) {
   std::optional<std::uint64_t> found;
   char byte = 0;
   EXPECT_EQ(file.Size(size), EBADF);
+  EXPECT_EQ(file.Allocated(size), EBADF);
   EXPECT_EQ(file.Read(0, &byte, 1, count), EBADF);
   EXPECT_EQ(file.Write(0, &byte, 1), EBADF);
   EXPECT_EQ(file.NextContent(0, found), EBADF);

@@ -1,5 +1,6 @@
 // A hash database on a disk that fails, and one whose files are damaged.
 #include <cerrno>
+#include <functional>
 
 #include "hash_database_fixture.h"
 
@@ -98,7 +99,100 @@ TEST_F(DamagedHashDatabase, AReplacementThatNoSplitHasRoomForLeavesTheOldPair) {
   for (int i = 0; i < 2; ++i) EXPECT_EQ(Fetch(keys[i]), std::string(400, 'v'));
 }
 
+TEST_F(DamagedHashDatabase, AReadThatFailsFailsEveryOperationOnceAndHarmsNothing) {
+  std::vector<std::string> keys;
+  for (int i = 0; i < 200; ++i) {
+    keys.push_back("key" + std::to_string(i));
+    ASSERT_EQ(Store(keys.back(), std::string(90, 'v')), 0);
+  }
+  const std::string pages = Read("map.pag");
+  const std::string directory = Read("map.dir");
+  const std::function<bool()> operations[] = {[&] { return Fetch("key1") != "(absent)"; },
+                                              [&] { return Store("key1", "new") == 0; },
+                                              [&] { return sdbm_delete(Get(), "key1") == 0; }};
+  for (const auto& operation : operations) {
+    // That of a block of the directory, and that of a page.
+    for (int read = 0; read < 2; ++read) {
+      Open();
+      FailReadAfter(read);
+      EXPECT_FALSE(operation()) << read;
+      EXPECT_EQ(errno, EIO);
+      EXPECT_EQ(sdbm_error(Get()), EIO);
+      EXPECT_EQ(Read("map.pag"), pages);
+      for (const std::string& key : keys) EXPECT_EQ(Fetch(key), std::string(90, 'v')) << key;
+    }
+  }
+  EXPECT_EQ(Store("another", "1"), 0);
+  EXPECT_EQ(Read("map.dir"), directory);
+}
+
+TEST_F(DamagedHashDatabase, AReadThatFailsWithinSplitsLosesNoPair) {
+  const std::vector<std::string> keys = PartedByBit(17);
+  const std::string value(450, 'v');
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 3; ++i) Store(keys[i], value);
+  testing::internal::GetCapturedStderr();
+  ASSERT_EQ(DirectoryBits(), 10);
+  database_.reset();
+  std::filesystem::copy_file("map.pag", "old.pag");
+  std::filesystem::copy_file("map.dir", "old.dir");
+  int failures = 0;
+  for (bool stored = false; !stored; failures += stored ? 0 : 1) {
+    database_.reset();
+    for (const char* ending : {".pag", ".dir"}) {
+      std::filesystem::copy_file(std::string("old") + ending, std::string("map") + ending,
+                                 std::filesystem::copy_options::overwrite_existing);
+    }
+    Open();
+    FailReadAfter(failures);
+    stored = Store(keys[2], value) == 0;
+    FailReadAfter(-1);
+    EXPECT_EQ(sdbm_error(Get()), stored ? 0 : EIO);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(Fetch(keys[i]), value) << failures;
+    EXPECT_EQ(Fetch(keys[2]), stored ? value : "(absent)");
+    EXPECT_EQ(Store(keys[2], value), 0);
+    EXPECT_GE(DirectoryBits(), 18);
+  }
+  // The directory's first block and the page, then the directory's next blocks down the tree.
+  EXPECT_GT(failures, 2);
+}
+
+TEST_F(DamagedHashDatabase, AWalkPassesOverAPageThatCannotBeReadAndEndsWhereTheSearchFails) {
+  for (int i = 0; i < 200; ++i) Store("key" + std::to_string(i), std::string(90, 'v'));
+  Open();
+  const std::size_t all = Keys().size();
+  ASSERT_EQ(all, 200u);
+  FailReadAfter(1);
+  const std::size_t some = Keys().size();
+  EXPECT_LT(some, all);
+  EXPECT_GT(some, all / 2);
+  EXPECT_EQ(sdbm_error(Get()), EIO);
+  Open();
+  FailSearch(ENOMEM);
+  EXPECT_EQ(sdbm_firstkey(Get()), std::nullopt);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(sdbm_error(Get()), ENOMEM);
+  EXPECT_EQ(Keys().size(), all);
+}
+
 // Damaged files
+
+TEST_F(DamagedHashDatabase, AKeyThatAPageHasTwiceIsDeletedOrReplacedAltogether) {
+  const auto withKeyTwice = [&] {
+    Open(kReadWrite | kCreate | kTruncate);
+    HashPage page;
+    for (const char* key : {"a", "twice", "b", "twice"}) page.Add(key, "old");
+    Write("map.pag", std::string(page.Bytes(), PBLKSIZ));
+    Open();
+  };
+  withKeyTwice();
+  EXPECT_EQ(sdbm_delete(Get(), "twice"), 0);
+  EXPECT_EQ(Fetch("twice"), "(absent)");
+  EXPECT_THAT(Keys(), testing::ElementsAre("a", "b"));
+  withKeyTwice();
+  EXPECT_EQ(Store("twice", "new"), 0);
+  EXPECT_THAT(Keys(), testing::ElementsAre("a", "b", "twice"));
+}
 
 TEST_F(DamagedHashDatabase, ADamagedPageIsAFailureForEveryOperation) {
   Store("a", "1");

@@ -1,7 +1,9 @@
 #include "routing/HashDatabase.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <set>
+#include <utility>
 
 #include "hash_database_fixture.h"
 
@@ -81,6 +83,30 @@ TEST_F(HashDatabaseTest, ANullHandleAndAnEmptyKeyAreInvalid) {
   EXPECT_TRUE(refused(sdbm_error(nullptr) == EINVAL));
   sdbm_close(nullptr);
   EXPECT_TRUE(refused(true));
+  sdbm_limit(nullptr, 1);
+  EXPECT_TRUE(refused(true));
+}
+
+// Closing
+
+bool IsOpen(const std::string& name) {
+  for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;  // the iterator's own
+    const std::string file = std::filesystem::read_symlink(descriptor, gone).string();
+    if (file.ends_with("/" + name)) return true;
+  }
+  return false;
+}
+
+TEST_F(HashDatabaseTest, ClosingTakesTheHandleAndClosesBothFiles) {
+  Store("a", "1");
+  ASSERT_TRUE(IsOpen("map.dir") && IsOpen("map.pag"));
+  sdbm_close(std::move(database_));
+  EXPECT_EQ(Get(), nullptr);
+  EXPECT_FALSE(IsOpen("map.dir"));
+  EXPECT_FALSE(IsOpen("map.pag"));
+  Open();
+  EXPECT_EQ(Fetch("a"), "1");
 }
 
 // Pairs
@@ -231,6 +257,31 @@ TEST_F(HashDatabaseTest, KeysOfOneHashFailAfterTenSplitsWithWordsOnStandardError
   EXPECT_EQ(Fetch(keys[0]), value);
   EXPECT_EQ(Fetch(keys[1]), value);
   EXPECT_EQ(Fetch(keys[2]), "(absent)");
+  EXPECT_EQ(DirectoryBits(), 10);
+}
+
+TEST_F(HashDatabaseTest, WhatTheTenthSplitPartsIsStored) {
+  const std::vector<std::string> keys = PartedByBit(9);
+  const std::string value(450, 'v');
+  testing::internal::CaptureStderr();
+  for (const std::string& key : keys) EXPECT_EQ(Store(key, value), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(DirectoryBits(), 10);
+  for (const std::string& key : keys) EXPECT_EQ(Fetch(key), value);
+}
+
+TEST_F(HashDatabaseTest, WhatOnlyTheEleventhSplitPartsIsStoredTheSecondTime) {
+  const std::vector<std::string> keys = PartedByBit(10);
+  const std::string value(450, 'v');
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(Store(keys[i], value), 0);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Store(keys[2], value), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "sdbm: cannot insert after SPLTMAX attempts.\n");
+  EXPECT_EQ(DirectoryBits(), 10);
+  EXPECT_EQ(Store(keys[2], value), 0);
+  EXPECT_EQ(DirectoryBits(), 11);
+  for (const std::string& key : keys) EXPECT_EQ(Fetch(key), value);
 }
 
 TEST_F(HashDatabaseTest, KeysOfOneHashStoredOverAndOverNeitherSplitForEverNorSlowAWalk) {
@@ -240,7 +291,9 @@ TEST_F(HashDatabaseTest, KeysOfOneHashStoredOverAndOverNeitherSplitForEverNorSlo
   Store(keys[1], value);
   testing::internal::CaptureStderr();
   for (int i = 0; i < 10; ++i) EXPECT_EQ(Store(keys[2], value), -1);
-  testing::internal::GetCapturedStderr();
+  const std::string text = testing::internal::GetCapturedStderr();
+  // The fourth takes the last bits of the hash. From then on there is nothing to try.
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4);
   EXPECT_EQ(Fetch(keys[0]), value);
   EXPECT_EQ(Fetch(keys[1]), value);
   // The file reaches over terabytes or to the limit of the file system, with hardly anything in it.
@@ -253,11 +306,50 @@ TEST_F(HashDatabaseTest, AFailedOpenLeavesNeitherFileOpen) {
   std::filesystem::create_directory("map.dir");
   Open();
   EXPECT_EQ(Get(), nullptr);
-  for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;  // the iterator's own
-    const std::string file = std::filesystem::read_symlink(descriptor, gone).string();
-    EXPECT_FALSE(file.ends_with("/map.pag")) << file;
+  EXPECT_FALSE(IsOpen("map.pag"));
+}
+
+// The limit
+
+TEST_F(HashDatabaseTest, AtItsLimitItSplitsNoMoreAndStoresOnlyWhereThereIsRoom) {
+  constexpr std::uint64_t kLimit = 64 << 10;
+  constexpr std::uint64_t kOneStore = SPLTMAX * 2 * DBLKSIZ;  // blocks of the file system
+  sdbm_limit(Get(), kLimit);
+  const std::string value(450, 'v');
+  std::map<std::string, int> results;
+  std::mt19937 random(19);
+  const std::vector<std::string> ofOneHash = OfOneHash();
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 200; ++i) {
+    const std::string prefix = RandomKey(random);
+    for (const std::string& key : ofOneHash) results[prefix + key] = Store(prefix + key, value);
   }
+  testing::internal::GetCapturedStderr();
+  EXPECT_GE(Allocated(), kLimit);
+  EXPECT_LE(Allocated(), kLimit + kOneStore);
+  EXPECT_EQ(sdbm_error(Get()), EFBIG);
+  int stored = 0;
+  for (const auto& [key, result] : results) {
+    EXPECT_EQ(Fetch(key), result == 0 ? value : "(absent)");
+    stored += result == 0 ? 1 : 0;
+    if (result != 0) continue;
+    EXPECT_EQ(Store(key, "short"), 0);
+    EXPECT_EQ(Fetch(key), "short");
+  }
+  EXPECT_GT(stored, 2);
+}
+
+TEST_F(HashDatabaseTest, ARefusalForTheLimitIsQuietAndSplitsNothing) {
+  const std::vector<std::string> keys = OfOneHash();
+  const std::string value(450, 'v');
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(Store(keys[i], value), 0);
+  sdbm_limit(Get(), 1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Store(keys[2], value), -1);
+  EXPECT_EQ(errno, EFBIG);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(DirectoryBits(), 0);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(Fetch(keys[i]), value);
 }
 
 }  // namespace

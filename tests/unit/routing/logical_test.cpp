@@ -1,5 +1,6 @@
 #include "routing/Logical.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -8,6 +9,7 @@
 #include <thread>
 
 #include "fixture.h"
+#include "platform/linux/FileFaults.h"
 #include "support/ScratchFolder.h"
 
 namespace TestSupport {
@@ -15,6 +17,7 @@ namespace {
 
 using MessageRouter::kLogError;
 using MessageRouter::Logical;
+using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
@@ -99,6 +102,17 @@ TEST_F(LogicalTest, ListsTheKeysOfOneOwnerBehindWhatTheListHas) {
               UnorderedElementsAre("earlier", "leaf0", "leaf100", "leaf200", "leaf300", "leaf400"));
   EXPECT_EQ(logical.AllKeys(keys), 506u);
   EXPECT_THAT(KeysOf(logical, "child"), IsEmpty());
+}
+
+TEST_F(LogicalTest, ListsKeysInTheOrderOfTheDatabase) {
+  Logical logical(Path());
+  for (const char* name : {"d", "b", "other", "c", "a"}) {
+    logical.Store(name, name == std::string("other") ? "child1" : "child2");
+  }
+  EXPECT_THAT(KeysOf(logical, "child2"), ElementsAre("d", "b", "c", "a"));
+  std::vector<std::string> all;
+  logical.AllKeys(all);
+  EXPECT_THAT(all, ElementsAre("d", "b", "other", "c", "a"));
 }
 
 TEST_F(LogicalTest, NamesOfAnyBytesAreNames) {
@@ -237,6 +251,56 @@ TEST_F(LogicalTest, KeysThatABrokenOffSplitLeftInTwoPagesAreListedOnce) {
   EXPECT_EQ(logical.AllKeys(keys), names.size());
   EXPECT_THAT(keys, testing::UnorderedElementsAreArray(names));
   EXPECT_THAT(KeysOf(logical, "child"), testing::UnorderedElementsAreArray(names));
+}
+
+TEST_F(LogicalTest, AKeyThatWasRemovedAfterABrokenOffSplitIsListedNoMore) {
+  std::string full;
+  std::vector<std::string> names;
+  {
+    Logical logical(Path());
+    for (int i = 0; std::filesystem::file_size(Pages()) <= 1024; ++i) {
+      full = TextOf(Pages());
+      names.push_back("leaf" + std::to_string(i));
+      logical.Store(names.back(), "child");
+    }
+  }
+  std::fstream(Pages(), std::ios::in | std::ios::out | std::ios::binary) << full;
+  Logical logical(Path());
+  names.pop_back();
+  for (const std::string& name : names) EXPECT_EQ(logical.Remove(name, "child"), 0);
+  std::vector<std::string> keys;
+  EXPECT_EQ(logical.AllKeys(keys), 0u);
+}
+
+TEST_F(LogicalTest, AReadThatFailsIsToldOfAndTheMapGoesOn) {
+  {
+    Logical logical(Path());
+    logical.Store("leaf", "child");
+  }
+  Logical logical(Path());
+  std::vector<std::string> keys;
+  Platform::Faults().placedReadToFail = 0;
+  EXPECT_EQ(logical.Lookup("leaf"), "");
+  EXPECT_EQ(log_.Count("Failed to use the logical routing database " + Path()), 1u);
+  EXPECT_EQ(logical.Lookup("leaf"), "child");
+  Platform::Faults().placedSearchError = EIO;
+  EXPECT_THAT(KeysOf(logical, "child"), IsEmpty());
+  EXPECT_THAT(KeysOf(logical, "child"), ElementsAre("leaf"));
+  EXPECT_EQ(logical.Store("leaf", "other"), 0);
+  EXPECT_EQ(log_.Count("Failed to use the logical routing database " + Path()), 1u);
+}
+
+TEST_F(LogicalTest, FilesAtTheirLimitTakeNoNewPageAndThatIsToldOf) {
+  Logical logical(Path(), 16 << 10);
+  for (int round = 0; round < 2; ++round) {
+    int stored = 0;
+    while (stored < 10000 && logical.Store("leaf" + std::to_string(stored), "child") == 0) ++stored;
+    EXPECT_GT(stored, 100);
+    EXPECT_LT(stored, 10000);
+    EXPECT_EQ(logical.Lookup("leaf0"), "child");
+    EXPECT_EQ(log_.Count("Failed to use the logical routing database " + Path()), round + 1u);
+    EXPECT_TRUE(logical.Reset());
+  }
 }
 
 TEST_F(LogicalTest, ADamagedPageHidesOnlyItsOwnKeysAndIsToldOfOnce) {
