@@ -26,16 +26,29 @@ class ParentCallLimit {
 
   // `second`: how long a second takes. `least`: the seconds that a limit, where there is one,
   // leaves in any case.
-  explicit ParentCallLimit(std::chrono::microseconds second, std::int32_t least = 0) {
-    const std::int32_t timeout = HeartbeatTimeout();
-    if (timeout < 1) return;
-    const std::int32_t seconds = std::clamp(timeout, least, kLongest);
-    limit_.emplace(std::chrono::ceil<std::chrono::milliseconds>(seconds * second));
+  static ParentCallLimit AtLeast(std::int32_t least, std::chrono::microseconds second) {
+    return ParentCallLimit(OfHeartbeat(least, second));
+  }
+  // `most`: what it is where that of a heartbeat is longer, or none.
+  static ParentCallLimit AtMost(std::chrono::milliseconds most, std::chrono::microseconds second) {
+    return ParentCallLimit(std::min(OfHeartbeat(0, second).value_or(most), most));
   }
 
  private:
+  using Limit = std::optional<std::chrono::milliseconds>;
+
   // Seconds. Longer than any call lasts, and within what the ORB can count in milliseconds.
   static constexpr std::int32_t kLongest = 1'000'000;
+
+  explicit ParentCallLimit(Limit limit) {
+    if (limit) limit_.emplace(*limit);
+  }
+  static Limit OfHeartbeat(std::int32_t least, std::chrono::microseconds second) {
+    const std::int32_t timeout = HeartbeatTimeout();
+    if (timeout < 1) return std::nullopt;
+    const std::int32_t seconds = std::clamp(timeout, least, kLongest);
+    return std::chrono::ceil<std::chrono::milliseconds>(seconds * second);
+  }
 
   std::optional<Broker::CallTimeout> limit_;
 };

@@ -1,6 +1,7 @@
 #include "parent/ParentLogon.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
@@ -20,6 +21,8 @@ using ThreadHelper::Guard;
 namespace {
 
 constexpr unsigned kAttempts = 10;
+// Of the ten seconds that a stop has; the table is still to be written after it.
+constexpr std::chrono::seconds kLeave{3};
 
 }  // namespace
 
@@ -68,6 +71,7 @@ void ParentLogon::StopLogon(bool logoff) {
 
 void ParentLogon::Process() {
   TakeLeaveByDefault();
+  linkWasUp_ = false;
   names_ = 0;
   periods_ = HeartbeatPeriods(OwnIdentity::CommonName(), Platform::Clock::Instance().WallSeconds());
   while (!IsTerminated()) {
@@ -136,21 +140,22 @@ ParentLogon::Outcome ParentLogon::Logon() {
 bool ParentLogon::LogOnOnce() {
   RouterTableEntry* const parent = routing_.Table().Parent();
   if (parent == nullptr) return false;
+  std::optional<LogonGeneration> session;
   {
-    const ParentCallLimit limit(second_, ParentCallLimit::kLogon);
-    if (!parent->LogonToParentRouter(parentRouter_)) return false;
+    const ParentCallLimit limit = ParentCallLimit::AtLeast(ParentCallLimit::kLogon, second_);
+    session = parent->LogonToParentRouter(parentRouter_);
   }
-  if (!NoteLogon(*parent)) return false;
-  TheEscalation().logonResetTried = false;
+  if (!session || !NoteLogon(*parent, *session)) return false;
   linkWasUp_ = true;
   LoggedOn(*parent);
   return true;
 }
 
-bool ParentLogon::NoteLogon(const RouterTableEntry& parent) {
+bool ParentLogon::NoteLogon(const RouterTableEntry& parent, LogonGeneration session) {
   const Guard guard(mutex_);
-  // The session may have ended since: whoever ended it has told us before, and will not again.
-  loggedOn_ = guard && takesLeave_ && parent.IsLoggedOn();
+  // The session may have ended since: whoever ended it has told us before, and will not again. One
+  // that another router of that name has begun is not ours.
+  loggedOn_ = guard && takesLeave_ && parent.Generation() == session && parent.IsLoggedOn();
   return loggedOn_;
 }
 
@@ -199,7 +204,7 @@ void ParentLogon::ResetRouter(std::atomic<bool>& resetTried) {
 void ParentLogon::TakeLeave() {
   if (!IsLoggedOn() || CORBA::is_nil(parentRouter_)) return;
   try {
-    const ParentCallLimit limit(second_);
+    const ParentCallLimit limit = ParentCallLimit::AtMost(kLeave, second_);
     RepeatOnce([this] { parentRouter_->Logoff(); });
     LogInfo("Logged off from parent router\n");
   } catch (const CORBA::Exception& exception) {

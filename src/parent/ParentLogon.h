@@ -62,7 +62,8 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   void Process() override;
 
   // The memory of the escalation, which outlives reinitialisations and this object: whether a step
-  // has led to a reinitialisation that no success has followed yet.
+  // has led to a reinitialisation that no success has followed yet. A session that is over before
+  // the thread looks is none.
   struct Escalation {
     std::atomic<bool> registerResetTried{false};
     std::atomic<bool> logonResetTried{false};
@@ -92,7 +93,7 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   // True if the link is up, or was.
   bool LogOnOnce();
   // False where the session is over already, or a stop without leave has come.
-  bool NoteLogon(const RouterTableEntry& parent);
+  bool NoteLogon(const RouterTableEntry& parent, LogonGeneration session);
   void LoggedOn(RouterTableEntry& parent);
   void TakeLeaveByDefault();
   void TakeLeave();

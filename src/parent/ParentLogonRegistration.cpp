@@ -1,12 +1,14 @@
 // How the parent logon finds its parent and registers with it.
 #include <algorithm>
+#include <stdexcept>
 #include <string_view>
 
 #include "broker/ConnectionTest.h"
 #include "broker/CorbaExceptions.h"
 #include "envelope/Address.h"
 #include "logging/Log.h"
-#include "parent/Ior.h"
+#include "parent/HostResolver.h"
+#include "parent/IorParser.h"
 #include "parent/ParentCallLimit.h"
 #include "parent/ParentLogon.h"
 
@@ -40,7 +42,7 @@ void ParentLogon::EnsureRegistered() {
   if (!CORBA::is_nil(parentRouter_)) {
     bool valid = false;
     try {
-      const ParentCallLimit limit(second_);
+      const ParentCallLimit limit = ParentCallLimit::AtLeast(0, second_);
       valid = RepeatOnce([this] { return Broker::HasValidConnection(parentRouter_); });
     } catch (const CORBA::Exception&) {
       // As good as no.
@@ -59,7 +61,12 @@ void ParentLogon::RegisterParent() {
   if (ior.empty()) return;
   LogInfo("Received parent router's IOR:\n%s\n", OnOneLine(ior).c_str());
   using StatusReporting::OutgoingSection;
-  if (!validateIOR(ior)) {
+  const bool valid = ValidateIor(ior, [this](const std::string& host, std::uint16_t port) {
+    if (IsTerminated()) throw std::runtime_error("a stop has come");
+    return ResolveHost(host, port);
+  });
+  if (!valid) {
+    if (IsTerminated()) return;
     LogError("Cannot log on to the parent router, because its IOR is invalid\n");
     status.SetActualParent("");
     status.Outgoing().Raise(OutgoingSection::kParentIorInvalid, "");
@@ -69,7 +76,7 @@ void ParentLogon::RegisterParent() {
   LogInfo("Successfully validated parent router's IOR\n");
   host_.SetParentAddresses(ior);
   try {
-    const ParentCallLimit limit(second_);
+    const ParentCallLimit limit = ParentCallLimit::AtLeast(0, second_);
     Introduce(ior);
   } catch (const CORBA::Exception& exception) {
     ForgetParent();

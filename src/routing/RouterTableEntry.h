@@ -182,9 +182,9 @@ class RouterTableEntry {
   // As Logoff, but does nothing if that session is over. Returns whether it was this session's.
   bool LogoffSession(LogonGeneration generation);
   void LogoffCertification();  // throws NotLoggedOn
-  // This router's logon to its parent: one remote call, made without the lock. Returns whether
-  // logonState is 1 at the end. Throws std::runtime_error where no object can be activated.
-  bool LogonToParentRouter(BrelixMessaging::Router_ptr parent);
+  // This router's logon to its parent: one remote call, made without the lock. Returns the session
+  // if it stood at the end. Throws std::runtime_error where no object can be activated.
+  std::optional<LogonGeneration> LogonToParentRouter(BrelixMessaging::Router_ptr parent);
   // For a free entry: takes the new name and is reserved for a certification logon. Envelopes that
   // waited under the old name are in `leftovers`.
   bool TakeOver(const std::string& name, std::vector<Envelope>& leftovers);

@@ -348,7 +348,8 @@ void RouterTableEntry::LogoffCertification() {
 
 // The objects are activated before the lock is taken, and the call is made without it: the parent
 // may call back while it runs. What came of it counts only if the session still stands.
-bool RouterTableEntry::LogonToParentRouter(BrelixMessaging::Router_ptr parent) {
+std::optional<LogonGeneration> RouterTableEntry::LogonToParentRouter(
+    BrelixMessaging::Router_ptr parent) {
   LogTrace("RouterTableEntry::LogonToParentRouter\n");
   LocalObjects& factory = host_.Objects();
   PendingObjects own(host_);
@@ -373,7 +374,7 @@ bool RouterTableEntry::LogonToParentRouter(BrelixMessaging::Router_ptr parent) {
   LogonGeneration session = 0;
   {
     WriteGuard guard(lock_);
-    if (!guard) return IsLoggedOn();
+    if (!guard) return std::nullopt;
     ResetLocked(dismissed);
     own.MoveTo(local_);
     session = generation_;
@@ -396,20 +397,23 @@ bool RouterTableEntry::LogonToParentRouter(BrelixMessaging::Router_ptr parent) {
       if (guard && generation_ == session) logonState_ = kLoggedOff;
     }
     Quietly([&] { LogCaughtCorbaException("RouterTableEntry", exception, "LogonToParentRouter"); });
-    return false;
+    return std::nullopt;
   } catch (...) {
     AbandonParentLogon(session);
     throw;
   }
   try {
-    return BeginParentSession(session, references,
-                              {.consumer = !CORBA::is_nil(consumer),
-                               .notify = !CORBA::is_nil(notify),
-                               .supplier = !CORBA::is_nil(supplier)});
+    if (!BeginParentSession(session, references,
+                            {.consumer = !CORBA::is_nil(consumer),
+                             .notify = !CORBA::is_nil(notify),
+                             .supplier = !CORBA::is_nil(supplier)})) {
+      return std::nullopt;
+    }
   } catch (...) {
     AbandonParentLogon(session);
     throw;
   }
+  return session;
 }
 
 bool RouterTableEntry::BeginParentSession(LogonGeneration session, PeerReferences& references,

@@ -55,8 +55,12 @@ ssize_t LogCapture::log(ACE_Log_Record& record) {
   // Without memory ACE brings a record without a text.
   if (record.msg_data() == nullptr) return 0;
   const MemoryThere memory;
-  const std::lock_guard<std::mutex> guard(mutex_);
-  lines_.push_back({static_cast<unsigned>(record.type()), record.msg_data()});
+  const std::string text = record.msg_data();
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    lines_.push_back({static_cast<unsigned>(record.type()), text});
+  }
+  if (onRecord) onRecord(text);
   return 0;
 }
 

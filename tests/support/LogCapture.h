@@ -2,6 +2,7 @@
 
 #include <ace/Log_Msg_Backend.h>
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -24,6 +25,8 @@ class LogCapture : public ACE_Log_Msg_Backend {
   bool Contains(const std::string& part) const;
   std::size_t Count(const std::string& part) const;
   void Clear();
+  // Runs at each record, on its thread, after it is kept. Set before other threads log.
+  std::function<void(const std::string& text)> onRecord;
 
   int open(const ACE_TCHAR*) override { return 0; }
   int reset() override { return 0; }

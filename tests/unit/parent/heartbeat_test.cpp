@@ -1,5 +1,7 @@
 // The heartbeat of the parent logon.
+#include "parent/HeartbeatPeriods.h"
 #include "parent_logon_fixture.h"
+#include "support/FakeClock.h"
 
 namespace MessageRouter {
 namespace {
@@ -54,15 +56,30 @@ TEST_F(HeartbeatTest, DoesNotComeBeforeTheBasePeriodIsOver) {
   EXPECT_GE(moments_.Between(0, 1), 300ms);
 }
 
+TEST_F(HeartbeatTest, ComesAtAMomentThatTheNameAndTheTimeOfTheStartGive) {
+  std::int64_t start = TestSupport::FakeClock::kDefaultWall;
+  while (HeartbeatPeriods("router1", start).Next(1) < std::chrono::seconds(118)) ++start;
+  const TestSupport::FakeClock clock(start);
+  router_.status.onReport = [&] { moments_.Note(); };
+  servant_->onHeartbeat = [&] { moments_.Note(); };
+  ParentLogon logon(routing_, router_, std::chrono::milliseconds(5));
+  Begin(logon);
+  ASSERT_TRUE(Eventually([&] { return moments_.Count() >= 2; }));
+  logon.StopLogon(false);
+  EXPECT_GE(moments_.Between(0, 1), 118 * 5ms);
+}
+
 TEST_F(HeartbeatTest, WithAnIntervalOfZeroItIsNeverSent) {
   SetConfigInt("HeartbeatInterval", 0);
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
   ASSERT_TRUE(LogsOn());
+  EXPECT_TRUE(Never([&] { return log_.Contains("Calling parent with heartbeat..."); }, 300ms));
+  // It waits for an event.
   table_.Parent()->Logoff();
   EXPECT_TRUE(LogsOn(2));
   logon.StopLogon(false);
-  EXPECT_EQ(servant_->heartbeats, 0);
+  EXPECT_EQ(parent_.Calls("Register"), 1u);
 }
 
 TEST_F(HeartbeatTest, AFailedOneLeadsToANewRegistrationAtOnce) {
@@ -110,10 +127,8 @@ TEST_F(HeartbeatTest, AnIntervalBeyondTheClockIsALongOne) {
   ParentLogon logon(routing_, router_, std::chrono::milliseconds(50));
   Begin(logon);
   ASSERT_TRUE(LogsOn());
-  table_.Parent()->Logoff();
-  EXPECT_TRUE(LogsOn(2));
+  EXPECT_TRUE(Never([&] { return log_.Contains("Calling parent with heartbeat..."); }, 300ms));
   logon.StopLogon(false);
-  EXPECT_EQ(servant_->heartbeats, 0);
 }
 
 TEST_F(HeartbeatTest, AStopDuringItLetsItEndAndTakesLeave) {

@@ -41,6 +41,17 @@ bool Eventually(Condition&& condition) {
   return true;
 }
 
+// Whether the condition stays false for so long.
+template <class Condition>
+bool Never(Condition&& condition, std::chrono::milliseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  while (std::chrono::steady_clock::now() < end) {
+    if (condition()) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
 // Moments that the thread under test passes, noted where it does: whoever waits for it may look
 // late.
 class Moments {
@@ -201,6 +212,14 @@ class ParentLogonTest : public testing::Test {
     host_.logon = &logon;
     logon.Start();
     logon.Enable();
+  }
+  // Until it is logged on and done with the logon: a link that is lost from then on is validated.
+  void BeginAndSettle(ParentLogon& logon) {
+    std::atomic<bool>& resetTried = ParentLogon::TheEscalation().logonResetTried;
+    resetTried = true;
+    Begin(logon);
+    EXPECT_TRUE(LogsOn());
+    EXPECT_TRUE(Eventually([&] { return !resetTried; }));
   }
   // One life of the thread: until then, and with a leave only if the stop asks for one.
   template <class Condition>

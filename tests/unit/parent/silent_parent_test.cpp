@@ -55,8 +55,7 @@ TEST_F(SilentParentTest, ToTheLogonIsAFailedAttempt) {
 
 TEST_F(SilentParentTest, ToTheQuestionForItsConnectionIsRegisteredWithAnew) {
   ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
+  BeginAndSettle(logon);
   door_.FallSilentAt(RemoteDoor::kPlace);
   table_.Parent()->Logoff();
   EXPECT_TRUE(Eventually([&] {
@@ -160,8 +159,7 @@ TEST_F(SilentParentTest, IsAskedNothingByARouterThatStopsAttached) {
 TEST_F(SilentParentTest, ThatBreaksTheConnectionOnceIsAskedAgain) {
   SetConfigInt("HeartbeatTimeout", 20000);
   ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
+  BeginAndSettle(logon);
   door_.BreakAt(RemoteDoor::kPlace, 1);
   table_.Parent()->Logoff();
   EXPECT_TRUE(LogsOn(2));
@@ -174,8 +172,7 @@ TEST_F(SilentParentTest, ThatBreaksTheConnectionOnceIsAskedAgain) {
 TEST_F(SilentParentTest, ThatBreaksTheConnectionTwiceIsRegisteredWithAnew) {
   SetConfigInt("HeartbeatTimeout", 20000);
   ParentLogon logon(routing_, router_, kShortSecond);
-  Begin(logon);
-  ASSERT_TRUE(LogsOn());
+  BeginAndSettle(logon);
   door_.BreakAt(RemoteDoor::kPlace, 2);
   table_.Parent()->Logoff();
   EXPECT_TRUE(LogsOn(2));
@@ -194,6 +191,23 @@ TEST_F(SilentParentTest, ToItsLeaveLetsAStopThrough) {
   door_.FallSilentAt("Logoff");
   logon.StopLogon(true);
   EXPECT_EQ(log_.Count("ParentLogon::Process: Caught CORBA TIMEOUT"), 1u);
+}
+
+// A stop has ten seconds for everything.
+TEST_F(SilentParentTest, ToItsLeaveHoldsAStopUpForSecondsAtMostWhateverALimitOfHeartbeats) {
+  for (const std::uint32_t timeout : {0u, 3600u * 1000u}) {
+    SetConfigInt("HeartbeatTimeout", timeout);
+    log_.Clear();
+    ParentLogon logon(routing_, router_, kShortSecond);
+    Begin(logon);
+    ASSERT_TRUE(LogsOn()) << timeout;
+    door_.FallSilentAt("Logoff");
+    const auto begin = Clock::now();
+    logon.StopLogon(true);
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(8)) << timeout;
+    EXPECT_EQ(log_.Count("ParentLogon::Process: Caught CORBA TIMEOUT"), 1u) << timeout;
+    door_.Answer();
+  }
 }
 
 TEST_F(SilentParentTest, IsWaitedForWithoutLimitWhereHeartbeatsAre) {
