@@ -22,7 +22,7 @@ using StopTest = std::function<bool()>;
 // and answers with an envelope of its own. Who asks is told by the certificate that came with the
 // message. Whoever may not is not answered, only logged.
 // A payload that can't be decoded, where it is needed, leaves as std::runtime_error. After
-// std::bad_alloc, PassingShortage and MapLockFailure the message can be handled again.
+// std::bad_alloc, PassingShortage and LockFailure the message can be handled again.
 // Threads: the route thread.
 class Dispatcher {
  public:

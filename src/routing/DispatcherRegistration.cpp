@@ -28,7 +28,7 @@ std::string NameIn(const CORBA::Any& data) {
   return (data >>= text) ? text : "";
 }
 
-// Names between two looks at the stop, and in one hold of the lock where it need not be longer.
+// Names between two looks at the stop, and in one hold of the lock.
 constexpr CORBA::ULong kNamesAtOnce = 256;
 
 bool IsTime(CORBA::ULong position, const StopTest& stopping) {
@@ -119,8 +119,10 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
   // Of a list only the names that do not lead through another child by now.
   const CORBA::ULong all = isList ? names->length() : 0;
   std::vector<const char*> gone;
-  std::vector<const char*> told;
-  {
+  std::unordered_set<std::string_view> removable;
+  CORBA::ULong done = 0;
+  do {
+    if (IsTime(done, stopping)) return false;
     const ThreadHelper::Guard guard(routing_.MapMutex());
     if (!guard) throw MapLockFailure();
     if (!table.HasChildRouter(originator)) {
@@ -137,21 +139,23 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
       line += kBadlyFormatted;
       return true;
     }
-    std::unordered_set<std::string_view> removable;
-    for (CORBA::ULong i = 0; i < all; ++i) {
-      if (IsTime(i, stopping)) return false;
-      const char* const text = (*names)[i].in();
+    for (const CORBA::ULong end = std::min(all, done + kNamesAtOnce); done < end; ++done) {
+      const char* const text = (*names)[done].in();
       const int result = logical->MayRemove(text, originator);
       if (result == Logical::kOtherOwner) continue;
       // The second of two has no owner any more.
       if (result == 0 && !removable.insert(text).second) continue;
       gone.push_back(text);
+    }
+    if (done < all || !forward) continue;
+    // Looked at in the hold in which it is told: one may have come here in between. No other child
+    // can have announced one meanwhile, since that is news for this thread.
+    std::vector<const char*> told;
+    for (const char* const text : gone) {
       if (!table.HasChildRouter(text)) told.push_back(text);
     }
-    if (forward && !told.empty()) {
-      ForwardFarewell(envelope, told.size() == all ? data : AsNameList(told));
-    }
-  }
+    if (!told.empty()) ForwardFarewell(envelope, told.size() == all ? data : AsNameList(told));
+  } while (done < all);
   for (std::size_t i = 0; i < gone.size(); ++i) {
     if (IsTime(static_cast<CORBA::ULong>(i), stopping)) return false;
     logical->Remove(gone[i], originator);

@@ -9,7 +9,7 @@ namespace MessageRouter {
 bool IsPassing(const std::exception& exception) {
   return dynamic_cast<const std::bad_alloc*>(&exception) != nullptr ||
          dynamic_cast<const PassingShortage*>(&exception) != nullptr ||
-         dynamic_cast<const MapLockFailure*>(&exception) != nullptr;
+         dynamic_cast<const LockFailure*>(&exception) != nullptr;
 }
 
 }  // namespace MessageRouter

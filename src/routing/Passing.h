@@ -4,8 +4,15 @@
 
 namespace MessageRouter {
 
-// The lock of the map can't be taken: what needs it is done later.
-class MapLockFailure : public std::exception {
+// A lock can't be taken: what needs it is done later.
+class LockFailure : public std::exception {};
+class SubscriberLockFailure : public LockFailure {
+ public:
+  const char* what() const noexcept override {
+    return "The lock of the subscriber cannot be taken";
+  }
+};
+class MapLockFailure : public LockFailure {
  public:
   const char* what() const noexcept override { return "The lock of the map cannot be taken"; }
 };

@@ -6,6 +6,7 @@
 #include "config/Configuration.h"
 #include "envelope/MessageType.h"
 #include "logging/Log.h"
+#include "routing/Passing.h"
 #include "routing/Routing.h"
 
 namespace MessageRouter {
@@ -28,7 +29,7 @@ bool UpdateNotifier::SetDestination(const std::string& destination) {
   }
   {
     const ThreadHelper::Guard guard(mutex_);
-    if (!guard) return true;
+    if (!guard) throw SubscriberLockFailure();
     destination_ = destination;
   }
   // Anybody may ask for this as often as he likes, and each write goes onto stable storage.

@@ -23,7 +23,8 @@ class UpdateNotifier {
 
   // The address replaces the one before; empty ends the subscription. One that is too long is
   // refused with an error line, and the result is false. Writes the configuration, unless that is
-  // the subscriber already, and waits for its file while another program writes it.
+  // the subscriber already, and waits for its file while another program writes it. Throws
+  // SubscriberLockFailure, and changes nothing, if its lock can't be taken.
   bool SetDestination(const std::string& destination);
 
   // A notice that can't be made is logged: it keeps nobody from registering or logging on.

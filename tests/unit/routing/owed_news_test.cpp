@@ -2,6 +2,7 @@
 // what the parent has been told.
 #include <new>
 
+#include "config/Configuration.h"
 #include "dispatcher_fixture.h"
 #include "support/AllocationFailure.h"
 #include "threads/FailLocks.h"
@@ -407,6 +408,27 @@ TEST_F(MapLockTest, KeepsNoNewsFromBelowFromBeingHandled) {
   EXPECT_EQ(map_.Lookup("leaf"), "child1");
   EXPECT_THAT(Told(), ElementsAre("MS-RouterUnregistered leaf"));
   EXPECT_EQ(map_.Lookup("leaf"), "");
+}
+
+class SubscriberLockTest : public OwedNewsTest {};
+
+TEST_F(SubscriberLockTest, KeepsNobodyFromBeingSubscribedAndAnsweredOnce) {
+  constexpr char kNoSubscribersLock[] = "The lock of the subscriber cannot be taken";
+  std::vector<std::string> answers;
+  for (unsigned spared = 0; !log_.Contains(kNoSubscribersLock); ++spared) {
+    ASSERT_LT(spared, 200u) << "the subscriber's lock is not looked at";
+    routing_.ClientUpdates().SetDestination("another");
+    answers.clear();
+    routing_.QueueForRouting(AMessage("EM-NotifyClientUpdates", NoRole()));
+    ThreadHelper::FailLocksAfter(spared, 1);
+    routing_.RouteNext(0, 0);
+    ThreadHelper::FailNextLocks(0);
+    RouteAll();
+    Envelope answer;
+    while (asker_.PopNext(answer)) answers.push_back(answer.Type());
+  }
+  EXPECT_THAT(answers, ElementsAre("EM-NotifyClientUpdates-Reply"));
+  EXPECT_EQ(MessageRouter::GetConfigString("NotifyClientUpdate", ""), "router1.asker");
 }
 
 // Whoever registers beside it looks at the number of farewells beneath that lock.

@@ -259,6 +259,17 @@ TEST_F(PeersTest, TheTableIsWrittenBeforeTheNewsOfARegistration) {
   EXPECT_THAT(looks.Seen(), ElementsAre(true, true));
 }
 
+TEST_F(PeersTest, TheTableIsWrittenBeforeTheNewsOfAnUnregistering) {
+  AParentAndASubscriber();
+  PassAMinute();
+  routing_.RegisterPeer("child", true);
+  ASSERT_NE(TableText().find("child.1"), std::string::npos);
+  PassAMinute();
+  StoreThatLooks looks(*this, [&] { return TableText().find("child.1") == std::string::npos; });
+  routing_.UnregisterPeer("child", true);
+  EXPECT_THAT(looks.Seen(), ElementsAre(true, true));
+}
+
 TEST_F(PeersTest, NamesLeaveTheMapAfterTheParentHasBeenToldThatTheyAreGone) {
   table_.AddParent("");
   MessageRouter::Logical& map = AMap();
@@ -337,6 +348,19 @@ TEST_F(PeersTest, UnregisteringTakesTheQueueBackIntoRouting) {
   routing_.UnregisterPeer("agent", false);
   EXPECT_FALSE(client.HasEnvelopes());
   EXPECT_EQ(routing_.RouteQueueSize(), 2u);
+}
+
+TEST_F(PeersTest, APeerThatIsBackBeforeItsQueueIsRoutedAnewKeepsIt) {
+  table_.AddParent("");
+  Entry& child = ARouter("child");
+  Enqueue(child, AnEnvelope().WithId(1));
+  StoreThatLooks looks(*this, [&] {
+    ARouter("child");
+    return true;
+  });
+  routing_.UnregisterPeer("child", true);
+  EXPECT_THAT(looks.Seen(), ElementsAre(true));
+  EXPECT_THAT(Drain(child), ElementsAre(1u));
 }
 
 // Whichever allocation it is: one waits on disk at the worst, and the rest where it was.

@@ -6,6 +6,7 @@
 #include "config/Configuration.h"
 #include "envelope/Settings.h"
 #include "fixture.h"
+#include "routing/Passing.h"
 
 namespace TestSupport {
 namespace {
@@ -162,6 +163,16 @@ TEST_F(UpdateNotifierTest, AnAddressThatCouldNotBeReadBackIsRefused) {
   EXPECT_EQ(GetConfigString("NotifyClientUpdate", ""), "router1.watcher");
   routing_.ClientUpdates().SetDestination(longest);
   EXPECT_EQ(GetConfigString("NotifyClientUpdate", ""), longest);
+}
+
+TEST_F(UpdateNotifierTest, WithoutItsLockASubscriptionChangesNothingAndTheAskerIsNotToldThatItDid) {
+  Subscribe();
+  ThreadHelper::FailNextLocks(1);
+  EXPECT_THROW(routing_.ClientUpdates().SetDestination("router1.other"),
+               MessageRouter::SubscriberLockFailure);
+  EXPECT_EQ(GetConfigString("NotifyClientUpdate", ""), "router1.watcher");
+  routing_.ClientUpdates().Logon("agent");
+  EXPECT_THAT(Notices(), ElementsAre("EM-ClientLogon of agent"));
 }
 
 TEST_F(UpdateNotifierTest, AnAddressThatNoEnvelopeCanHaveKeepsNobodyFromLoggingOn) {
