@@ -16,6 +16,7 @@
 
 #include "broker/CodecOrb.h"
 #include "broker/HexDigits.h"
+#include "broker/TakeOut.h"
 
 namespace Encoding {
 namespace {
@@ -107,27 +108,11 @@ std::optional<std::string> StringIn(const std::vector<unsigned char>& bytes) {
   return reinterpret_cast<const char*>(bytes.data() + kStringStart);
 }
 
-// Whether it could be done. Whatever else the ORB may throw is a fault of what it was given; too
-// little memory is not.
-template <class Function>
-bool Succeeds(Function&& function) {
-  try {
-    function();
-    return true;
-  } catch (const CORBA::NO_MEMORY&) {
-    throw std::bad_alloc();
-  } catch (const CORBA::Exception&) {
-  } catch (const omniORB::fatalException&) {  // not a std::exception
-  } catch (const std::length_error&) {
-  }
-  return false;
-}
-
 }  // namespace
 
 std::string EncodeAny(const CORBA::Any& any) {
   std::string text;
-  const bool done = Succeeds([&] {
+  const bool done = Broker::Succeeds([&] {
     cdrMemoryStream stream(kFirstBuffer, true);  // true: the padding between values is zero
     Prepare(stream);
     any >>= stream;
@@ -140,7 +125,7 @@ std::string EncodeAny(const CORBA::Any& any) {
 void DecodeAny(const std::string& text, CORBA::Any& any) {
   // What was read in part has a type and no value, which the ORB could not even copy.
   try {
-    if (Succeeds([&] { Extract(text, any); })) return;
+    if (Broker::Succeeds([&] { Extract(text, any); })) return;
   } catch (const std::bad_alloc&) {
     any = CORBA::Any();
     throw;
@@ -168,7 +153,7 @@ std::string DecodeString(std::string_view text) {
   DecodeAny(std::string(text), any);
   std::string other;
   // A value is looked into only when it is taken out.
-  const bool done = Succeeds([&] {
+  const bool done = Broker::Succeeds([&] {
     const char* value = nullptr;
     if (any >>= value) other = value;
   });

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <variant>
 
+#include "broker/TakeOut.h"
 #include "config/Configuration.h"
 
 namespace MessageRouter {
@@ -85,7 +86,7 @@ void ReadConfiguration(CORBA::Any& any) {
 
 bool WriteConfiguration(const CORBA::Any& any) {
   const Configuration* record = nullptr;
-  if (!(any >>= record)) return false;
+  if (!Broker::TakeOut(any, record)) return false;
   for (const Key& key : kKeys) std::visit(Write{*record, key.name}, key.value);
   SaveConfiguration();
   return true;

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "broker/CorbaExceptions.h"
+#include "broker/TakeOut.h"
 #include "envelope/Address.h"
 #include "envelope/Envelope.h"
 #include "envelope/MessageType.h"
@@ -53,7 +54,7 @@ std::string PayloadAsString(Envelope& envelope) {
   CORBA::Any any;
   envelope.GetData(any);
   const char* text = nullptr;
-  return (any >>= text) ? text : "";
+  return Broker::TakeOut(any, text) ? text : "";
 }
 
 bool Dispatcher::DispatchLocal(Envelope& envelope, RouterTable& table, Logical* logical,

@@ -4,6 +4,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "broker/TakeOut.h"
 #include "envelope/Envelope.h"
 #include "envelope/MessageType.h"
 #include "routing/Dispatcher.h"
@@ -25,7 +26,7 @@ constexpr char kBadlyFormatted[] = " - badly formatted";
 // The one name that a payload may hold instead of a list; empty if it does not.
 std::string NameIn(const CORBA::Any& data) {
   const char* text = nullptr;
-  return (data >>= text) ? text : "";
+  return Broker::TakeOut(data, text) ? text : "";
 }
 
 // Names between two looks at the stop, and in one hold of the lock.
@@ -59,7 +60,7 @@ bool Dispatcher::HandleRouterRegistered(Envelope& envelope, RouterTable& table, 
 
   const std::string name = NameIn(data);
   const String_seq* names = nullptr;
-  const bool isList = name.empty() && (data >>= names);
+  const bool isList = name.empty() && Broker::TakeOut(data, names);
   const CORBA::ULong count = isList ? names->length() : 0;
   // Of a router that is logged on here the news is late.
   const auto store = [&](const char* text) {
@@ -115,7 +116,7 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
 
   const std::string name = NameIn(data);
   const String_seq* names = nullptr;
-  const bool isList = name.empty() && (data >>= names);
+  const bool isList = name.empty() && Broker::TakeOut(data, names);
   // Of a list only the names that do not lead through another child by now.
   const CORBA::ULong all = isList ? names->length() : 0;
   std::vector<const char*> gone;

@@ -156,6 +156,33 @@ class Hostile(SystemTest):
         self.assertFalse(self.box.envelopes())
         self.assert_well(before)
 
+    def test_strings_without_an_end_are_delivered_as_they_are_and_mean_nothing_to_the_router(self):
+        """The ORB takes them in, and looks into them only when somebody takes them out."""
+        messages = giop.Ior(self.agent("ior_of", target="messages"))
+        identity = self.ca.issue("agent-1")
+
+        def string(text):
+            data = text.encode() + b"\0"
+            return struct.pack("<I", len(data)) + data + b"\0" * (-len(data) % 4)
+
+        def send(kind, route, payload):
+            start = string(route) + struct.pack("<ii", 0, 0) + string(kind) + string("")
+            with self.tls(identity) as connection:
+                connection.sendall(giop.request(messages.key, "SendMessage", start + payload))
+                connection.settimeout(20 * harness.PATIENCE)
+                self.assertEqual((0, None), giop.reply(connection)[:2])
+
+        payloads = (bytes.fromhex("12000000" "00000000" "04000000") + b"abcd",
+                    bytes.fromhex("12000000" "00000000" "00000000"))
+        for payload in payloads:
+            for route in (":", ":.:", "router"):
+                for kind in ("EM-GetClientStatus", "EM-Heartbeat", "EM-NotifyClientUpdates", "X"):
+                    send(kind, route, payload)
+        self.wait_no_envelopes(self.box)
+        self.box.wait_log("EM-GetClientStatus - Badly formatted message originator")
+        self.assertTrue(self.box.running(), self.box.stderr()[-3000:])
+        self.assertEqual(0, self.box.stop())
+
     def test_texts_of_peers_are_printed_and_not_interpreted(self):
         for text in ("%s%s%s%n", "%100000d", "{0}", "a\nb"):
             try:

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "broker/Encoding.h"
+#include "broker/TakeOut.h"
 
 namespace ClientLibrary {
 
@@ -90,7 +91,7 @@ nlohmann::json Safe(const char* text) {
 // The records that a router answers with, as what they say.
 bool AddRecord(const CORBA::Any& payload, nlohmann::json& out) {
   const BrelixMessaging::RouterClient* client = nullptr;
-  if (payload >>= client) {
+  if (Broker::TakeOut(payload, client)) {
     out["payload"] = {{"name", Safe(client->name)},
                       {"isRouter", bool(client->isRouter)},
                       {"isParent", bool(client->isParent)},
@@ -99,7 +100,7 @@ bool AddRecord(const CORBA::Any& payload, nlohmann::json& out) {
     return true;
   }
   const BrelixMessaging::String_seq* names = nullptr;
-  if (!(payload >>= names)) return false;
+  if (!Broker::TakeOut(payload, names)) return false;
   out["payload"] = nlohmann::json::array();
   for (CORBA::ULong i = 0; i < names->length(); ++i) {
     out["payload"].push_back(Safe((*names)[i]));
@@ -109,7 +110,7 @@ bool AddRecord(const CORBA::Any& payload, nlohmann::json& out) {
 
 void AddPayload(const CORBA::Any& payload, nlohmann::json& out) {
   const char* text = nullptr;
-  if (payload >>= text) {
+  if (Broker::TakeOut(payload, text)) {
     if (IsUtf8(text)) {
       out["payload"] = text;
       return;

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <thread>
 
+#include "broker/TakeOut.h"
 #include "client_library/Failure.h"
 #include "platform/Clock.h"
 
@@ -20,7 +21,7 @@ constexpr std::chrono::milliseconds kPause{50};
 // Whether the payload is of that name; one that is of nobody may be.
 bool IsAbout(const CORBA::Any& payload, const std::string& name) {
   const BrelixMessaging::RouterClient* status = nullptr;
-  return !(payload >>= status) || name == status->name.in();
+  return !Broker::TakeOut(payload, status) || name == status->name.in();
 }
 
 std::uint32_t PriorityOf(const BrelixMessaging::Envelope& envelope) {
@@ -79,7 +80,7 @@ bool IsAnswer(const BrelixMessaging::Envelope& envelope, const Query& query,
   const CORBA::Any& payload = envelope.client_info.custom_data;
   if (IsRefusal(envelope)) {
     const char* type = nullptr;
-    return (payload >>= type) && query.type == type;
+    return Broker::TakeOut(payload, type) && query.type == type;
   }
   return envelope.client_info.type.in() == query.type + "-Reply" && IsAbout(payload, query.name);
 }

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "broker/Encoding.h"
 #include "fixture.h"
 #include "support/TestCertificates.h"
 
@@ -62,6 +63,13 @@ inline std::string PayloadOf(MessageRouter::Envelope& envelope) {
   return type->kind() == CORBA::tk_null ? "(empty)" : "(other)";
 }
 
+// Encoded, with its last octet another one than the zero at the end of a string.
+inline std::string WithoutItsEnd(const CORBA::Any& payload) {
+  std::string text = Encoding::EncodeAny(payload);
+  text.replace(text.size() - 2, 2, "64");
+  return text;
+}
+
 // Payloads that are neither text nor a list of names.
 inline std::vector<CORBA::Any> OtherPayloads() {
   std::vector<CORBA::Any> payloads(5);
@@ -73,6 +81,12 @@ inline std::vector<CORBA::Any> OtherPayloads() {
   record.name = "child";
   payloads[3] <<= record;
   payloads[4] <<= CORBA::Any::from_wstring(const_cast<wchar_t*>(L"wide"), 0);
+  // Strings that end elsewhere than their length says: one alone, an empty one, one in a list.
+  for (const std::string& text :
+       {std::string("12000000000000000400000061626364"), std::string("120000000000000000000000"),
+        WithoutItsEnd(ListPayload({"abc"}))}) {
+    Encoding::DecodeAny(text, payloads.emplace_back());
+  }
   return payloads;
 }
 
