@@ -1,3 +1,5 @@
+#include <BrelixMessaging.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -6,6 +8,7 @@
 #include <string>
 
 #include "broker/Encoding.h"
+#include "broker/TakeOut.h"
 
 // The hexadecimal payload of an envelope, from a file or from another router's bytes. Each input is
 // tried as the text itself and as the octets behind the digits, which gets past the digits at once.
@@ -53,6 +56,15 @@ void Decode(const std::string& text) {
     // What was accepted can be handed on.
     const CORBA::Any copy(any);
     Encoding::EncodeAny(copy);
+    // Whatever is looked for in it, it is there or not.
+    const char* string = nullptr;
+    const BrelixMessaging::String_seq* names = nullptr;
+    const BrelixMessaging::RouterClient* status = nullptr;
+    const BrelixMessaging::Configuration* record = nullptr;
+    Broker::TakeOut(any, string);
+    Broker::TakeOut(any, names);
+    Broker::TakeOut(any, status);
+    Broker::TakeOut(any, record);
   } catch (const std::runtime_error&) {
     // The one answer to a text that is none.
   }
