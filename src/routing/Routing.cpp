@@ -5,7 +5,10 @@
 #include <cctype>
 #include <chrono>
 #include <exception>
+#include <filesystem>
+#include <new>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "envelope/Address.h"
@@ -32,6 +35,11 @@ bool ContainsIgnoringCase(std::string_view text, std::string_view part) {
 
 // Between two attempts to tell what is owed.
 constexpr std::chrono::seconds kTellingInterval{1};
+
+// For so long a message to this router waits for memory. Where it is so large that the want of
+// memory may well be its own doing, it makes room for the others then.
+constexpr std::chrono::seconds kShortagePatience{60};
+constexpr std::uintmax_t kLargeMessage = 1 << 20;
 
 std::atomic<Routing*> currentCycle{nullptr};
 
@@ -111,6 +119,26 @@ RouterTableEntry* Routing::FindRoute(const std::string& name, std::string& reach
   return entry != nullptr && entry->IsRoutable() && entry->IsRouter() ? entry : nullptr;
 }
 
+bool Routing::IsSetAside(Envelope& envelope) {
+  const auto now = Platform::Clock::Instance().SteadyNow();
+  if (!shortage_ || shortage_->messageId != envelope.MessageId()) {
+    shortage_ = {envelope.MessageId(), now};
+  }
+  if (now - shortage_->since < kShortagePatience) return false;
+  try {
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(envelope.FileName(), error);
+    if (error || size < kLargeMessage) return false;
+    LogError("A message to this router is too large to be looked into and is set aside: %s\n",
+             envelope.Describe().c_str());
+    envelope.MarkInvalid();
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  shortage_.reset();
+  return true;
+}
+
 void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest& stopping) {
   if (newsOwed_) {
     const auto now = Platform::Clock::Instance().SteadyNow();
@@ -131,11 +159,13 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest&
       try {
         LogInfo("Received message for this router\n");
         if (dispatcher_.DispatchLocal(envelope, table_, logical_, stopping)) envelope.Retire();
+        shortage_.reset();
       } catch (const std::exception& exception) {
         if (!IsPassing(exception)) throw;
         // Nothing has been done about it that can't be done again, and none may overtake another's
         // news.
         Quietly([&] { LogCaughtException("Routing::RouteNext", exception, ""); });
+        if (IsSetAside(envelope)) return;
         queue_.PutBack(std::move(envelope));
         Platform::SleepMilliseconds(1000 * seconds + milliseconds);
       }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -104,6 +105,9 @@ class Routing {
   void IsHere(const std::string& name);
   // Of a router that is registered or logs on here: the map leads to it no more.
   void LeaveMap(const std::string& name) REQUIRES(mapMutex_);
+  // For a message to this router that has failed for want of something: whether it has done so for
+  // so long, and is so large, that it is out of the way now.
+  bool IsSetAside(Envelope& envelope);
   // Whether the map leads to it through a child of ours.
   bool IsFurtherDown(const std::string& name) const;
 
@@ -114,6 +118,12 @@ class Routing {
   std::atomic<std::uint64_t> farewells_{0};
   std::atomic<bool> newsOwed_{false};
   Platform::Clock::SteadyTime nextTelling_{};  // the route thread's
+  // The route thread's: the message at the head that can't be handled, and since when.
+  struct Shortage {
+    std::uint32_t messageId;
+    Platform::Clock::SteadyTime since;
+  };
+  std::optional<Shortage> shortage_;
   UpdateNotifier routerUpdateNotifier_{*this, true};
   UpdateNotifier clientUpdateNotifier_{*this, false};
   Dispatcher dispatcher_{*this};

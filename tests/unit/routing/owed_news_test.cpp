@@ -343,6 +343,32 @@ TEST_F(NewsFromBelowTest, ARequestWhoseReplyFindsNoMemoryIsAnsweredLater) {
   EXPECT_FALSE(asker_.HasEnvelopes());
 }
 
+// What makes the shortage itself would otherwise stand in the way of all others for ever.
+TEST_F(NewsFromBelowTest, ALargeRequestThatFindsNoMemoryForAMinuteIsSetAsideAndASmallOneIsNot) {
+  const StoreThatLooks store(*this, []() -> bool { throw std::bad_alloc(); });
+  for (const std::uintmax_t size : {std::uintmax_t{100}, std::uintmax_t{2} << 20}) {
+    const bool large = size > 100;
+    Envelope request = AStoredEnvelope("1.msg")
+                           .WithId(large ? 2 : 1)
+                           .WithDestination(":")
+                           .WithType("EM-Heartbeat")
+                           .WithOriginator("router1.asker")
+                           .WithCertificate(ManagementRole());
+    std::filesystem::resize_file(store_.Directory() + "1.msg", size);
+    routing_.QueueForRouting(request);
+    routing_.RouteNext(0, 0);
+    clock_.Advance(std::chrono::seconds(59));
+    routing_.RouteNext(0, 0);
+    EXPECT_EQ(routing_.RouteQueueSize(), 1u) << large;
+    clock_.Advance(std::chrono::seconds(2));
+    routing_.RouteNext(0, 0);
+    EXPECT_EQ(routing_.RouteQueueSize(), large ? 0u : 1u);
+    EXPECT_EQ(FileExists("1.msg.bad"), large);
+    EXPECT_EQ(log_.Contains("A message to this router is too large to be looked into"), large);
+    while (routing_.RouteQueueSize() != 0) routing_.EmptyRouteQueue();
+  }
+}
+
 // A lock of the map that can't be taken
 
 class MapLockTest : public NewsFromBelowTest {
