@@ -35,16 +35,8 @@ CORBA::Any AsPayload(const std::string& text) {
 CORBA::Any StatusOf(const std::string& name, const RouterTable& table) {
   CORBA::Any any;
   const RouterTableEntry* const entry = table.Find(name);
-  if (entry == nullptr || !entry->IsRegistered()) return any;
-  // Under another name by now it is another peer, or the parent, which keeps its former names.
-  if (entry->Name() != name && !entry->IsParent()) return any;
-  BrelixMessaging::RouterClient status;
-  status.name = name.c_str();
-  status.isRouter = entry->IsRouter();
-  status.isParent = entry->IsParent();
-  status.isLoggedOn = entry->IsLoggedOn();
-  status.isPassiveConsumer = entry->IsPassiveConsumer();
-  any <<= status;
+  if (entry == nullptr) return any;
+  if (const auto status = entry->StatusOf(name)) any <<= *status;
   return any;
 }
 

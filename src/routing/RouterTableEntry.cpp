@@ -41,6 +41,19 @@ std::optional<RouterTableEntry::Standing> RouterTableEntry::StandingOf(
   return Standing{IsLoggedOn(), IsRouter()};
 }
 
+std::optional<BrelixMessaging::RouterClient> RouterTableEntry::StatusOf(
+    const std::string& name) const {
+  ReadGuard guard(lock_);
+  if (!guard || !BelongsToLocked(name) || !registered_) return std::nullopt;
+  BrelixMessaging::RouterClient status;
+  status.name = name.c_str();
+  status.isRouter = IsRouter();
+  status.isParent = IsParent();
+  status.isLoggedOn = IsLoggedOn();
+  status.isPassiveConsumer = IsPassiveConsumer();
+  return status;
+}
+
 bool RouterTableEntry::IsRegistered() const {
   return registered_;
 }

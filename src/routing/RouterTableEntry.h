@@ -108,6 +108,9 @@ class RouterTableEntry {
   std::string Name() const;  // copied out under the lock
   // Of the peer of that name; nothing if the entry is not, or no longer, this peer's.
   std::optional<Standing> StandingOf(const std::string& name) const;
+  // What is told of the peer of that name, as it is at one moment; nothing unless it is registered.
+  // The parent's goes under its former names too.
+  std::optional<BrelixMessaging::RouterClient> StatusOf(const std::string& name) const;
   bool IsRegistered() const;
   bool IsParent() const;
   bool IsRouter() const;

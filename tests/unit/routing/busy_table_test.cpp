@@ -125,6 +125,34 @@ TEST_F(BusyTable, LosesAndDoublesNoEnvelopeAndLeavesNoObjectActive) {
   EXPECT_THAT(host_.objects.Active(), testing::IsEmpty());
 }
 
+// The entry is by turns that of a client "agent" and of a router "other".
+TEST_F(BusyTable, TellsOfAPeerWhatIsTrueOfThatPeerWhoeverTakesItsEntry) {
+  constexpr int kFewRounds = 20000;
+  Entry& entry = *table_.Find("agent");
+  std::atomic<bool> flipping{true};
+  std::thread flipper([&] {
+    std::vector<Envelope> leftovers;
+    for (int i = 0; i < kFewRounds; ++i) {
+      entry.MarkUnregistered();
+      entry.TakeOver("other", leftovers);
+      entry.MarkRegistered(true);
+      entry.MarkUnregistered();
+      entry.TakeOver("agent", leftovers);
+      entry.MarkRegistered(false);
+    }
+    flipping = false;
+  });
+  int wrong = 0;
+  while (flipping) {
+    const auto status = entry.StatusOf("agent");
+    if (status && (status->isRouter || status->isLoggedOn)) ++wrong;
+  }
+  flipper.join();
+  EXPECT_EQ(wrong, 0);
+  ASSERT_TRUE(entry.StatusOf("agent"));
+  EXPECT_FALSE(entry.StatusOf("other"));
+}
+
 // The end of a cycle: routing has stopped, requests and senders have not.
 TEST_F(BusyTable, IsClearedUnderTheRequestsOfItsPeersAndKeepsTheirFiles) {
   std::latch halfway(1);
