@@ -40,6 +40,12 @@ CORBA::Any StatusOf(const std::string& name, const RouterTable& table) {
   return any;
 }
 
+// Whether notices to that address come to anybody else: not if it leads nowhere, or back here.
+bool LeadsElsewhere(const std::string& address) {
+  const std::string hops = TidyAddress(address);
+  return !hops.empty() && !IsThisRouter(hops);
+}
+
 }  // namespace
 
 std::string PayloadAsString(Envelope& envelope) {
@@ -81,8 +87,10 @@ void Dispatcher::HandleManagement(Envelope& envelope, RouterTable& table) {
   const auto subscribe = [&](UpdateNotifier& notifier, const char* name) {
     line += name;
     replyType = ManagementReplyType(name);
-    // Better told than subscribed under an address that the configuration would cut.
-    if (!notifier.SetDestination(envelope.Originator())) refuse();
+    // Better told than subscribed under an address that the configuration would cut, or in
+    // another's place under one that nobody has.
+    const std::string& subscriber = envelope.Originator();
+    if (!LeadsElsewhere(subscriber) || !notifier.SetDestination(subscriber)) refuse();
   };
 
   if (is("GetClientStatus")) {

@@ -120,14 +120,6 @@ TEST_F(ManagementTest, AnAnswerToNobodyIsUnrouteableAndTheMessageIsDone) {
   EXPECT_TRUE(log_.Contains("Cannot route message to gone"));
 }
 
-TEST_F(ManagementTest, AMessageThatThisRouterSendsItselfEndsWithOneAnswer) {
-  for (const char* type : {"EM-Anything", "MS-Anything", "Anything"}) {
-    log_.Clear();
-    Arrive(AMessage(type, CertificateWith({1, 2})).WithOriginator("router1"));
-    EXPECT_EQ(log_.Count("Received message for this router"), 2u) << type;
-  }
-}
-
 // GetClientStatus
 
 TEST_F(ManagementTest, GetClientStatusTellsWhatTheTableKnowsOfAClient) {
@@ -398,6 +390,56 @@ TEST_F(ManagementTest, NoTextOfAnOriginatorsMakesALineOfItsOwn) {
   EXPECT_TRUE(Logged("EM-GetClientStatus a?b??? originator router1.asker\n"));
   Arrive(AMessage("a\nb", NoRole()).WithOriginator("c\nd"));
   EXPECT_TRUE(Logged("Unknown Message type (a?b) originator c?d\n"));
+}
+
+TEST_F(ManagementTest, EachMessageIsOneLineAndThatStandsBeforeTheAnswerIsMade) {
+  struct Case {
+    const char* type;
+    const char* text;
+    bool answered;
+  };
+  const Case cases[] = {
+      {"EM-GetClientStatus", "asker", true},
+      {"EM-GetClientStatus", "", true},
+      {"EM-NotifyClientUpdates", "", true},
+      {"EM-NotifyRouterUpdates", "", true},
+      {"EM-Heartbeat", "", true},
+      {"EM-Nothing", "", true},
+      {"MS-DeliveryFailed", "", false},
+      {"MS-UnknownMessageType", "", false},
+      {"MS-RouterRegistered", "leaf", false},
+      {"MS-RouterUnregistered", "leaf", false},
+      {"MS-Nothing", "", true},
+      {"Certification.Nothing", "", true},
+      {"Nothing", "", true},
+  };
+  for (const Case& c : cases) {
+    const Envelope message =
+        AMessage(c.type, CertificateWith({1, 2})).WithData(TextPayload(c.text));
+    log_.Clear();
+    const auto told = [this] { return log_.Contains(" originator router1.asker\n"); };
+    StoreThatLooks looks(*this, told);
+    EXPECT_EQ(AnswerTo(message).has_value(), c.answered) << c.type;
+    EXPECT_EQ(looks.Seen(), std::vector<bool>(c.answered ? 1 : 0, true)) << c.type;
+    EXPECT_EQ(log_.Count(" originator "), 1u) << c.type;
+    EXPECT_EQ(log_.Count("\n"), log_.Lines().size()) << c.type;
+  }
+}
+
+TEST_F(ManagementTest, AnUnauthorisedMessageIsOneLineToo) {
+  for (const char* type : {"EM-Heartbeat", "EM-Nothing", "MS-RouterRegistered", "MS-Nothing"}) {
+    log_.Clear();
+    EXPECT_FALSE(AnswerTo(AMessage(type, NoRole())));
+    EXPECT_EQ(log_.Count(" originator "), 1u) << type;
+    EXPECT_EQ(log_.Count("UNAUTHORISED"), 1u) << type;
+  }
+}
+
+TEST_F(ManagementTest, AHugeNameIsCutInTheLine) {
+  const std::string name(5000, 'n');
+  Arrive(AMessage("EM-GetClientStatus", NoRole()).WithData(TextPayload(name)));
+  EXPECT_TRUE(
+      Logged("EM-GetClientStatus " + name.substr(0, 1024) + "... originator router1.asker\n"));
 }
 
 TEST_F(ManagementTest, AHugeTextIsCutInTheLineAndAnsweredWhole) {
