@@ -1,5 +1,6 @@
 """What a router answers itself: questions of clients, news of other routers, and rubbish."""
 
+import fcntl
 import json
 import unittest
 
@@ -145,6 +146,26 @@ class Management(SystemTest):
         self.assertTrue(bad.with_name("00000077.msg.bad").exists())
         line = self.client_ok(self.box, "agent-2", "--json", "receive")
         self.assertEqual("good", json.loads(line)["payload"])
+
+    def test_a_waiting_question_whose_file_is_damaged_ends_the_router_once(self):
+        sender = self.peer(self.box, "agent-2").log_on()
+        # Everything waits behind a subscription that cannot be written yet.
+        with open(self.box.folder / "brelix.config.lock", "ab") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            sender("messages.SendMessage", destination=":", type="EM-NotifyClientUpdates", text="")
+            sender("messages.SendMessage", destination=":", type="EM-GetClientStatus", text="x")
+            waiting, = (path for path in self.box.envelopes()
+                        if "EM-GetClientStatus" in path.read_text())
+            waiting.write_text("\n".join(
+                "[Data] 12000000ffffffff" if line.startswith("[Data]") else line
+                for line in waiting.read_text().splitlines()) + "\n")
+        self.assertEqual(255, self.box.wait_end(20))
+        self.assertTrue(waiting.exists())
+        self.box.start()
+        self.assertFalse(waiting.exists())
+        self.assertTrue(waiting.with_name(waiting.name + ".bad").exists())
+        self.client_ok(self.box, "agent-1", "register")
+        self.client_ok(self.box, "agent-1", "status", "agent-1")
 
 
 class LogicalRouting(SystemTest):
