@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <new>
 
@@ -106,7 +107,7 @@ Backend::Backend(const char* name, const std::string& directory, std::uint32_t f
       console_(console) {
   BaseName() = BaseNameOf(name);
   OpenFile();
-  Purge();
+  purgeOwed_ = !Purge();
 }
 
 Backend::~Backend() {
@@ -207,12 +208,11 @@ void Backend::CheckSize() {
     OpenFile();
   }
   if (!purgeOwed_) return;
-  Purge();
-  purgeOwed_ = false;
+  purgeOwed_ = !Purge();
 }
 
-void Backend::Purge() {
-  if (stream_ == nullptr) return;
+bool Backend::Purge() {
+  if (stream_ == nullptr) return true;
   struct Names {
     ACE_DIRENT** first = nullptr;
     int count = 0;
@@ -222,12 +222,15 @@ void Backend::Purge() {
     }
   } names;
   names.count = ACE_OS::scandir(directory_.c_str(), &names.first, &IsLogFile, &NewestFirst);
+  // A folder that can't be read at all is not looked at again with each record.
+  if (names.count < 0) return errno != ENOMEM;
   for (int i = 0; i < names.count; ++i) {
     if (static_cast<std::uint32_t>(i) < fileCount_) continue;
     const std::string path = directory_ + names.first[i]->d_name;
     LogInfo("UNLINK: %s\n", path.c_str());
     ACE_OS::unlink(path.c_str());
   }
+  return true;
 }
 
 const std::string& Backend::TimePrefix() {

@@ -52,7 +52,7 @@ class Backend : public ACE_Log_Msg_Backend {
   void OpenFile();
   void CloseFile();
   void CheckSize();
-  void Purge();
+  bool Purge();  // false if there was no memory for it
   const std::string& TimePrefix();
 
   std::FILE* stream_ = nullptr;

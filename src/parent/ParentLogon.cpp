@@ -206,9 +206,9 @@ void ParentLogon::TakeLeave() {
   try {
     const ParentCallLimit limit = ParentCallLimit::AtMost(kLeave, second_);
     RepeatOnce([this] { parentRouter_->Logoff(); });
-    LogInfo("Logged off from parent router\n");
+    Quietly([] { LogInfo("Logged off from parent router\n"); });
   } catch (const CORBA::Exception& exception) {
-    LogCaughtCorbaException("ParentLogon::Process", exception, "Logoff");
+    Quietly([&] { LogCaughtCorbaException("ParentLogon::Process", exception, "Logoff"); });
   }
 }
 

@@ -1,6 +1,5 @@
 // How the parent logon finds its parent and registers with it.
 #include <algorithm>
-#include <stdexcept>
 #include <string_view>
 
 #include "broker/ConnectionTest.h"
@@ -62,11 +61,11 @@ void ParentLogon::RegisterParent() {
   LogInfo("Received parent router's IOR:\n%s\n", OnOneLine(ior).c_str());
   using StatusReporting::OutgoingSection;
   const bool valid = ValidateIor(ior, [this](const std::string& host, std::uint16_t port) {
-    if (IsTerminated()) throw std::runtime_error("a stop has come");
-    return ResolveHost(host, port);
+    // A stop does not wait for the name service.
+    return IsTerminated() ? ACE_INET_Addr(port, INADDR_ANY) : ResolveHost(host, port);
   });
+  if (IsTerminated()) return;
   if (!valid) {
-    if (IsTerminated()) return;
     LogError("Cannot log on to the parent router, because its IOR is invalid\n");
     status.SetActualParent("");
     status.Outgoing().Raise(OutgoingSection::kParentIorInvalid, "");

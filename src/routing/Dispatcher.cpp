@@ -1,6 +1,7 @@
 #include "routing/Dispatcher.h"
 
 #include <exception>
+#include <functional>
 #include <new>
 #include <sstream>
 
@@ -10,6 +11,7 @@
 #include "envelope/Envelope.h"
 #include "envelope/MessageType.h"
 #include "logging/Log.h"
+#include "routing/Quietly.h"
 #include "routing/RouterTable.h"
 #include "routing/Routing.h"
 #include "security/Roles.h"
@@ -55,13 +57,20 @@ std::string PayloadAsString(Envelope& envelope) {
   return Broker::TakeOut(any, text) ? text : "";
 }
 
+Dispatcher::Key Dispatcher::KeyOf(const Envelope& envelope) {
+  return {envelope.MessageId(), std::hash<std::string>()(envelope.Originator())};
+}
+
 bool Dispatcher::DispatchLocal(Envelope& envelope, RouterTable& table, Logical* logical,
                                const StopTest& stopping) {
+  if (told_ && *told_ != KeyOf(envelope)) told_.reset();
   const std::string& type = envelope.Type();
   if (IsManagementType(type)) {
     HandleManagement(envelope, table);
   } else if (IsSystemType(type)) {
-    return HandleSystem(envelope, table, logical, stopping);
+    const bool done = HandleSystem(envelope, table, logical, stopping);
+    told_.reset();
+    return done;
   } else if (IsCertificationType(type)) {
     HandleCertification(envelope);
   } else {
@@ -146,7 +155,8 @@ bool Dispatcher::HandleSystem(Envelope& envelope, RouterTable& table, Logical* l
     line = "System message (" + Shown(type) + ") - not implemented";
     known = false;
   }
-  Emit(line, envelope);
+  // What has been done is not done again for want of a line.
+  Quietly([&] { Emit(line, envelope); });
   if (!known) ReplyUnknown(envelope);
   return true;
 }

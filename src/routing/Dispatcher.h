@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "envelope/TimeToLive.h"
 
@@ -55,7 +57,13 @@ class Dispatcher {
   void Send(const std::string& destination, const std::string& type, const CORBA::Any& data,
             std::uint32_t priority, TimeToLive ttl);
 
+  // A message, as far as another may follow it: its id, and a hash of its originator.
+  using Key = std::pair<std::uint32_t, std::size_t>;
+  static Key KeyOf(const Envelope& envelope);
+
   Routing& routing_;
+  // The message whose news has gone up. Handled again, it is not sent up twice.
+  std::optional<Key> told_;
 };
 
 // The payload's text; empty for a payload of any other type.

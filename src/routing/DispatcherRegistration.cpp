@@ -165,8 +165,10 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
 }
 
 void Dispatcher::Forward(const Envelope& envelope, const char* event, const CORBA::Any& data) {
+  if (told_ == KeyOf(envelope)) return;
   Send(kParentAddress, SystemMessageType(event), data, envelope.Priority(),
        TimeToLive::Until(envelope.Ttl()));
+  told_ = KeyOf(envelope);
 }
 
 void Dispatcher::ForwardFarewell(const Envelope& envelope, const CORBA::Any& data) {

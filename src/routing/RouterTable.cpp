@@ -217,9 +217,10 @@ void RouterTable::AddCertificationEntry(const std::string& name) {
   RouteAnew(leftovers);
 }
 
-void RouterTable::Scan(FunctionClassBase& function) const {
+bool RouterTable::Scan(FunctionClassBase& function) const {
   ReadGuard guard(mutex_);
   if (guard) ScanLocked(function);
+  return static_cast<bool>(guard);
 }
 
 void RouterTable::ScanLocked(FunctionClassBase& function) const {

@@ -79,7 +79,8 @@ class RouterTable {
   // last exception leaves. What the disk does not take even so is kept for the next ReadTable,
   // which takes it for the file's text and writes it.
   void WriteLast(const std::function<void()>& pause);
-  void Scan(FunctionClassBase& function) const;
+  // False if the lock can't be taken.
+  bool Scan(FunctionClassBase& function) const;
   // Empties and closes the table. The entries are detached: their peers are forgotten, what they
   // held stays on disk alone, but they stay good until FreeDetached.
   void Clear();

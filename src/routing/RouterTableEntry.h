@@ -127,7 +127,7 @@ class RouterTableEntry {
 
   // Whether the parent has yet to be told what has become of this peer. No other peer takes the
   // entry over until then.
-  void OweNews() { owesNews_ = true; }
+  bool OweNews() { return owesNews_.exchange(true); }  // whether it was so before
   bool OwesNews() const { return owesNews_; }
   bool SettleNews() { return owesNews_.exchange(false); }
 

@@ -164,11 +164,10 @@ RouterTableEntry::Claim RouterTableEntry::ClaimForPolling() {
   WriteGuard guard(lock_);
   claim.generation = generation_;
   if (!guard || logonState_ != kLoggedOn) return claim;
-  const bool notified = supplierState_ == kPollNotified;
-  if (!notified && supplierState_ != kPollDue) return claim;
+  claim.notified = supplierState_ == kPollNotified;
+  if (!claim.notified && supplierState_ != kPollDue) return claim;
   if (!polling_.Enter(&Visitors::worker)) return claim;
   supplierState_ = kPollRunning;
-  claim.notified = notified;
   notifiedWhilePolled_ = false;
   claim.acquired = true;
   return claim;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <new>
 #include <string_view>
 #include <system_error>
@@ -35,11 +36,15 @@ bool ContainsIgnoringCase(std::string_view text, std::string_view part) {
 
 // Between two attempts to tell what is owed.
 constexpr std::chrono::seconds kTellingInterval{1};
+// Of each attempt; what is to be routed waits.
+constexpr std::chrono::milliseconds kTellingTime{200};
 
 // For so long a message to this router waits for memory. Where it is so large that the want of
 // memory may well be its own doing, it makes room for the others then.
 constexpr std::chrono::seconds kShortagePatience{60};
 constexpr std::uintmax_t kLargeMessage = 1 << 20;
+// How much longer the pause is once it has waited in vain.
+constexpr int kPauseFactor = 10;
 
 std::atomic<Routing*> currentCycle{nullptr};
 
@@ -119,12 +124,13 @@ RouterTableEntry* Routing::FindRoute(const std::string& name, std::string& reach
   return entry != nullptr && entry->IsRoutable() && entry->IsRouter() ? entry : nullptr;
 }
 
+bool Routing::IsWaiting(const Envelope& envelope) const {
+  return shortage_ && shortage_->messageId == envelope.MessageId() &&
+         shortage_->originator == std::hash<std::string>()(envelope.Originator());
+}
+
 bool Routing::IsSetAside(Envelope& envelope) {
-  const auto now = Platform::Clock::Instance().SteadyNow();
-  if (!shortage_ || shortage_->messageId != envelope.MessageId()) {
-    shortage_ = {envelope.MessageId(), now};
-  }
-  if (now - shortage_->since < kShortagePatience) return false;
+  if (Platform::Clock::Instance().SteadyNow() - shortage_->since < kShortagePatience) return false;
   try {
     std::error_code error;
     const std::uintmax_t size = std::filesystem::file_size(envelope.FileName(), error);
@@ -139,12 +145,39 @@ bool Routing::IsSetAside(Envelope& envelope) {
   return true;
 }
 
+void Routing::Handle(Envelope& envelope, std::chrono::milliseconds pause,
+                     const StopTest& stopping) {
+  // Again and again its lines would push all others out of the log.
+  const bool again = IsWaiting(envelope);
+  bool done = false;
+  try {
+    if (!again) LogInfo("Received message for this router\n");
+    done = dispatcher_.DispatchLocal(envelope, table_, logical_, stopping);
+  } catch (const std::exception& exception) {
+    if (!IsPassing(exception)) throw;
+    if (!again) {
+      shortage_ = {envelope.MessageId(), std::hash<std::string>()(envelope.Originator()),
+                   Platform::Clock::Instance().SteadyNow()};
+      Quietly([&] { LogCaughtException("Routing::RouteNext", exception, ""); });
+    }
+    const bool noMemory = dynamic_cast<const std::bad_alloc*>(&exception) != nullptr;
+    if (noMemory && IsSetAside(envelope)) return;
+    // What is done already is not done twice, and none may overtake another's news.
+    queue_.PutBack(std::move(envelope));
+    Platform::SleepMilliseconds(
+        static_cast<unsigned>((again ? kPauseFactor * pause : pause).count()));
+    return;
+  }
+  shortage_.reset();
+  if (done) envelope.Retire();
+}
+
 void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest& stopping) {
   if (newsOwed_) {
     const auto now = Platform::Clock::Instance().SteadyNow();
     if (now >= nextTelling_) {
       nextTelling_ = now + kTellingInterval;
-      TellWhatIsOwed();
+      TellWhatIsOwed(kTellingTime);
     }
   }
   Envelope envelope;
@@ -156,19 +189,8 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest&
   bool local = envelope.HopPopped();
   if (!local && IsThisRouter(hop)) {
     if (envelope.HopCount() < 2) {
-      try {
-        LogInfo("Received message for this router\n");
-        if (dispatcher_.DispatchLocal(envelope, table_, logical_, stopping)) envelope.Retire();
-        shortage_.reset();
-      } catch (const std::exception& exception) {
-        if (!IsPassing(exception)) throw;
-        // Nothing has been done about it that can't be done again, and none may overtake another's
-        // news.
-        Quietly([&] { LogCaughtException("Routing::RouteNext", exception, ""); });
-        if (IsSetAside(envelope)) return;
-        queue_.PutBack(std::move(envelope));
-        Platform::SleepMilliseconds(1000 * seconds + milliseconds);
-      }
+      Handle(envelope, std::chrono::seconds(seconds) + std::chrono::milliseconds(milliseconds),
+             stopping);
       return;
     }
     local = true;

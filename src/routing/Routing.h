@@ -3,6 +3,7 @@
 #include <BrelixMessaging.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -64,9 +65,10 @@ class Routing {
   // elsewhere meanwhile, or the news may have been lost.
   void RegisterPeer(const std::string& name, bool isRouter);
   void UnregisterPeer(const std::string& name, bool isRouter);
-  // Tells the parent of the children of whom there was no memory to tell it. The route thread does
-  // so now and then; for a stop, once it has ended.
-  void TellWhatIsOwed();
+  // Tells the parent of the children of whom there was no memory to tell it, for that long at most,
+  // and no further than to the next one for whom there is none. The route thread does so now and
+  // then; for a stop, once it has ended.
+  void TellWhatIsOwed(std::chrono::milliseconds atMost);
 
   // Logons throw NotRegistered. They return the objects activated for the peer.
   RouterTableEntry::LocalPeerObjects LogonClientPeer(const std::string& name,
@@ -98,15 +100,19 @@ class Routing {
   // Where they throw they can be done again.
   void ChildIsHere(const std::string& name, bool again, bool tell);
   void ChildIsGone(const std::string& name);
-  // Does one of these. What there is no memory for is owed.
+  // Does one of these. False where there is no memory for it: it is owed.
   template <class Telling>
-  void TellOf(const std::string& name, Telling&& telling);
+  bool TellOf(const std::string& name, Telling&& telling);
   // A child has logged on.
   void IsHere(const std::string& name);
   // Of a router that is registered or logs on here: the map leads to it no more.
   void LeaveMap(const std::string& name) REQUIRES(mapMutex_);
-  // For a message to this router that has failed for want of something: whether it has done so for
-  // so long, and is so large, that it is out of the way now.
+  // A message whose route ends here. What can't be handled for now is the next one again.
+  void Handle(Envelope& envelope, std::chrono::milliseconds pause, const StopTest& stopping);
+  // Whether it is the one that could not be handled.
+  bool IsWaiting(const Envelope& envelope) const;
+  // For one that finds no memory: whether it has found none for so long, and is so large, that it
+  // is out of the way now.
   bool IsSetAside(Envelope& envelope);
   // Whether the map leads to it through a child of ours.
   bool IsFurtherDown(const std::string& name) const;
@@ -121,6 +127,7 @@ class Routing {
   // The route thread's: the message at the head that can't be handled, and since when.
   struct Shortage {
     std::uint32_t messageId;
+    std::size_t originator;  // its hash: copies take memory
     Platform::Clock::SteadyTime since;
   };
   std::optional<Shortage> shortage_;

@@ -1,4 +1,5 @@
 // Registrations, logons and their ends, and what the parent is told of them.
+#include <chrono>
 #include <exception>
 #include <new>
 #include <utility>
@@ -69,42 +70,51 @@ bool Routing::MakeNews(const std::string& event, const std::vector<const char*>&
 }
 
 template <class Telling>
-void Routing::TellOf(const std::string& name, Telling&& telling) {
+bool Routing::TellOf(const std::string& name, Telling&& telling) {
   try {
     telling();
+    return true;
   } catch (const std::exception& exception) {
     if (!IsPassing(exception)) throw;
     Quietly([&] { LogCaughtException("Routing::TellOf", exception, Shown(name).c_str()); });
-    RouterTableEntry* const entry = table_.Find(name);
-    if (entry == nullptr) return;
-    entry->OweNews();
+    if (RouterTableEntry* const entry = table_.Find(name)) entry->OweNews();
     newsOwed_ = true;
+    return false;
   }
 }
 
-void Routing::TellWhatIsOwed() {
+void Routing::TellWhatIsOwed(std::chrono::milliseconds atMost) {
   if (!newsOwed_.exchange(false)) return;
+  const auto end = std::chrono::steady_clock::now() + atMost;
   OwingChildren owing;
   try {
-    table_.Scan(owing);
+    if (!table_.Scan(owing)) newsOwed_ = true;
   } catch (const std::bad_alloc&) {
     newsOwed_ = true;
   }
   for (const std::string& name : owing.names) {
     RouterTableEntry* const entry = table_.Find(name);
-    if (entry == nullptr || !entry->SettleNews()) continue;
-    TellOf(name, [&] {
+    if (entry == nullptr || std::chrono::steady_clock::now() > end) {
+      newsOwed_ = true;
+      return;
+    }
+    if (!entry->SettleNews()) continue;
+    const bool told = TellOf(name, [&] {
+      const bool hasParent = table_.Parent() != nullptr;
       if (table_.HasChildRouter(name)) {
-        ChildIsHere(name, true, table_.Parent() != nullptr);
-      } else {
+        ChildIsHere(name, true, hasParent);
+      } else if (hasParent) {
         ChildIsGone(name);
       }
     });
+    if (!told) return;
   }
 }
 
 void Routing::IsHere(const std::string& name) {
-  if (logical_ == nullptr) return;
+  const Logical* const logical = logical_;
+  // Where it is in no map, which is the rule, nobody has to wait for the lock.
+  if (logical == nullptr || logical->Lookup(name).empty()) return;
   const ThreadHelper::Guard guard(mapMutex_);
   if (!guard) throw MapLockFailure();
   if (table_.HasChildRouterHere(name)) LeaveMap(name);
@@ -213,14 +223,22 @@ void Routing::ChildIsGone(const std::string& name) {
 
 void Routing::UnregisterPeer(const std::string& name, bool isRouter) {
   if (!isRouter && table_.IsParentsName(name)) throw BrelixMessaging::NotRegistered();
-  const bool hasParent = table_.Parent() != nullptr;
-  table_.Unregister(name);
+  const bool tells = isRouter && table_.Parent() != nullptr;
+  RouterTableEntry* const entry = table_.Find(name);
+  // Before it can be another peer's.
+  const bool owed = tells && entry != nullptr && entry->OweNews();
+  try {
+    table_.Unregister(name);
+  } catch (...) {
+    if (tells && entry != nullptr && !owed) entry->SettleNews();
+    throw;
+  }
   // Whatever goes wrong with the news, what waited for the peer is routed anew.
-  const Drain drain(*this, table_.Find(name));
+  const Drain drain(*this, entry);
   Attempt("Routing::UnregisterPeer", name, [&] { table_.WriteTable(false); });
   Attempt("Routing::UnregisterPeer", name,
           [&] { (isRouter ? routerUpdateNotifier_ : clientUpdateNotifier_).Unregistered(name); });
-  if (isRouter && hasParent) TellOf(name, [&] { ChildIsGone(name); });
+  if (tells && TellOf(name, [&] { ChildIsGone(name); }) && entry != nullptr) entry->SettleNews();
 }
 
 RouterTableEntry& Routing::FindForLogon(const std::string& name) {

@@ -5,6 +5,7 @@
 #include "config/Configuration.h"
 #include "dispatcher_fixture.h"
 #include "support/AllocationFailure.h"
+#include "support/NoDescriptors.h"
 #include "threads/FailLocks.h"
 
 namespace TestSupport {
@@ -124,13 +125,47 @@ TEST_F(OwedNewsTest, WhatIsOwedIsTriedOnceASecondUntilItIsTold) {
   EXPECT_EQ(tried, 4u);
 }
 
+TEST_F(OwedNewsTest, WhatIsOwedAfterTheTimeIsToldLater) {
+  ARouter("child");
+  ARouter("child2");
+  {
+    const AllocationFailure failure;
+    routing_.UnregisterPeer("child", true);
+    routing_.UnregisterPeer("child2", true);
+  }
+  routing_.TellWhatIsOwed(std::chrono::milliseconds(-1));
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+  EXPECT_THAT(Told(),
+              UnorderedElementsAre("MS-RouterUnregistered child", "MS-RouterUnregistered child2"));
+}
+
+// It has none, and its map keeps what it has.
+TEST_F(OwedNewsTest, ARootThatOwesNothingToAnybodyTellsNobody) {
+  table_.Clear();
+  table_.ReadTable(false);
+  ARouter("child");
+  map_.Store("child", "former");
+  map_.Store("leaf", "child");
+  {
+    const AllocationFailure failure;
+    EXPECT_THROW(routing_.RegisterPeer("child", true), BrelixMessaging::AlreadyRegistered);
+  }
+  routing_.UnregisterPeer("child", true);
+  clock_.Advance(std::chrono::seconds(1));
+  log_.Clear();
+  routing_.RouteNext(0, 0);
+  EXPECT_EQ(routing_.RouteQueueSize(), 0u);
+  EXPECT_EQ(map_.Lookup("leaf"), "child");
+  EXPECT_FALSE(log_.Contains("Cannot route"));
+}
+
 TEST_F(OwedNewsTest, WhatIsOwedIsToldBeforeAStop) {
   ARouter(kChild);
   {
     const AllocationFailure failure;
     routing_.UnregisterPeer(kChild, true);
   }
-  routing_.TellWhatIsOwed();
+  routing_.TellWhatIsOwed(std::chrono::seconds(1));
   routing_.EmptyRouteQueue();
   std::vector<Envelope> left;
   MessageRouter::LoadPersistentEnvelopes(left);
@@ -143,7 +178,7 @@ TEST_F(OwedNewsTest, WhatIsOwedIsNotForgottenWhereTheChildrenCannotBeListed) {
   {
     const AllocationFailure failure;
     routing_.UnregisterPeer(kChild, true);
-    routing_.TellWhatIsOwed();
+    routing_.TellWhatIsOwed(std::chrono::seconds(1));
   }
   EXPECT_THAT(Told(), ElementsAre("MS-RouterUnregistered " + kChild));
 }
@@ -266,7 +301,7 @@ TEST_F(NewsFromBelowTest, IsToldAndMappedWhereverItFindsNoMemory) {
   WithOneFailureEach(
       "RouterRegistered", TextPayload(kLeaf), true, [this] { map_.Store(kLeaf, "child2"); },
       [this] {
-        EXPECT_THAT(Told(), testing::Contains("MS-RouterRegistered " + kLeaf));
+        EXPECT_THAT(Told(), ElementsAre("MS-RouterRegistered " + kLeaf));
         EXPECT_EQ(map_.Lookup(kLeaf), "child1");
       });
   const std::string other = kLeaf + " and another";
@@ -274,7 +309,7 @@ TEST_F(NewsFromBelowTest, IsToldAndMappedWhereverItFindsNoMemory) {
       "RouterRegistered", ListPayload({kLeaf, other}), true,
       [this] { map_.Store(kLeaf, "child2"); },
       [&] {
-        EXPECT_THAT(Told(), testing::Contains("MS-RouterRegistered [" + kLeaf + "," + other + "]"));
+        EXPECT_THAT(Told(), ElementsAre("MS-RouterRegistered [" + kLeaf + "," + other + "]"));
         EXPECT_EQ(map_.Lookup(kLeaf), "child1");
         EXPECT_EQ(map_.Lookup(other), "child1");
       });
@@ -285,7 +320,7 @@ TEST_F(NewsFromBelowTest, OfAnEndIsToldAndLeavesTheMapWhereverItFindsNoMemory) {
     WithOneFailureEach(
         "RouterUnregistered", payload, true, [this] { map_.Store(kLeaf, "child1"); },
         [this] {
-          EXPECT_THAT(Told(), testing::Contains(testing::HasSubstr(kLeaf)));
+          EXPECT_THAT(Told(), ElementsAre(testing::HasSubstr(kLeaf)));
           EXPECT_EQ(map_.Lookup(kLeaf), "");
         });
   }
@@ -295,7 +330,7 @@ TEST_F(NewsFromBelowTest, GoesUpWithoutAMapWhereverItFindsNoMemory) {
   for (const std::string event : {"RouterRegistered", "RouterUnregistered"}) {
     WithOneFailureEach(
         event, TextPayload(kLeaf), false, [] {},
-        [&] { EXPECT_THAT(Told(), testing::Contains("MS-" + event + " " + kLeaf)); });
+        [&] { EXPECT_THAT(Told(), ElementsAre("MS-" + event + " " + kLeaf)); });
   }
 }
 
@@ -367,6 +402,27 @@ TEST_F(NewsFromBelowTest, ALargeRequestThatFindsNoMemoryForAMinuteIsSetAsideAndA
     EXPECT_EQ(log_.Contains("A message to this router is too large to be looked into"), large);
     while (routing_.RouteQueueSize() != 0) routing_.EmptyRouteQueue();
   }
+}
+
+TEST_F(NewsFromBelowTest, ALargeOneWhoseFileCannotBeOpenedForLongWaitsForIt) {
+  Envelope news;
+  news.CreateLocal(":", 9, MessageRouter::TimeToLive::Stated(600), "MS-RouterRegistered",
+                   TextPayload(std::string(2 << 20, 'n')), "");
+  const std::string file = news.FileName();
+  ASSERT_GT(std::filesystem::file_size(file), std::uintmax_t{1} << 20);
+  routing_.QueueForRouting(news);
+  {
+    const NoDescriptors none;
+    for (int i = 0; i < 3; ++i) {
+      routing_.RouteNext(0, 0);
+      clock_.Advance(std::chrono::seconds(61));
+    }
+  }
+  EXPECT_EQ(routing_.RouteQueueSize(), 1u);
+  EXPECT_TRUE(std::filesystem::exists(file));
+  // Its lines come once.
+  EXPECT_EQ(log_.Count("Received message for this router"), 1u);
+  EXPECT_EQ(log_.Count("Routing::RouteNext: Caught "), 1u);
 }
 
 // A lock of the map that can't be taken
