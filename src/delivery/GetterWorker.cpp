@@ -18,8 +18,7 @@ constexpr std::uint32_t kLowMaximum = 10;
 std::uint32_t ReadMaximumToGet() {
   const std::uint32_t maximum = GetConfigInt("MaximumToGet", kUnlimited);
   if (maximum == 0) {
-    LogWarning("MaximumToGet is zero, using value of %d\n",
-               static_cast<std::int32_t>(kUnlimited));
+    LogWarning("MaximumToGet is zero, using value of %d\n", static_cast<std::int32_t>(kUnlimited));
     return kUnlimited;
   }
   if (maximum < kLowMaximum) {

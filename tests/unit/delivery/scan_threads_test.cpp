@@ -257,9 +257,9 @@ TEST_F(ScanTest, LogoffThatRaisesIsLoggedAndCostsTheVisitAlone) {
   host.onParentLinkLost = [] { throw BrelixMessaging::NotLoggedOn(); };
   clock.Advance(std::chrono::seconds(1801));
   EXPECT_NO_THROW(VisitForTimeout(parent));
-  EXPECT_TRUE(log.Has(MessageRouter::kLogError,
-                      "TimeoutWorker: Caught CORBA " +
-                          Broker::Describe(BrelixMessaging::NotLoggedOn()) + " \n"));
+  EXPECT_TRUE(log.Has(
+      MessageRouter::kLogError,
+      "TimeoutWorker: Caught CORBA " + Broker::Describe(BrelixMessaging::NotLoggedOn()) + " \n"));
 }
 
 // A router that was unregistered and asks for a certificate: nothing it can be logged off from.
