@@ -64,14 +64,19 @@ CORBA::Boolean OnSendRequest(omniInterceptors::clientSendRequest_T::info_T& info
 
 std::atomic<unsigned> orbThreads{0};
 
+void NoteThreadEnd() {
+  --orbThreads;
+}
+
+// The ORB doesn't wait for its threads at its end. What OpenSSL and ACE keep for each must be freed
+// before the process ends, and before it frees what they share.
 void OnCreateThread(omniInterceptors::createThread_T::info_T& info) {
   ++orbThreads;
+  const bool noted = Platform::RunAtThreadEnd(&NoteThreadEnd);
   Platform::SetThreadName("broker");
   info.run();
-  // The ORB doesn't wait for its threads at its end, and at the end of the process OpenSSL would
-  // not find the time to free what it keeps for each.
   OPENSSL_thread_stop();
-  --orbThreads;
+  if (!noted) NoteThreadEnd();
 }
 
 }  // namespace

@@ -9,7 +9,8 @@ namespace Broker {
 // each making of an ORB.
 void InstallInterceptors();
 
-// Waits until all threads of destroyed ORBs are gone, at most so long.
+// Waits until all threads of destroyed ORBs are gone, and what libraries keep for them, at most so
+// long.
 void AwaitEndOfThreads(std::chrono::milliseconds patience);
 
 }  // namespace Broker

@@ -28,6 +28,11 @@ std::uint32_t ThreadId();
 std::uint32_t ProcessId();
 void SetThreadName(const char* name);
 
+// Has the calling thread run the action at its very end, when its thread-local objects and what
+// libraries keep for each thread are freed. One action a thread, which must not throw. False, and
+// nothing is run, if the system lacks the means.
+bool RunAtThreadEnd(void (*action)());
+
 // Bit n set: processor n may be used by the process. Nothing if the query fails; Error is then the
 // system's number.
 std::optional<std::uint64_t> AffinityMask(int* error);

@@ -33,6 +33,32 @@ std::atomic<const HostNames*> playedNames{nullptr};
 
 constexpr unsigned kMaskBits = 64;
 
+struct ThreadEnd {
+  void (*action)();
+  bool othersHadTheirTurn;
+};
+thread_local constinit ThreadEnd threadEnd{};
+
+// Nothing if the system has no key left.
+std::optional<pthread_key_t> ThreadEndKey() {
+  static const std::optional<pthread_key_t> key = []() -> std::optional<pthread_key_t> {
+    static pthread_key_t made;
+    // Values are asked to end in no certain order, but one that is set again only once all others
+    // have been asked.
+    constexpr auto kEnd = [](void* end) {
+      auto& mine = *static_cast<ThreadEnd*>(end);
+      if (!mine.othersHadTheirTurn) {
+        mine.othersHadTheirTurn = true;
+        if (pthread_setspecific(made, end) == 0) return;
+      }
+      mine.action();
+    };
+    if (pthread_key_create(&made, kEnd) != 0) return std::nullopt;
+    return made;
+  }();
+  return key;
+}
+
 thread_local std::uint32_t threadId = 0;
 
 // The numbers of a forked child are its own.
@@ -70,6 +96,12 @@ std::uint32_t ProcessId() {
 void SetThreadName(const char* name) {
   constexpr std::size_t kLongest = 15;
   pthread_setname_np(pthread_self(), std::string(name).substr(0, kLongest).c_str());
+}
+
+bool RunAtThreadEnd(void (*action)()) {
+  const std::optional<pthread_key_t> key = ThreadEndKey();
+  threadEnd = {action, false};
+  return key && pthread_setspecific(*key, &threadEnd) == 0;
 }
 
 void SetProcessors(const Processors* processors) {

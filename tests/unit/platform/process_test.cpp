@@ -2,11 +2,13 @@
 
 #include <cxxabi.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -14,7 +16,9 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/Clock.h"
 #include "platform/linux/CommonDataFolder.h"
@@ -26,6 +30,45 @@ namespace {
 TEST(ExitProcessDeathTest, EndsWithTheStatusCutToEightBits) {
   EXPECT_EXIT(ExitProcess(-1), ::testing::ExitedWithCode(255), "");
   EXPECT_EXIT(ExitProcess(3), ::testing::ExitedWithCode(3), "");
+}
+
+// What the end of a thread has done so far, in order.
+std::vector<std::string>* ends = nullptr;
+
+struct ThreadLocal {
+  ~ThreadLocal() { ends->emplace_back("thread-local object"); }
+};
+
+TEST(ThreadEnd, ComesAfterWhatTheThreadAndOthersKeptForIt) {
+  std::vector<std::string> seen;
+  ends = &seen;
+  const auto note = [](void* what) { ends->emplace_back(static_cast<const char*>(what)); };
+  char before[] = "made before";
+  char after[] = "made after";
+  pthread_key_t keys[2];
+  ASSERT_EQ(pthread_key_create(&keys[0], note), 0);
+  std::thread([&] {
+    EXPECT_EQ(pthread_setspecific(keys[0], before), 0);
+    EXPECT_TRUE(RunAtThreadEnd([] { ends->emplace_back("action"); }));
+    EXPECT_EQ(pthread_key_create(&keys[1], note), 0);
+    EXPECT_EQ(pthread_setspecific(keys[1], after), 0);
+    thread_local ThreadLocal object;
+    static_cast<void>(object);
+  }).join();
+  for (const pthread_key_t key : keys) pthread_key_delete(key);
+  ASSERT_EQ(seen.size(), 4U);
+  EXPECT_EQ(seen.front(), "thread-local object");
+  EXPECT_EQ(seen.back(), "action");
+}
+
+TEST(ThreadEnd, RunsTheActionOfEachThreadOnce) {
+  static std::atomic<int> runs{0};
+  runs = 0;
+  for (int i = 0; i < 3; ++i) {
+    std::thread([] { RunAtThreadEnd([] { ++runs; }); }).join();
+  }
+  std::thread([] {}).join();
+  EXPECT_EQ(runs, 3);
 }
 
 TEST(ExitProcessDeathTest, RunsTheLastWordsAndNoDestructors) {
