@@ -1,7 +1,9 @@
 #include "envelope/MessageIdGenerator.h"
 
 #include <chrono>
+#include <optional>
 
+#include "broker/Gate.h"
 #include "platform/Clock.h"
 
 namespace MessageRouter {
@@ -23,11 +25,16 @@ MessageIdGenerator& MessageIdGenerator::Instance() {
 MessageIdGenerator::MessageIdGenerator() : condition_(mutex_), lastTime_(Now()) {}
 
 std::uint32_t MessageIdGenerator::NextMessageId() {
+  // A client that sends too fast waits without a place at the gate, or a few of them would keep all
+  // other operations out. It comes back after the mutex is free: who has a place may want the
+  // mutex.
+  std::optional<Broker::Gate::Leave> leave;
   ThreadHelper::Guard guard(mutex_);
   if (!guard) return 0;
   std::int64_t now = Now();
   // Nothing signals the condition: the wait is a sleep that gives up the mutex.
   while (now == lastTime_ && sequence_ >= kSequenceLimit) {
+    if (!leave) leave.emplace();
     condition_.WaitFor(kStep);
     now = Now();
   }

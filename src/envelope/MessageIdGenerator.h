@@ -7,7 +7,8 @@
 namespace MessageRouter {
 
 // 32-bit ids, unique within one router for about 388 days: seven bits of sequence above 25 bits of
-// seconds. At most 128 a second are made; the caller of the next one waits.
+// seconds. At most 128 a second are made; the caller of the next one waits,
+// without its place at the gate.
 // Threads: any.
 class MessageIdGenerator {
  public:

@@ -7,6 +7,7 @@
 #include <set>
 #include <thread>
 
+#include "broker/Gate.h"
 #include "support/FakeClock.h"
 #include "threads/Mutex.h"
 
@@ -134,6 +135,30 @@ TEST(MessageIdGenerator, TheWaitForTheNextSecondGivesUpTheLock) {
   EXPECT_EQ(Sequence(ids[0]) + Sequence(ids[1]), 1u) << "the two first ids of the next second";
   EXPECT_EQ(Seconds(ids[0]), static_cast<std::uint32_t>(kStart + 2) & 0x01FFFFFFu);
   EXPECT_EQ(Seconds(ids[1]), Seconds(ids[0]));
+}
+
+TEST(MessageIdGenerator, WhoWaitsForTheNextSecondHoldsNoPlaceAtTheGate) {
+  Broker::Gate::SetWidth(1);
+  ReadersClock clock;
+  MessageIdGenerator generator;
+  clock.AdvanceWall(1);
+  for (int i = 0; i < 128; ++i) generator.NextMessageId();
+  clock.Forget();
+  std::uint32_t late = 0;
+  std::thread waiter([&] {
+    const Broker::Gate::Pass place;
+    late = generator.NextMessageId();
+  });
+  ASSERT_TRUE(clock.HasReaders(1));
+  {
+    const Broker::Gate::Pass theOnlyPlace;
+    clock.AdvanceWall(1);
+    // Whether the waiter is on its way back in or not, its way doesn't stand in ours.
+    generator.NextMessageId();
+  }
+  waiter.join();
+  EXPECT_EQ(Seconds(late), static_cast<std::uint32_t>(kStart + 2) & 0x01FFFFFFu);
+  Broker::Gate::SetWidth(4);
 }
 
 TEST(MessageIdGenerator, TheTimeWrapsAt25Bits) {
