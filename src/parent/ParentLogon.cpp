@@ -202,7 +202,7 @@ void ParentLogon::ResetRouter(std::atomic<bool>& resetTried) {
 }
 
 void ParentLogon::TakeLeave() {
-  if (!IsLoggedOn() || CORBA::is_nil(parentRouter_)) return;
+  if (!IsLoggedOn() || !IsRegistered()) return;
   try {
     const ParentCallLimit limit = ParentCallLimit::AtMost(kLeave, second_);
     RepeatOnce([this] { parentRouter_->Logoff(); });
@@ -284,15 +284,12 @@ bool ParentLogon::SendHeartbeat() {
 
 void ParentLogon::ForgetParent() {
   parentRouter_ = BrelixMessaging::Router::_nil();
-  SetRegistered(false);
 }
 
 void ParentLogon::ForgetLink() {
-  parentRouter_ = BrelixMessaging::Router::_nil();
+  ForgetParent();
   const Guard guard(mutex_);
-  if (!guard) return;
-  registered_ = false;
-  loggedOn_ = false;
+  if (guard) loggedOn_ = false;
 }
 
 void ParentLogon::PauseBetweenAttempts() {
@@ -330,19 +327,13 @@ bool ParentLogon::IsEnabled() {
   return guard && enabled_;
 }
 
-bool ParentLogon::IsRegistered() {
-  const Guard guard(mutex_);
-  return guard && registered_;
+bool ParentLogon::IsRegistered() const {
+  return !CORBA::is_nil(parentRouter_);
 }
 
 bool ParentLogon::IsLoggedOn() {
   const Guard guard(mutex_);
   return guard && loggedOn_;
-}
-
-void ParentLogon::SetRegistered(bool registered) {
-  const Guard guard(mutex_);
-  if (guard) registered_ = registered;
 }
 
 }  // namespace MessageRouter

@@ -102,7 +102,7 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   Outcome AfterFailure(unsigned attempts, const char* warning, std::atomic<bool>& resetTried,
                        bool forgetParent);
   void ResetRouter(std::atomic<bool>& resetTried);
-  void ForgetParent();  // and that it knows this router
+  void ForgetParent();  // this router has to register again
   void ForgetLink();    // as ForgetParent, and the logon
   void PauseBetweenAttempts();
   // The pause between a session and the next, however early the first one ended; false if none is
@@ -112,22 +112,21 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   void WaitFor(std::chrono::seconds time);
 
   bool IsEnabled();
-  bool IsRegistered();
+  bool IsRegistered() const;
   bool IsLoggedOn();
-  void SetRegistered(bool registered);
 
   Routing& routing_;
   ParentLogonHost& host_;
   const std::chrono::microseconds second_;
   HeartbeatPeriods periods_{"", 0};  // the thread's own
 
-  BrelixMessaging::Router_var parentRouter_;  // the thread's own
+  // The thread's own; nil where this router has to register.
+  BrelixMessaging::Router_var parentRouter_;
   // The thread's own: it has logged on, and no pause has followed the session's end.
   bool linkWasUp_ = false;
   unsigned names_ = 0;  // the thread's own: that the parent has had
 
   bool enabled_ GUARDED_BY(mutex_) = false;
-  bool registered_ GUARDED_BY(mutex_) = false;
   bool loggedOn_ GUARDED_BY(mutex_) = false;
   // No stop without leave has come.
   bool takesLeave_ GUARDED_BY(mutex_) = true;

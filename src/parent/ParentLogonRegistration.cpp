@@ -38,7 +38,7 @@ bool CanBeAName(std::string_view text) {
 }  // namespace
 
 void ParentLogon::EnsureRegistered() {
-  if (!CORBA::is_nil(parentRouter_)) {
+  if (IsRegistered()) {
     bool valid = false;
     try {
       const ParentCallLimit limit = ParentCallLimit::AtLeast(0, second_);
@@ -51,7 +51,7 @@ void ParentLogon::EnsureRegistered() {
       ForgetParent();
     }
   }
-  if (CORBA::is_nil(parentRouter_)) RegisterParent();
+  if (!IsRegistered()) RegisterParent();
 }
 
 void ParentLogon::RegisterParent() {
@@ -102,9 +102,7 @@ void ParentLogon::Introduce(const std::string& ior) {
     // A router that restarts is still known.
     LogDebug("Already registered with parent router\n");
   }
-  // Together, whatever has failed before.
   parentRouter_ = BrelixMessaging::Router::_duplicate(door);
-  SetRegistered(true);
 }
 
 bool ParentLogon::LearnName(const std::string& name) {
