@@ -102,7 +102,7 @@ void Router::doStopRouting() {
   Step("stopping the IOR port", [this] { iorSender_.Stop(); });
   // Whenever its thread may run, whatever the configuration says by now.
   Step("stopping the parent logon", [this] { parentLogon_.StopLogon(GetState() != kStarting); });
-  Step("telling what is owed", [this] { routing_.TellWhatIsOwed(kTellingTime); });
+  Step("telling what is owed", [this] { routing_.News().TellWhatIsOwed(kTellingTime); });
   Step("emptying the route queue", [this] { routing_.EmptyRouteQueue(); });
   // A start that failed before it had read the table must not replace the file by an empty one.
   Step("writing the router table", [this] {

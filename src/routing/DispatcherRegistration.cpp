@@ -69,7 +69,7 @@ bool Dispatcher::HandleRouterRegistered(Envelope& envelope, RouterTable& table, 
   CORBA::ULong done = 0;
   do {
     if (IsTime(done, stopping)) return false;
-    const ThreadHelper::Guard guard(routing_.MapMutex());
+    const ThreadHelper::Guard guard(routing_.News().MapMutex());
     if (!guard) throw MapLockFailure();
     if (!table.HasChildRouter(originator)) {
       line += kNotOurChild;
@@ -108,7 +108,7 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
   }
   if (logical == nullptr) {
     line += kNoMap;
-    const ThreadHelper::Guard guard(routing_.MapMutex());
+    const ThreadHelper::Guard guard(routing_.News().MapMutex());
     if (!guard) throw MapLockFailure();
     if (forward) ForwardFarewell(envelope, data);
     return true;
@@ -124,7 +124,7 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
   CORBA::ULong done = 0;
   do {
     if (IsTime(done, stopping)) return false;
-    const ThreadHelper::Guard guard(routing_.MapMutex());
+    const ThreadHelper::Guard guard(routing_.News().MapMutex());
     if (!guard) throw MapLockFailure();
     if (!table.HasChildRouter(originator)) {
       line += kNotOurChild;
@@ -173,7 +173,7 @@ void Dispatcher::Forward(const Envelope& envelope, const char* event, const CORB
 
 void Dispatcher::ForwardFarewell(const Envelope& envelope, const CORBA::Any& data) {
   Forward(envelope, "RouterUnregistered", data);
-  routing_.FarewellMade();
+  routing_.News().FarewellMade();
 }
 
 }  // namespace MessageRouter

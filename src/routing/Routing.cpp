@@ -34,11 +34,6 @@ bool ContainsIgnoringCase(std::string_view text, std::string_view part) {
   return std::search(text.begin(), text.end(), part.begin(), part.end(), same) != text.end();
 }
 
-// Between two attempts to tell what is owed.
-constexpr std::chrono::seconds kTellingInterval{1};
-// Of each attempt; what is to be routed waits.
-constexpr std::chrono::milliseconds kTellingTime{200};
-
 // For so long a message to this router waits for memory. Where it is so large that the want of
 // memory may well be its own doing, it makes room for the others then.
 constexpr std::chrono::seconds kShortagePatience{60};
@@ -129,7 +124,7 @@ bool Routing::IsWaiting(const Envelope& envelope) const {
          shortage_->originator == std::hash<std::string>()(envelope.Originator());
 }
 
-bool Routing::IsSetAside(Envelope& envelope) {
+bool Routing::SetAsideIfHopeless(Envelope& envelope) {
   if (Platform::Clock::Instance().SteadyNow() - shortage_->since < kShortagePatience) return false;
   try {
     std::error_code error;
@@ -161,7 +156,7 @@ void Routing::Handle(Envelope& envelope, std::chrono::milliseconds pause,
       Quietly([&] { LogCaughtException("Routing::RouteNext", exception, ""); });
     }
     const bool noMemory = dynamic_cast<const std::bad_alloc*>(&exception) != nullptr;
-    if (noMemory && IsSetAside(envelope)) return;
+    if (noMemory && SetAsideIfHopeless(envelope)) return;
     // What is done already is not done twice, and none may overtake another's news.
     queue_.PutBack(std::move(envelope));
     Platform::SleepMilliseconds(
@@ -173,13 +168,7 @@ void Routing::Handle(Envelope& envelope, std::chrono::milliseconds pause,
 }
 
 void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest& stopping) {
-  if (newsOwed_) {
-    const auto now = Platform::Clock::Instance().SteadyNow();
-    if (now >= nextTelling_) {
-      nextTelling_ = now + kTellingInterval;
-      TellWhatIsOwed(kTellingTime);
-    }
-  }
+  news_.TellIfDue();
   Envelope envelope;
   if (!queue_.Take(seconds, milliseconds, envelope)) return;
 

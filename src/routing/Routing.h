@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "platform/Clock.h"
+#include "routing/ChildNews.h"
 #include "routing/Dispatcher.h"
 #include "routing/Logical.h"
 #include "routing/RouteQueue.h"
@@ -18,8 +20,6 @@
 #include "routing/UpdateNotifier.h"
 
 namespace MessageRouter {
-
-class OwnMessage;
 
 // The parent of whichever router makes the envelope: it need not know the parent's name.
 inline constexpr char kParentAddress[] = ":.:";
@@ -38,12 +38,7 @@ class Routing {
   RoutingHost& Host() { return host_; }
   UpdateNotifier& RouterUpdates() { return routerUpdateNotifier_; }
   UpdateNotifier& ClientUpdates() { return clientUpdateNotifier_; }
-  // Held while the map is changed together with what is told of that: whoever has taken a name from
-  // the map must have told so before another one's announcement of the name.
-  // Lock order: before the table's lock and all leaves; envelopes are written beneath it.
-  ThreadHelper::Mutex& MapMutex() { return mapMutex_; }
-  // To be called after each message that a router has gone, before MapMutex is let go.
-  void FarewellMade() { ++farewells_; }
+  ChildNews& News() { return news_; }
   // The map of routers further down, or null. An old one is freed: replace it while no request and
   // no thread routes.
   void SetLogical(std::unique_ptr<Logical> logical);
@@ -65,10 +60,6 @@ class Routing {
   // elsewhere meanwhile, or the news may have been lost.
   void RegisterPeer(const std::string& name, bool isRouter);
   void UnregisterPeer(const std::string& name, bool isRouter);
-  // Tells the parent of the children of whom there was no memory to tell it, for that long at most,
-  // and no further than to the next one for whom there is none. The route thread does so now and
-  // then; for a stop, once it has ended.
-  void TellWhatIsOwed(std::chrono::milliseconds atMost);
 
   // Logons throw NotRegistered. They return the objects activated for the peer.
   RouterTableEntry::LocalPeerObjects LogonClientPeer(const std::string& name,
@@ -92,38 +83,20 @@ class Routing {
   // `reachedAs` is the name under which the entry was found.
   RouterTableEntry* FindRoute(const std::string& name, std::string& reachedAs);
   RouterTableEntry& FindForLogon(const std::string& name);
-  // A message for the parent about these names. What can never be told is logged, and false.
-  static bool MakeNews(const std::string& event, const std::vector<const char*>& names, bool asList,
-                       OwnMessage& news);
-  // The parts of a registration and of its end that concern the map and the parent. `tell`: there
-  // was a parent before the table was changed; none is found in a table that has closed since.
-  // Where they throw they can be done again.
-  void ChildIsHere(const std::string& name, bool again, bool tell);
-  void ChildIsGone(const std::string& name);
-  // Does one of these. False where there is no memory for it: it is owed.
-  template <class Telling>
-  bool TellOf(const std::string& name, Telling&& telling);
-  // A child has logged on.
-  void IsHere(const std::string& name);
-  // Of a router that is registered or logs on here: the map leads to it no more.
-  void LeaveMap(const std::string& name) REQUIRES(mapMutex_);
   // A message whose route ends here. What can't be handled for now is the next one again.
   void Handle(Envelope& envelope, std::chrono::milliseconds pause, const StopTest& stopping);
   // Whether it is the one that could not be handled.
   bool IsWaiting(const Envelope& envelope) const;
-  // For one that finds no memory: whether it has found none for so long, and is so large, that it
-  // is out of the way now.
-  bool IsSetAside(Envelope& envelope);
-  // Whether the map leads to it through a child of ours.
-  bool IsFurtherDown(const std::string& name) const;
+  // One that has found no memory for so long, and is so large, that it gets out of the way. False
+  // if it is not.
+  bool SetAsideIfHopeless(Envelope& envelope);
 
   RoutingHost& host_;
   RouterTable& table_;
   RouteQueue queue_;
-  ThreadHelper::Mutex mapMutex_;
-  std::atomic<std::uint64_t> farewells_{0};
-  std::atomic<bool> newsOwed_{false};
-  Platform::Clock::SteadyTime nextTelling_{};  // the route thread's
+  std::unique_ptr<Logical> logicalOwner_;
+  std::atomic<Logical*> logical_{nullptr};
+  ChildNews news_{table_, queue_, logical_};
   // The route thread's: the message at the head that can't be handled, and since when.
   struct Shortage {
     std::uint32_t messageId;
@@ -146,9 +119,6 @@ class Routing {
     Routing& routing_;
     RouterTableEntry* const entry_;
   };
-
-  std::unique_ptr<Logical> logicalOwner_;
-  std::atomic<Logical*> logical_{nullptr};
 };
 
 // Logs that an envelope will not be delivered. No failure message is sent.

@@ -400,7 +400,7 @@ TEST_F(ChildNewsTest, TheEndOfAChildIsToldThoughTheTablesFileCannotBeMade) {
 TEST_F(ChildNewsTest, ACorbaExceptionInTheNewsKeepsNobodyFromRegistering) {
   const StoreThatLooks broken(*this, []() -> bool { throw CORBA::NO_MEMORY(); });
   EXPECT_NO_THROW(routing_.RegisterPeer("child", true));
-  EXPECT_TRUE(log_.Contains("Routing::MakeNews: Caught CORBA"));
+  EXPECT_TRUE(log_.Contains("ChildNews::MakeNews: Caught CORBA"));
   EXPECT_NO_THROW(routing_.UnregisterPeer("child", true));
 }
 

@@ -119,7 +119,7 @@ TEST_F(OwedNewsTest, WhatIsOwedIsTriedOnceASecondUntilItIsTold) {
   clock_.Advance(std::chrono::seconds(1));
   for (int i = 0; i < 10; ++i) routing_.RouteNext(0, 0);
   EXPECT_EQ(tried, 3u);
-  EXPECT_TRUE(log_.Contains("Routing::TellOf: Caught "));
+  EXPECT_TRUE(log_.Contains("ChildNews::TellOrOwe: Caught "));
   EXPECT_THAT(Told(), ElementsAre("MS-RouterUnregistered child"));
   RouteAll();
   EXPECT_EQ(tried, 4u);
@@ -133,7 +133,7 @@ TEST_F(OwedNewsTest, WhatIsOwedAfterTheTimeIsToldLater) {
     routing_.UnregisterPeer("child", true);
     routing_.UnregisterPeer("child2", true);
   }
-  routing_.TellWhatIsOwed(std::chrono::milliseconds(-1));
+  routing_.News().TellWhatIsOwed(std::chrono::milliseconds(-1));
   EXPECT_EQ(routing_.RouteQueueSize(), 0u);
   EXPECT_THAT(Told(),
               UnorderedElementsAre("MS-RouterUnregistered child", "MS-RouterUnregistered child2"));
@@ -165,7 +165,7 @@ TEST_F(OwedNewsTest, WhatIsOwedIsToldBeforeAStop) {
     const AllocationFailure failure;
     routing_.UnregisterPeer(kChild, true);
   }
-  routing_.TellWhatIsOwed(std::chrono::seconds(1));
+  routing_.News().TellWhatIsOwed(std::chrono::seconds(1));
   routing_.EmptyRouteQueue();
   std::vector<Envelope> left;
   MessageRouter::LoadPersistentEnvelopes(left);
@@ -178,7 +178,7 @@ TEST_F(OwedNewsTest, WhatIsOwedIsNotForgottenWhereTheChildrenCannotBeListed) {
   {
     const AllocationFailure failure;
     routing_.UnregisterPeer(kChild, true);
-    routing_.TellWhatIsOwed(std::chrono::seconds(1));
+    routing_.News().TellWhatIsOwed(std::chrono::seconds(1));
   }
   EXPECT_THAT(Told(), ElementsAre("MS-RouterUnregistered " + kChild));
 }

@@ -325,7 +325,7 @@ TEST_F(PeersTest, NewsThatCannotBeToldIsLoggedAndKeepsNobodyFromRegistering) {
   AMap();
   StoreThatLooks broken(*this, []() -> bool { throw std::runtime_error("no news"); });
   EXPECT_NO_THROW(routing_.RegisterPeer("child", true));
-  EXPECT_TRUE(log_.Contains("Routing::MakeNews: Caught no news MS-RouterRegistered"));
+  EXPECT_TRUE(log_.Contains("ChildNews::MakeNews: Caught no news MS-RouterRegistered"));
   EXPECT_NO_THROW(routing_.UnregisterPeer("child", true));
   EXPECT_FALSE(table_.HasChildRouter("child"));
 }

@@ -257,7 +257,7 @@ TEST_F(StoppedNewsTest, AListLetsTheLockOfTheMapGoWhereItLooksForTheStop) {
     routing_.QueueForRouting(News(type, "child1", ListPayload(names_)));
     routing_.RouteNext(0, 0, [&] {
       takers.push_back(std::async(std::launch::async, [&] {
-        return static_cast<bool>(ThreadHelper::Guard(routing_.MapMutex()));
+        return static_cast<bool>(ThreadHelper::Guard(routing_.News().MapMutex()));
       }));
       EXPECT_EQ(takers.back().wait_for(std::chrono::seconds(10)), std::future_status::ready);
       return HasFailure();
