@@ -39,7 +39,7 @@ bool HeartbeatThread::CallParent() {
   }
 }
 
-bool HeartbeatThread::WaitForEnd(std::chrono::seconds limit) {
+bool HeartbeatThread::WaitForEnd(std::chrono::microseconds limit) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point deadline = Clock::now() + limit;
   const Guard guard(mutex_);

@@ -20,7 +20,7 @@ class HeartbeatThread : public ThreadHelper::StoppableThreadHelper {
 
   // True once the call has come back or failed, however long ago; false if that has not happened
   // within the time. Nothing else ends the wait. Join waits without limit.
-  bool WaitForEnd(std::chrono::seconds limit);
+  bool WaitForEnd(std::chrono::microseconds limit);
   // Whether the parent answered. False before the end, and where it can't be pushed to.
   bool Succeeded() const;
 

@@ -266,7 +266,7 @@ bool ParentLogon::SendHeartbeat() {
     const std::int32_t limit = HeartbeatTimeout();
     if (limit < 1) {
       heartbeat.Join();
-    } else if (!heartbeat.WaitForEnd(std::chrono::seconds(limit))) {
+    } else if (!heartbeat.WaitForEnd(limit * second_)) {
       LogError("Heartbeat to parent timed out, restarting router...");
       // There is no other way to take the call back.
       host_.EndProcess(0);

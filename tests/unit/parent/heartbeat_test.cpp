@@ -29,6 +29,8 @@ class HeartbeatTest : public ParentLogonTest {
     LetItBePushedTo(consumer);
     CORBA::release(consumer);
     SetConfigInt("HeartbeatInterval", 1);
+    // Long enough, even in these seconds.
+    SetConfigInt("HeartbeatTimeout", 3600 * 1000);
   }
   ~HeartbeatTest() override { adapter_->deactivate_object(id_); }
 
@@ -164,13 +166,19 @@ TEST_F(HeartbeatTest, ALinkLostDuringItIsLoggedOnAgainAfterTheInterval) {
 }
 
 TEST_F(HeartbeatTest, OneThatTakesTooLongEndsTheProcess) {
-  SetConfigInt("HeartbeatTimeout", 1);
+  SetConfigInt("HeartbeatTimeout", 200);
   std::atomic<bool> answer{false};
   servant_->onHeartbeat = [&] { answer.wait(false); };
+  log_.onRecord = [this](const std::string& text) {
+    if (text == "Calling parent with heartbeat..." || text.starts_with("Heartbeat to parent ")) {
+      moments_.Note();
+    }
+  };
   ParentLogon logon(routing_, router_, kShortSecond);
   Begin(logon);
   EXPECT_TRUE(Eventually([&] { return router_.ended == 1; }));
   EXPECT_EQ(router_.exitStatus, 0);
+  EXPECT_GE(moments_.Between(0, 1), 200ms);
   EXPECT_TRUE(log_.Has(kLogError, "Heartbeat to parent timed out, restarting router..."));
   answer = true;
   answer.notify_all();
@@ -183,9 +191,11 @@ TEST_P(UnlimitedHeartbeat, IsWaitedForWithATimeoutBelowOne) {
   SetConfigInt("HeartbeatTimeout", static_cast<std::uint32_t>(GetParam()));
   std::atomic<bool> answer{false};
   servant_->onHeartbeat = [&] { answer.wait(false); };
-  ParentLogon logon(routing_, router_, kShortSecond);
+  ParentLogon logon(routing_, router_, std::chrono::microseconds(1));
   Begin(logon);
   ASSERT_TRUE(Eventually([&] { return servant_->heartbeats >= 1; }));
+  // Many hours of these seconds.
+  EXPECT_TRUE(Never([&] { return log_.Contains("Heartbeat to parent timed out"); }, 200ms));
   EXPECT_FALSE(log_.Contains("Heartbeat to parent succeeded."));
   answer = true;
   answer.notify_all();

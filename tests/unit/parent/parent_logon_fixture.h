@@ -78,15 +78,17 @@ class Moments {
 // Takes the place of the health report: notes what it is told, in words.
 class ListeningReporter : public StatusReporting::StatusReporter {
  public:
-  ListeningReporter() : StatusReporter(""), outgoing_(*this) {}
+  ListeningReporter() : StatusReporter(""), dns_(*this), outgoing_(*this) {}
   void WriteReport() override {
     Told("report");
     if (onReport) onReport();
   }
   void SetActualParent(const std::string& address) override { Told("parent " + address); }
+  StatusReporting::DNSSection& Dns() override { return dns_; }
   StatusReporting::OutgoingSection& Outgoing() override { return outgoing_; }
 
   void Told(const std::string& what) {
+    if (onTold) onTold(what);
     std::lock_guard<std::mutex> guard(mutex_);
     told_.push_back(what);
   }
@@ -96,11 +98,25 @@ class ListeningReporter : public StatusReporting::StatusReporter {
   }
   // Runs in WriteReport: the last step of a logon.
   std::function<void()> onReport;
+  // Runs before each word is noted.
+  std::function<void(const std::string& what)> onTold;
 
  private:
-  class Section : public StatusReporting::OutgoingSection {
+  class DnsListener : public StatusReporting::DNSSection {
    public:
-    explicit Section(ListeningReporter& reporter) : reporter_(reporter) {}
+    explicit DnsListener(ListeningReporter& reporter) : reporter_(reporter) {}
+    void addFailedAddress(const std::string& address) override {
+      reporter_.Told("unresolved " + address);
+    }
+    void Update() override { reporter_.Told("names update"); }
+    void Reset() override { reporter_.Told("names reset"); }
+
+   private:
+    ListeningReporter& reporter_;
+  };
+  class OutgoingListener : public StatusReporting::OutgoingSection {
+   public:
+    explicit OutgoingListener(ListeningReporter& reporter) : reporter_(reporter) {}
     void Raise(int record, const std::string& text) override {
       reporter_.Told("raise " + std::to_string(record) + " " + text);
     }
@@ -112,7 +128,8 @@ class ListeningReporter : public StatusReporting::StatusReporter {
 
   mutable std::mutex mutex_;
   std::vector<std::string> told_;
-  Section outgoing_;
+  DnsListener dns_;
+  OutgoingListener outgoing_;
 };
 
 // The rest of the router, as the parent logon sees it.

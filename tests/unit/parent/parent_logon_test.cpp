@@ -1,4 +1,6 @@
 // The way of a router to its parent, and what ends a session.
+#include <fstream>
+
 #include "broker/CorbaExceptions.h"
 #include "parent_logon_fixture.h"
 #include "support/AllocationFailure.h"
@@ -89,6 +91,23 @@ TEST_F(ParentLogonTest, ALinkLostDuringTheLogonIsNotForgotten) {
   logon.StopLogon(false);
 }
 
+// Between the look at the link and the wait, the thread reads the interval: the store that finds
+// its file damaged then says so.
+TEST_F(ParentLogonTest, ALinkLostBeforeTheWaitForTheHeartbeatBeginsIsNotForgotten) {
+  SetConfigInt("HeartbeatInterval", 0);
+  ParentLogon logon(routing_, router_, kShortSecond);
+  router_.status.onReport = [&] {
+    if (parent_.Calls("Logon") == 1) std::ofstream("brelix.config") << "damaged\n";
+  };
+  log_.onRecord = [&](const std::string& text) {
+    if (text.find("cannot be read") != std::string::npos) logon.LinkLost();
+  };
+  Begin(logon);
+  EXPECT_TRUE(LogsOn(2));
+  logon.StopLogon(false);
+  EXPECT_EQ(log_.Count("cannot be read"), 1u);
+}
+
 // Another router of the parent's name logs on here before the thread has taken note of its own
 // session, and the entry tells of the lost link while there is none yet.
 TEST_F(ParentLogonTest, ASessionThatAnotherOfTheParentsNameBeginsIsNotTakenForItsOwn) {
@@ -177,6 +196,24 @@ TEST_F(ParentLogonTest, ALogonOffersWhatWaitsThenPollsThenIsLoggedThenReported) 
   router_.status.onReport = [&] { pass("reported"); };
   RunUntil([&] { return LogsOn(); });
   EXPECT_THAT(order, ElementsAre("offered", "polled", "reported", "logged"));
+}
+
+// The mutex of the thread is a leaf: whoever takes it twice ends the process.
+TEST_F(ParentLogonTest, WhatALogonTellsTheRouterMayComeBackToTheThread) {
+  LetItBePushedTo(AReferenceTo<BrelixMessaging::RouterConsumer>("parent-consumer"));
+  ParentLogon logon(routing_, router_, kShortSecond);
+  std::atomic<int> back{0};
+  const auto comeBack = [&] {
+    if (!log_.Contains("Parent is boss")) return;
+    logon.Enable();
+    ++back;
+  };
+  host_.onOfferToSenders = comeBack;
+  host_.onNotifiedPoll = comeBack;
+  router_.status.onReport = comeBack;
+  Begin(logon);
+  EXPECT_TRUE(Eventually([&] { return back == 3; }));
+  logon.StopLogon(false);
 }
 
 TEST_F(ParentLogonTest, TheRoutersNameIsLoggedAsPeopleReadIt) {

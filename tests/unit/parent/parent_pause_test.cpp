@@ -1,4 +1,6 @@
 // The pauses between attempts, and between a session and the next.
+#include <algorithm>
+
 #include "parent_logon_fixture.h"
 
 namespace MessageRouter {
@@ -9,12 +11,16 @@ class ShortestRetryInterval : public ParentLogonTest, public testing::WithParamI
 TEST_P(ShortestRetryInterval, IsOneSecond) {
   SetConfigInt("LogonRetryInterval", static_cast<std::uint32_t>(GetParam()));
   RefuseRegistration();
-  ParentLogon logon(routing_, router_, 20ms);
+  ParentLogon logon(routing_, router_, 50ms);
   Begin(logon);
   EXPECT_TRUE(Eventually([&] { return router_.reinitialised == 1; }));
   logon.StopLogon(false);
   ASSERT_EQ(moments_.Count(), 11u);
-  EXPECT_GE(moments_.Between(0, 10), 200ms);
+  // A busy machine makes some of them longer.
+  Clock::duration shortest = moments_.Between(0, 1);
+  for (std::size_t i = 1; i < 10; ++i) shortest = std::min(shortest, moments_.Between(i, i + 1));
+  EXPECT_GE(shortest, 50ms);
+  EXPECT_LT(shortest, 100ms);
 }
 
 INSTANTIATE_TEST_SUITE_P(Below, ShortestRetryInterval, testing::Values(0, -5));

@@ -86,14 +86,14 @@ TEST_F(ParentLogonTest, AParentWithoutADoorForRoutersIsAFailedAttempt) {
 TEST_F(ParentLogonTest, TheHealthReportHearsOfAnInvalidIorAndOfItsEnd) {
   ServeIor("IOR:00");
   SetConfigInt("LogonRetryInterval", 3600 * 1000);
-  RunUntil([&] { return router_.status.All().size() >= 4; });
+  RunUntil([&] { return router_.status.All().size() >= 5; });
   EXPECT_THAT(router_.status.All(),
-              ElementsAre("parent 127.0.0.1", "clear 1", "parent ", "raise 2 "));
+              ElementsAre("parent 127.0.0.1", "clear 1", "names reset", "parent ", "raise 2 "));
   ServeIor(ParentTests::IorOf("192.0.2.1"));
-  RunUntil([&] { return router_.status.All().size() >= 8; });
+  RunUntil([&] { return router_.status.All().size() >= 10; });
   EXPECT_THAT(router_.status.All(),
-              ElementsAre("parent 127.0.0.1", "clear 1", "parent ", "raise 2 ", "parent 127.0.0.1",
-                          "clear 1", "clear 2", "report"));
+              ElementsAre("parent 127.0.0.1", "clear 1", "names reset", "parent ", "raise 2 ",
+                          "parent 127.0.0.1", "clear 1", "names reset", "clear 2", "report"));
 }
 
 TEST_F(ParentLogonTest, WhoeverAnswersAtTheIorPortMakesNoLogLines) {
