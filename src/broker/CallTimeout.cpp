@@ -27,6 +27,11 @@ CallTimeout::CallTimeout(std::chrono::milliseconds time) {
   end = begin + time - kSlack;
 }
 
+std::optional<std::chrono::milliseconds> CallTimeout::Left() {
+  if (!end) return std::nullopt;
+  return std::chrono::floor<std::chrono::milliseconds>(*end - Clock::now());
+}
+
 bool CallTimeout::IsOver() {
   return end && Clock::now() >= *end;
 }

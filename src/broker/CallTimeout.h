@@ -3,6 +3,7 @@
 #include <omnithread.h>
 
 #include <chrono>
+#include <optional>
 
 namespace Broker {
 
@@ -13,6 +14,8 @@ namespace Broker {
 class CallTimeout {
  public:
   explicit CallTimeout(std::chrono::milliseconds time);
+  // What is left of the calling thread's limit, as IsOver counts it; none if there is no limit.
+  static std::optional<std::chrono::milliseconds> Left();
   // True if the calling thread has a limit and it has passed: there is no time to repeat a call.
   static bool IsOver();
   ~CallTimeout();

@@ -87,6 +87,7 @@ class Router : public RoutingHost, public ParentLogonHost {
 
  private:
   friend class RouterCycle;
+  friend class RouterAccess;  // tests play a refreshed certificate
 
   void PrepareProcess();
   void RunCycles();

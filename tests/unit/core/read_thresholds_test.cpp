@@ -120,6 +120,13 @@ TEST_F(ThresholdKeys, ScansAreAsConfigured) {
   EXPECT_EQ(ReadThresholdScan(), (Scan{0, 6}));
 }
 
+TEST_F(ThresholdKeys, AGetterTickOfZeroIsTenSecondsWithAWarning) {
+  SetConfigInt("GetterTickSecs", 0);
+  SetConfigInt("NumGetterThreads", 4);
+  EXPECT_EQ(ReadGetterScan(), (Scan{10, 4}));
+  EXPECT_TRUE(log_.Has(kLogWarning, "GetterTickSecs is zero, using value of 10 second/s\n"));
+}
+
 TEST_F(ThresholdKeys, AShortIntervalAboveTheIntervalIsLoweredToIt) {
   SetConfigInt("GetterShortInterval", 500);
   SetConfigInt("GetterInterval", 400);

@@ -8,6 +8,13 @@
 #include "support/RawPeer.h"
 
 namespace MessageRouter {
+
+class RouterAccess {
+ public:
+  static void RefreshCertificate() { Router::instance().GetCertificate(); }
+  static ParentLogon& TheParentLogon() { return Router::instance().parentLogon_; }
+};
+
 namespace {
 
 using TestSupport::GiopReplyMessage;
@@ -95,6 +102,22 @@ TEST_F(StartedRouter, WithAReferenceThatOthersCannotUseSearchesNoParent) {
   EXPECT_EQ(Count(log, "This router's IOR is invalid\n"), 1u);
   EXPECT_EQ(Count(log, "MessageRouter::IOR_Sender derived from"), 1u);
   EXPECT_EQ(Count(log, "MessageRouter::ParentLogon derived from"), 0u);
+}
+
+// The parent's address goes while the thread runs, and a refreshed certificate makes the router one
+// without a parent. The name has two dots in a row, so that nobody is asked for it.
+TEST_F(StartedRouter, StopsItsParentLogonThoughItHasNoParentAnyMore) {
+  SetConfigString("ParentAddress", "no..name");
+  ParentLogon& logon = RouterAccess::TheParentLogon();
+  WhileItRuns([&] {
+    // A router whose reference others can use has started it.
+    logon.Start();
+    SetConfigString("ParentAddress", "");
+    RouterAccess::RefreshCertificate();
+    EXPECT_FALSE(Router::instance().HasParent());
+  });
+  EXPECT_NO_THROW(logon.Start()) << "it runs still";
+  logon.Stop();
 }
 
 }  // namespace

@@ -324,6 +324,24 @@ TEST_F(EntryNotificationTest,
   }
 }
 
+TEST_F(EntryNotificationTest,
+       AnAnsweredThresholdCallCountsAsASignOfLifeWhateverThePeerPulledMeanwhile) {
+  for (const bool pulledEmpty : {false, true}) {
+    Logon(0);
+    const Entry::Claim claim = peer_.NotificationRetryDue();
+    ASSERT_TRUE(claim.acquired);
+    if (pulledEmpty) {
+      PullWithNothingThere(peer_);
+      peer_.TouchLastPull(peer_.Name());
+    }
+    clock_.Advance(seconds(1801));
+    peer_.NotificationAccepted(claim.generation, 0);
+    EXPECT_FALSE(peer_.PullTimedOut()) << pulledEmpty;
+    clock_.Advance(seconds(1801));
+    EXPECT_TRUE(peer_.PullTimedOut()) << pulledEmpty;
+  }
+}
+
 TEST_F(EntryNotificationTest, ASilentRouterTimesOutWhileItIsBeingNotified) {
   Begin();
   clock_.Advance(seconds(1800));

@@ -1,16 +1,28 @@
 #pragma once
 
 #include <BrelixMessaging.h>
+#include <gmock/gmock.h>
 
+#include <chrono>
 #include <functional>
+#include <optional>
+#include <vector>
+
+#include "broker/CallTimeout.h"
 
 namespace ServantTests {
+
+// The limit of a call back that has just begun.
+inline const auto kAMinute = testing::Optional(
+    testing::AllOf(testing::Gt(std::chrono::seconds(50)), testing::Le(std::chrono::seconds(60))));
 
 // A peer's own object: each Heartbeat is counted and runs `onHeartbeat`, which may throw.
 class Heart {
  public:
   std::function<void(int call)> onHeartbeat;  // the first call is 1
   int heartbeats = 0;
+  // What the caller's limit left at each; none for a call without one.
+  std::vector<std::optional<std::chrono::milliseconds>> limits;
 
   // Does not answer the first `calls`.
   void DeafFor(int calls) {
@@ -22,6 +34,8 @@ class Heart {
  protected:
   void Beat() {
     ++heartbeats;
+    // The call comes on the thread of its caller.
+    limits.push_back(Broker::CallTimeout::Left());
     if (onHeartbeat) onHeartbeat(heartbeats);
   }
 };

@@ -17,7 +17,6 @@ namespace ServantTests {
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 // A host that takes connections and never answers.
@@ -99,10 +98,6 @@ TEST(CallBack, ToASilentPeerEndsAtItsLimitForBothTriesTogether) {
   EXPECT_LT(steady_clock::now() - start, milliseconds(1900));
   EXPECT_TRUE(
       log.Has(MessageRouter::kLogWarning, "Client::Logon() failed to call back to client\n"));
-}
-
-TEST(CallBack, LastsAMinuteAtMost) {
-  EXPECT_EQ(RouterServants::kCallBackLimit, seconds(60));
 }
 
 TEST(CallTimeout, CountsOnAThreadThatTheOrbDoesNotKnow) {

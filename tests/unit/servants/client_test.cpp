@@ -168,6 +168,14 @@ TEST_F(ClientTest, LogonWithAConsumerThatFailsTwiceSucceedsWithoutIt) {
   EXPECT_FALSE(log.Contains("successfully"));
 }
 
+TEST_F(ClientTest, ACallBackLastsAMinuteAtMost) {
+  RegisterClient("agent-1");
+  const CallFrom call("agent-1");
+  Logon(peer.reference);
+  LogonPushPush(peer.reference);
+  EXPECT_THAT(peer.servant->limits, testing::ElementsAre(kAMinute, kAMinute));
+}
+
 TEST_F(ClientTest, LogonWithAConsumerThatFailsOnceCallsTwiceAndLogsOneSuccess) {
   RegisterClient("agent-1");
   peer.servant->DeafFor(1);

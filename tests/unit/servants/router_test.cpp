@@ -231,6 +231,15 @@ TEST_F(RouterServantTest, TheSupplierIsCalledBackWhateverLogonCallbackSays) {
   EXPECT_EQ(log.Count("Router::Logon() successfully called back to router supplier\n"), 2u);
 }
 
+TEST_F(RouterServantTest, ACallBackLastsAMinuteAtMost) {
+  MessageRouter::SetConfigInt("LogonCallback", 1);
+  RegisterRouter("child-1");
+  const CallFromRouter call("child-1");
+  Logon(peerConsumer.reference, peerSupplier.reference);
+  EXPECT_THAT(peerConsumer.servant->limits, testing::ElementsAre(kAMinute));
+  EXPECT_THAT(peerSupplier.servant->limits, testing::ElementsAre(kAMinute));
+}
+
 TEST_F(RouterServantTest, AnUnreachableSupplierIsDroppedAndTheLogonSucceeds) {
   RegisterRouter("child-1");
   peerSupplier.servant->DeafFor(2);
