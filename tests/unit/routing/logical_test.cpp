@@ -84,6 +84,33 @@ TEST_F(LogicalTest, RemovesOnlyForTheExactOwner) {
   EXPECT_EQ(logical.Lookup("leaf"), "");
 }
 
+TEST_F(LogicalTest, ANameOfAnyBytesIsRemovedAloneAndByItsOwner) {
+  Logical logical(Path());
+  logical.Store("a", "child");
+  for (const std::string& name :
+       {std::string("a.b"), std::string("a,b"), std::string("a\nb"), std::string("a\xff"),
+        std::string("\xc3\xa4"), std::string("a\0b", 3), std::string(1000, 'n')}) {
+    ASSERT_EQ(logical.Store(name, "child"), 0) << name;
+    EXPECT_EQ(logical.MayRemove(name, "other"), Logical::kOtherOwner) << name;
+    EXPECT_EQ(logical.Remove(name, "other"), Logical::kOtherOwner) << name;
+    EXPECT_EQ(logical.MayRemove(name, "child"), 0) << name;
+    EXPECT_EQ(logical.Remove(name, "child"), 0) << name;
+    EXPECT_EQ(logical.MayRemove(name, "child"), Logical::kOtherOwner) << name;
+    EXPECT_THAT(KeysOf(logical, "child"), ElementsAre("a")) << name;
+  }
+}
+
+TEST_F(LogicalTest, ANameThatCannotBeStoredIsOfAnotherOwner) {
+  Logical logical(Path());
+  logical.Store(std::string(1000, 'n'), "child");
+  for (const std::string& name : {std::string(), std::string(1009, 'n'), std::string(5000, 'n')}) {
+    EXPECT_EQ(logical.Store(name, "child"), -1) << name.size();
+    EXPECT_EQ(logical.MayRemove(name, "child"), Logical::kOtherOwner) << name.size();
+    EXPECT_EQ(logical.Remove(name, "child"), Logical::kOtherOwner) << name.size();
+  }
+  EXPECT_THAT(KeysOf(logical, "child"), ElementsAre(std::string(1000, 'n')));
+}
+
 TEST_F(LogicalTest, AnAbsentNameIsOfAnotherOwner) {
   Logical logical(Path());
   EXPECT_EQ(logical.Remove("leaf", "child"), Logical::kOtherOwner);

@@ -13,6 +13,12 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+// All of them can be mapped.
+const std::vector<std::string> kOddNames = {"a.b",      ".",    "a,b", ",", "a\nb",    "\n",
+                                            "\xc3\xa4", "\xff", "[x]", ":", "router1", " a"};
+// No pair of the map is as large.
+const std::string kTooLong(1009, 'n');
+
 class RouterNewsTest : public DispatcherTest {
  protected:
   RouterNewsTest() {
@@ -97,7 +103,7 @@ TEST_F(RouterNewsTest, ANameThatCannotBeStoredStillGoesUp) {
 
 TEST_F(RouterNewsTest, NamesOfAnyBytesAreMapped) {
   MessageRouter::Logical& map = AMap();
-  for (const char* name : {"a.b", "a,b", "a\nb", "\xc3\xa4", "[x]", ":", "router1"}) {
+  for (const std::string& name : kOddNames) {
     EXPECT_THAT(Registered("child1", TextPayload(name)), ElementsAre(name));
     EXPECT_EQ(map.Lookup(name), "child1");
   }
@@ -111,6 +117,60 @@ TEST_F(RouterNewsTest, ANameThatIsGoneIsRemovedAndTheNewsGoesOnUp) {
   EXPECT_THAT(Unregistered("child1", TextPayload("leaf")), ElementsAre("leaf"));
   EXPECT_EQ(map.Lookup("leaf"), "");
   EXPECT_TRUE(Logged("MS-RouterUnregistered originator child1\n"));
+}
+
+TEST_F(RouterNewsTest, NamesOfAnyBytesAreRemovedAloneAndGoOnUp) {
+  MessageRouter::Logical& map = AMap();
+  for (const char* others : {"a", "b", "x"}) map.Store(others, "child1");
+  for (const std::string& name : kOddNames) {
+    map.Store(name, "child1");
+    EXPECT_THAT(Unregistered("child1", TextPayload(name)), ElementsAre(name));
+    std::vector<std::string> left;
+    map.AllKeys(left);
+    EXPECT_THAT(left, testing::UnorderedElementsAre("a", "b", "x")) << name;
+  }
+}
+
+TEST_F(RouterNewsTest, NamesOfAnyBytesThatLeadToAnotherChildStayAndStopHere) {
+  MessageRouter::Logical& map = AMap();
+  for (const std::string& name : kOddNames) {
+    map.Store(name, "child2");
+    EXPECT_THAT(Unregistered("child1", TextPayload(name)), IsEmpty());
+    EXPECT_THAT(Unregistered("child1", ListPayload({name})), IsEmpty());
+    EXPECT_EQ(map.Lookup(name), "child2") << name;
+  }
+}
+
+TEST_F(RouterNewsTest, OfAListOfOddNamesThoseThatAreMappedAreRemovedAndGoOnUp) {
+  MessageRouter::Logical& map = AMap();
+  map.Store("a", "child1");
+  for (const std::string& name : kOddNames) map.Store(name, "child1");
+  std::vector<std::string> names = kOddNames;
+  names.insert(names.begin(), {"", kTooLong});
+  std::string mapped;
+  for (const std::string& name : kOddNames) mapped += (mapped.empty() ? "" : ",") + name;
+  EXPECT_THAT(Unregistered("child1", ListPayload(names)), ElementsAre("[" + mapped + "]"));
+  std::vector<std::string> left;
+  map.AllKeys(left);
+  EXPECT_THAT(left, ElementsAre("a"));
+}
+
+TEST_F(RouterNewsTest, AGoneNameThatNoMapCanHoldStopsHereAndRemovesNothing) {
+  MessageRouter::Logical& map = AMap();
+  for (std::size_t size = 1000; size <= 1008; ++size) map.Store(std::string(size, 'n'), "child1");
+  std::vector<std::string> before;
+  std::vector<std::string> after;
+  ASSERT_GT(map.AllKeys(before), 0u);
+  EXPECT_THAT(Unregistered("child1", TextPayload(kTooLong)), IsEmpty());
+  EXPECT_THAT(Unregistered("child1", ListPayload({kTooLong, ""})), IsEmpty());
+  map.AllKeys(after);
+  EXPECT_EQ(after, before);
+}
+
+TEST_F(RouterNewsTest, AnEmptyNameAloneIsNoNews) {
+  AMap().Store("leaf", "child1");
+  EXPECT_THAT(Unregistered("child1", TextPayload("")), IsEmpty());
+  EXPECT_TRUE(Logged("MS-RouterUnregistered - badly formatted originator child1\n"));
 }
 
 TEST_F(RouterNewsTest, AnUnknownNameThatIsGoneStopsHere) {
