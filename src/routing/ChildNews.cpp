@@ -87,11 +87,14 @@ bool ChildNews::AnnounceEnd(const std::string& name) {
 
 void ChildNews::TakeFromMapIfHere(const std::string& name) {
   const Logical* const map = map_;
-  // Where it is in no map, which is the rule, nobody has to wait for the lock.
-  if (map == nullptr || map->Lookup(name).empty()) return;
-  const ThreadHelper::Guard guard(mapMutex_);
-  if (!guard) throw MapLockFailure();
-  if (table_.HasChildRouterHere(name)) LeaveMap(name);
+  if (map == nullptr) return;
+  TellOrOwe(name, [&] {
+    // Where it is in no map, which is the rule, nobody has to wait for the lock.
+    if (map->Lookup(name).empty()) return;
+    const ThreadHelper::Guard guard(mapMutex_);
+    if (!guard) throw MapLockFailure();
+    if (table_.HasChildRouterHere(name)) LeaveMap(name);
+  });
 }
 
 void ChildNews::TellIfDue() {
@@ -117,7 +120,8 @@ void ChildNews::TellWhatIsOwed(std::chrono::milliseconds atMost) {
       owed_ = true;
       return;
     }
-    if (!entry->SettleNews()) continue;
+    if (!entry->OwesNews()) continue;
+    const std::uint64_t debt = entry->LastNewsOwed();
     const bool told = TellOrOwe(name, [&] {
       const bool hasParent = table_.Parent() != nullptr;
       if (table_.HasChildRouter(name)) {
@@ -127,6 +131,8 @@ void ChildNews::TellWhatIsOwed(std::chrono::milliseconds atMost) {
       }
     });
     if (!told) return;
+    // Not before: the entry could become another peer's, and what could not be told be lost.
+    entry->SettleNews(debt);
   }
 }
 

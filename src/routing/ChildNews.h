@@ -41,7 +41,8 @@ class ChildNews {
   void AnnounceChild(const std::string& name, bool again, bool tell);
   // Of a child that is registered no more, and of all that led through it. False if it is owed.
   bool AnnounceEnd(const std::string& name);
-  // Of a router that may be logged on here: the map leads to it no more.
+  // Of a router that may be logged on here: the map leads to it no more. Where that is owed, the
+  // child is announced once more when it is done.
   void TakeFromMapIfHere(const std::string& name);
 
   // Tells the parent of the children of whom there was no memory to tell it, for that long at most,

@@ -293,11 +293,22 @@ void RouterTableEntry::Detach(Dismissed& dismissed, std::vector<Envelope>& lefto
   }
 }
 
+void RouterTableEntry::SettleNews(std::uint64_t debt) {
+  std::uint64_t settled = newsSettled_;
+  while (settled < debt && !newsSettled_.compare_exchange_weak(settled, debt)) {
+  }
+}
+
+void RouterTableEntry::CancelNews(std::uint64_t debt) {
+  std::uint64_t before = debt - 1;
+  newsSettled_.compare_exchange_strong(before, debt);
+}
+
 bool RouterTableEntry::TakeOver(const std::string& name, std::vector<Envelope>& leftovers) {
   WriteGuard guard(lock_);
   if (!guard || detached_ || isParent_ || registered_ || IsLoggedOn()) return false;
   // Another peer must not wait for a call that the former one does not end.
-  if (polling_.inside || outgoing_.inside || owesNews_) return false;
+  if (polling_.inside || outgoing_.inside || OwesNews()) return false;
   std::string taken = name;
   // Nothing has been changed yet where there is no memory.
   envelopes_.TakeAll(leftovers);

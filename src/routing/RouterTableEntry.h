@@ -126,10 +126,14 @@ class RouterTableEntry {
   bool HasNotifyConsumer() const;
 
   // Whether the parent has yet to be told what has become of this peer. No other peer takes the
-  // entry over until then.
-  bool OweNews() { return owesNews_.exchange(true); }  // whether it was so before
-  bool OwesNews() const { return owesNews_; }
-  bool SettleNews() { return owesNews_.exchange(false); }
+  // entry over until then. Debts have numbers: one that comes up while another is told of stays.
+  std::uint64_t OweNews() { return ++newsOwed_; }
+  bool OwesNews() const { return newsSettled_ < newsOwed_; }
+  std::uint64_t LastNewsOwed() const { return newsOwed_; }
+  // That debt and all before it have been told of.
+  void SettleNews(std::uint64_t debt);
+  // There was nothing to tell. Where earlier debts are open it goes with them.
+  void CancelNews(std::uint64_t debt);
 
   // For that pool's queue alone, whose lock guards it.
   PlaceInQueue& PlaceIn(Pool pool) { return places_[pool]; }
@@ -344,7 +348,8 @@ class RouterTableEntry {
   std::atomic<std::uint32_t> consumerState_{kNothingSent};
   std::atomic<LogonGeneration> generation_{0};
   std::atomic<bool> hasNotifyConsumer_{false};
-  std::atomic<bool> owesNews_{false};
+  std::atomic<std::uint64_t> newsOwed_{0};
+  std::atomic<std::uint64_t> newsSettled_{0};
 
   EnvelopeQueue envelopes_ GUARDED_BY(lock_);
   std::string name_ GUARDED_BY(lock_);

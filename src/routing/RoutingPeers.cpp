@@ -56,11 +56,11 @@ void Routing::UnregisterPeer(const std::string& name, bool isRouter) {
   const bool tells = isRouter && table_.Parent() != nullptr;
   RouterTableEntry* const entry = table_.Find(name);
   // Before it can be another peer's.
-  const bool owed = tells && entry != nullptr && entry->OweNews();
+  const std::uint64_t debt = tells && entry != nullptr ? entry->OweNews() : 0;
   try {
     table_.Unregister(name);
   } catch (...) {
-    if (tells && entry != nullptr && !owed) entry->SettleNews();
+    if (debt != 0) entry->CancelNews(debt);
     throw;
   }
   // Whatever goes wrong with the news, what waited for the peer is routed anew.
@@ -68,7 +68,7 @@ void Routing::UnregisterPeer(const std::string& name, bool isRouter) {
   Attempt("Routing::UnregisterPeer", name, [&] { table_.WriteTable(false); });
   Attempt("Routing::UnregisterPeer", name,
           [&] { (isRouter ? routerUpdateNotifier_ : clientUpdateNotifier_).Unregistered(name); });
-  if (tells && news_.AnnounceEnd(name) && entry != nullptr) entry->SettleNews();
+  if (tells && news_.AnnounceEnd(name) && debt != 0) entry->SettleNews(debt);
 }
 
 RouterTableEntry& Routing::FindForLogon(const std::string& name) {
@@ -96,7 +96,7 @@ RouterTableEntry::LocalPeerObjects Routing::LogonRouterPeer(
   const auto activated = entry.LogonRouter(name, consumer, supplier, notify, threshold, true);
   Attempt("Routing::LogonRouterPeer", name, [&] { table_.WriteTable(false); });
   // Late news of its former way here would keep its end from being told.
-  Attempt("Routing::LogonRouterPeer", name, [&] { news_.TakeFromMapIfHere(name); });
+  news_.TakeFromMapIfHere(name);
   host_.NotifiedPoll(entry);
   OfferForDelivery(entry);
   routerUpdateNotifier_.Logon(name);

@@ -291,11 +291,6 @@ class LateNewsTest : public ChildNewsTest {
     ARouter("child1");
     ARouter("near");
   }
-  void LogOn(const std::string& child) {
-    routing_.LogonRouterPeer(child, BrelixMessaging::RouterConsumer::_nil(),
-                             BrelixMessaging::RouterSupplier::_nil(),
-                             BrelixMessaging::NotifyConsumer::_nil(), 0);
-  }
   // Its former way announces it.
   void Announce(const CORBA::Any& payload) {
     Arrive(

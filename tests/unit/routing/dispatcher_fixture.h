@@ -142,6 +142,12 @@ class DispatcherTest : public RoutingTest {
     EXPECT_FALSE(asker_.HasEnvelopes());
     return answer;
   }
+  // A child router that fetches what waits for it.
+  void LogOn(const std::string& child) {
+    routing_.LogonRouterPeer(child, BrelixMessaging::RouterConsumer::_nil(),
+                             BrelixMessaging::RouterSupplier::_nil(),
+                             BrelixMessaging::NotifyConsumer::_nil(), 0);
+  }
   bool Logged(const std::string& line) const { return log_.Has(MessageRouter::kLogInfo, line); }
 
   Entry& asker_;

@@ -196,6 +196,52 @@ TEST_F(OwedNewsTest, NobodyTakesOverTheEntryOfAChildWhoseEndIsOwed) {
   EXPECT_EQ(table_.Find("another"), &entry);
 }
 
+TEST_F(OwedNewsTest, NobodyTakesOverTheEntryOfAChildWhoseEndIsBeingTold) {
+  Entry& entry = ARouter("child");
+  unsigned made = 0;
+  const StoreThatLooks store(*this, [&]() -> bool {
+    if (++made == 2) {
+      table_.AddCertificationEntry("newcomer");
+      EXPECT_NE(table_.Find("newcomer"), &entry);
+    }
+    if (made < 3) throw std::bad_alloc();
+    return true;
+  });
+  routing_.UnregisterPeer("child", true);
+  RouteAll();
+  ASSERT_EQ(made, 2u);
+  EXPECT_THAT(Told(), ElementsAre("MS-RouterUnregistered child"));
+}
+
+TEST_F(OwedNewsTest, WhatComesToBeOwedWhileTheEndOfTheChildIsToldIsToldToo) {
+  ARouter("child");
+  unsigned made = 0;
+  const StoreThatLooks store(*this, [&]() -> bool {
+    if (++made == 1) throw std::bad_alloc();
+    if (made == 2) {
+      table_.Register("child", true);
+      const AllocationFailure failure;
+      EXPECT_THROW(routing_.RegisterPeer("child", true), BrelixMessaging::AlreadyRegistered);
+    }
+    return true;
+  });
+  routing_.UnregisterPeer("child", true);
+  EXPECT_THAT(Told(), ElementsAre("MS-RouterUnregistered child"));
+  EXPECT_THAT(Told(), ElementsAre("MS-RouterRegistered [child]"));
+}
+
+TEST_F(OwedNewsTest, AnUnregisteringThatIsRefusedOwesNothing) {
+  Entry& entry = ARouter("child");
+  table_.Unregister("child");
+  EXPECT_THROW(routing_.UnregisterPeer("child", true), BrelixMessaging::NotRegistered);
+  EXPECT_FALSE(entry.OwesNews());
+  const std::uint64_t debt = entry.OweNews();
+  EXPECT_THROW(routing_.UnregisterPeer("child", true), BrelixMessaging::NotRegistered);
+  EXPECT_TRUE(entry.OwesNews());
+  entry.SettleNews(debt + 1);
+  EXPECT_FALSE(entry.OwesNews());
+}
+
 TEST_F(OwedNewsTest, AChildThatIsBackBeforeItsEndCouldBeToldIsAnnounced) {
   ARouter(kChild);
   {
@@ -471,6 +517,42 @@ TEST_F(MapLockTest, KeepsNoChildFromBeingAnnounced) {
   EXPECT_EQ(map_.Lookup("child"), "former");
   EXPECT_THAT(Told(), ElementsAre("MS-RouterRegistered [child]"));
   EXPECT_EQ(map_.Lookup("child"), "");
+}
+
+TEST_F(MapLockTest, KeepsNoChildThatLogsOnInTheMap) {
+  WithoutTheMapsLock(
+      [this] {
+        if (!table_.HasChildRouter("child")) table_.Register("child", true);
+        map_.Store("child", "former");
+      },
+      [this] { LogOn("child"); });
+  EXPECT_EQ(map_.Lookup("child"), "former");
+  RouteAll();
+  EXPECT_EQ(map_.Lookup("child"), "");
+}
+
+TEST_F(OwedNewsTest, AChildThatLogsOnLeavesTheMapWhereverThatFindsNoMemory) {
+  ARouter(kChild);
+  bool wasOwed = false;
+  bool failed = true;
+  for (std::size_t spared = 0; failed; ++spared) {
+    ASSERT_LT(spared, 2000u);
+    map_.Store(kChild, kLeaf);
+    try {
+      const AllocationFailure failure(spared, 1);
+      LogOn(kChild);
+    } catch (const std::bad_alloc&) {
+      // It has not come so far.
+    }
+    failed = AllocationFailure::Happened();
+    const bool isHere = table_.HasChildRouterHere(kChild);
+    if (isHere && !map_.Lookup(kChild).empty()) wasOwed = true;
+    RouteAll();
+    EXPECT_EQ(map_.Lookup(kChild), isHere ? "" : kLeaf) << spared;
+    table_.Find(kChild)->Logoff(kChild);
+    ForgetAll();
+  }
+  EXPECT_TRUE(wasOwed);
 }
 
 TEST_F(MapLockTest, KeepsNoNewsFromBelowFromBeingHandled) {
