@@ -25,7 +25,8 @@ tree_pid=
 finish() {
   status=$?
   trap - EXIT
-  if [ "$status" -ne 0 ] && [ -z "$tree_pid" ] && [ -e "$work/console.txt" ]; then
+  # 130 and 143: somebody has ended it.
+  if [ "$status" -ne 0 ] && [ "$status" -ne 130 ] && [ "$status" -ne 143 ] && [ -z "$tree_pid" ] && [ -e "$work/console.txt" ]; then
     echo "demo: failed; the router's log ends with" >&2
     tail -n 20 "$work/console.txt" >&2
   fi
@@ -98,7 +99,8 @@ printf '[%s]\n"UseRelativeDataLocation"=dword:1\n\n[%s\\Router]\n"IORSenderPort"
   "$root" "$root" "$ior_port" >"$work/router/brelix.config"
 show brelix-message-router -config ./brelix.config -ORBendPoint "giop:ssl::$tls_port"
 start_router
-show brelix-client ping
+echo "Every brelix-client below has --port $ior_port too, the port that tells where the router is."
+show brelix-client --identity agent-1 ping
 client agent-1 ping
 
 step "Both clients register over TLS"
@@ -122,9 +124,11 @@ wait_for "the envelope's file to go" no_envelopes
 
 step "SIGHUP: the router builds itself anew, and puts its table of clients on disk at once"
 # By itself it writes the table at most once a minute.
+show kill -HUP "$router_pid"
 kill -HUP "$router_pid"
 starts=$((starts + 1))
 wait_for "the router" logged "$starts" "Waiting for messages..."
+echo "table_router.txt: names, and 0 for no router"
 cat "$work/router/Router/table_router.txt"
 
 step "agent-2 is away; a message for it waits as a file in Envelopes/"
@@ -134,10 +138,12 @@ echo "$id"
 (cd "$work/router/Router" && ls -l Envelopes/ && cut -c 1-100 Envelopes/*.msg)
 
 step "kill -9, and the router is started again"
+show kill -9 "$router_pid"
 # The shell's own word about the killed job is not for the reader.
 { kill -9 "$router_pid"; wait "$router_pid" || true; } 2>/dev/null
 router_pid=
 [ "$(ls "$work/router/Router/Envelopes" | wc -l)" = 1 ] || fail "the envelope's file is gone"
+show brelix-message-router -config ./brelix.config -ORBendPoint "giop:ssl::$tls_port"
 start_router
 
 step "agent-2 is back and gets its message"
@@ -148,9 +154,11 @@ wait_for "the envelope's file to go" no_envelopes
 echo "Envelopes/ is empty."
 
 step "SIGTERM ends the router in order"
+show kill -TERM "$router_pid"
 kill -TERM "$router_pid"
 wait "$router_pid" || fail "the router ended with status $?"
 router_pid=
+echo "status 0; the last line of its log:"
 cat "$work"/router/Router/Logs/*.log | tail -n 1
 
 BRELIX_BIN=$bin python3 -B scripts/demo_tree.py &

@@ -39,7 +39,7 @@ class Demo(SystemTest):
         step("SIGTERM ends all routers in order")
         for name in reversed(self.tree.routers):
             self.assertEqual(0, self.tree[name].stop())
-            say(self.tree[name].last_log_line())
+            say(f"{name:7} status 0; its log ends with: {self.tree[name].last_log_line()}")
 
     def plant(self):
         step("A tree: top, middle below it, leaf and fenced below middle")
@@ -100,6 +100,7 @@ class Demo(SystemTest):
     def answer(self, originator):
         step(f"EM answers to the originator's address, {originator}; the answer waits at the top")
         self.send("EM", originator, "Always.")
+        say("(An id is one router's own: the originator's makes it one of a kind.)")
         self.assertEqual(1, len(self.tree["top"].envelopes()))
         say(f"top/Envelopes: {self.tree['top'].envelopes()[0].name}")
         step("middle is started again; its neighbours find it, and the answer goes on")
@@ -128,6 +129,8 @@ class Demo(SystemTest):
         self.receive("EM", "Thank you.")
         self.wait_all_delivered()
         log = middle.log()[mark:]
+        if self.tree.hosts:
+            say("What middle's log said of it (it tries to call fenced once, and then waits for it):")
         for line in log.splitlines():
             if re.search(r"otif\w+ fenced|Supplying message .* to fenced", line):
                 say(line)

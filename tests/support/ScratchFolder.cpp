@@ -1,5 +1,7 @@
 #include "support/ScratchFolder.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
@@ -9,9 +11,21 @@
 namespace TestSupport {
 namespace {
 
+// Where the newest folder of this process is, for those that it starts.
+constexpr char kNewest[] = "BRELIX_TEST_SCRATCH";
+
+// The process of a death test makes a folder of its own and doesn't live to remove it: that goes
+// with the folder of the test that has started it.
+std::filesystem::path PlaceOfFolders() {
+  const char* const above = std::getenv(kNewest);
+  if (testing::internal::InDeathTestChild() && above != nullptr) return above;
+  return std::filesystem::temp_directory_path();
+}
+
 std::filesystem::path MakeFolder() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "brelix-test-XXXXXX").string();
+  std::string pattern = (PlaceOfFolders() / "brelix-test-XXXXXX").string();
   if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no scratch folder");
+  if (!testing::internal::InDeathTestChild()) setenv(kNewest, pattern.c_str(), 1);
   return pattern;
 }
 

@@ -67,6 +67,10 @@ class Usage(unittest.TestCase):
             self.assertTrue(text.startswith("brelix-client: "), text)
             self.assertEqual(1, text.count("\n"), text)
 
+    def test_an_unknown_word_is_named(self):
+        for row in (["dance"], ["--identity", ".", "dance"], ["ping", "--dance"]):
+            self.assertIn("unknown: " + row[-1], self.client(*row).stderr.decode(), row)
+
 
 class WithoutRouter(SystemTest):
     def client_at(self, port, *arguments, timeout="1"):

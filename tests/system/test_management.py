@@ -43,6 +43,9 @@ class Management(SystemTest):
     def test_status_of_a_stranger_is_an_empty_answer_and_of_no_name_a_refusal(self):
         answer = json.loads(self.client_ok(self.box, "agent-1", "--json", "status", "nobody"))
         self.assertEqual("empty", answer["payload_type"])
+        self.assertIn("does not know nobody",
+                      self.client(self.box, "agent-1", "status", "nobody").stderr.decode())
+        self.assertEqual(b"", self.client(self.box, "agent-1", "status", "agent-1").stderr)
         done = self.client(self.box, "agent-1", "status", "")
         self.assertEqual(4, done.returncode)
         self.assertIn("MS-BadMessageFormat", done.stderr.decode())

@@ -40,11 +40,12 @@ void AddCommon(CLI::App& app, Options& options, Validities& validity, int days, 
   app.add_option("--bits", options.bits, "size of the RSA key")
       ->capture_default_str()
       ->check(CLI::Range(kSmallestKey, kLargestKey));
-  auto* count = app.add_option("--days", validity.days, "days of validity, from the beginning")
-                    ->capture_default_str()
-                    ->check(CLI::Range(1, kMostDays));
+  auto* count =
+      app.add_option("--days", validity.days, "days of validity, from now or --not-before")
+          ->capture_default_str()
+          ->check(CLI::Range(1, kMostDays));
   app.add_option("--not-before", validity.notBefore,
-                 "beginning of the validity; now if it is not given");
+                 "beginning of the validity; an hour ago if it is not given");
   app.add_option("--not-after", validity.notAfter, "end of the validity, instead of --days")
       ->excludes(count);
 }
@@ -97,6 +98,12 @@ void CheckName(const std::string& name) {
   }
 }
 
+// A word that is none of ours says more of what is wrong than what is missing for want of it.
+std::string ReasonOf(const CLI::ParseError& error, const CLI::App& app) {
+  const std::vector<std::string> unknown = app.remaining(true);
+  return unknown.empty() ? error.what() : "unknown: " + unknown.front();
+}
+
 // One line, whatever the parser has to say.
 void Complain(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
@@ -127,7 +134,11 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, std::int64_t now,
   issue->add_option("--ca", forIssue.authority, "folder of the authority")->required();
   issue->add_option("--name", forIssue.name, "common name: the name of the router or client")
       ->required();
-  issue->add_option("--role", roles, "role of the bearer; may be given more than once")
+  issue
+      ->add_option(
+          "--role", roles,
+          "role of the bearer; may be given more than once; none, as for clients, if it is "
+          "not given")
       ->take_all()
       ->allow_extra_args(false)
       ->check(CLI::IsMember({"router", "management", "certification-manager", "none"}));
@@ -151,7 +162,7 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, std::int64_t now,
     if (error.get_exit_code() == 0) {
       status = app.exit(error);
     } else {
-      Complain(error.what());
+      Complain(ReasonOf(error, app));
       status = kBadUsage;
     }
   }

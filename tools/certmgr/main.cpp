@@ -36,6 +36,9 @@ int main(int argc, char** argv) {
     const auto options =
         Certmgr::ParseCommandLine(argc, argv, Platform::Clock::Instance().WallSeconds(), status);
     if (!options) return status;
+    if (options->validity.notAfter <= Platform::Clock::Instance().WallSeconds()) {
+      std::fprintf(stderr, "brelix-certmgr: this certificate has expired already\n");
+    }
     if (options->command == Certmgr::Command::Issue) {
       Issue(*options);
     } else {

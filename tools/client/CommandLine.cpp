@@ -82,6 +82,12 @@ void AddReceive(CLI::App& app, Options& options) {
   AddCheckInterval(app, options);
 }
 
+// A word that is none of ours says more of what is wrong than what is missing for want of it.
+std::string ReasonOf(const CLI::ParseError& error, const CLI::App& app) {
+  const std::vector<std::string> unknown = app.remaining(true);
+  return unknown.empty() ? error.what() : "unknown: " + unknown.front();
+}
+
 }  // namespace
 
 std::optional<Options> ParseCommandLine(int argc, char** argv, int& status) {
@@ -103,7 +109,8 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, int& status) {
   };
   command("register", "make our name known to the router, once", Command::Register);
   command("unregister", "take our name back", Command::Unregister);
-  auto* send = command("send", "send one message and print its id", Command::Send);
+  auto* send = command("send", "send one message and print its id; whether it arrives is not told",
+                       Command::Send);
   AddSend(*send, options, source);
   auto* receive = command("receive", "print what arrives", Command::Receive);
   AddReceive(*receive, options);
@@ -137,7 +144,7 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, int& status) {
     if (error.get_exit_code() == 0) {
       status = app.exit(error);
     } else {
-      std::cerr << "brelix-client: " << error.what() << " (see --help)\n";
+      std::cerr << "brelix-client: " << ReasonOf(error, app) << " (see --help)\n";
       status = static_cast<int>(ClientLibrary::Outcome::BadUsage);
     }
     return std::nullopt;

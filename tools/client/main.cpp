@@ -134,6 +134,10 @@ std::string Ask(const Options& options, RouterConnection& router) {
         Outcome::Refused,
         "refused by the router: " + std::string(answer->client_info.type) + " to " + query.type);
   }
+  const CORBA::TypeCode_var payload = answer->client_info.custom_data.type();
+  if (options.command == Command::Status && payload->kind() == CORBA::tk_null) {
+    std::fprintf(stderr, "brelix-client: the router does not know %s\n", options.name.c_str());
+  }
   std::string text =
       options.json ? ClientLibrary::AsJsonLine(*answer) : ClientLibrary::AsText(*answer);
   text.pop_back();  // the line end

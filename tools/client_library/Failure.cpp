@@ -1,5 +1,7 @@
 #include "client_library/Failure.h"
 
+#include <omniORB4/minorCode.h>
+
 #include <utility>
 
 namespace ClientLibrary {
@@ -29,6 +31,12 @@ Failure AsFailure(const char* what, const CORBA::Exception& exception) {
   }
   if (CORBA::TIMEOUT::_downcast(&exception) != nullptr) {
     return {Outcome::TimedOut, text("the router did not answer in time"), name};
+  }
+  if (system->minor() == omni::TRANSIENT_ConnectFailed) {
+    return {Outcome::Failed,
+            text("no connection to the router: it is gone, or one of the two certificates is not "
+                 "of the other's authority"),
+            name};
   }
   const char* minor = system->NP_minorString();
   return {Outcome::Failed, text(name + (minor != nullptr ? " (" + std::string(minor) + ")" : "")),
