@@ -44,6 +44,10 @@ SLOW_TO_LEARN = {"west-2": {"parent": "west", "ActiveConsumer": 0, "HeartbeatInt
 SLOWNESS = max(1, PATIENCE / 2)
 # A connection over which nothing came through is given up so long after a cut.
 NOTICED = 3000 * SLOWNESS
+# Both ends of a line have a new session so long after the last fault of theirs, but for a child that
+# is slow to learn.
+REUNITED = 5000 * SLOWNESS
+REUNITED_SLOWLY = 130_000 * SLOWNESS
 # How exactly the moments of different programs, and of a log in whole seconds, can be compared.
 MARGIN = 500 * SLOWNESS
 
@@ -73,6 +77,9 @@ class Storm:
         # milliseconds of the steady clock: of each router, and of each line by the router below.
         self.interruptions = {name: [] for name in routers}
         self.line_interruptions = {name: [] for name in self.tree.parents}
+        # From each kill until the router is there again.
+        self.absences = {name: [] for name in routers}
+        self.slow_to_learn = set(SLOW_TO_LEARN) if slow_to_learn else set()
         self.marks = {}
         self.while_starting = 0
         self.seconds = 0
@@ -89,6 +96,7 @@ class Storm:
             peer("record", file=str(self.test.folder / f"received-{label}"))
             self.peers[sender] = peer
         self.tree.settle()
+        self.settled = now()
         self.calm("before")
         self.storm()
         self.calm("after")
@@ -147,6 +155,7 @@ class Storm:
         self.slowest = time.monotonic() - start - self.seconds
 
     def kill(self, names):
+        begin = now()
         for name in names:
             self.kill_one(name)
         time.sleep(self.random.uniform(0, 0.7))
@@ -161,6 +170,7 @@ class Storm:
             self.tree[name].start(wait=False)
         for name in names:
             self.tree[name].wait_log("Waiting for messages...", 30, since=self.marks[name])
+            self.absences[name].append((begin, now()))
         for (_, at), peer in self.peers.items():
             if at in names:
                 peer.retry("reconnect")
@@ -237,7 +247,8 @@ class Storm:
         return begin[:begin.index(meeting) + 1] + end[:end.index(meeting)][::-1]
 
     def sessions_begun(self):
-        """Each new session interrupts what was under way in the one before: {line: moments}."""
+        """Each new session interrupts what was under way in the one before: {line: moments}, since
+        all were attached."""
         offset = now() - int(time.time() * 1000)
         out = {}
         for line, parent in self.tree.parents.items():
@@ -249,7 +260,19 @@ class Storm:
                     if any(text in row for text in texts):
                         moment = time.mktime(time.strptime(row[:19], "%d.%m.%Y %H:%M:%S"))
                         begin = int(moment * 1000) + offset
-                        out[line].append((begin, begin + 1000))
+                        if begin > self.settled + MARGIN:
+                            out[line].append((begin, begin + 1000))
+        return out
+
+    def no_faults_of(self, sessions):
+        """Those that no kill of either end and no cut of the line brought about: (line, moment)."""
+        out = []
+        for line, moments in sessions.items():
+            faults = (self.absences[line] + self.absences[self.tree.parents[line]] +
+                      self.line_interruptions[line])
+            late = REUNITED_SLOWLY if line in self.slow_to_learn else REUNITED
+            out += [(line, begin) for begin, end in moments if not any(
+                begin <= last + late and first - MARGIN <= end for first, last in faults)]
         return out
 
     def interruptions_of(self, sender, sessions):
@@ -266,6 +289,8 @@ class Storm:
             self.test.assertGreater(len(self.accepted(phase)), CALM * RATE * len(FLOWS) / 2)
             self.test.assertFalse(self.twice(phase), f"came twice, {phase} the faults")
         self.check_places()
+        # A session that ended by itself would excuse copies.
+        self.check_sessions(self.sessions_begun())
         self.check_copies()
         for router in self.tree.routers.values():
             self.test.assertFalse(router.envelopes("*.bad"))
@@ -285,6 +310,9 @@ class Storm:
                 # The client may not have learnt that it was accepted.
                 expected = accepted[tag][0] if tag in accepted else id_
                 self.test.assertEqual((to, expected, origin), (place, id_, originator), tag)
+
+    def check_sessions(self, sessions):
+        self.test.assertEqual([], self.no_faults_of(sessions), "new sessions without a fault")
 
     def check_copies(self):
         """What came twice was under way when something fell upon its way."""
@@ -313,8 +341,10 @@ class Storm:
         return at_risk
 
     def check_the_checks(self):
-        """A copy out of reach of every fault is found out, and so is one at a wrong place."""
+        """A copy out of reach of every fault is found out, and so are one at a wrong place and a
+        session that nothing but itself has ended."""
         sent, received = self.accepted("storm"), self.received()
+        line = self.random.choice(sorted(self.tree.parents))
         tag = self.random.choice(sorted(set(sent) - self.at_risk(sent, received)))
         to, id_, originator, moment = received[tag][0]
         row = f"{id_} {originator} {tag} {moment}\n"
@@ -326,6 +356,9 @@ class Storm:
             with self.test.assertRaises(AssertionError):
                 check()
             path.write_text(before)
+        sessions = self.sessions_begun()
+        with self.test.assertRaises(AssertionError):
+            self.check_sessions({**sessions, line: [(self.settled, self.settled + 1)]})
 
     def report(self):
         accepted = len(self.accepted("storm"))
