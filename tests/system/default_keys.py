@@ -8,8 +8,13 @@ from harness import wait_until
 from tree import QUICK, TreeTest, texts
 
 
+def unacknowledged(router, other):
+    """The connections with the other on which something waits to arrive."""
+    return [row for row in router.host.connections(other.host) if not row[4].startswith("00000000:")]
+
+
 class DefaultKeys(TreeTest):
-    def test_a_broken_line_is_noticed_on_both_sides_two_minutes_and_a_half_after_its_use_and_mended(self):
+    def test_a_broken_line_is_given_up_after_two_minutes_acted_upon_after_its_repetition_and_mended(self):
         tree = self.tree({"top": {}, "leaf": {"parent": "top"}})
         for router in tree.routers.values():
             for key in QUICK:
@@ -24,6 +29,12 @@ class DefaultKeys(TreeTest):
         start = time.monotonic()
         agent("messages.SendMessage", destination="EM", text="up")
         manager("messages.SendMessage", destination="leaf.agent-1", text="down")
+        # The call goes over the connection that is there, and is repeated over a new one.
+        wait_until(lambda: unacknowledged(tree["leaf"], tree["top"]), 10, "the call to be under way")
+        wait_until(lambda: not unacknowledged(tree["leaf"], tree["top"]), 120, "it to be given up")
+        given_up = time.monotonic() - start
+        self.assertGreater(given_up, 120 - 5)
+        self.assertLess(given_up, 120 + 5)
         for name, other in (("leaf", "top"), ("top", "leaf")):
             tree[name].wait_log(f"logging {other} off", 180, since=marks[name])
         # PeerTimeoutSecs, and the attempt to connect for the repetition of the call.
