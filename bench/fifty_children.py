@@ -11,6 +11,7 @@ is measured here is that others don't wait where senders are left, which is what
 to see to (NumSenderThreads in docs/operating.md). So there are 8.
 
 Ends with 1 if the limit is missed: the others' 99th percentile below twice that of a healthy tree.
+So it does if a child was not as sick as it is meant to be, or was before.
 
 Usage: bench/fifty_children.py [--children N] [--rate N] [--seconds N] [--rounds N] [--senders N]...
 Needs root, for network namespaces.
@@ -19,6 +20,7 @@ Needs root, for network namespaces.
 import argparse
 import json
 import math
+import re
 import statistics
 import subprocess
 import sys
@@ -51,7 +53,10 @@ class Tree:
 
     def measure(self, rate, seconds):
         """The others' latencies."""
-        self.others("report")
+        for family in (self.others, *self.sick.values()):
+            if not family.frozen():
+                family("report")
+        self.sent_before = {name: self.sent(name) for name in SICK}
         destinations = [word for name in self.names for word in ("--destination", name + ".agent")]
         done = subprocess.run(
             [*self.parent.within, BIN / "bench_sender", "--identity",
@@ -63,6 +68,32 @@ class Tree:
         report = self.others("report")
         report["expected"] = sent["count"] * (len(self.names) - len(SICK)) // len(self.names)
         return report
+
+    def sent(self, name):
+        return len(re.findall(rf"Sent message \(.*\) to {name}\n", self.parent.log()))
+
+    def check_well(self, limits):
+        for name in SICK:
+            limits.at_least(1, self.sent(name) - self.sent_before[name],
+                            f"messages that {name} took while it was well")
+            limits.below(SLOW_MILLISECONDS / 2, self.sick[name]("report")["median_us"] / 1e3,
+                         f"milliseconds, median, of {name} while it was well")
+
+    def check_ill(self, limits):
+        """Each sickness by what only it brings about."""
+        limits.at_least(SLOW_MILLISECONDS, self.sick["slow"]("report").get("median_us", 0) / 1e3,
+                        "milliseconds, median, of the slow child")
+        limits.at_least(1, self.sent("slow") - self.sent_before["slow"],
+                        "messages that the slow child took all the same")
+        for name in ("frozen", "cut"):
+            limits.none(self.sent(name) - self.sent_before[name], f"messages that {name} took")
+        limits.at_least(1, self.sick["frozen"].frozen(), "frozen process")
+        limits.none(self.sick["cut"]("report")["count"], "messages that came to the cut child")
+        limits.at_least(1, self.unacknowledged(), "bytes on their way to the cut child for ever")
+
+    def unacknowledged(self):
+        rows = self.hosts["parent"].connections(self.hosts["cut"])
+        return sum(int(row[4].split(":")[0], 16) for row in rows)
 
     def fall_ill(self):
         self.sick["slow"]("delay", SLOW_MILLISECONDS)
@@ -98,8 +129,10 @@ def main():
                 tree = Tree(stage, stage.hosts(), options.children, senders)
                 tree.measure(options.rate, 2)  # so that all connections are there
                 well = tree.measure(options.rate, options.seconds)
+                tree.check_well(limits)
                 tree.fall_ill()
                 ill = tree.measure(options.rate, options.seconds)
+                tree.check_ill(limits)
                 ratios.append(p99(ill) / p99(well))
                 print(f"{senders} senders, all well: {text(well)}\n"
                       f"{senders} senders, three sick: {text(ill)}, ratio {ratios[-1]:.2f}",

@@ -118,6 +118,10 @@ class Children:
     def freeze(self):
         self.process.send_signal(signal.SIGSTOP)
 
+    def frozen(self):
+        status = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text()
+        return status.rpartition(")")[2].split()[0] == "T"
+
     def close(self):
         self.process.kill()
         self.process.wait()

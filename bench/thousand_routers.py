@@ -5,7 +5,8 @@ Half of the children are pushed to; the others fetch and are fetched from, as by
 scans are watched their polls come due: each of those children is asked once in about ten seconds.
 
 Ends with 1 if a limit is missed: no logon fails, at least 100 a second, a scan of either kind under
-50 milliseconds of processor time, and the polls really come.
+50 milliseconds of processor time, the polls really come, and in the end, when those that fetch have
+been silent for long enough, a scan logs each of them off, and none before.
 
 Usage: bench/thousand_routers.py [--children N] [--seconds N]
 """
@@ -22,6 +23,9 @@ from waiting_envelopes import resident
 
 SCANS = {"GetterThread": "GetterTickSecs", "TimeoutThread": "TimeoutInterval"}
 POLL_SECONDS = 10
+FIRST_POLLS_SECONDS = 5
+LOGONS_SECONDS = 20  # within which all of them log on
+TIMEOUT = "Communications timeout, logging "
 
 
 def processor_times(pid):
@@ -46,8 +50,10 @@ def main():
     with Stage() as stage:
         children = stage.children()
         children("identity", "parent")
+        silence = LOGONS_SECONDS + FIRST_POLLS_SECONDS + options.seconds
         parent = stage.router("parent", ConnectionCache=4000, GetterInterval=POLL_SECONDS,
                               GetterShortInterval=POLL_SECONDS,
+                              ActiveConsumerConnectionTimeout=silence,
                               **{setting: 1 for setting in SCANS.values()}).start()
         pid = parent.process.pid
         idle = resident(pid)
@@ -60,7 +66,8 @@ def main():
               flush=True)
         limits.none(logons["failed"], "failed logons")
         limits.at_least(100, logons["per_second"], "logons a second")
-        time.sleep(5)  # the first polls
+        last_logon = time.monotonic()
+        time.sleep(FIRST_POLLS_SECONDS)
         print(f"{threads(pid)} threads, {(resident(pid) - idle) / 1024 / options.children:.0f} KiB "
               "a child", flush=True)
         children("report")
@@ -76,7 +83,13 @@ def main():
                          f"milliseconds of processor time of a scan of {name}")
         print(f"the whole parent, with one scan of each kind and {polls / options.seconds:.0f} polls "
               f"a second: {everything / options.seconds * 1e3:.1f} ms a second", flush=True)
-        limits.none(parent.log().count("Failed to"), "failures in the parent's log")
+        log = parent.log()
+        limits.none(log.count("Failed to"), "failures in the parent's log")
+        limits.none(log.count(TIMEOUT), "children that a scan logged off too early")
+        while parent.log().count(TIMEOUT) < polled and time.monotonic() < last_logon + silence + 5:
+            time.sleep(0.5)
+        limits.at_least(polled, parent.log().count(TIMEOUT),
+                        f"children that a scan logged off after {silence} s of silence")
     return limits.status()
 
 
