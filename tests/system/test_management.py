@@ -260,6 +260,18 @@ class LogicalRouting(SystemTest):
         self.wait_no_envelopes(self.box)
         self.assertEqual([], self.child.received())
 
+    def test_farewells_of_odd_names_take_nothing_else_away(self):
+        self.client_ok(self.box, "agent-1", "register")
+        self.news(self.child, "child-1", "Registered", strings=["leaf", "a.b", "a,b"])
+        for name in ("x" * 5000, "a\nb", ":", "router", "agent-1", ".", "\u00e4", "a.b", ""):
+            self.news(self.child, "child-1", "Unregistered", text=name)
+        self.news(self.child, "child-1", "Unregistered", strings=["", "y" * 2000, "a,b", ","])
+        self.send("leaf")
+        self.child.wait_received(1)
+        self.assertEqual("leaf.agent-9", self.child.received()[0]["destination"])
+        self.send("a,b")
+        self.box.wait_log("Cannot route message to a,b")
+
     def test_damaged_files_of_the_map_are_one_line_and_the_router_goes_on(self):
         self.assertEqual(0, self.box.stop())
         for content, directory, lines in (
