@@ -96,4 +96,8 @@ std::string Shown(std::string_view text) {
   return shown;
 }
 
+std::string ShownName(const std::string& name) {
+  return Shown(ToDisplayString(name));
+}
+
 }  // namespace MessageRouter

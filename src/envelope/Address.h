@@ -30,5 +30,7 @@ std::string ToDisplayString(const std::string& text);
 // For log texts: what a peer sent makes no lines of its own in the log, and doesn't fill it. Each
 // control character becomes "?", and all after 1024 bytes "...".
 std::string Shown(std::string_view text);
+// Both of these, in that order: what is decoded may be a control character.
+std::string ShownName(const std::string& name);
 
 }  // namespace MessageRouter

@@ -196,8 +196,8 @@ std::string Envelope::DescribeShort() const {
 }
 
 std::string Envelope::Describe() const {
-  return DescribeShort() + ", origin=" + Shown(ToDisplayString(originator_)) +
-         ", dest=" + Shown(ToDisplayString(destination_)) + ", type=" + Shown(type_);
+  return DescribeShort() + ", origin=" + ShownName(originator_) +
+         ", dest=" + ShownName(destination_) + ", type=" + Shown(type_);
 }
 
 std::vector<std::string> Envelope::PhysicalDestination() const {

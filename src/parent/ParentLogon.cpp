@@ -162,7 +162,7 @@ bool ParentLogon::NoteLogon(const RouterTableEntry& parent, LogonGeneration sess
 void ParentLogon::LoggedOn(RouterTableEntry& parent) {
   routing_.OfferForDelivery(parent);
   routing_.Host().NotifiedPoll(parent);
-  LogInfo("Logged on to parent router as %s\n", ToDisplayString(OwnIdentity::CommonName()).c_str());
+  LogInfo("Logged on to parent router as %s\n", ShownName(OwnIdentity::CommonName()).c_str());
   host_.Status().WriteReport();
 }
 

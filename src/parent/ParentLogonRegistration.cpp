@@ -106,7 +106,7 @@ void ParentLogon::Introduce(const std::string& ior) {
 }
 
 bool ParentLogon::LearnName(const std::string& name) {
-  LogInfo("Parent is %s\n", Shown(ToDisplayString(name)).c_str());
+  LogInfo("Parent is %s\n", ShownName(name).c_str());
   RouterTable& table = routing_.Table();
   const bool isNew = table.Find(name) != table.Parent();
   if (!CanBeAName(name) || (isNew && names_ == kMostNames)) {

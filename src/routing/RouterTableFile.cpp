@@ -138,7 +138,7 @@ void RouterTable::Restore(const RegEntry& record) {
     Register(record.name,
              record.type == RegEntry::kRouterConsumer || record.type == RegEntry::kRouterNotify);
     if (record.ior.empty()) return;
-    LogInfo("Restoring logon for %s\n", ToDisplayString(record.name).c_str());
+    LogInfo("Restoring logon for %s\n", ShownName(record.name).c_str());
     RouterTableEntry* const entry = Find(record.name);
     if (entry == nullptr) return;
     const CORBA::Object_var object = host_.StringToObject(record.ior);
@@ -175,7 +175,7 @@ void RouterTable::Restore(const RegEntry& record) {
         break;
     }
   } catch (const BrelixMessaging::AlreadyRegistered& exception) {
-    const std::string detail = ". Discarding duplicate entry for '" + record.name + "'";
+    const std::string detail = ". Discarding duplicate entry for '" + Shown(record.name) + "'";
     LogCaughtCorbaException(kSource, exception, detail.c_str());
   } catch (const CORBA::Exception& exception) {
     LogCaughtCorbaException(kSource, exception, "");
@@ -237,7 +237,7 @@ RegEntry RouterTable::RecordOf(const Row& row) {
     }
   } catch (const CORBA::Exception& exception) {
     // The registration is worth more than the way back.
-    LogCaughtCorbaException("RouterTable::WriteTable", exception, row.name.c_str());
+    LogCaughtCorbaException("RouterTable::WriteTable", exception, Shown(row.name).c_str());
   }
   return record;
 }
@@ -253,7 +253,7 @@ std::string RouterTable::ComposeFile(const std::vector<Row>& rows) {
       LogWarning(
           "The registration of %s is not kept over a restart: the name has a dot or a line "
           "end\n",
-          ToDisplayString(row.name).c_str());
+          ShownName(row.name).c_str());
     }
   }
   return text.str();

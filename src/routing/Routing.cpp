@@ -208,8 +208,7 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest&
   if (entry->IsParent()) reachedAs = entry->Name();
   if (LogEnabled(kLogInfo)) {
     const std::string shown = entry->IsParent() ? "parent" : reachedAs;
-    LogInfo("Routing to %s: %s\n", Shown(ToDisplayString(shown)).c_str(),
-            envelope.Describe().c_str());
+    LogInfo("Routing to %s: %s\n", ShownName(shown).c_str(), envelope.Describe().c_str());
   }
   bool senderAtWork = false;
   if (!entry->TryEnqueue(envelope, reachedAs, senderAtWork)) {

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "broker/CorbaExceptions.h"
+#include "envelope/Address.h"
 #include "logging/Log.h"
 #include "routing/Quietly.h"
 #include "routing/Routing.h"
@@ -18,9 +19,9 @@ bool Attempt(const char* where, const std::string& what, Work&& work) {
     work();
     return true;
   } catch (const CORBA::Exception& exception) {
-    Quietly([&] { LogCaughtCorbaException(where, exception, what.c_str()); });
+    Quietly([&] { LogCaughtCorbaException(where, exception, Shown(what).c_str()); });
   } catch (const std::exception& exception) {
-    Quietly([&] { LogCaughtException(where, exception, what.c_str()); });
+    Quietly([&] { LogCaughtException(where, exception, Shown(what).c_str()); });
   }
   return false;
 }

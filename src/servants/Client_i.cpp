@@ -20,6 +20,7 @@ using MessageRouter::LogInfo;
 using MessageRouter::LogWarning;
 using MessageRouter::RouterTableEntry;
 using MessageRouter::Shown;
+using MessageRouter::ShownName;
 
 namespace {
 
@@ -34,7 +35,7 @@ RouterTableEntry::LocalPeerObjects LogOn(const std::string& name, EnvelopeConsum
 }
 
 void ReportLogon(const std::string& name) {
-  LogInfo("Logged on %s as a client\n", MessageRouter::ToDisplayString(name).c_str());
+  LogInfo("Logged on %s as a client\n", ShownName(name).c_str());
 }
 
 }  // namespace

@@ -21,6 +21,7 @@ using MessageRouter::CertificateContext;
 using MessageRouter::LogInfo;
 using MessageRouter::LogWarning;
 using MessageRouter::Shown;
+using MessageRouter::ShownName;
 
 namespace {
 
@@ -87,7 +88,7 @@ void Router_i::Logon(RouterConsumer_ptr consumer, RouterSupplier_ptr supplier,
     router_supplier = RouterSupplier::_narrow(local.supplier);
     router_consumer = RouterConsumer::_narrow(local.consumer);
     router_notify = NotifyConsumer::_duplicate(local.notify);
-    LogInfo("Logged on %s as a router\n", MessageRouter::ToDisplayString(name).c_str());
+    LogInfo("Logged on %s as a router\n", ShownName(name).c_str());
   });
 }
 

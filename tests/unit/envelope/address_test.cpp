@@ -103,6 +103,12 @@ TEST_F(AddressTest, WhatIsShownHasNoControlCharacters) {
   EXPECT_EQ(Shown(std::string_view("a\nb\r\0\x1b\x7f\tc", 9)), "a?b?????c");
 }
 
+TEST_F(AddressTest, ANameIsShownDecodedAndWithoutTheControlCharactersThatItEncodes) {
+  EXPECT_EQ(ShownName("caf+AOk-"), "caf\xC3\xA9");
+  EXPECT_EQ(ShownName("a+AAo-b+ABs-"), "a?b?");
+  EXPECT_EQ(ShownName(std::string(1025, 'x')), std::string(1024, 'x') + "...");
+}
+
 TEST_F(AddressTest, WhatIsShownIsCutAfter1024Bytes) {
   EXPECT_EQ(Shown(std::string(1024, 'x')), std::string(1024, 'x'));
   EXPECT_EQ(Shown(std::string(1025, 'x')), std::string(1024, 'x') + "...");

@@ -330,6 +330,17 @@ TEST_F(PeersTest, NewsThatCannotBeToldIsLoggedAndKeepsNobodyFromRegistering) {
   EXPECT_FALSE(table_.HasChildRouter("child"));
 }
 
+TEST_F(PeersTest, AFaultThatIsLoggedShowsTheNameWithoutControlCharacters) {
+  const BrelixMessaging::RouterConsumer_var consumer =
+      AReferenceTo<BrelixMessaging::RouterConsumer>("consumer");
+  ARouter("child").LogonRouter("child", consumer, BrelixMessaging::RouterSupplier::_nil(),
+                               BrelixMessaging::NotifyConsumer::_nil(), 0, true);
+  host_.onObjectToString = [] { throw std::runtime_error("no text"); };
+  PassAMinute();
+  routing_.RegisterPeer("agent\nnews", false);
+  EXPECT_TRUE(log_.Contains("Routing::RegisterPeer: Caught no text agent?news\n"));
+}
+
 TEST_F(PeersTest, TheRootOfATreeDoesNotCleanItsMap) {
   MessageRouter::Logical& map = AMap();
   map.Store("leaf", "child");

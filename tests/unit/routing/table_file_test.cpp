@@ -289,6 +289,24 @@ TEST_F(TableFileTest, AReferenceThatCannotBeWrittenCostsNoRegistration) {
   EXPECT_EQ(TableText(), "child.1..\n");
 }
 
+TEST_F(TableFileTest, NoNameReachesTheLogWithControlCharacters) {
+  WriteTableText("a+AAo-b.1." + Ior("a") + ".\nc\x1b.0..\nc\x1b.0..\n");
+  table_.ReadTable(false);
+  EXPECT_TRUE(log_.Contains("Restoring logon for a?b\n"));
+  EXPECT_TRUE(log_.Contains(". Discarding duplicate entry for 'c?'"));
+  AClient("d.+AAo-");
+  const RouterConsumer::_var_type consumer = AReferenceTo<RouterConsumer>("consumer");
+  ARouter("e\x1b").LogonRouter("e\x1b", consumer, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0,
+                               true);
+  host_.FailNextObjectToString();
+  table_.Find("a+AAo-b")->Logoff("a+AAo-b");
+  PassAMinute();
+  table_.WriteTable(false);
+  EXPECT_TRUE(log_.Contains("The registration of d.? is not kept"));
+  EXPECT_EQ(log_.Count("RouterTable::WriteTable: Caught CORBA"), 1u);
+  EXPECT_TRUE(log_.Contains(" e?\n"));
+}
+
 TEST_F(TableFileTest, AWriteThatAnExceptionEndedIsOwed) {
   const RouterConsumer::_var_type consumer = AReferenceTo<RouterConsumer>("consumer");
   ARouter("child").LogonRouter("child", consumer, RouterSupplier::_nil(), NotifyConsumer::_nil(), 0,

@@ -244,6 +244,14 @@ TEST_F(ClientTest, TheLogonLineShowsTheNameDecoded) {
   EXPECT_TRUE(Entry(name).IsLoggedOn());
 }
 
+TEST_F(ClientTest, ANameWithAnEncodedLineEndMakesNoLineOfItsOwn) {
+  const std::string name = "a+AAo-Registered router x";
+  RegisterClient(name);
+  const CallFrom call(name);
+  Logon(EnvelopeConsumer::_nil());
+  EXPECT_TRUE(log.Has(kLogInfo, "Logged on a?Registered router x as a client\n"));
+}
+
 TEST_F(ClientTest, OtherLinesShowTheNameAsItStands) {
   const std::string name = "caf+AOk-";
   const CallFrom call(name);

@@ -280,6 +280,14 @@ TEST_F(RouterServantTest, TheCallBacksGiveUpTheirPlaceAtTheGate) {
   EXPECT_EQ(others.size(), 2u);
 }
 
+TEST_F(RouterServantTest, ANameWithAnEncodedLineEndMakesNoLineOfItsOwn) {
+  const std::string name = "a+AAo-Registered router x";
+  RegisterRouter(name);
+  const CallFromRouter call(name);
+  Logon(RouterConsumer::_nil(), RouterSupplier::_nil());
+  EXPECT_TRUE(log.Has(kLogInfo, "Logged on a?Registered router x as a router\n"));
+}
+
 TEST_F(RouterServantTest, AnEntryThatIsGoneAfterTheLogonIsRejected) {
   RegisterRouter("child-1");
   host.onOffer = [this] { table.Clear(); };
