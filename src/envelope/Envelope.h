@@ -65,8 +65,9 @@ class Envelope {
   bool FromPersistent();
   // Sets the file aside, under its name with ".bad".
   void MarkInvalid();
-  // The end of the envelope's life: leaves the trail if that is on, and removes the file.
-  void Retire();
+  // The end of the envelope's life: leaves the trail if that is on, and removes the file. One that
+  // can't be removed comes back at the next start.
+  void Retire() noexcept;
 
   void GetData(CORBA::Any& data);
   const std::string& GetOriginatorCert();

@@ -53,6 +53,23 @@ bool IsWriteFailure(int error) {
   return error == ENOSPC || error == EDQUOT || error == EFBIG || error == EIO;
 }
 
+// A trail that fails keeps no message alive, and neither does its line.
+void LeaveTrailIfAsked(Envelope& envelope, const std::string& fileName) noexcept {
+  try {
+    if (!GetConfigBool("MessageTrail", false)) return;
+    if (envelope.Type().find("EM-NoOp") != std::string::npos) return;
+    try {
+      LeaveTrail(envelope);
+    } catch (const std::exception& exception) {
+      LogError("Failed to leave trail for file %s (Error: %s)\n", fileName.c_str(),
+               exception.what());
+    } catch (...) {
+      LogError("Failed to leave trail for file %s\n", fileName.c_str());
+    }
+  } catch (...) {
+  }
+}
+
 Timestamps ParseTimestamps(std::string_view text) {
   Timestamps timestamps;
   if (!timestamps.Parse(text)) throw std::runtime_error("the count of timestamps is unreadable");
@@ -200,22 +217,16 @@ void Envelope::MarkInvalid() {
   }
 }
 
-void Envelope::Retire() {
+void Envelope::Retire() noexcept {
   if (file_.empty()) return;
-  const std::string fileName = FileName();
-  if (GetConfigBool("MessageTrail", false) && type_.find("EM-NoOp") == std::string::npos) {
-    // A trail that fails keeps no message alive.
-    try {
-      LeaveTrail(*this);
-    } catch (const std::exception& exception) {
-      LogError("Failed to leave trail for file %s (Error: %s)\n", fileName.c_str(),
-               exception.what());
-    } catch (...) {
-      LogError("Failed to leave trail for file %s\n", fileName.c_str());
+  try {
+    const std::string fileName = FileName();
+    LeaveTrailIfAsked(*this, fileName);
+    if (Platform::RemoveFile(fileName) != 0) {
+      LogError("Failed to delete envelope file %s\n", fileName.c_str());
     }
-  }
-  if (Platform::RemoveFile(fileName) != 0) {
-    LogError("Failed to delete envelope file %s\n", fileName.c_str());
+  } catch (...) {
+    // There is no memory for the name. What the envelope was for has been done, and stays done.
   }
   file_.clear();
 }

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "envelope/Envelope.h"
-#include "routing/Quietly.h"
 #include "routing/RouteQueue.h"
 
 namespace MessageRouter {
@@ -13,7 +12,7 @@ class OwnMessage {
  public:
   OwnMessage() = default;
   ~OwnMessage() {
-    if (!queued_) Quietly([this] { envelope.Retire(); });
+    if (!queued_) envelope.Retire();
   }
   OwnMessage(const OwnMessage&) = delete;
   OwnMessage& operator=(const OwnMessage&) = delete;

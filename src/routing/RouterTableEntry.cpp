@@ -234,7 +234,7 @@ void RouterTableEntry::RetireExpired(const std::function<bool()>& goOn) {
     for (Envelope& envelope : expired) {
       // Each for itself: the rest is in no queue any more.
       Quietly([&] { ReportDeliveryFailure(envelope, "Timeout"); });
-      Quietly([&] { envelope.Retire(); });
+      envelope.Retire();
     }
   } while (expired.size() == kExpiredAtOnce && (!goOn || goOn()));
 }

@@ -1,5 +1,6 @@
 #include "delivery/SenderWorker.h"
 
+#include <algorithm>
 #include <new>
 #include <optional>
 #include <semaphore>
@@ -204,7 +205,7 @@ TEST_F(SenderTest, OneAllocationThatFailsLosesNoEnvelope) {
 
 // Its file has to stay where its name can't be made. What was delivered goes out a second time at
 // the next start, but not before.
-TEST_F(SenderTest, DeliveredEnvelopeThatCannotBeRetiredFailsTheVisitAndStaysOnDiskAlone) {
+TEST_F(SenderTest, DeliveredEnvelopeThatCannotBeRetiredStaysOnDiskAloneAndTheVisitGoesOn) {
   ClientPeer peer;
   RouterTableEntry& entry = APushedClient(peer);
   bool met = false;
@@ -223,13 +224,11 @@ TEST_F(SenderTest, DeliveredEnvelopeThatCannotBeRetiredFailsTheVisitAndStaysOnDi
     complete = !AllocationFailure::Happened();
     failure.reset();
     const std::vector<std::uint32_t> waiting = Waiting(entry);
-    if (peer->received.front() != 1 || !OnDisk(1) || waiting.size() != 1) continue;
+    if (!OnDisk(1) || std::count(waiting.begin(), waiting.end(), 1u) != 0) continue;
     met = true;
-    EXPECT_THAT(peer->received, ElementsAre(1u)) << successes;
-    EXPECT_THAT(waiting, ElementsAre(2u)) << successes;
-    EXPECT_FALSE(entry.IsLoggedOn()) << successes;
-    EXPECT_TRUE(log.Has(kLogError, "SenderWorker: Caught std::bad_alloc \n")) << successes;
-    EXPECT_TRUE(log.Has(kLogError, "Failed to send messages, logging agent off\n")) << successes;
+    EXPECT_THAT(peer->received, ElementsAre(1u, 2u)) << successes;
+    EXPECT_THAT(waiting, IsEmpty()) << successes;
+    EXPECT_TRUE(entry.IsLoggedOn()) << successes;
   }
   EXPECT_TRUE(met);
   EXPECT_THAT(peer->received, ElementsAre(1u, 2u));

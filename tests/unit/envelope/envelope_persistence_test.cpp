@@ -1,9 +1,12 @@
 #include <chrono>
+#include <filesystem>
+#include <new>
 
 #include "broker/Encoding.h"
 #include "config/Configuration.h"
 #include "fixture.h"
 #include "logging/Log.h"
+#include "support/AllocationFailure.h"
 #include "support/EnvelopeBuilder.h"
 #include "support/NoDescriptors.h"
 
@@ -268,6 +271,54 @@ TEST_F(EnvelopeRetire, ATrailThatFailsIsReportedAndTheFileIsRemovedAllTheSame) {
   EXPECT_TRUE(log_.Has(kLogError, "Failed to leave trail for file " + Path("00000000.msg") +
                                       " (Error: message trails are not available in this "
                                       "version)\n"));
+  EXPECT_THAT(Leaves(), IsEmpty());
+}
+
+// Whichever allocation it is: the file stays at the worst.
+TEST_F(EnvelopeRetire, LetsNothingOutWhereThereIsNoMemory) {
+  bool kept = false;
+  bool removed = false;
+  for (const bool trail : {false, true}) {
+    SetConfigBool("MessageTrail", trail);
+    bool complete = false;
+    for (std::size_t successes = 0; !complete; ++successes) {
+      ASSERT_LT(successes, 100u);
+      Envelope envelope;
+      envelope.CreateFromRouter(AWireEnvelope(), false);
+      {
+        const TestSupport::AllocationFailure failure(successes, 1);
+        EXPECT_NO_THROW(envelope.Retire());
+        complete = !TestSupport::AllocationFailure::Happened();
+      }
+      EXPECT_EQ(envelope.FileName(), "");
+      const bool isThere = !Leaves().empty();
+      (isThere ? kept : removed) = true;
+      if (isThere) std::filesystem::remove(Path(Leaves().front()));
+    }
+  }
+  EXPECT_TRUE(kept);
+  EXPECT_TRUE(removed);
+}
+
+TEST_F(EnvelopeRetire, RemovesTheFileThoughItsTrailFindsNoMemory) {
+  SetConfigBool("MessageTrail", true);
+  Envelope envelope;
+  envelope.CreateFromRouter(AWireEnvelope(), false);
+  const auto canBeNamed = [&](std::size_t successes) {
+    const TestSupport::AllocationFailure failure(successes);
+    try {
+      return !envelope.FileName().empty();
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+  };
+  std::size_t forTheName = 0;
+  while (!canBeNamed(forTheName)) ++forTheName;
+  {
+    const TestSupport::AllocationFailure failure(forTheName);
+    EXPECT_NO_THROW(envelope.Retire());
+    EXPECT_TRUE(TestSupport::AllocationFailure::Happened());
+  }
   EXPECT_THAT(Leaves(), IsEmpty());
 }
 

@@ -86,6 +86,23 @@ TEST_F(EntryQueueTest, CancelRetiresTheEnvelopeOfThatIdAndExactlyThatOriginator)
   EXPECT_FALSE(entry.Cancel("router1.b", 1));
 }
 
+// The file stays where its name can't be made.
+TEST_F(EntryQueueTest, WhatIsCancelledIsSoThoughThereIsNoMemoryToRemoveItsFile) {
+  Entry& entry = AClient("agent");
+  const std::vector<std::string> originators = {"router1.a"};
+  Enqueue(entry, AStoredEnvelope("1.msg").WithId(1).WithOriginator(originators.front()));
+  Enqueue(entry, AStoredEnvelope("2.msg").WithId(2).WithOriginator(originators.front()));
+  {
+    const AllocationFailure failure;
+    EXPECT_TRUE(entry.Cancel(originators.front(), 1));
+    EXPECT_TRUE(entry.CancelSupplied(originators, 2, "agent"));
+    EXPECT_TRUE(AllocationFailure::Happened());
+  }
+  EXPECT_FALSE(entry.HasEnvelopes());
+  EXPECT_TRUE(FileExists("1.msg"));
+  EXPECT_TRUE(FileExists("2.msg"));
+}
+
 TEST_F(EntryQueueTest, OfTheFormsOfAnOriginatorTheOneThatWasSuppliedIsMeant) {
   Entry& entry = AClient("agent");
   Enqueue(entry, AStoredEnvelope("1.msg").WithId(1).WithOriginator("a"));
