@@ -22,10 +22,6 @@ using ThreadHelper::Guard;
 constexpr unsigned char kApplicationData = SSL3_RT_APPLICATION_DATA;
 constexpr std::size_t kRecordHeaderBytes = 5;  // type, version, length
 
-Clock::SteadyTime Now() {
-  return Clock::Instance().SteadyNow();
-}
-
 std::uint32_t AddressOf(Connection& connection) {
   if (connection.addressKnown) return connection.address;
   const int socket = SSL_get_fd(connection.tls);
@@ -77,7 +73,7 @@ void ConnectionTable::Shut(Connection& connection) {
 }
 
 void ConnectionTable::EnforceDeadlines() {
-  const Clock::SteadyTime now = Now();
+  const Clock::SteadyTime now = Platform::SteadyNow();
   const Guard guard(mutex_);
   if (!guard) return;
   for (const auto& [number, connection] : handshakes_) {
@@ -119,7 +115,7 @@ void ConnectionTable::Add(SSL* tls) {
   MakeRoomForHandshake();
   const Guard guard(mutex_);
   if (!guard) return;
-  auto* const connection = new Connection(tls, ++made_, Now());
+  auto* const connection = new Connection(tls, ++made_, Platform::SteadyNow());
   if (SSL_set_ex_data(tls, Index(), connection) != 1) {
     delete connection;
     return;
@@ -162,7 +158,7 @@ void ConnectionTable::HandshakeEnds(Connection& connection) {
   if (connection.stage != Stage::kHandshake) return;
   // In TLS 1.3 the peer's part of the handshake looks like data from outside.
   connection.received = 0;
-  connection.lastUse = Now();
+  connection.lastUse = Platform::SteadyNow();
   const bool known = SSL_get0_peer_certificate(connection.tls) != nullptr;
   connection.stage = known ? Stage::kPeer : Stage::kStranger;
   const Guard guard(mutex_);
@@ -220,7 +216,7 @@ bool ConnectionTable::ShutOneHandshake(bool whateverItsAge) {
   if (victim == nullptr) return false;
   const milliseconds grace(victim->stage == Stage::kSilent ? Limits::kSilentGraceMilliseconds
                                                            : Limits::kHandshakeGraceMilliseconds);
-  if (!whateverItsAge && Now() - victim->made < grace) return false;
+  if (!whateverItsAge && Platform::SteadyNow() - victim->made < grace) return false;
   Shut(*victim);
   // It counts no longer, though its thread may need a moment to notice.
   handshakes_.erase(victim->number);

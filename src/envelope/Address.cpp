@@ -90,7 +90,7 @@ std::string ToDisplayString(const std::string& text) {
 std::string Shown(std::string_view text) {
   std::string shown(text.substr(0, kShownLength));
   for (char& c : shown) {
-    if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = '?';
+    if (Platform::IsControl(c)) c = '?';
   }
   if (text.size() > kShownLength) shown += "...";
   return shown;

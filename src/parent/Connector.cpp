@@ -19,12 +19,9 @@ namespace {
 using Milliseconds = std::chrono::milliseconds;
 using SteadyTime = Platform::Clock::SteadyTime;
 
-SteadyTime Now() {
-  return Platform::Clock::Instance().SteadyNow();
-}
-
 Milliseconds Until(SteadyTime deadline) {
-  return std::max(Milliseconds(0), std::chrono::ceil<Milliseconds>(deadline - Now()));
+  return std::max(Milliseconds(0),
+                  std::chrono::ceil<Milliseconds>(deadline - Platform::SteadyNow()));
 }
 
 // Closes the stream and leaves errno as it is, or as given.
@@ -68,7 +65,7 @@ class Retry {
         ConnectSteps& steps)
       : settings_(settings), stopping_(stopping), steps_(steps) {
     const std::chrono::seconds total(settings.totalSeconds.load());
-    deadline_ = Now() + (total.count() == 0 ? kDefaultTotalLimit : total);
+    deadline_ = Platform::SteadyNow() + (total.count() == 0 ? kDefaultTotalLimit : total);
   }
 
   int Connect(ACE_SOCK_Stream& stream, const ACE_INET_Addr& address) {
@@ -86,7 +83,8 @@ class Retry {
   bool Stopping() const { return stopping_ && stopping_(); }
 
   int Try(ACE_SOCK_Stream& stream, const ACE_INET_Addr& address) {
-    const SteadyTime tryEnds = std::min<SteadyTime>(deadline_, Now() + kOneTryLimit);
+    const SteadyTime tryEnds =
+        std::min<SteadyTime>(deadline_, Platform::SteadyNow() + kOneTryLimit);
     if (steps_.Begin(stream, address) == 0) return 0;
     if (errno != EINPROGRESS) return Fail(stream, errno);
     for (;;) {
@@ -94,15 +92,15 @@ class Retry {
       if (decided == -1) return Fail(stream, errno);
       if (decided == 1) return steps_.Finish(stream) == 0 ? 0 : Fail(stream, errno);
       if (Stopping()) return Fail(stream, ECANCELED);
-      if (Now() >= tryEnds) return Fail(stream, ETIME);
+      if (Platform::SteadyNow() >= tryEnds) return Fail(stream, ETIME);
     }
   }
 
   // False if there is no next try: the time is up, or the router stops.
   bool PauseBeforeNext() {
-    const SteadyTime pauseEnds = Now() + PauseTime();
+    const SteadyTime pauseEnds = Platform::SteadyNow() + PauseTime();
     if (pauseEnds >= deadline_) return false;
-    while (Now() < pauseEnds) {
+    while (Platform::SteadyNow() < pauseEnds) {
       if (Stopping()) return false;
       steps_.Pause(std::min(kStopTestInterval, Until(pauseEnds)));
     }

@@ -10,6 +10,7 @@
 #include "parent/IorParser.h"
 #include "parent/ParentCallLimit.h"
 #include "parent/ParentLogon.h"
+#include "platform/Text.h"
 
 namespace MessageRouter {
 
@@ -23,16 +24,14 @@ constexpr unsigned kMostNames = 20;
 
 // The text comes from whoever answers at the port: it must not make lines of its own in the log.
 std::string OnOneLine(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
+  std::replace_if(text.begin(), text.end(), Platform::IsControl, '?');
   return text;
 }
 
 // ":" is every router's name for itself.
 bool CanBeAName(std::string_view text) {
   return text.size() <= kLongestName && text != ":" &&
-         std::none_of(text.begin(), text.end(),
-                      [](unsigned char c) { return c < 0x20 || c == 0x7F; });
+         std::none_of(text.begin(), text.end(), Platform::IsControl);
 }
 
 }  // namespace

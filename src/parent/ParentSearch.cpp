@@ -20,14 +20,10 @@ using SteadyTime = Platform::Clock::SteadyTime;
 
 constexpr Milliseconds kStopTest{250};
 
-SteadyTime Now() {
-  return Platform::Clock::Instance().SteadyNow();
-}
-
 // Waits until something can be read: 0, or -1 with errno set (ETIME, ECANCELED).
 int AwaitInput(ACE_HANDLE socket, SteadyTime deadline, const std::function<bool()>& stopping) {
   for (;;) {
-    const auto left = std::chrono::ceil<Milliseconds>(deadline - Now());
+    const auto left = std::chrono::ceil<Milliseconds>(deadline - Platform::SteadyNow());
     const int ready =
         WaitForSocket(socket, Readiness::Read, std::clamp(left, Milliseconds(0), kStopTest));
     if (ready != 0) return ready == 1 ? 0 : -1;
@@ -95,10 +91,11 @@ std::string ParentSearch::Fetch(const std::string& host, const ACE_INET_Addr& ad
 std::string ParentSearch::Receive(ACE_SOCK_Stream& stream, std::uint32_t receiveSeconds,
                                   bool& failed) {
   const std::chrono::seconds limit(receiveSeconds);
-  const SteadyTime allOfIt = Now() + std::max(limit, kWholeReplyLimit);
+  const SteadyTime allOfIt = Platform::SteadyNow() + std::max(limit, kWholeReplyLimit);
   std::string text;
   for (;;) {
-    ssize_t length = AwaitInput(stream.get_handle(), std::min(allOfIt, Now() + limit), stopping_);
+    ssize_t length = AwaitInput(stream.get_handle(),
+                                std::min(allOfIt, Platform::SteadyNow() + limit), stopping_);
     if (length == 0) {
       char part[4096];
       length = stream.recv(part, sizeof part);

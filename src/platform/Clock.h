@@ -27,4 +27,9 @@ class Clock {
   static void Replace(Clock* clock);
 };
 
+// That of the process's clock.
+inline Clock::SteadyTime SteadyNow() {
+  return Clock::Instance().SteadyNow();
+}
+
 }  // namespace Platform

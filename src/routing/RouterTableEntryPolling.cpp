@@ -18,10 +18,6 @@ namespace {
 
 constexpr std::uint32_t kRandomMaximum = 32767;
 
-Platform::Clock::SteadyTime Now() {
-  return Platform::Clock::Instance().SteadyNow();
-}
-
 // The spread is meant for numbers of 15 bits; the high half of what comes here is the better one.
 std::uint32_t NextRandom(std::uint32_t& seed) {
   return (static_cast<std::uint32_t>(ACE_OS::rand_r(&seed)) >> 16) & kRandomMaximum;
@@ -40,7 +36,7 @@ void RouterTableEntry::unsafe_enablePolling(const Thresholds& thresholds) {
   if (expectedResponses_ != 0) {
     pollInterval_ =
         RandomisedLocked(thresholds.getterShortInterval, thresholds.randomizeGetterInterval);
-    shortPollDeadline_ = Now() + std::chrono::seconds(thresholds.getterInterval);
+    shortPollDeadline_ = Platform::SteadyNow() + std::chrono::seconds(thresholds.getterInterval);
   } else {
     pollInterval_ = RandomisedLocked(thresholds.getterInterval, thresholds.randomizeGetterInterval);
   }
@@ -60,7 +56,7 @@ void RouterTableEntry::responseExpected() {
       interval = pollInterval_;
     }
     ++expectedResponses_;
-    shortPollDeadline_ = Now() + std::chrono::seconds(thresholds.getterInterval);
+    shortPollDeadline_ = Platform::SteadyNow() + std::chrono::seconds(thresholds.getterInterval);
   }
   if (!changed) return;
   Quietly([&] {
@@ -103,7 +99,7 @@ bool RouterTableEntry::readyForTimedPoll() {
   {
     WriteGuard guard(lock_);
     if (!guard || logonState_ != kLoggedOn || supplierState_ != kPollWaiting) return false;
-    const SteadyTime now = Now();
+    const SteadyTime now = Platform::SteadyNow();
     if (expectedResponses_ != 0 && now >= shortPollDeadline_) {
       reset = true;
       expectedResponses_ = 0;
@@ -184,7 +180,7 @@ void RouterTableEntry::successfulGet(LogonGeneration generation) {
     current = generation == generation_;
     if (current) {
       supplierState_ = kPollWaiting;
-      lastGet_ = Now();
+      lastGet_ = Platform::SteadyNow();
       again = std::exchange(notifiedWhilePolled_, false);
     }
   }

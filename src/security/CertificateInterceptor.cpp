@@ -4,7 +4,6 @@
 #include <openssl/objects.h>
 #include <openssl/x509.h>
 
-#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <exception>
@@ -14,6 +13,7 @@
 
 #include "logging/Log.h"
 #include "platform/Clock.h"
+#include "platform/Text.h"
 #include "security/Roles.h"
 
 namespace MessageRouter {
@@ -111,8 +111,10 @@ namespace {
 std::string Printable(std::string_view operation) {
   constexpr std::size_t kLongest = 64;
   std::string text(operation.substr(0, kLongest));
-  std::replace_if(
-      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c > 0x7E; }, '?');
+  constexpr unsigned char kLastAscii = 0x7F;
+  for (char& c : text) {
+    if (Platform::IsControl(c) || static_cast<unsigned char>(c) > kLastAscii) c = '?';
+  }
   return text;
 }
 
