@@ -26,7 +26,7 @@ class ScanThread : public ThreadHelper::StoppableThreadHelper, public RouterTabl
   void Configure(std::uint32_t periodSeconds, std::uint32_t workers);
   std::uint32_t Workers() const { return workerCount_; }
   // Ends the thread, if it was started, and closes the pool.
-  void Stop();
+  void Stop() override;
   void Process() override;
 
  protected:

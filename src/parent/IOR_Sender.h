@@ -17,8 +17,8 @@ class IOR_Sender : public ThreadHelper::StoppableThreadHelper {
   // Both before Start.
   void SetPort(std::uint16_t port);
   void SetIOR(const std::string& ior);
-  // Hides the base's: what the last run has tried says nothing about this one.
-  void Start();
+  // What the last run has tried says nothing about this one.
+  void Start() override;
   // The port that is open; 0 while none is. Any thread.
   std::uint16_t ListeningPort() const { return listeningPort_; }
   // After Start: until the port is open or could not be opened, and at most so long. False if it is

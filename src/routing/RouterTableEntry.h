@@ -34,7 +34,7 @@ using LogonGeneration = std::uint64_t;
 // active supplier pushes.
 //
 // Threads: any; one read-write lock guards the entry. No remote call, no disk access and no call of
-// RoutingHost (leaf locks excepted) happens under it.
+// RoutingHost happens under it.
 class RouterTableEntry {
  public:
   enum LogonState : std::uint32_t {
@@ -169,8 +169,9 @@ class RouterTableEntry {
 
   // `name` is whose logon or logoff it is: an entry that has become another peer's since it was
   // found is left alone.
-  // Logons throw BrelixMessaging::NotRegistered. With `loggingOn` false the entry is restored from
-  // the table file, and no objects are activated.
+  // Logons throw BrelixMessaging::NotRegistered, and Rejected if the lock can't be taken. With
+  // `loggingOn` false the entry is restored from the table file: no objects are activated, and the
+  // lock's failure is silent.
   LocalPeerObjects LogonClient(const std::string& name,
                                BrelixMessaging::EnvelopeConsumer_ptr consumer,
                                BrelixMessaging::NotifyConsumer_ptr notify, std::int32_t threshold,
@@ -222,7 +223,6 @@ class RouterTableEntry {
   // Notification.
   // Nothing is claimed unless that session stands.
   Claim NotificationWanted(LogonGeneration session);
-  Claim NotificationWanted();
   Claim NotificationRetryDue();
   void NotificationAccepted(LogonGeneration generation, std::int32_t threshold);
   void NotificationFailed(LogonGeneration generation);

@@ -9,14 +9,6 @@ namespace MessageRouter {
 using ThreadHelper::ReadGuard;
 using ThreadHelper::WriteGuard;
 
-namespace {
-
-Platform::Clock::SteadyTime Now() {
-  return Platform::Clock::Instance().SteadyNow();
-}
-
-}  // namespace
-
 RouterTableEntry::Claim RouterTableEntry::ClaimForSending() {
   Claim claim;
   WriteGuard guard(lock_);
@@ -71,10 +63,6 @@ bool RouterTableEntry::IsWorthNotifyingLocked(const Envelope& envelope) const {
          static_cast<std::int32_t>(envelope.Priority()) >= notificationThreshold_;
 }
 
-RouterTableEntry::Claim RouterTableEntry::NotificationWanted() {
-  return NotificationWanted(Generation());
-}
-
 RouterTableEntry::Claim RouterTableEntry::NotificationWanted(LogonGeneration session) {
   Claim claim;
   WriteGuard guard(lock_);
@@ -101,7 +89,7 @@ RouterTableEntry::Claim RouterTableEntry::NotificationRetryDue() {
   claim.generation = generation_;
   if (!guard || logonState_ != kLoggedOn || CORBA::is_nil(references_.notifyConsumer)) return claim;
   if (consumerState_ != kNothingSent && consumerState_ != kNoNotification) return claim;
-  const SteadyTime now = Now();
+  const SteadyTime now = Platform::SteadyNow();
   if (nextNotification_ && now <= *nextNotification_) return claim;
   if (!outgoing_.Enter(&Visitors::threshold)) return claim;
   const std::uint64_t wanted = notificationRetry_ == 0
@@ -145,7 +133,7 @@ void RouterTableEntry::NotificationFailed(LogonGeneration generation) {
     if (generation == generation_ && NotificationRunningLocked()) {
       NoNotificationLocked();
       notificationRetry_ = thresholds.notificationThresholdInitialRetrySecs;
-      nextNotification_ = Now() + std::chrono::seconds(notificationRetry_);
+      nextNotification_ = Platform::SteadyNow() + std::chrono::seconds(notificationRetry_);
     }
   }
   OfferAgain(turnedAway);
@@ -206,7 +194,7 @@ void RouterTableEntry::TouchLastPull(const std::string& name) {
 
 void RouterTableEntry::TouchLastPullLocked() {
   if (CountsPulls()) {
-    lastPull_ = Now();
+    lastPull_ = Platform::SteadyNow();
   } else {
     lastPull_.reset();
   }
@@ -221,7 +209,7 @@ bool RouterTableEntry::PullTimedOut(LogonGeneration session) const {
   const std::chrono::seconds limit(host_.GetThresholds().activeConsumerConnectionTimeout);
   ReadGuard guard(lock_);
   return guard && session == generation_ && CountsPulls() && lastPull_ &&
-         Now() - *lastPull_ > limit;
+         Platform::SteadyNow() - *lastPull_ > limit;
 }
 
 }  // namespace MessageRouter

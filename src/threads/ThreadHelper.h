@@ -40,7 +40,7 @@ class BasicThreadHelper : public MessageRouter::Streamable, public Processable {
 
   // Throws std::runtime_error "BasicThreadHelper is already running" from any state but idle, and
   // "BasicThreadHelper failed to start thread".
-  void Start();
+  virtual void Start();
   // Waits for the thread and makes the object idle again; 0 at once where no thread is attached.
   // For the object's owner; a call by the object's own thread is a fault of the program and ends
   // the process.
@@ -67,7 +67,7 @@ class StoppableThreadHelper : public BasicThreadHelper {
   // Tells the thread to stop and wakes it. Does not wait for it.
   void RequestStop();
   // RequestStop, Join, and ready to be started again.
-  void Stop();
+  virtual void Stop();
   // True at once when the thread is to stop. Both arguments 0 wait without limit. True if the wait
   // ended by a signal, false if it timed out (`errno` is then ETIME) or failed.
   bool Wait(unsigned seconds, unsigned milliseconds);

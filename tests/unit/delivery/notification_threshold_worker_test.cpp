@@ -68,9 +68,9 @@ TEST_F(ThresholdTest, FirstCallIsMadeAtOnceAndItsAnswerCounts) {
   EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
   EXPECT_TRUE(log.Has(kLogDebug, "Successful NotificationThreshold call to child\n"));
   Enqueue(entry, Stored(1).WithPriority(6));
-  EXPECT_FALSE(entry.NotificationWanted().acquired);
+  EXPECT_FALSE(entry.NotificationWanted(entry.Generation()).acquired);
   Enqueue(entry, Stored(2).WithPriority(7));
-  EXPECT_TRUE(entry.NotificationWanted().acquired);
+  EXPECT_TRUE(entry.NotificationWanted(entry.Generation()).acquired);
 }
 
 TEST_F(ThresholdTest, AfterTheAnswerTheSendersLookWhetherSomethingIsWorthANotification) {
@@ -85,7 +85,7 @@ TEST_F(ThresholdTest, ANegativeThresholdIsTakenAsItIs) {
   peer->threshold = -1;
   VisitForThreshold();
   Enqueue(entry, Stored(1).WithPriority(0xFFFFFFFF));
-  EXPECT_TRUE(entry.NotificationWanted().acquired);
+  EXPECT_TRUE(entry.NotificationWanted(entry.Generation()).acquired);
 }
 
 TEST_F(ThresholdTest, SystemExceptionAndThenSuccessIsASuccess) {
@@ -118,14 +118,14 @@ TEST_F(ThresholdTest, FailureWhoseOfferToTheSendersFailsTooCostsNotTheProcess) {
     Logon(peer);
     Enqueue(entry, Stored(1));
     // A sender of the new session is turned away, and to be sent again.
-    EXPECT_FALSE(entry.NotificationWanted().acquired);
+    EXPECT_FALSE(entry.NotificationWanted(entry.Generation()).acquired);
     throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
   };
   host.onOfferToSenders = [] { throw std::bad_alloc(); };
   VisitForThreshold();
   EXPECT_TRUE(log.Contains("NotificationThresholdWorker: Caught"));
   // Nobody is at the peer any more.
-  EXPECT_TRUE(entry.NotificationWanted().acquired);
+  EXPECT_TRUE(entry.NotificationWanted(entry.Generation()).acquired);
 }
 
 TEST_F(ThresholdTest, AnswerForWhoseLineThereIsNoMemoryCounts) {
@@ -290,7 +290,7 @@ TEST_F(ThresholdTest, AnswerOfAnOldSessionDoesNotCountForTheNewOne) {
   VisitForThreshold();
   EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNothingSent);
   Enqueue(entry, Stored(1).WithPriority(0));
-  EXPECT_TRUE(entry.NotificationWanted().acquired);
+  EXPECT_TRUE(entry.NotificationWanted(entry.Generation()).acquired);
 }
 
 }  // namespace

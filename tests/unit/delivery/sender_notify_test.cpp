@@ -66,7 +66,7 @@ TEST_F(SenderNotifyTest, NotificationAfterWhichThereIsNoMemoryIsASuccess) {
     EXPECT_TRUE(TestSupport::AllocationFailure::Happened());
   }
   EXPECT_EQ(entry.GetConsumerState(), RouterTableEntry::kNotified);
-  EXPECT_TRUE(entry.NotificationWanted().acquired);
+  EXPECT_TRUE(entry.NotificationWanted(entry.Generation()).acquired);
 }
 
 // Whichever allocation of the visit it is.
@@ -88,7 +88,7 @@ TEST_F(SenderNotifyTest, OneAllocationThatFailsLeavesTheWayToThePeerFree) {
     }
     entry.LogonClient(entry.Name(), BrelixMessaging::EnvelopeConsumer::_nil(), peer.Reference(), 0,
                       true);
-    const RouterTableEntry::Claim claim = entry.NotificationWanted();
+    const RouterTableEntry::Claim claim = entry.NotificationWanted(entry.Generation());
     EXPECT_TRUE(claim.acquired) << successes;
     entry.NotificationFinished(claim.generation);
   }
@@ -101,7 +101,7 @@ TEST_F(SenderNotifyTest, EnvelopeThatArrivesAfterAnEmptyPullIsNotifiedOnceMore) 
   peer->onCall = [&](int call) {
     if (call > 1) return;
     PullWithNothingThere(entry);
-    EXPECT_FALSE(entry.NotificationWanted().acquired);
+    EXPECT_FALSE(entry.NotificationWanted(entry.Generation()).acquired);
   };
   Visit(entry);
   EXPECT_EQ(peer->count, 2);
@@ -118,7 +118,7 @@ TEST_F(SenderNotifyTest, FailureOfTheSecondNotificationIsRecorded) {
       throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
     }
     PullWithNothingThere(entry);
-    EXPECT_FALSE(entry.NotificationWanted().acquired);
+    EXPECT_FALSE(entry.NotificationWanted(entry.Generation()).acquired);
   };
   Visit(entry);
   EXPECT_EQ(peer->count, 3);
@@ -133,7 +133,7 @@ TEST_F(SenderNotifyTest, EnvelopeThatIsFetchedBeforeTheSecondNotificationNeedsNo
   Enqueue(entry, Stored(1));
   peer->onCall = [&](int) {
     PullWithNothingThere(entry);
-    EXPECT_FALSE(entry.NotificationWanted().acquired);
+    EXPECT_FALSE(entry.NotificationWanted(entry.Generation()).acquired);
     entry.TakeAll();
   };
   Visit(entry);

@@ -98,11 +98,11 @@ TEST_F(EntryPushTest, ASenderThatHangsKeepsTheNotificationsOfANewSessionOutToo) 
   const Entry::Claim stale = client_.ClaimForSending();
   LogonNotified(client_);
   Enqueue(client_, AnEnvelope());
-  EXPECT_FALSE(client_.NotificationWanted().acquired);
+  EXPECT_FALSE(client_.NotificationWanted(client_.Generation()).acquired);
   EXPECT_EQ(client_.GetConsumerState(), Entry::kNothingSent);
   client_.SendFinished(stale.generation);
   EXPECT_THAT(host_.Senders(), ElementsAre(&client_));
-  EXPECT_TRUE(client_.NotificationWanted().acquired);
+  EXPECT_TRUE(client_.NotificationWanted(client_.Generation()).acquired);
 }
 
 TEST_F(EntryPushTest, AnEntryInWhichASenderHangsIsTakenOverByNobody) {
@@ -133,7 +133,7 @@ class EntryNotificationTest : public RoutingTest {
   // The generation of a notification under way.
   MessageRouter::LogonGeneration Begin() {
     if (!peer_.HasEnvelopes()) Enqueue(peer_, AnEnvelope());
-    const Entry::Claim claim = peer_.NotificationWanted();
+    const Entry::Claim claim = peer_.NotificationWanted(peer_.Generation());
     EXPECT_TRUE(claim.acquired);
     return claim.generation;
   }
@@ -143,26 +143,26 @@ class EntryNotificationTest : public RoutingTest {
 };
 
 TEST_F(EntryNotificationTest, IsWantedOnceSomethingWaits) {
-  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+  EXPECT_FALSE(peer_.NotificationWanted(peer_.Generation()).acquired);
   Enqueue(peer_, AnEnvelope());
-  EXPECT_TRUE(peer_.NotificationWanted().acquired);
+  EXPECT_TRUE(peer_.NotificationWanted(peer_.Generation()).acquired);
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifying);
-  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+  EXPECT_FALSE(peer_.NotificationWanted(peer_.Generation()).acquired);
 }
 
 TEST_F(EntryNotificationTest, ThePriorityComparesSignedWithTheThreshold) {
   Enqueue(peer_, AnEnvelope().WithPriority(0xFFFFFFFF));  // -1
   Logon(1);
-  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+  EXPECT_FALSE(peer_.NotificationWanted(peer_.Generation()).acquired);
   Logon(-1);
-  EXPECT_TRUE(peer_.NotificationWanted().acquired);
+  EXPECT_TRUE(peer_.NotificationWanted(peer_.Generation()).acquired);
 }
 
 TEST_F(EntryNotificationTest, APullThatFoundNothingMeanwhileAsksForOneMoreNotification) {
   const auto generation = Begin();
   PullWithNothingThere(peer_);
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyingPulledEmpty);
-  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+  EXPECT_FALSE(peer_.NotificationWanted(peer_.Generation()).acquired);
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyAgain);
   EXPECT_TRUE(peer_.NotificationFinished(generation));
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
@@ -172,7 +172,7 @@ TEST_F(EntryNotificationTest, APullThatFoundNothingMeanwhileAsksForOneMoreNotifi
 TEST_F(EntryNotificationTest, AFinishedOneLeavesThePeerNotifiedAndItCanBeNotifiedAgain) {
   EXPECT_FALSE(peer_.NotificationFinished(Begin()));
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
-  EXPECT_TRUE(peer_.NotificationWanted().acquired);
+  EXPECT_TRUE(peer_.NotificationWanted(peer_.Generation()).acquired);
   PullWithNothingThere(peer_);
   EXPECT_FALSE(peer_.NotificationFinished(peer_.Generation()));
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
@@ -188,7 +188,7 @@ TEST_F(EntryNotificationTest, APullOutsideOfANotificationChangesNoState) {
   const auto generation = Begin();
   PullWithNothingThere(peer_);
   expectToStay(Entry::kNotifyingPulledEmpty);
-  peer_.NotificationWanted();
+  peer_.NotificationWanted(peer_.Generation());
   expectToStay(Entry::kNotifyAgain);
   peer_.NotificationFinished(generation);
   expectToStay(Entry::kNotified);
@@ -200,7 +200,7 @@ TEST_F(EntryNotificationTest, WithAThresholdOf0EveryEnvelopeIsWorthANotification
   for (const std::uint32_t priority : {0u, 1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
     Logon(0);
     Enqueue(peer_, AnEnvelope().WithPriority(priority));
-    const Entry::Claim claim = peer_.NotificationWanted();
+    const Entry::Claim claim = peer_.NotificationWanted(peer_.Generation());
     EXPECT_TRUE(claim.acquired) << priority;
     peer_.NotificationFinished(claim.generation);
     peer_.TakeAll();
@@ -210,13 +210,13 @@ TEST_F(EntryNotificationTest, WithAThresholdOf0EveryEnvelopeIsWorthANotification
 TEST_F(EntryNotificationTest, OneOfNegativePriorityDoesNotKeepThePeerFromHearingOfTheOthers) {
   Enqueue(peer_, AnEnvelope().WithPriority(0xFFFFFFFF));
   Enqueue(peer_, AnEnvelope().WithPriority(5));
-  EXPECT_TRUE(peer_.NotificationWanted().acquired);
+  EXPECT_TRUE(peer_.NotificationWanted(peer_.Generation()).acquired);
 }
 
 TEST_F(EntryNotificationTest, AFailedOneWaitsTheInitialTime) {
   peer_.NotificationFailed(Begin());
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNoNotification);
-  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+  EXPECT_FALSE(peer_.NotificationWanted(peer_.Generation()).acquired);
   clock_.Advance(seconds(100));
   EXPECT_FALSE(peer_.NotificationRetryDue().acquired);
   clock_.Advance(std::chrono::milliseconds(1));
@@ -248,9 +248,9 @@ TEST_F(EntryNotificationTest, AnAcceptedThresholdCounts) {
   peer_.NotificationAccepted(claim.generation, 5);
   EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotified);
   Enqueue(peer_, AnEnvelope().WithPriority(4));
-  EXPECT_FALSE(peer_.NotificationWanted().acquired);
+  EXPECT_FALSE(peer_.NotificationWanted(peer_.Generation()).acquired);
   Enqueue(peer_, AnEnvelope().WithPriority(5));
-  EXPECT_TRUE(peer_.NotificationWanted().acquired);
+  EXPECT_TRUE(peer_.NotificationWanted(peer_.Generation()).acquired);
 }
 
 TEST_F(EntryNotificationTest, TheEndOfAStaleOneChangesNothing) {
@@ -275,7 +275,7 @@ TEST_F(EntryNotificationTest, ACallOfAnOldSessionKeepsOthersOutAndEveryOutcomeOf
     Logon(0);
     const auto stale = Begin();
     Logon(0);
-    EXPECT_FALSE(peer_.NotificationWanted().acquired);
+    EXPECT_FALSE(peer_.NotificationWanted(peer_.Generation()).acquired);
     EXPECT_FALSE(peer_.NotificationRetryDue().acquired);
     EXPECT_EQ(peer_.GetConsumerState(), Entry::kNothingSent);
     EXPECT_THAT(host_.Senders(), IsEmpty());
@@ -354,7 +354,7 @@ TEST_F(EntryNotificationTest, OneThatPulledDuringTheCallDoesNotTimeOutBeforeItsE
   Begin();
   for (const bool again : {false, true}) {
     PullWithNothingThere(peer_);
-    if (again) peer_.NotificationWanted();
+    if (again) peer_.NotificationWanted(peer_.Generation());
     peer_.TouchLastPull(peer_.Name());
     clock_.Advance(seconds(1801));
     EXPECT_FALSE(peer_.PullTimedOut()) << again;
@@ -368,7 +368,7 @@ TEST_F(EntryNotificationTest, AfterAFailedCallTheTimeRunsFromThereIfThePeerPulle
       Logon(0);
       const auto generation = Begin();
       PullWithNothingThere(peer_);
-      if (again) peer_.NotificationWanted();
+      if (again) peer_.NotificationWanted(peer_.Generation());
       peer_.TouchLastPull(peer_.Name());
       clock_.Advance(seconds(1801));
       std::invoke(fail, peer_, generation);
@@ -445,7 +445,7 @@ TEST_F(EntryNotificationTest, EveryOutcomeEndsACallDuringWhichAnotherWasWanted) 
     Logon(0);
     const auto generation = Begin();
     PullWithNothingThere(peer_);
-    peer_.NotificationWanted();
+    peer_.NotificationWanted(peer_.Generation());
     EXPECT_EQ(peer_.GetConsumerState(), Entry::kNotifyAgain);
     return generation;
   };

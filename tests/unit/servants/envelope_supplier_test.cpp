@@ -46,7 +46,7 @@ class EnvelopeSupplierTest : public ServantWorld {
   void StartNotification(const std::string& name) {
     LogOnClient(name, notifier.reference);
     QueueFor(name);
-    ASSERT_TRUE(Entry(name).NotificationWanted().acquired);
+    ASSERT_TRUE(Entry(name).NotificationWanted(Entry(name).Generation()).acquired);
     MessageRouter::Envelope envelope;
     ASSERT_TRUE(Entry(name).PopNext(envelope));
     ASSERT_EQ(Entry(name).GetConsumerState(), RouterTableEntry::kNotifying);
