@@ -55,9 +55,11 @@ class ParentLogon : public ThreadHelper::StoppableThreadHelper {
   void Enable();
   // The session with the parent is over, whatever the cause.
   void LinkLost();
-  // From a callback this only asks for the stop.
+  // Only asks for the stop, and can be called from anywhere. With `logoff` the thread takes leave
+  // of the parent first; without it the logon is forgotten at once, and there is nobody to take
+  // leave of.
   void RequestStopLogon(bool logoff);
-  // With `logoff` the thread takes leave of the parent first.
+  // The same, and waits for the thread.
   void StopLogon(bool logoff);
   void Process() override;
 

@@ -38,9 +38,8 @@ struct Thresholds {
 };
 
 // What routing asks of the rest of the router. Implemented by Router; tests play it.
-// Threads: any. No lock of this folder is held when these are called, except by GetThresholds and
-// OfferToSenders, which take leaf locks alone. Nobody repeats an offer: it reaches its pool
-// whatever memory there is.
+// Threads: any. No lock of this folder is held when these are called. Nobody repeats an offer: it
+// reaches its pool whatever memory there is.
 class RoutingHost {
  public:
   virtual ~RoutingHost() = default;

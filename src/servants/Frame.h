@@ -33,7 +33,8 @@ auto Operation(const char* name, Work&& work) {
   return Framed(name, std::forward<Work>(work));
 }
 
-// For the few operations that don't turn faults into Rejected.
+// For operations that tell nothing of this router's own faults by Rejected: those of the root
+// object, heartbeats and notifications, and GetEnvelope, which makes its own of them.
 template <class Work>
 auto OpenOperation(const char* name, Work&& work) {
   const Broker::Gate::Pass pass;

@@ -7,7 +7,8 @@
 namespace RouterServants {
 
 // Makes and deactivates the per-peer servants on "RouterTransient" and "RouterCertify".
-// Threads: any; the instance is set and cleared by the main thread while no request runs.
+// Threads: any. The main thread sets and clears the instance; a request may still use one that has
+// been cleared.
 class ServantHelper : public MessageRouter::LocalObjects {
  public:
   // Throws std::runtime_error "ServantHelper not initialized".
