@@ -103,6 +103,8 @@ class Router : public RoutingHost, public ParentLogonHost {
   void doStopRouting();
   void ReadConnectRetry();
   void FreeCycleLeftovers();
+  // Between two attempts to read or write the table's file.
+  static void PauseForTable();
   void SetOrb(CORBA::ORB_ptr orb);
   CORBA::ORB_var GetOrb() const;
   void SleepUnlessStopping(unsigned milliseconds);

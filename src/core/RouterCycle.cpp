@@ -146,7 +146,7 @@ void RouterCycle::LoadState() {
   router_.debugBreakpoints_ = GetConfigBool("EnableDebugBreakpoints", false);
   if (router_.debugBreakpoints_) LogDebug("Debug breakpoints enabled.");
 
-  router_.routerTable_.ReadTable(router_.hasParent_);
+  router_.routerTable_.ReadTable(router_.hasParent_, Router::PauseForTable);
   router_.tableRead_ = true;
 
   LogDebug("Loading envelopes from persistent storage...\n");

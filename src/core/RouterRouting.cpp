@@ -18,11 +18,15 @@ namespace MessageRouter {
 namespace {
 
 constexpr std::chrono::seconds kIorPortTime{5};
-// What is short for a moment may be there after it; a stop has ten seconds for all.
-constexpr unsigned kTablePauseMilliseconds = 200;
 constexpr std::chrono::seconds kTellingTime{2};
 
 }  // namespace
+
+// What is short for a moment may be there after it; a stop has ten seconds for all.
+void Router::PauseForTable() {
+  constexpr unsigned kMilliseconds = 200;
+  Platform::SleepMilliseconds(kMilliseconds);
+}
 
 void Router::ReadConnectRetry() {
   const auto apply = [](const char* key, std::uint32_t defaultValue,
@@ -107,7 +111,7 @@ void Router::doStopRouting() {
   // A start that failed before it had read the table must not replace the file by an empty one.
   Step("writing the router table", [this] {
     if (!tableRead_) return;
-    routerTable_.WriteLast([] { Platform::SleepMilliseconds(kTablePauseMilliseconds); });
+    routerTable_.WriteLast(PauseForTable);
   });
   tableRead_ = false;
   Step("clearing the router table", [this] { routerTable_.Clear(); });

@@ -43,11 +43,6 @@ void AppendNumber(std::string& text, std::string_view key, std::int64_t number) 
   EnvelopeText::AppendField(text, key, {digits, static_cast<std::size_t>(end.ptr - digits)});
 }
 
-// Whether the file may well be readable at another moment.
-bool IsShortage(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR || error == EAGAIN;
-}
-
 // Whether the file was made and could not be filled, in contrast to one that could not be made.
 bool IsWriteFailure(int error) {
   return error == ENOSPC || error == EDQUOT || error == EFBIG || error == EIO;
@@ -135,7 +130,7 @@ bool Envelope::FromPersistent() {
   const std::optional<std::string> text = Platform::ReadFile(fileName, kFileLimit, &error);
   // A shortage passes, and its envelope is whole: all else is told as the broken envelope that its
   // holder may drop.
-  if (!text && IsShortage(error)) {
+  if (!text && Platform::IsShortage(error)) {
     throw PassingShortage("The envelope file " + fileName + " cannot be read at present");
   }
   if (!text && error != EFBIG) {

@@ -38,6 +38,8 @@ class PublishFolder {
 // Reads a whole regular file. Nothing if it cannot be opened or read, or is longer than `limit`
 // bytes; `error`, where given, then has the system's number (EFBIG for too long).
 std::optional<std::string> ReadFile(const std::string& path, std::size_t limit, int* error);
+// Whether a file that gave that error may well be readable at another moment.
+bool IsShortage(int error);
 
 // Writes beside the old file, syncs, and renames over it: readers see the old text or the new.
 // Permissions and owner of an old file are kept (the owner only as far as the process may); a new

@@ -67,8 +67,11 @@ class RouterTable {
   // follow. Nothing happens where the limit of such peers is reached.
   void AddCertificationEntry(const std::string& name);
 
-  // Opens the table and fills it from the file; a damaged line ends the reading with one warning.
-  void ReadTable(bool createParent);
+  // Opens the table and fills it from the file; a damaged line ends the reading with one warning. A
+  // file that can't be read is set aside, and the table is empty; one that could not be read for a
+  // shortage that may pass is tried again a few times first, after `pause` each.
+  void ReadTable(
+      bool createParent, const std::function<void()>& pause = [] {});
   // At most once a minute unless forced; a write that is put off, or fails, is made by Tick. A
   // forced one closes the table, unless it ends in an exception. The file is replaced whole.
   void WriteTable(bool force);
@@ -113,6 +116,9 @@ class RouterTable {
   void PeerLoggedOff(const std::string& name, bool isRouter) const;
 
   void Restore(const RegEntry& record);
+  // Whatever the interval. The caller has claimed the write; one that fails, or for which there is
+  // a lock too few, is owed. `close` closes the table in the step in which the rows are taken, and
+  // an exception after that opens it again; what the disk did not take of a closed one is kept.
   void Write(bool close);
   // Whether a write may start now; notes it where it may not.
   bool ClaimWrite(bool force);

@@ -23,7 +23,7 @@ namespace {
 constexpr std::chrono::milliseconds kWriteInterval(60001);
 constexpr std::size_t kLargestFile = std::size_t{64} << 20;
 constexpr unsigned kFileMode = 0600;
-constexpr unsigned kLastTries = 3;
+constexpr unsigned kTries = 3;
 
 bool CanBeStored(const std::string& name) {
   return name.find_first_of(".\r\n") == std::string::npos;
@@ -56,6 +56,17 @@ void LogWriteFailure(int error) {
   }
 }
 
+// What is short for a moment must not cost all registrations.
+std::optional<std::string> ReadPatiently(const std::string& path,
+                                         const std::function<void()>& pause, int& error) {
+  for (unsigned left = kTries;; --left) {
+    std::optional<std::string> text = Platform::ReadFile(path, kLargestFile, &error);
+    if (text || !Platform::IsShortage(error) || left == 1) return text;
+    LogSystemError(kLogWarning, "Trying again to read the router table file", error);
+    pause();
+  }
+}
+
 }  // namespace
 
 std::vector<RegEntry> ParseTableFile(const std::string& text, std::size_t& badLine) {
@@ -85,7 +96,7 @@ std::vector<RegEntry> ParseTableFile(const std::string& text, std::size_t& badLi
   return records;
 }
 
-void RouterTable::ReadTable(bool createParent) {
+void RouterTable::ReadTable(bool createParent, const std::function<void()>& pause) {
   LogInfo("Reading router table file\n");
   {
     WriteGuard guard(mutex_);
@@ -96,7 +107,7 @@ void RouterTable::ReadTable(bool createParent) {
   }
   int error = 0;
   const std::optional<std::string> kept = KeptText();
-  if (const auto text = kept ? kept : Platform::ReadFile(filePath_, kLargestFile, &error)) {
+  if (const auto text = kept ? kept : ReadPatiently(filePath_, pause, error)) {
     std::size_t badLine = 0;
     const std::vector<RegEntry> records = ParseTableFile(*text, badLine);
     if (badLine != 0) {
@@ -267,8 +278,8 @@ void RouterTable::WriteTable(bool force) {
 // A table that an exception has opened again is written anew, with what has come in meanwhile; of
 // a closed one the text.
 void RouterTable::WriteLast(const std::function<void()>& pause) {
-  for (unsigned left = kLastTries; left != 0; --left) {
-    if (left != kLastTries) {
+  for (unsigned left = kTries; left != 0; --left) {
+    if (left != kTries) {
       Quietly([] { LogWarning("Trying again to write the router table file\n"); });
       pause();
     }

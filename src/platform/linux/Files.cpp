@@ -117,6 +117,10 @@ std::optional<std::string> ReadFile(const std::string& path, std::size_t limit, 
   return content;
 }
 
+bool IsShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR || error == EAGAIN;
+}
+
 int ReplaceFile(const std::string& path, std::string_view content, unsigned mode) {
   static std::atomic<unsigned> counter{0};
   // A file that is reached through a symbolic link is replaced where it stands; the link stays.

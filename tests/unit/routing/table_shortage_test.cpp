@@ -1,10 +1,12 @@
 // The table while there is no memory: what it does is done whole or not at all.
 #include <filesystem>
 #include <new>
+#include <optional>
 
 #include "config/Configuration.h"
 #include "fixture.h"
 #include "support/AllocationFailure.h"
+#include "support/NoDescriptors.h"
 #include "threads/FailLocks.h"
 
 namespace TestSupport {
@@ -180,6 +182,45 @@ TEST_F(ClearedInAShortageTest, ATableIsEmptiedThoughFormerEntriesAreLeft) {
 }
 
 // The file
+
+TEST_F(TableShortageTest, AFileForWhichThereIsADescriptorTooFewIsReadAMomentLater) {
+  const std::string text = kName + ".0..\n";
+  WriteTableText(text);
+  unsigned pauses = 0;
+  {
+    std::optional<NoDescriptors> none(std::in_place);
+    table_.ReadTable(true, [&] {
+      if (++pauses == 2) none.reset();
+    });
+  }
+  EXPECT_EQ(pauses, 2u);
+  EXPECT_EQ(log_.Count("Trying again to read the router table file: "), 2u);
+  EXPECT_THAT(Rows(), UnorderedElementsAre(" (parent)", kName));
+  EXPECT_EQ(TableText(), text);
+  EXPECT_FALSE(std::filesystem::exists(TablePath() + ".bad"));
+}
+
+TEST_F(TableShortageTest, AFileForWhichThereIsNoDescriptorForGoodIsSetAsideAndTheTableIsEmpty) {
+  WriteTableText(kName + ".0..\n");
+  unsigned pauses = 0;
+  {
+    const NoDescriptors none;
+    table_.ReadTable(true, [&] { ++pauses; });
+  }
+  EXPECT_EQ(pauses, 2u);
+  EXPECT_THAT(Rows(), ElementsAre(" (parent)"));
+  EXPECT_TRUE(std::filesystem::exists(TablePath() + ".bad"));
+  table_.WriteTable(true);
+  EXPECT_EQ(TableText(), "");
+}
+
+TEST_F(TableShortageTest, AFileThatNoTimeMakesReadableIsNotWaitedFor) {
+  std::filesystem::create_directory(TablePath());
+  unsigned pauses = 0;
+  table_.ReadTable(true, [&] { ++pauses; });
+  EXPECT_EQ(pauses, 0u);
+  EXPECT_THAT(Rows(), ElementsAre(" (parent)"));
+}
 
 TEST_F(TableShortageTest, AFileThatIsReadWithoutMemoryIsNotDamagedAndIsReadAnotherTime) {
   const std::string text = kName + ".0..\n" + kOther + ".1..\n";
