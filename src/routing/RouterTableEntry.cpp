@@ -315,7 +315,14 @@ bool RouterTableEntry::TakeOver(const std::string& name, std::vector<Envelope>& 
   ++generation_;
   // Nothing of the former peer is left but the place.
   isRouter_ = false;
+  notificationThreshold_ = 0;
+  nextNotification_.reset();
+  notificationRetry_ = 0;
   lastPull_.reset();
+  lastGet_.reset();
+  shortPollDeadline_ = {};
+  pollInterval_ = 0;
+  expectedResponses_ = 0;
   name_.swap(taken);
   logonState_ = kCertificationReserved;
   return true;

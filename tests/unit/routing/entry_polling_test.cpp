@@ -331,5 +331,18 @@ TEST_F(EntryPollingTest, AZeroIntervalStaysZero) {
   EXPECT_TRUE(peer_.readyForTimedPoll());
 }
 
+TEST_F(EntryPollingTest, NothingOfTheFormerPeersPollingIsLeftToWhoeverTakesItsEntryOver) {
+  LogonPolled(peer_);
+  Poll();
+  peer_.responseExpected();
+  table_.Unregister("child");
+  table_.AddCertificationEntry("new");
+  ASSERT_EQ(table_.Find("new"), &peer_);
+  table_.Register("new", true);
+  LogonPolled(peer_);
+  EXPECT_TRUE(Logged("unsafe_enablePolling(): set polling interval to 900 seconds for new"));
+  EXPECT_TRUE(peer_.readyForTimedPoll());
+}
+
 }  // namespace
 }  // namespace TestSupport
