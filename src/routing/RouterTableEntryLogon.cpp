@@ -133,7 +133,10 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(const std::string
   SessionReport report;
   {
     WriteGuard guard(lock_);
-    if (!guard) return activated;
+    if (!guard) {
+      if (loggingOn) throw BrelixMessaging::Rejected();
+      return activated;
+    }
     if (!registered_ || !IsCallersLocked(name)) throw BrelixMessaging::NotRegistered();
     ResetLocked(dismissed);
     isRouter_ = isRouter;

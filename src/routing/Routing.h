@@ -61,7 +61,9 @@ class Routing {
   void RegisterPeer(const std::string& name, bool isRouter);
   void UnregisterPeer(const std::string& name, bool isRouter);
 
-  // Logons throw NotRegistered. They return the objects activated for the peer.
+  // Logons throw NotRegistered, and Rejected where the entry's lock can't be taken or the table has
+  // been closed meanwhile. They return the objects activated for the peer, never none: a session
+  // that stands counts, whatever fails after that.
   RouterTableEntry::LocalPeerObjects LogonClientPeer(const std::string& name,
                                                      BrelixMessaging::EnvelopeConsumer_ptr consumer,
                                                      BrelixMessaging::NotifyConsumer_ptr notify,

@@ -26,6 +26,11 @@ bool Attempt(const char* where, const std::string& what, Work&& work) {
   return false;
 }
 
+// A table that was closed during a logon has taken the session along.
+void RequireEntry(const RouterTable& table, const std::string& name) {
+  if (table.Find(name) == nullptr) throw BrelixMessaging::Rejected();
+}
+
 }  // namespace
 
 void Routing::RegisterPeer(const std::string& name, bool isRouter) {
@@ -84,8 +89,9 @@ RouterTableEntry::LocalPeerObjects Routing::LogonClientPeer(
   RouterTableEntry& entry = FindForLogon(name);
   const auto activated = entry.LogonClient(name, consumer, notify, threshold, true);
   Attempt("Routing::LogonClientPeer", name, [&] { table_.WriteTable(false); });
-  OfferForDelivery(entry);
+  Attempt("Routing::LogonClientPeer", name, [&] { OfferForDelivery(entry); });
   clientUpdateNotifier_.Logon(name);
+  RequireEntry(table_, name);
   return activated;
 }
 
@@ -97,10 +103,11 @@ RouterTableEntry::LocalPeerObjects Routing::LogonRouterPeer(
   const auto activated = entry.LogonRouter(name, consumer, supplier, notify, threshold, true);
   Attempt("Routing::LogonRouterPeer", name, [&] { table_.WriteTable(false); });
   // Late news of its former way here would keep its end from being told.
-  news_.TakeFromMapIfHere(name);
-  host_.NotifiedPoll(entry);
-  OfferForDelivery(entry);
+  Attempt("Routing::LogonRouterPeer", name, [&] { news_.TakeFromMapIfHere(name); });
+  Attempt("Routing::LogonRouterPeer", name, [&] { host_.NotifiedPoll(entry); });
+  Attempt("Routing::LogonRouterPeer", name, [&] { OfferForDelivery(entry); });
   routerUpdateNotifier_.Logon(name);
+  RequireEntry(table_, name);
   return activated;
 }
 

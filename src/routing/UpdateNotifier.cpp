@@ -7,6 +7,7 @@
 #include "envelope/MessageType.h"
 #include "logging/Log.h"
 #include "routing/Passing.h"
+#include "routing/Quietly.h"
 #include "routing/Routing.h"
 
 namespace MessageRouter {
@@ -61,17 +62,17 @@ std::string UpdateNotifier::Destination() const {
 }
 
 void UpdateNotifier::Send(const char* event, const std::string& name) {
-  const std::string destination = Destination();
-  if (destination.empty()) return;
   try {
+    const std::string destination = Destination();
+    if (destination.empty()) return;
     CORBA::Any data;
     data <<= name.c_str();
     routing_.SendLocalMessage(destination, ManagementMessageType(event), data, priority_,
                               TimeToLive::Stated(ttl_));
   } catch (const CORBA::Exception& exception) {
-    LogCaughtCorbaException("UpdateNotifier::Send", exception, "");
+    Quietly([&] { LogCaughtCorbaException("UpdateNotifier::Send", exception, ""); });
   } catch (const std::exception& exception) {
-    LogCaughtException("UpdateNotifier::Send", exception, "");
+    Quietly([&] { LogCaughtException("UpdateNotifier::Send", exception, ""); });
   }
 }
 

@@ -27,11 +27,7 @@ namespace {
 // Logs the caller on and returns the objects that are now its own.
 RouterTableEntry::LocalPeerObjects LogOn(const std::string& name, EnvelopeConsumer_ptr consumer,
                                          NotifyConsumer_ptr notify) {
-  MessageRouter::Routing& routing = RunningRouting();
-  RouterTableEntry::LocalPeerObjects local = routing.LogonClientPeer(name, consumer, notify, 0);
-  // The table may have been closed meanwhile.
-  if (routing.Table().Find(name) == nullptr) throw BrelixMessaging::Rejected();
-  return local;
+  return RunningRouting().LogonClientPeer(name, consumer, notify, 0);
 }
 
 void ReportLogon(const std::string& name) {

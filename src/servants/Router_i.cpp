@@ -78,13 +78,8 @@ void Router_i::Logon(RouterConsumer_ptr consumer, RouterSupplier_ptr supplier,
     RouterSupplier_ptr goodSupplier =
         IfItAnswers<RouterSupplier>("Router::Logon", "router supplier", supplier);
 
-    MessageRouter::Routing& routing = RunningRouting();
-    const auto local = routing.LogonRouterPeer(name, goodConsumer, goodSupplier, notify, 0);
-    if (routing.Table().Find(name) == nullptr) throw BrelixMessaging::Rejected();
-    // A logon that could not take the entry's lock has made nothing for the peer.
-    if (CORBA::is_nil(local.consumer) && CORBA::is_nil(local.notify)) {
-      throw BrelixMessaging::Rejected();
-    }
+    const auto local =
+        RunningRouting().LogonRouterPeer(name, goodConsumer, goodSupplier, notify, 0);
     router_supplier = RouterSupplier::_narrow(local.supplier);
     router_consumer = RouterConsumer::_narrow(local.consumer);
     router_notify = NotifyConsumer::_duplicate(local.notify);

@@ -512,10 +512,9 @@ TEST_F(EntryLogonTest, OnlyTheParentMayBeRenamed) {
   }
 }
 
-TEST_F(EntryLogonTest, ALogonWhoseLockFailsChangesNothingAndLeavesNothingActive) {
+TEST_F(EntryLogonTest, ALogonWhoseLockFailsIsRejectedChangesNothingAndLeavesNothingActive) {
   ThreadHelper::FailNextLocks(1);
-  const auto local = client_.LogonClient("agent", pushed_, notify_, 0, true);
-  EXPECT_TRUE(CORBA::is_nil(local.consumer));
+  EXPECT_THROW(client_.LogonClient("agent", pushed_, notify_, 0, true), BrelixMessaging::Rejected);
   EXPECT_FALSE(client_.IsLoggedOn());
   EXPECT_THAT(host_.objects.Active(), IsEmpty());
 }

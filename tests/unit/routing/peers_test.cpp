@@ -5,6 +5,7 @@
 
 #include "fixture.h"
 #include "support/AllocationFailure.h"
+#include "threads/FailLocks.h"
 
 namespace TestSupport {
 namespace {
@@ -36,6 +37,15 @@ class PeersTest : public RoutingTest {
     table_.AddParent("");
     AClient("watcher");
     routing_.RouterUpdates().SetDestination("router1.watcher");
+  }
+  Entry::LocalPeerObjects LogonClient(const std::string& name) {
+    return routing_.LogonClientPeer(name, BrelixMessaging::EnvelopeConsumer::_nil(),
+                                    BrelixMessaging::NotifyConsumer::_nil(), 0);
+  }
+  Entry::LocalPeerObjects LogonRouter(const std::string& name) {
+    return routing_.LogonRouterPeer(name, BrelixMessaging::RouterConsumer::_nil(),
+                                    BrelixMessaging::RouterSupplier::_nil(),
+                                    BrelixMessaging::NotifyConsumer::_nil(), 0);
   }
   // The types of what waits for its decision, which it then has.
   std::vector<std::string> RoutedInOrder() {
@@ -462,6 +472,77 @@ TEST_F(PeersTest, ARouterThatPushesIsNotPolled) {
                            BrelixMessaging::RouterSupplier::_nil(),
                            BrelixMessaging::NotifyConsumer::_nil(), 0);
   EXPECT_THAT(host_.Pollers(), IsEmpty());
+}
+
+// Whichever lock it is.
+TEST_F(PeersTest, ALogonThatGetsALockTooFewGivesItsObjectsOrIsRefused) {
+  Entry& client = AClient("agent");
+  Entry& child = ARouter("child");
+  unsigned refused = 0;
+  for (unsigned spared = 0; spared < 40; ++spared) {
+    for (Entry* entry : {&client, &child}) {
+      if (entry->IsLoggedOn()) entry->Logoff(entry->Name());
+      ThreadHelper::FailLocksAfter(spared, 1);
+      try {
+        const auto local = entry == &client ? LogonClient("agent") : LogonRouter("child");
+        EXPECT_FALSE(CORBA::is_nil(local.consumer)) << spared;
+        EXPECT_TRUE(entry->IsLoggedOn()) << spared;
+      } catch (const CORBA::UserException&) {
+        ++refused;
+      }
+      ThreadHelper::FailNextLocks(0);
+    }
+  }
+  EXPECT_GT(refused, 4u);
+}
+
+TEST_F(PeersTest, ALogonDuringWhichTheTableIsClosedIsRejected) {
+  const auto close = [this] { table_.Clear(); };
+  AClient("agent");
+  host_.onOfferToSenders = close;
+  EXPECT_THROW(LogonClient("agent"), BrelixMessaging::Rejected);
+  table_.ReadTable(false);
+  ARouter("child");
+  EXPECT_THROW(LogonRouter("child"), BrelixMessaging::Rejected);
+}
+
+TEST_F(PeersTest, ALogonCountsAndIsToldThoughAnOfferFails) {
+  AParentAndASubscriber();
+  routing_.ClientUpdates().SetDestination("router1.watcher");
+  Entry& client = AClient("agent");
+  Entry& child = ARouter("child");
+  host_.onOfferToSenders = [] { throw std::runtime_error("no pool"); };
+  EXPECT_NO_THROW(LogonClient("agent"));
+  EXPECT_TRUE(log_.Contains("Routing::LogonClientPeer: Caught no pool agent\n"));
+  EXPECT_NO_THROW(LogonRouter("child"));
+  EXPECT_TRUE(log_.Contains("Routing::LogonRouterPeer: Caught no pool child\n"));
+  host_.onOfferToSenders = nullptr;
+  EXPECT_TRUE(client.IsLoggedOn());
+  EXPECT_TRUE(child.IsLoggedOn());
+  EXPECT_THAT(RoutedInOrder(), ElementsAre("EM-ClientLogon", "EM-RouterLogon"));
+}
+
+// Whichever allocation it is.
+TEST_F(PeersTest, ALogonThatLacksMemoryOnceIsRefusedOrCounts) {
+  const std::string name = "a name that takes memory wherever it is copied";
+  routing_.ClientUpdates().SetDestination("router1.a watcher whose name takes memory");
+  Entry& client = AClient(name);
+  unsigned counted = 0;
+  bool complete = false;
+  for (std::size_t successes = 0; !complete; ++successes) {
+    ASSERT_LT(successes, 1000u);
+    if (client.IsLoggedOn()) client.Logoff(name);
+    PassAMinute();
+    const AllocationFailure failure(successes, 1);
+    try {
+      LogonClient(name);
+      if (client.IsLoggedOn()) ++counted;
+    } catch (const std::bad_alloc&) {
+      EXPECT_FALSE(client.IsLoggedOn()) << successes;
+    }
+    complete = !AllocationFailure::Happened();
+  }
+  EXPECT_GT(counted, 10u);
 }
 
 TEST_F(PeersTest, TheCycleIsNullWhileNoneRuns) {
