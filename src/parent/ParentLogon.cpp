@@ -5,9 +5,9 @@
 
 #include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
-#include "delivery/HeartbeatThread.h"
 #include "envelope/Address.h"
 #include "logging/Log.h"
+#include "parent/HeartbeatThread.h"
 #include "parent/ParentCallLimit.h"
 #include "platform/Clock.h"
 #include "routing/Quietly.h"

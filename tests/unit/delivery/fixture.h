@@ -12,12 +12,12 @@
 #include "delivery/SenderWorker.h"
 #include "delivery/Workers.h"
 #include "envelope/EnvelopeStore.h"
-#include "fake_peers.h"
 #include "logging/Log.h"
 #include "routing/Routing.h"
 #include "security/OwnIdentity.h"
 #include "support/EnvelopeBuilder.h"
 #include "support/FakeClock.h"
+#include "support/FakePeers.h"
 #include "support/FakeRoutingHost.h"
 #include "support/LogCapture.h"
 #include "support/ScratchConfiguration.h"
@@ -28,6 +28,10 @@ using MessageRouter::AnEnvelope;
 using MessageRouter::Envelope;
 using MessageRouter::EnvelopeBuilder;
 using MessageRouter::RouterTableEntry;
+using TestSupport::ClientPeer;
+using TestSupport::NotifyPeer;
+using TestSupport::RouterPeer;
+using TestSupport::SupplierPeer;
 
 // A router named "router1" with a table, and a pool of senders without workers: a test makes the
 // visits itself.

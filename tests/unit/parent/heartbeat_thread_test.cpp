@@ -1,24 +1,28 @@
-#include "delivery/HeartbeatThread.h"
+#include "parent/HeartbeatThread.h"
+
+#include <gtest/gtest.h>
 
 #include <chrono>
 #include <future>
 #include <optional>
 
-#include "fixture.h"
+#include "logging/Log.h"
+#include "support/FakePeers.h"
+#include "support/FakeRoutingHost.h"
+#include "support/LogCapture.h"
+#include "support/ScratchConfiguration.h"
 
-namespace DeliveryTests {
+namespace MessageRouter {
 namespace {
 
-using MessageRouter::HeartbeatThread;
-using MessageRouter::kLogDebug;
 using std::chrono::seconds;
 
 // Longer than any test may take: one that waits for it has not heard of the end.
 constexpr std::chrono::hours kLong{1};
 
-class HeartbeatTest : public DeliveryTest {
+class HeartbeatThreadTest : public testing::Test {
  protected:
-  HeartbeatTest() {
+  HeartbeatThreadTest() : table(host, (configuration.Folder() / "table_router.txt").string()) {
     table.AddParent("boss");
     table.Parent()->LogonRouter("boss", parent.Reference(), BrelixMessaging::RouterSupplier::_nil(),
                                 BrelixMessaging::NotifyConsumer::_nil(), 0, false);
@@ -32,16 +36,20 @@ class HeartbeatTest : public DeliveryTest {
     return log.Has(kLogDebug, "HeartbeatThread::Process(): " + end);
   }
 
-  RouterPeer parent;
+  TestSupport::ScratchConfiguration configuration;
+  TestSupport::LogCapture log;
+  TestSupport::FakeRoutingHost host;
+  RouterTable table;
+  TestSupport::RouterPeer parent;
 };
 
-TEST_F(HeartbeatTest, HasNotSucceededBeforeItIsMade) {
+TEST_F(HeartbeatThreadTest, HasNotSucceededBeforeItIsMade) {
   HeartbeatThread heartbeat(table);
   EXPECT_FALSE(heartbeat.Succeeded());
   EXPECT_FALSE(heartbeat.WaitForEnd(seconds(0)));
 }
 
-TEST_F(HeartbeatTest, ThatTheParentAnswersSucceeds) {
+TEST_F(HeartbeatThreadTest, ThatTheParentAnswersSucceeds) {
   HeartbeatThread heartbeat(table);
   heartbeat.Start();
   ASSERT_TRUE(heartbeat.WaitForEnd(kLong));
@@ -51,7 +59,7 @@ TEST_F(HeartbeatTest, ThatTheParentAnswersSucceeds) {
   EXPECT_TRUE(Logged("Heartbeat to parent succeeded."));
 }
 
-TEST_F(HeartbeatTest, IsRepeatedOnceAtOnceAfterASystemException) {
+TEST_F(HeartbeatThreadTest, IsRepeatedOnceAtOnceAfterASystemException) {
   UnreachableFor(1);
   HeartbeatThread heartbeat(table);
   heartbeat.Start();
@@ -60,7 +68,7 @@ TEST_F(HeartbeatTest, IsRepeatedOnceAtOnceAfterASystemException) {
   EXPECT_EQ(parent->heartbeats, 2);
 }
 
-TEST_F(HeartbeatTest, ThatFailsTwiceHasFailed) {
+TEST_F(HeartbeatThreadTest, ThatFailsTwiceHasFailed) {
   UnreachableFor(2);
   HeartbeatThread heartbeat(table);
   heartbeat.Start();
@@ -71,7 +79,7 @@ TEST_F(HeartbeatTest, ThatFailsTwiceHasFailed) {
   EXPECT_FALSE(log.Contains("succeeded"));
 }
 
-TEST_F(HeartbeatTest, ThatIsMadeAgainBeginsAnew) {
+TEST_F(HeartbeatThreadTest, ThatIsMadeAgainBeginsAnew) {
   HeartbeatThread heartbeat(table);
   heartbeat.Start();
   ASSERT_TRUE(heartbeat.WaitForEnd(kLong));
@@ -91,7 +99,7 @@ TEST_F(HeartbeatTest, ThatIsMadeAgainBeginsAnew) {
   EXPECT_TRUE(heartbeat.WaitForEnd(kLong));
 }
 
-TEST_F(HeartbeatTest, ToAParentThatCannotBePushedToFailsWithoutACall) {
+TEST_F(HeartbeatThreadTest, ToAParentThatCannotBePushedToFailsWithoutACall) {
   table.Parent()->LogonRouter("boss", BrelixMessaging::RouterConsumer::_nil(),
                               BrelixMessaging::RouterSupplier::_nil(),
                               BrelixMessaging::NotifyConsumer::_nil(), 0, false);
@@ -102,7 +110,7 @@ TEST_F(HeartbeatTest, ToAParentThatCannotBePushedToFailsWithoutACall) {
   EXPECT_FALSE(log.Contains("HeartbeatThread::Process()"));
 }
 
-TEST_F(HeartbeatTest, OfARouterWithoutAParentFails) {
+TEST_F(HeartbeatThreadTest, OfARouterWithoutAParentFails) {
   table.Clear();
   HeartbeatThread heartbeat(table);
   heartbeat.Start();
@@ -110,7 +118,7 @@ TEST_F(HeartbeatTest, OfARouterWithoutAParentFails) {
   EXPECT_FALSE(heartbeat.Succeeded());
 }
 
-TEST_F(HeartbeatTest, WhoseEndCameBeforeTheWaitIsSeenAllTheSame) {
+TEST_F(HeartbeatThreadTest, WhoseEndCameBeforeTheWaitIsSeenAllTheSame) {
   HeartbeatThread heartbeat(table);
   heartbeat.Start();
   heartbeat.Join();
@@ -119,7 +127,7 @@ TEST_F(HeartbeatTest, WhoseEndCameBeforeTheWaitIsSeenAllTheSame) {
 }
 
 // A parent that takes the call and keeps it until it is told to answer.
-class HangingParentTest : public HeartbeatTest {
+class HangingParentTest : public HeartbeatThreadTest {
  protected:
   HangingParentTest() {
     parent->onHeartbeat = [this](int) {
@@ -163,4 +171,4 @@ TEST_F(HangingParentTest, DestructionWaitsForTheCall) {
 }
 
 }  // namespace
-}  // namespace DeliveryTests
+}  // namespace MessageRouter

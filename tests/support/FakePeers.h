@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace DeliveryTests {
+namespace TestSupport {
 
 // What a peer does with the calls that it gets. Every call counts; `onCall` runs after that and may
 // throw what the peer raises, or wait.
@@ -128,4 +128,4 @@ using RouterPeer = Peer<FakeRouterConsumer, BrelixMessaging::RouterConsumer>;
 using NotifyPeer = Peer<FakeNotifyConsumer, BrelixMessaging::NotifyConsumer>;
 using SupplierPeer = Peer<FakeRouterSupplier, BrelixMessaging::RouterSupplier>;
 
-}  // namespace DeliveryTests
+}  // namespace TestSupport

@@ -1,4 +1,4 @@
-#include "delivery/HeartbeatThread.h"
+#include "parent/HeartbeatThread.h"
 
 #include "broker/CorbaExceptions.h"
 #include "logging/Log.h"
