@@ -50,9 +50,11 @@ class Envelope {
   void CreateFromClient(const BrelixMessaging::Message& message, const std::string& originator,
                         const std::string& originatorCertificate);
   void CreateFromRouter(const BrelixMessaging::Envelope& wire, bool fromParent);
-  // The router's own messages. A failed write is logged, and the envelope lives on in memory.
+  // The router's own messages. A failed write is logged, and the envelope lives on in memory. With
+  // 0 for an id it gets the next, for which it may have to wait.
   void CreateLocal(const std::string& destination, std::uint32_t priority, TimeToLive ttl,
-                   const std::string& type, const CORBA::Any& data, const std::string& options);
+                   const std::string& type, const CORBA::Any& data, const std::string& options,
+                   std::uint32_t messageId = 0);
 
   // What leaves the router; the caller owns it. Reads the file if the envelope is shrunk; throws
   // what IsDiscardableError knows if that or the decoding of the payload fails, or if the peer

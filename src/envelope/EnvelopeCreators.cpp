@@ -79,13 +79,13 @@ void Envelope::CreateFromRouter(const BrelixMessaging::Envelope& wire, bool from
 
 void Envelope::CreateLocal(const std::string& destination, std::uint32_t priority, TimeToLive ttl,
                            const std::string& type, const CORBA::Any& data,
-                           const std::string& options) {
+                           const std::string& options, std::uint32_t messageId) {
   destination_ = destination;
   priority_ = priority;
   type_ = type;
   ttl_ = ttl.End();
   heavy_.Use().data = Encoding::EncodeAny(data);
-  messageId_ = MessageIdGenerator::Instance().NextMessageId();
+  messageId_ = messageId != 0 ? messageId : MessageIdGenerator::Instance().NextMessageId();
   options_ = options;
   const std::string router = OwnIdentity::CommonName();
   originator_ = router;

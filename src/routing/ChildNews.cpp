@@ -7,6 +7,7 @@
 
 #include "broker/CorbaExceptions.h"
 #include "envelope/Address.h"
+#include "envelope/MessageIdGenerator.h"
 #include "envelope/MessageType.h"
 #include "logging/Log.h"
 #include "routing/Logical.h"
@@ -41,7 +42,7 @@ class OwingChildren : public FunctionClassBase {
 }  // namespace
 
 bool ChildNews::MakeNews(const std::string& event, const std::vector<const char*>& names,
-                         bool asList, OwnMessage& news) {
+                         bool asList, std::uint32_t messageId, OwnMessage& news) {
   const std::string type = SystemMessageType(event);
   try {
     CORBA::Any data;
@@ -51,7 +52,7 @@ bool ChildNews::MakeNews(const std::string& event, const std::vector<const char*
       data <<= names.front();
     }
     news.envelope.CreateLocal(kParentAddress, 0, TimeToLive::Stated(MessageTimeoutSeconds()), type,
-                              data, "");
+                              data, "", messageId);
     return true;
   } catch (const std::bad_alloc&) {
     throw;
@@ -145,10 +146,11 @@ void ChildNews::LeaveMap(const std::string& name) {
 // Of a child that is announced again a list goes up, to the top, whoever on the way believes to
 // know it already.
 void ChildNews::TellOfChild(const std::string& name, bool again, bool tell) {
+  const std::uint32_t messageId = tell ? MessageIdGenerator::Instance().NextMessageId() : 0;
   const auto make = [&](OwnMessage& news) {
-    return MakeNews("RouterRegistered", {name.c_str()}, again, news);
+    return MakeNews("RouterRegistered", {name.c_str()}, again, messageId, news);
   };
-  // Made before the lock is taken: its id can take a moment, and it is written to disk.
+  // Made before the lock is taken: it is written to disk.
   const std::uint64_t farewells = farewells_;
   OwnMessage news;
   if (tell) tell = make(news);
@@ -181,6 +183,7 @@ void ChildNews::TellOfEnd(const std::string& name) {
   bool begun = false;
   std::size_t next = 0;
   do {
+    const std::uint32_t messageId = MessageIdGenerator::Instance().NextMessageId();
     const ThreadHelper::Guard guard(mapMutex_);
     if (!guard) throw MapLockFailure();
     // It is back, and has been announced or will be.
@@ -201,7 +204,7 @@ void ChildNews::TellOfEnd(const std::string& name) {
       size += keys[next].size() + sizeof(CORBA::ULong);
     }
     if (OwnMessage news;
-        !names.empty() && MakeNews("RouterUnregistered", names, !keys.empty(), news)) {
+        !names.empty() && MakeNews("RouterUnregistered", names, !keys.empty(), messageId, news)) {
       news.Queue(queue_);
       FarewellMade();
     }

@@ -53,9 +53,10 @@ class ChildNews {
   void TellIfDue();
 
  private:
-  // A message for the parent about these names. What can never be told is logged, and false.
+  // A message for the parent about these names, under an id that was drawn for it: whoever holds
+  // the lock must not wait for one. What can never be told is logged, and false.
   static bool MakeNews(const std::string& event, const std::vector<const char*>& names, bool asList,
-                       OwnMessage& news);
+                       std::uint32_t messageId, OwnMessage& news);
   // Where these throw they can be done again.
   void TellOfChild(const std::string& name, bool again, bool tell);
   void TellOfEnd(const std::string& name);

@@ -181,10 +181,11 @@ void Dispatcher::Reply(const Envelope& envelope, const std::string& type, const 
 // the message that it came with would do so again after the restart. Where there is no memory that
 // message is handled anew, and what has not been told must not count as told.
 void Dispatcher::Send(const std::string& destination, const std::string& type,
-                      const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl) {
+                      const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl,
+                      std::uint32_t messageId) {
   const auto what = [&] { return Shown(type) + " for " + Shown(destination); };
   try {
-    routing_.SendLocalMessage(destination, type, data, priority, ttl);
+    routing_.SendLocalMessage(destination, type, data, priority, ttl, messageId);
   } catch (const std::bad_alloc&) {
     throw;
   } catch (const CORBA::Exception& exception) {

@@ -46,6 +46,9 @@ class Dispatcher {
                               const StopTest& stopping, std::string& line);
   bool HandleRouterUnregistered(Envelope& envelope, RouterTable& table, Logical* logical,
                                 const StopTest& stopping, std::string& line);
+  // To be called before MapMutex is taken where something may be forwarded beneath it: there may be
+  // no id for a second.
+  void DrawId();
   void Forward(const Envelope& envelope, const char* event, const CORBA::Any& data);
   void ForwardFarewell(const Envelope& envelope, const CORBA::Any& data);
 
@@ -55,7 +58,7 @@ class Dispatcher {
   void Reply(const Envelope& envelope, const std::string& type, const CORBA::Any& data,
              TimeToLive ttl);
   void Send(const std::string& destination, const std::string& type, const CORBA::Any& data,
-            std::uint32_t priority, TimeToLive ttl);
+            std::uint32_t priority, TimeToLive ttl, std::uint32_t messageId = 0);
 
   // A message, as far as another may follow it: its id, and a hash of its originator.
   using Key = std::pair<std::uint32_t, std::size_t>;
@@ -64,6 +67,8 @@ class Dispatcher {
   Routing& routing_;
   // The message whose news has gone up. Handled again, it is not sent up twice.
   std::optional<Key> told_;
+  // For what is forwarded next. What turns out to be no news leaves it to the next message.
+  std::uint32_t drawnId_ = 0;
 };
 
 // The payload's text; empty for a payload of any other type.

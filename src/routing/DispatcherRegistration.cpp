@@ -2,10 +2,12 @@
 #include <algorithm>
 #include <string_view>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "broker/TakeOut.h"
 #include "envelope/Envelope.h"
+#include "envelope/MessageIdGenerator.h"
 #include "envelope/MessageType.h"
 #include "routing/Dispatcher.h"
 #include "routing/Logical.h"
@@ -69,6 +71,7 @@ bool Dispatcher::HandleRouterRegistered(Envelope& envelope, RouterTable& table, 
   CORBA::ULong done = 0;
   do {
     if (IsTime(done, stopping)) return false;
+    if (forward) DrawId();
     const ThreadHelper::Guard guard(routing_.News().MapMutex());
     if (!guard) throw MapLockFailure();
     if (!table.HasChildRouter(originator)) {
@@ -108,6 +111,7 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
   }
   if (logical == nullptr) {
     line += kNoMap;
+    if (forward) DrawId();
     const ThreadHelper::Guard guard(routing_.News().MapMutex());
     if (!guard) throw MapLockFailure();
     if (forward) ForwardFarewell(envelope, data);
@@ -124,6 +128,7 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
   CORBA::ULong done = 0;
   do {
     if (IsTime(done, stopping)) return false;
+    if (forward) DrawId();
     const ThreadHelper::Guard guard(routing_.News().MapMutex());
     if (!guard) throw MapLockFailure();
     if (!table.HasChildRouter(originator)) {
@@ -164,10 +169,14 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
   return true;
 }
 
+void Dispatcher::DrawId() {
+  if (drawnId_ == 0) drawnId_ = MessageIdGenerator::Instance().NextMessageId();
+}
+
 void Dispatcher::Forward(const Envelope& envelope, const char* event, const CORBA::Any& data) {
   if (told_ == KeyOf(envelope)) return;
   Send(kParentAddress, SystemMessageType(event), data, envelope.Priority(),
-       TimeToLive::Until(envelope.Ttl()));
+       TimeToLive::Until(envelope.Ttl()), std::exchange(drawnId_, 0));
   told_ = KeyOf(envelope);
 }
 

@@ -220,9 +220,10 @@ void Routing::RouteNext(unsigned seconds, unsigned milliseconds, const StopTest&
 }
 
 void Routing::SendLocalMessage(const std::string& destination, const std::string& type,
-                               const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl) {
+                               const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl,
+                               std::uint32_t messageId) {
   OwnMessage message;
-  message.envelope.CreateLocal(destination, priority, ttl, type, data, "");
+  message.envelope.CreateLocal(destination, priority, ttl, type, data, "", messageId);
   message.Queue(queue_);
 }
 

@@ -77,9 +77,10 @@ class Routing {
   void OfferForDelivery(RouterTableEntry& entry);
 
   // The one way for the router itself to speak. Where it throws, no file is left that the next
-  // start would send, whatever has happened by then.
+  // start would send, whatever has happened by then. `messageId` as in Envelope::CreateLocal.
   void SendLocalMessage(const std::string& destination, const std::string& type,
-                        const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl);
+                        const CORBA::Any& data, std::uint32_t priority, TimeToLive ttl,
+                        std::uint32_t messageId = 0);
 
  private:
   // `reachedAs` is the name under which the entry was found.
