@@ -180,6 +180,16 @@ bool ChildNews::IsFurtherDown(const std::string& name) const {
 void ChildNews::TellOfEnd(const std::string& name) {
   Logical* const map = map_;
   std::vector<std::string> keys;
+  if (map != nullptr) {
+    {
+      // Who hears the child may be about to store a name for it. Nobody is from here on.
+      const ThreadHelper::Guard guard(mapMutex_);
+      if (!guard) throw MapLockFailure();
+      if (table_.HasChildRouter(name)) return;
+    }
+    // A walk over the whole map, for which nobody shall wait: each name is looked at again below.
+    map->KeysOf(name, keys);
+  }
   bool begun = false;
   std::size_t next = 0;
   do {
@@ -190,7 +200,6 @@ void ChildNews::TellOfEnd(const std::string& name) {
     if (table_.HasChildRouter(name)) return;
     std::vector<const char*> names;
     if (!std::exchange(begun, true)) {
-      if (map != nullptr) map->KeysOf(name, keys);
       // One that has been hung below another child is still reached through here.
       if (!IsFurtherDown(name)) names.push_back(name.c_str());
     }

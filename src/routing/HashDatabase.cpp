@@ -17,12 +17,14 @@ struct HashDatabase {
   bool Select(std::uint32_t hash);
   bool LoadPage(std::uint64_t number);
   bool WritePage(std::uint64_t number, const HashPage& content);
-  bool IsFull();
+  bool RequireRoom();
   bool MakeRoom(std::string_view key, std::uint32_t hash, std::size_t size);
   bool Split(std::uint32_t hash);
   bool LoadDirectoryBlock(std::uint64_t number);
   bool ReadBit(std::uint64_t node, bool& set);
   bool SetBit(std::uint64_t node);
+  // The first page at that number or behind it that was ever written.
+  std::optional<std::uint64_t> NextPage(std::uint64_t number);
   std::optional<std::string_view> NextKey();
   // Notes the error and forgets what is in memory, which may be half changed. Always false.
   bool Fail(int number);
@@ -180,13 +182,13 @@ bool HashDatabase::Split(std::uint32_t hash) {
 }
 
 // Only splits make the files grow: whatever else is written has its page already.
-bool HashDatabase::IsFull() {
+bool HashDatabase::RequireRoom() {
   std::uint64_t inPages = 0;
   std::uint64_t inDirectory = 0;
   int failure = pages.Allocated(inPages);
   if (failure == 0) failure = directory.Allocated(inDirectory);
   if (failure == 0 && inPages + inDirectory >= limit) failure = EFBIG;
-  return failure != 0 && !Fail(failure);
+  return failure == 0 || Fail(failure);
 }
 
 // A pair that is to be replaced is divided with the others, and goes with the last page that is
@@ -194,7 +196,7 @@ bool HashDatabase::IsFull() {
 bool HashDatabase::MakeRoom(std::string_view key, std::uint32_t hash, std::size_t size) {
   int attempts = 0;
   while (attempts < SPLTMAX && mask != kAllBits) {
-    if (IsFull() || !Split(hash)) return false;
+    if (!RequireRoom() || !Split(hash)) return false;
     if (Without(page, key).HasRoomFor(size)) return true;
     ++attempts;
   }
@@ -203,15 +205,21 @@ bool HashDatabase::MakeRoom(std::string_view key, std::uint32_t hash, std::size_
   return Fail(EFBIG);
 }
 
-// Holes are passed over: a split far down the tree makes the file large, and hardly fills it. A
-// damaged page hides its own keys alone.
+// Holes are passed over: a split far down the tree makes the file large, and hardly fills it.
+std::optional<std::uint64_t> HashDatabase::NextPage(std::uint64_t number) {
+  std::optional<std::uint64_t> content;
+  if (const int failure = pages.NextContent(number * PBLKSIZ, content)) Fail(failure);
+  if (content) content = *content / PBLKSIZ;
+  return content;
+}
+
+// A damaged page hides its own keys alone.
 std::optional<std::string_view> HashDatabase::NextKey() {
   while (true) {
     if (walkPair == 0) {
-      std::optional<std::uint64_t> content;
-      if (const int failure = pages.NextContent(walkPage * PBLKSIZ, content)) Fail(failure);
+      const std::optional<std::uint64_t> content = NextPage(walkPage);
       if (!content) return std::nullopt;
-      walkPage = *content / PBLKSIZ;
+      walkPage = *content;
     }
     if (LoadPage(walkPage) && walkPair < page.Pairs()) return page.Key(walkPair++);
     ++walkPage;
@@ -292,6 +300,18 @@ std::optional<std::string_view> sdbm_firstkey(HashDatabase* database) {
 std::optional<std::string_view> sdbm_nextkey(HashDatabase* database) {
   if (!IsUsable(database)) return std::nullopt;
   return database->NextKey();
+}
+
+bool sdbm_pagekeys(HashDatabase* database, std::uint64_t& page, std::vector<std::string>& keys) {
+  if (!IsUsable(database)) return false;
+  const std::optional<std::uint64_t> next = database->NextPage(page);
+  if (!next) return false;
+  page = *next + 1;
+  if (!database->LoadPage(*next)) return true;
+  for (std::size_t pair = 0; pair < database->page.Pairs(); ++pair) {
+    keys.emplace_back(database->page.Key(pair));
+  }
+  return true;
 }
 
 int sdbm_error(const HashDatabase* database) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "routing/HashPage.h"
 
@@ -56,6 +57,11 @@ int sdbm_delete(HashDatabase* database, std::string_view key);  // 0; -1 also if
 // which something is stored or deleted may miss keys or meet them twice.
 std::optional<std::string_view> sdbm_firstkey(HashDatabase* database);
 std::optional<std::string_view> sdbm_nextkey(HashDatabase* database);
+// A walk that may pause, and that needs nothing of the handle: appends the keys of the first page
+// at `page` or behind it, and moves `page` on. False once there is none. Whatever is stored or
+// deleted between two calls, a key that is there all the time is met: what leaves a page goes to
+// one behind.
+bool sdbm_pagekeys(HashDatabase* database, std::uint64_t& page, std::vector<std::string>& keys);
 // The number of the first error that the files gave, EIO for damaged pages, EFBIG for keys that the
 // splits did not part and for files at their limit; 0 while there was none.
 int sdbm_error(const HashDatabase* database);

@@ -8,11 +8,14 @@
 
 #include "logging/Log.h"
 #include "platform/Files.h"
+#include "platform/Process.h"
 
 namespace MessageRouter {
 namespace {
 
 constexpr unsigned kFileMode = 0600;
+// Pages that a walk reads in one hold of the lock.
+constexpr int kPagesAtOnce = 64;
 
 bool RemoveIfThere(const std::string& path) {
   const int error = Platform::RemoveFile(path);
@@ -48,7 +51,9 @@ std::ostream& Logical::write(std::ostream& stream) const {
 
 template <class Use, class Result>
 Result Logical::WithDatabase(Result otherwise, Use&& use) const {
+  ++waiting_;
   const ThreadHelper::WriteGuard guard(mutex_);
+  --waiting_;
   if (!guard || database_ == nullptr) return otherwise;
   Result result = use(database_.get());
   const int error = sdbm_error(database_.get());
@@ -85,17 +90,26 @@ int Logical::Remove(const std::string& key, const std::string& owner) {
 
 template <class Wanted>
 std::size_t Logical::Collect(std::vector<std::string>& keys, Wanted&& wanted) const {
-  WithDatabase(0, [&](HashDatabase* database) {
-    // A split that was broken off leaves pairs in two pages, and those that are removed then in one
-    // where they are not looked for.
-    std::unordered_set<std::string> met;
-    for (auto found = sdbm_firstkey(database); found; found = sdbm_nextkey(database)) {
-      std::string key(*found);
-      const auto value = sdbm_fetch(database, key);
-      if (value && wanted(*value) && met.insert(key).second) keys.push_back(std::move(key));
+  // A split that was broken off leaves pairs in two pages, and those that are removed then in one
+  // where they are not looked for.
+  std::unordered_set<std::string> met;
+  std::vector<std::string> found;
+  std::uint64_t page = 0;
+  const auto readSome = [&](HashDatabase* database) {
+    for (int i = 0; i < kPagesAtOnce; ++i) {
+      found.clear();
+      if (!sdbm_pagekeys(database, page, found)) return false;
+      for (std::string& key : found) {
+        const auto value = sdbm_fetch(database, key);
+        if (value && wanted(*value) && met.insert(key).second) keys.push_back(std::move(key));
+      }
     }
-    return 0;
-  });
+    return true;
+  };
+  while (WithDatabase(false, readSome)) {
+    // The lock goes to whoever asks first, and that would be this thread again.
+    if (waiting_ != 0) Platform::SleepMilliseconds(1);
+  }
   return keys.size();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
@@ -39,7 +40,8 @@ class Logical final {
   // 0 if Remove would try to remove it, otherwise what Remove would return.
   int MayRemove(const std::string& key, const std::string& owner) const;
   // Both append each key that Lookup finds once, in the order of the database, and return the size
-  // of the list.
+  // of the list. They let others in between a few pages; what is there all the time is listed, and
+  // where the lock can't be taken again the list ends.
   std::size_t KeysOf(const std::string& owner, std::vector<std::string>& keys) const;
   std::size_t AllKeys(std::vector<std::string>& keys) const;
   // Begins anew with new files. False if any step of it fails: the map is closed then, or empty in
@@ -58,6 +60,7 @@ class Logical final {
   const std::uint64_t largestFiles_;
   HashDatabasePtr database_ GUARDED_BY(mutex_);  // null: closed
   mutable ThreadHelper::RWMutex mutex_;
+  mutable std::atomic<unsigned> waiting_{0};  // who wants the lock
   mutable bool failureLogged_ GUARDED_BY(mutex_) = false;
 };
 

@@ -24,6 +24,8 @@ struct FileFaults {
   // The read of a placed file that comes after so many fails once; below 0 none does.
   std::atomic<int> placedReadToFail{-1};
   std::atomic<int> placedSearchError{0};  // what the next search of one for content reports
+  // Runs in the next search of one for content.
+  std::atomic<void (*)()> placedSearchHook{nullptr};
   std::atomic<bool> placedWritesTakeNothing{false};  // as some file systems do when full
 };
 FileFaults& Faults();

@@ -105,6 +105,7 @@ int PlacedFile::Write(std::uint64_t offset, const void* data, std::size_t size) 
 int PlacedFile::NextContent(std::uint64_t offset, std::optional<std::uint64_t>& found) const {
   found.reset();
   if (!state_) return EBADF;
+  if (const auto hook = Faults().placedSearchHook.exchange(nullptr)) hook();
   if (const int planned = Faults().placedSearchError.exchange(0)) return planned;
   const off_t place = lseek(state_->file.Get(), static_cast<off_t>(offset), SEEK_DATA);
   if (place < 0) return errno == ENXIO ? 0 : errno;

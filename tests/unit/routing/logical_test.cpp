@@ -11,6 +11,7 @@
 #include "fixture.h"
 #include "platform/linux/FileFaults.h"
 #include "support/ScratchFolder.h"
+#include "threads/FailLocks.h"
 
 namespace TestSupport {
 namespace {
@@ -339,6 +340,37 @@ TEST_F(LogicalTest, ADamagedPageHidesOnlyItsOwnKeysAndIsToldOfOnce) {
   const Logical logical(Path());
   for (int i = 0; i < 2; ++i) EXPECT_GT(KeysOf(logical, "child").size(), 300u);
   EXPECT_EQ(log_.Count("Failed to use the logical routing database " + Path()), 1u);
+}
+
+TEST_F(LogicalTest, AWalkLetsTheLockGoBetweenAFewPages) {
+  Logical logical(Path());
+  constexpr std::size_t kNames = 1000;
+  for (std::size_t i = 0; i < kNames; ++i) {
+    std::string name = std::to_string(i);
+    ASSERT_EQ(logical.Store(name.append(900 - name.size(), 'n'), "child"), 0);
+  }
+  std::size_t listed = 0;
+  unsigned holds = 0;
+  for (; listed < kNames; ++holds) {
+    ASSERT_LT(holds, 1000u);
+    ThreadHelper::FailLocksAfter(holds, 1);
+    const std::size_t before = listed;
+    listed = KeysOf(logical, "child").size();
+    ThreadHelper::FailNextLocks(0);
+    EXPECT_LE(listed - before, 64u);
+  }
+  EXPECT_GT(holds, 10u);
+}
+
+TEST_F(LogicalTest, AWalkMeetsWhatIsThereWhileOthersSplitThePagesThatItReads) {
+  Logical logical(Path());
+  for (int i = 0; i < 500; ++i) {
+    ASSERT_EQ(logical.Store("fixed" + std::to_string(i) + std::string(500, 'n'), "child"), 0);
+  }
+  std::jthread storing([&] {
+    for (int i = 0; i < 2000; ++i) logical.Store("own" + std::to_string(i), "another");
+  });
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(KeysOf(logical, "child").size(), 500u);
 }
 
 TEST_F(LogicalTest, ManyThreadsReadAndChangeItAtOnce) {

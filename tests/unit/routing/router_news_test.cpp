@@ -6,6 +6,7 @@
 #include "broker/Encoding.h"
 #include "dispatcher_fixture.h"
 #include "envelope/Settings.h"
+#include "platform/linux/FileFaults.h"
 
 namespace TestSupport {
 namespace {
@@ -364,6 +365,27 @@ TEST_F(StoppedNewsTest, AListOfGoneNamesStopsHereOnceItsOriginatorHasLeft) {
 }
 
 // Both
+
+TEST_F(RouterNewsTest, NewsIsHeardWhileTheMapIsWalkedForAChildThatLeaves) {
+  static MessageRouter::ChildNews* news;
+  static std::future<bool> taker;
+  static bool walked;
+  static bool wasFree;
+  AMap().Store("leaf", "child1");
+  news = &routing_.News();
+  walked = false;
+  Platform::Faults().placedSearchHook = [] {
+    walked = true;
+    taker = std::async(std::launch::async,
+                       [] { return static_cast<bool>(ThreadHelper::Guard(news->MapMutex())); });
+    wasFree = taker.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+  };
+  routing_.UnregisterPeer("child1", true);
+  ASSERT_TRUE(walked);
+  EXPECT_TRUE(taker.get());
+  EXPECT_TRUE(wasFree);
+  EXPECT_EQ(routing_.Map()->Lookup("leaf"), "");
+}
 
 TEST_F(RouterNewsTest, ANameThatIsAnnouncedWhileItsFormerChildLeavesIsKnownAbove) {
   MessageRouter::Logical& map = AMap();
