@@ -162,6 +162,8 @@ bool Dispatcher::HandleRouterUnregistered(Envelope& envelope, RouterTable& table
     }
     if (!told.empty()) ForwardFarewell(envelope, told.size() == all ? data : AsNameList(told));
   } while (done < all);
+  // Without the lock: a name that leads elsewhere by now stays, and that it leads to this child
+  // again would be news for this thread.
   for (std::size_t i = 0; i < gone.size(); ++i) {
     if (IsTime(static_cast<CORBA::ULong>(i), stopping)) return false;
     logical->Remove(gone[i], originator);
