@@ -210,7 +210,11 @@ void RouterTable::AddCertificationEntry(const std::string& name) {
     FindFreeEntries entries;
     ScanLocked(entries);
     if (!ReuseFreeEntryLocked(entries.Free(), name, leftovers)) {
-      if (limit != 0 && entries.Active() >= limit) return;
+      // Counted now: one that was free when it was looked at may have logged on since, which needs
+      // no lock of the table.
+      FindFreeEntries now;
+      ScanLocked(now);
+      if (limit != 0 && now.Active() >= limit) return;
       AddLocked(name, false, false);
     }
   }
