@@ -3,6 +3,7 @@
 
 #include "config/DataLocation.h"
 #include "core/Router.h"
+#include "core/SecondOfOwn.h"
 #include "logging/Log.h"
 #include "platform/Files.h"
 #include "platform/Process.h"
@@ -25,6 +26,7 @@ void OnPureVirtualCall() {
 int RunRouter() {
   Router& router = Router::instance();
   const std::string& name = router.ProgramName();
+  AwaitSecondOfOwn({EnvelopeDirectory(name), LogDirectory(name)}, &Platform::SleepMilliseconds);
   MakeDirectory(RouterDirectory(name), "Failed to create router directory\n");
   router.SetLogDirectory(LogDirectory(name));
   MakeDirectory(LogDirectory(name), "Failed to create log directory\n");

@@ -457,6 +457,26 @@ class SystemTest(unittest.TestCase):
                 print(f"\n--- {self.id()}: end of the log of router {router.name}\n{tail}",
                       file=sys.stderr)
 
+    # What peers have written down, a line a message; the last line may be half written.
+
+    def accepted(self, ledger="ledger"):
+        """{(id, tag)} of a bulk job's ledger."""
+        return {(id_, tag) for id_, tag, _ in self._rows(ledger)}
+
+    def received(self, record="received"):
+        """{(id, tag)} of a record of arrivals."""
+        return {(id_, tag) for id_, _, tag, _ in self._rows(record)}
+
+    def _rows(self, name):
+        path = self.folder / name
+        lines = path.read_text().splitlines(keepends=True) if path.exists() else []
+        return [line.split() for line in lines if line.endswith("\n")]
+
+    def wait_all_received(self, seconds=30):
+        accepted = self.accepted()
+        wait_until(lambda: accepted <= self.received(), seconds, "every accepted message")
+        return accepted
+
     # Shorthands
 
     def router(self, name="router", start=True, **options):

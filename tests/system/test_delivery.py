@@ -185,13 +185,7 @@ class Stopping(SystemTest):
         sender("bulk_wait")
         box.start()
         receiver.retry("reconnect")
-        accepted = {line.split()[0] for line in (self.folder / "ledger").read_text().splitlines()}
-        self.assertGreater(len(accepted), 50)
-
-        def all_there():
-            lines = (self.folder / "received").read_text().splitlines()
-            return accepted <= {line.split()[0] for line in lines}
-        wait_until(all_there, 20, "every accepted message to be delivered")
+        self.assertGreater(len(self.wait_all_received()), 50)
         self.wait_no_envelopes(box)
 
     def test_a_stop_ends_in_time_while_a_peer_hangs_in_a_call(self):

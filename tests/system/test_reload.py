@@ -14,11 +14,6 @@ ONE_ARENA = {"MALLOC_ARENA_MAX": "1"}
 
 
 class Reload(SystemTest):
-    def ids(self, name):
-        path = self.folder / name
-        lines = path.read_text().splitlines() if path.exists() else []
-        return {line.split()[0] for line in lines if line}
-
     def test_many_reloads_under_traffic_lose_nothing_and_leak_nothing(self):
         box = self.router(settings={"LogLevel": 0}, environment=ONE_ARENA)
         receiver = self.peer(box, "agent-2", timeout=10).log_on()
@@ -28,10 +23,10 @@ class Reload(SystemTest):
                ledger=str(self.folder / "ledger"), reconnect=True, deadline=3600)
         fds, rss = [], []
         for number in range(RELOADS):
-            before = len(self.ids("ledger"))
+            before = len(self.accepted())
             box.reload()
             receiver.retry("reconnect")
-            wait_until(lambda: len(self.ids("ledger")) > before, 20,
+            wait_until(lambda: len(self.accepted()) > before, 20,
                        f"traffic after reload {number}")
             if number >= SETTLED:
                 fds.append(box.fds())
@@ -39,8 +34,7 @@ class Reload(SystemTest):
         sender("bulk_stop")
         sender("bulk_wait")
         receiver.retry("reconnect")
-        accepted = self.ids("ledger")
-        wait_until(lambda: accepted <= self.ids("received"), 30, "every accepted message")
+        accepted = self.wait_all_received()
         self.wait_no_envelopes(box)
         early, late = statistics.median(rss[:10]), statistics.median(rss[-10:])
         print(f"\nreloads: {RELOADS}, accepted: {len(accepted)}, descriptors {min(fds)}..{max(fds)},"

@@ -28,8 +28,9 @@ struct Bulk::Job {
   std::atomic<unsigned> accepted{0};
   std::atomic<unsigned> failed{0};
 
-  // One thread at a time connects anew.
+  // One thread at a time connects anew, and no other does for the same failure.
   ThreadHelper::Mutex reconnecting;
+  std::atomic<unsigned> reconnected{0};
   ThreadHelper::Mutex mutex;
   ThreadHelper::Condition changed{mutex};
   std::ofstream ledger GUARDED_BY(mutex);
@@ -86,12 +87,14 @@ void Bulk::Run(Job& job, unsigned) {
     const unsigned index = job.next++;
     if (index >= job.count || stopping_) break;
     Pace(job, index);
+    const unsigned links = job.reconnected;
     if (SendOne(job, index)) continue;
     if (!job.reconnect) continue;
     ThreadHelper::Guard guard(job.reconnecting);
-    while (!stopping_ && Clock::Instance().SteadyNow() < job.deadline) {
+    while (job.reconnected == links && !stopping_ && Clock::Instance().SteadyNow() < job.deadline) {
       try {
         links_.Reconnect();
+        ++job.reconnected;
         break;
       } catch (const CORBA::Exception&) {
       } catch (const std::exception&) {
