@@ -53,7 +53,7 @@ std::string ReportFile(const std::string& routerName) {
   return ReportDirectory(routerName) + "ReportData.xml";
 }
 
-std::string RouterTableFile(const std::string& routerName) {
+std::string RouterTablePath(const std::string& routerName) {
   return RouterDirectory(routerName) + "/table_router.txt";
 }
 

@@ -14,7 +14,7 @@ std::string RouterDirectory(const std::string& routerName);
 std::string LogDirectory(const std::string& routerName);     // ends in a slash
 std::string ReportDirectory(const std::string& routerName);  // ends in a slash
 std::string ReportFile(const std::string& routerName);
-std::string RouterTableFile(const std::string& routerName);
+std::string RouterTablePath(const std::string& routerName);
 std::string LogicalTablePath(const std::string& routerName);
 // The value of EnvelopeDir, or below the router's directory; ends in a slash.
 std::string EnvelopeDirectory(const std::string& routerName);

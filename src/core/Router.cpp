@@ -53,7 +53,7 @@ Router::Router(std::string name, int argc, char** argv)
       argc_(argc),
       argv_(argv),
       surroundings_{[this](unsigned milliseconds) { SleepUnlessStopping(milliseconds); }},
-      routerTable_(*this, RouterTableFile(programName_)),
+      routerTable_(*this, RouterTablePath(programName_)),
       routing_(*this, routerTable_),
       getterThread_(routerTable_),
       timeoutThread_(routerTable_),

@@ -252,7 +252,7 @@ TEST_F(Location, NamesBelowTheRoutersDirectoryAreFixed) {
   EXPECT_EQ(LogDirectory("R"), "./R/Logs/");
   EXPECT_EQ(ReportDirectory("R"), "./R/NetworkReport/");
   EXPECT_EQ(ReportFile("R"), "./R/NetworkReport/ReportData.xml");
-  EXPECT_EQ(RouterTableFile("R"), "./R/table_router.txt");
+  EXPECT_EQ(RouterTablePath("R"), "./R/table_router.txt");
   EXPECT_EQ(LogicalTablePath("R"), "./R/LogicalTable");
   EXPECT_EQ(EnvelopeDirectory("R"), "./R/Envelopes/");
 }
@@ -266,7 +266,7 @@ TEST_F(Location, OfEnvelopesIsTheValueOfEnvelopeDir) {
 
 TEST_F(Location, ABackslashSeparatesLevelsAsInTheSections) {
   EXPECT_EQ(RouterDirectory("a\\b"), "./a/b");
-  EXPECT_EQ(RouterTableFile("a\\b"), "./a/b/table_router.txt");
+  EXPECT_EQ(RouterTablePath("a\\b"), "./a/b/table_router.txt");
   SetConfigString("EnvelopeDir", "\\srv\\envelopes");
   EXPECT_EQ(EnvelopeDirectory("R"), "/srv/envelopes/");
 }

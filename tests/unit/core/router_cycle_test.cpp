@@ -203,11 +203,11 @@ TEST_F(EarlyRequestTest, AStopWritesTheRegistrationsOfTheLastMinuteBeforeItWaits
     routing.RegisterPeer("agent", false);
     routing.LogonClientPeer("agent", BrelixMessaging::EnvelopeConsumer::_nil(), notify, 0);
     EXPECT_TRUE(Called());
-    EXPECT_FALSE(std::filesystem::exists(RouterTableFile("Router")));
+    EXPECT_FALSE(std::filesystem::exists(RouterTablePath("Router")));
     answering = std::thread([&] {
       const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
       while (written.empty() && std::chrono::steady_clock::now() < deadline) {
-        written = TestSupport::TextOf(RouterTableFile("Router"));
+        written = TestSupport::TextOf(RouterTablePath("Router"));
         std::this_thread::yield();
       }
       mayAnswer.release();
@@ -225,11 +225,11 @@ TEST_F(CycleTest, RegistrationsThatTheStopCouldNotWriteAreKnownInTheNextCycleAnd
     Routing& routing = *Cycle::Current();
     if (cycle == 1) {
       routing.RegisterPeer("agent", false);
-      std::filesystem::create_directory(RouterTableFile("Router"));
+      std::filesystem::create_directory(RouterTablePath("Router"));
       return Router::instance().Reinitialize();
     }
     known = routing.Table().Find("agent") != nullptr;
-    std::filesystem::remove(RouterTableFile("Router"));
+    std::filesystem::remove(RouterTablePath("Router"));
     Router::instance().Shutdown();
   };
   EXPECT_EQ(RunRouter(), 0);
@@ -237,7 +237,7 @@ TEST_F(CycleTest, RegistrationsThatTheStopCouldNotWriteAreKnownInTheNextCycleAnd
                              "W Trying again to write the router table file\n",
                              "Deactivating CORBA objects...\n"}));
   EXPECT_TRUE(known);
-  EXPECT_EQ(TestSupport::TextOf(RouterTableFile("Router")), "agent.0..\n");
+  EXPECT_EQ(TestSupport::TextOf(RouterTablePath("Router")), "agent.0..\n");
 }
 
 // Writes nothing for want of memory, except for the main thread.
