@@ -3,9 +3,13 @@
 #include <new>
 #include <utility>
 
+#include "broker/CorbaExceptions.h"
 #include "config/Configuration.h"
+#include "envelope/Address.h"
+#include "logging/Log.h"
 #include "routing/FindFreeEntries.h"
 #include "routing/Quietly.h"
+#include "security/OwnIdentity.h"
 
 namespace MessageRouter {
 
@@ -27,10 +31,14 @@ bool IsChildRouter(const RouterTableEntry& entry, const std::string& name) {
   return entry.IsRegistered() && entry.IsRouter() && !entry.IsParent() && entry.StandingOf(name);
 }
 
+bool IsOfRouter(const RegEntry& record) {
+  return record.type == RegEntry::kRouterConsumer || record.type == RegEntry::kRouterNotify;
+}
+
 }  // namespace
 
 RouterTable::RouterTable(RoutingHost& host, std::string filePath)
-    : host_(host), filePath_(std::move(filePath)) {}
+    : host_(host), file_(*this, host, std::move(filePath)) {}
 
 RouterTable::~RouterTable() = default;
 
@@ -111,11 +119,6 @@ bool RouterTable::HasChildRouterHere(const std::string& name) const {
 bool RouterTable::IsParentsName(const std::string& name) const {
   const RouterTableEntry* const entry = Find(name);
   return entry != nullptr && entry->IsParent() && !IsFormerParentsName(*entry, name);
-}
-
-bool RouterTable::IsClosed() const {
-  ReadGuard guard(mutex_);
-  return guard && closed_;
 }
 
 void RouterTable::Register(const std::string& name, bool isRouter) {
@@ -221,6 +224,92 @@ void RouterTable::AddCertificationEntry(const std::string& name) {
   RouteAnew(leftovers);
 }
 
+void RouterTable::ReadTable(bool createParent, const std::function<void()>& pause) {
+  LogInfo("Reading router table file\n");
+  Open();
+  const auto fill = [&](const std::vector<RegEntry>& records) {
+    for (const RegEntry& record : records) Restore(record);
+    if (createParent) AddParent("");
+  };
+  file_.Read(fill, pause);
+}
+
+void RouterTable::Open() {
+  WriteGuard guard(mutex_);
+  if (!guard) return;
+  closed_ = false;
+  clearedChildren_.clear();
+}
+
+void RouterTable::Restore(const RegEntry& record) {
+  static constexpr char kSource[] = "RouterTable::ReadTable";
+  if (record.name.empty() || record.name == OwnIdentity::CommonName()) return;
+  try {
+    Register(record.name, IsOfRouter(record));
+    if (!record.ior.empty()) RestoreLogon(record);
+  } catch (const BrelixMessaging::AlreadyRegistered& exception) {
+    const std::string detail = ". Discarding duplicate entry for '" + Shown(record.name) + "'";
+    LogCaughtCorbaException(kSource, exception, detail.c_str());
+  } catch (const CORBA::Exception& exception) {
+    LogCaughtCorbaException(kSource, exception, "");
+  }
+}
+
+// A peer is not called here: it may be down, and its type is known from when it logged on.
+void RouterTable::RestoreLogon(const RegEntry& record) {
+  LogInfo("Restoring logon for %s\n", ShownName(record.name).c_str());
+  RouterTableEntry* const entry = Find(record.name);
+  if (entry == nullptr) return;
+  const CORBA::Object_var object = host_.StringToObject(record.ior);
+  BrelixMessaging::EnvelopeConsumer_var consumer;
+  BrelixMessaging::RouterConsumer_var routerConsumer;
+  BrelixMessaging::NotifyConsumer_var notify;
+  switch (record.type) {
+    case RegEntry::kClientConsumer:
+      consumer = BrelixMessaging::EnvelopeConsumer::_unchecked_narrow(object);
+      break;
+    case RegEntry::kRouterConsumer:
+      routerConsumer = BrelixMessaging::RouterConsumer::_unchecked_narrow(object);
+      break;
+    case RegEntry::kClientNotify:
+    case RegEntry::kRouterNotify:
+      notify = BrelixMessaging::NotifyConsumer::_unchecked_narrow(object);
+      break;
+    default:
+      return;
+  }
+  if (IsOfRouter(record)) {
+    entry->LogonRouter(record.name, routerConsumer, BrelixMessaging::RouterSupplier::_nil(), notify,
+                       0, false);
+  } else {
+    entry->LogonClient(record.name, consumer, notify, 0, false);
+  }
+}
+
+bool RouterTable::IsClosed() const {
+  ReadGuard guard(mutex_);
+  return guard && closed_;
+}
+
+bool RouterTable::CollectRows(bool close, std::vector<RouterTableFile::Row>& rows) {
+  WriteGuard guard(mutex_);
+  if (!guard || closed_) return false;
+  for (const auto& [name, entry] : rows_) {
+    if (!entry->IsRegistered() || entry->IsParent()) continue;
+    RouterTableFile::Row& row = rows.emplace_back();
+    row.name = name;
+    row.isRouter = entry->IsRouter();
+    if (!row.isRouter) continue;
+    RouterTableEntry::PeerReferences references = entry->References();
+    row.consumer = references.routerConsumer._retn();
+    row.notify = references.notifyConsumer._retn();
+  }
+  // In the step in which the rows are taken: nobody is told of a registration that the file does
+  // not hold.
+  closed_ = close;
+  return true;
+}
+
 bool RouterTable::Scan(FunctionClassBase& function) const {
   ReadGuard guard(mutex_);
   if (guard) ScanLocked(function);
@@ -255,6 +344,10 @@ void RouterTable::Clear() {
     const bool hasPlace = dismissed.size() < dismissed.capacity();
     entry->Detach(hasPlace ? dismissed.emplace_back() : released, leftovers);
   }
+  KeepDetachedLocked();
+}
+
+void RouterTable::KeepDetachedLocked() {
   // There are some only where a cycle's end did not free them.
   if (detached_.empty()) detached_.swap(entries_);
   try {

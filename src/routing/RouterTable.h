@@ -1,17 +1,16 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "routing/RegEntry.h"
 #include "routing/RouterTableEntry.h"
+#include "routing/RouterTableFile.h"
 #include "threads/Mutex.h"
 
 namespace MessageRouter {
@@ -31,9 +30,9 @@ class FunctionClassBase {
 // From the forced write, with which routing stops, until the next ReadTable the table is closed:
 // nothing is found, entries are refused, and WriteTable does nothing. HasChildRouter alone goes on
 // answering as when the table was closed: what was registered in time must still be told.
-// Threads: any. Lock order: the table's lock, then an entry's. The file is read and written while
-// neither is held.
-class RouterTable {
+// Threads: any. Lock order: the table's lock, then an entry's. None is held while the file is read
+// or written.
+class RouterTable : private RouterTableFile::Table {
  public:
   // `filePath` is the table file.
   RouterTable(RoutingHost& host, std::string filePath);
@@ -67,21 +66,14 @@ class RouterTable {
   // follow. Nothing happens where the limit of such peers is reached.
   void AddCertificationEntry(const std::string& name);
 
-  // Opens the table and fills it from the file; a damaged line ends the reading with one warning. A
-  // file that can't be read is set aside, and the table is empty; one that could not be read for a
-  // shortage that may pass is tried again a few times first, after `pause` each.
+  // Opens the table and fills it with what RouterTableFile reads.
   void ReadTable(
       bool createParent, const std::function<void()>& pause = [] {});
-  // At most once a minute unless forced; a write that is put off, or fails, is made by Tick. A
-  // forced one closes the table, unless it ends in an exception. The file is replaced whole.
-  void WriteTable(bool force);
-  void Tick();
-  // A write that is owed, at once: for a stop, whose forced write may never come.
-  void WriteOwed();
-  // The forced write of a stop. One that fails is tried again a few times, after `pause` each; the
-  // last exception leaves. What the disk does not take even so is kept for the next ReadTable,
-  // which takes it for the file's text and writes it.
-  void WriteLast(const std::function<void()>& pause);
+  // The writes of RouterTableFile. A forced one closes the table, unless it ends in an exception.
+  void WriteTable(bool force) { file_.Write(force); }
+  void Tick() { file_.Tick(); }
+  void WriteOwed() { file_.WriteOwed(); }
+  void WriteLast(const std::function<void()>& pause) { file_.WriteLast(pause); }
   // False if the lock can't be taken.
   bool Scan(FunctionClassBase& function) const;
   // Empties and closes the table. The entries are detached: their peers are forgotten, what they
@@ -92,15 +84,6 @@ class RouterTable {
 
  private:
   friend class RouterTableEntry;  // PeerLoggedOff
-
-  using SteadyTime = Platform::Clock::SteadyTime;
-  // What one line of the file is made of.
-  struct Row {
-    std::string name;
-    bool isRouter = false;
-    BrelixMessaging::RouterConsumer_var consumer;
-    BrelixMessaging::NotifyConsumer_var notify;
-  };
 
   using Rows = std::map<std::string, RouterTableEntry*>;
   class PendingRow;
@@ -114,28 +97,18 @@ class RouterTable {
                             std::vector<Envelope>& leftovers) REQUIRES(mutex_);
   void RouteAnew(std::vector<Envelope>& envelopes) const;
   void PeerLoggedOff(const std::string& name, bool isRouter) const;
+  // The entries, whose rows are gone, until FreeDetached.
+  void KeepDetachedLocked() REQUIRES(mutex_);
 
+  void Open();
   void Restore(const RegEntry& record);
-  // Whatever the interval. The caller has claimed the write; one that fails, or for which there is
-  // a lock too few, is owed. `close` closes the table in the step in which the rows are taken, and
-  // an exception after that opens it again; what the disk did not take of a closed one is kept.
-  void Write(bool close);
-  // Whether a write may start now; notes it where it may not.
-  bool ClaimWrite(bool force);
-  bool IsWriteOwed();
-  void WriteDone(bool complete);
-  bool IsClosed() const;  // no, if the lock can't be taken: whoever writes looks again
-  // False if the table is closed. Closes it if asked to, in the same step.
-  bool CollectRows(bool close, std::vector<Row>& rows);
-  // False if a closed table has left no text to write.
-  bool WriteKeptText();
-  std::optional<std::string> KeptText();
-  void ForgetKeptText();
-  RegEntry RecordOf(const Row& row);
-  std::string ComposeFile(const std::vector<Row>& rows) REQUIRES(fileMutex_);
+  void RestoreLogon(const RegEntry& record);
+
+  bool IsClosed() const override;
+  bool CollectRows(bool close, std::vector<RouterTableFile::Row>& rows) override;
+  void Reopen() noexcept override { closed_ = false; }
 
   RoutingHost& host_;
-  const std::string filePath_;
   Reroute reroute_;
   LoggedOffNotice loggedOffNotice_;
 
@@ -151,20 +124,7 @@ class RouterTable {
   // The child routers of a table that has been cleared.
   std::set<std::string> clearedChildren_ GUARDED_BY(mutex_);
 
-  // Writers of the file, one after the other; taken before mutex_.
-  ThreadHelper::Mutex fileMutex_;
-  std::set<std::string> namesWarnedOf_ GUARDED_BY(fileMutex_);
-  // What a table was closed with and the disk did not take.
-  std::optional<std::string> unwritten_ GUARDED_BY(fileMutex_);
-
-  // A leaf.
-  ThreadHelper::Mutex writeTimeMutex_;
-  std::optional<SteadyTime> lastWrite_ GUARDED_BY(writeTimeMutex_);
-  bool writeOwed_ GUARDED_BY(writeTimeMutex_) = false;
+  RouterTableFile file_;
 };
-
-// The records of a table file's text, up to the first line that does not parse, whose number is
-// left in `badLine`; 0 if all do. Empty lines are passed over.
-std::vector<RegEntry> ParseTableFile(const std::string& text, std::size_t& badLine);
 
 }  // namespace MessageRouter

@@ -1,23 +1,24 @@
-// The reader of the router table file.
+// The text of the router table file.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <sstream>
 #include <string>
+#include <vector>
 
-#include "routing/RouterTable.h"
+#include "routing/RouterTableText.h"
 
 namespace {
 
 // What was read without an oddity is written and read back the same.
-void RequireReadBack(const MessageRouter::RegEntry& record) {
-  std::ostringstream text;
-  record.write(text) << '\n';
-  std::size_t badLine = 0;
-  const auto again = MessageRouter::ParseTableFile(text.str(), badLine);
-  if (badLine != 0 || again.size() != 1 || again[0].name != record.name ||
-      again[0].type != record.type || again[0].ior != record.ior) {
-    std::abort();
+void RequireReadBack(const std::vector<MessageRouter::RegEntry>& records) {
+  const auto [again, badLine] =
+      MessageRouter::ParseTableText(MessageRouter::ComposeTableText(records));
+  if (badLine != 0 || again.size() != records.size()) std::abort();
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    if (again[i].name != records[i].name || again[i].type != records[i].type ||
+        again[i].ior != records[i].ior) {
+      std::abort();
+    }
   }
 }
 
@@ -25,8 +26,6 @@ void RequireReadBack(const MessageRouter::RegEntry& record) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
-  std::size_t badLine = 0;
-  const auto records = MessageRouter::ParseTableFile(text, badLine);
-  for (const MessageRouter::RegEntry& record : records) RequireReadBack(record);
+  RequireReadBack(MessageRouter::ParseTableText(text).records);
   return 0;
 }
