@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "routing/RoutingHost.h"
+#include "routing/Thresholds.h"
 
 namespace MessageRouter {
 

@@ -24,8 +24,8 @@ RouterTableEntry::RouterTableEntry(const std::string& name, bool isRouter, bool 
       isParent_(isParent),
       isRouter_(isRouter),
       name_(name),
-      randomSeed_(static_cast<std::uint32_t>(Platform::Clock::Instance().WallMicroseconds() %
-                                             kMicrosecondsPerSecond)) {}
+      supplier_(static_cast<std::uint32_t>(Platform::Clock::Instance().WallMicroseconds() %
+                                           kMicrosecondsPerSecond)) {}
 
 RouterTableEntry::~RouterTableEntry() = default;
 
@@ -76,9 +76,7 @@ bool RouterTableEntry::IsRoutable() const {
 }
 
 bool RouterTableEntry::IsPassiveConsumer() const {
-  if (logonState_ != kLoggedOn) return false;
-  const std::uint32_t state = consumerState_;
-  return state == kPushIdle || state == kPushBusy;
+  return logonState_ == kLoggedOn && ConsumerSide::IsPassive(consumerState_);
 }
 
 bool RouterTableEntry::HasEnvelopes() const {
@@ -109,19 +107,6 @@ RouterTableEntry::PeerReferences RouterTableEntry::References() const {
 
 bool RouterTableEntry::HasNotifyConsumer() const {
   return hasNotifyConsumer_;
-}
-
-bool RouterTableEntry::Visitors::Enter(bool Visitors::*turnedAway) {
-  if (inside) {
-    this->*turnedAway = true;
-    return false;
-  }
-  inside = true;
-  return true;
-}
-
-RouterTableEntry::Visitors RouterTableEntry::Visitors::Leave() {
-  return std::exchange(*this, Visitors());
 }
 
 bool RouterTableEntry::IsCallersLocked(const std::string& name) const {
@@ -174,7 +159,7 @@ bool RouterTableEntry::PeekNext(Envelope& out, const std::string& name) {
   if (!IsCallersLocked(name)) throw BrelixMessaging::Rejected();
   const Envelope* next = envelopes_.Next();
   if (next == nullptr) {
-    EnvelopePulledWithNothingThereLocked();
+    consumer_.PulledNothing();
     return false;
   }
   out = *next;
@@ -308,21 +293,15 @@ bool RouterTableEntry::TakeOver(const std::string& name, std::vector<Envelope>& 
   WriteGuard guard(lock_);
   if (!guard || detached_ || isParent_ || registered_ || IsLoggedOn()) return false;
   // Another peer must not wait for a call that the former one does not end.
-  if (polling_.inside || outgoing_.inside || OwesNews()) return false;
+  if (supplier_.Visited() || consumer_.Visited() || OwesNews()) return false;
   std::string taken = name;
   // Nothing has been changed yet where there is no memory.
   envelopes_.TakeAll(leftovers);
   ++generation_;
   // Nothing of the former peer is left but the place.
   isRouter_ = false;
-  notificationThreshold_ = 0;
-  nextNotification_.reset();
-  notificationRetry_ = 0;
-  lastPull_.reset();
-  lastGet_.reset();
-  shortPollDeadline_ = {};
-  pollInterval_ = 0;
-  expectedResponses_ = 0;
+  supplier_.Clear();
+  consumer_.Clear();
   name_.swap(taken);
   logonState_ = kCertificationReserved;
   return true;

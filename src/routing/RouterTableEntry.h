@@ -11,9 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/Clock.h"
+#include "routing/ConsumerSide.h"
 #include "routing/EnvelopeQueue.h"
 #include "routing/RoutingHost.h"
+#include "routing/SupplierSide.h"
 #include "threads/Mutex.h"
 
 namespace MessageRouter {
@@ -44,26 +45,8 @@ class RouterTableEntry {
     kCertificationReserved = 3,
     kLoggedOff = 4,
   };
-  enum SupplierState : std::uint32_t {
-    kNoSupplier = 0,
-    kActiveSupplier = 1,
-    kPollWaiting = 2,
-    kPollNotified = 3,
-    kPollDue = 4,
-    kPollRunning = 5,
-    kPollFailed = 6,
-  };
-  enum ConsumerState : std::uint32_t {
-    kNothingSent = 0,           // active, with a notifier
-    kNoNotification = 1,        // active, no notification to send
-    kNotified = 2,              // active, expected to pull
-    kPushIdle = 3,              // passive
-    kPushBusy = 4,              // passive, a sender is at work
-    kPushFailed = 5,            // passive
-    kNotifying = 6,             // a notification is being sent
-    kNotifyingPulledEmpty = 7,  // the peer pulled and found nothing meanwhile
-    kNotifyAgain = 8,           // as 7, and another notification is wanted
-  };
+  using enum SupplierSide::States;
+  using enum ConsumerSide::States;
 
   // The objects that a logon activated for the peer; nil where none is owed.
   struct LocalPeerObjects {
@@ -239,8 +222,6 @@ class RouterTableEntry {
   friend class RouterTable;  // Detach and the outcome of MarkUnregistered
   friend class Routing;      // TryEnqueue, PopUnroutable
 
-  using SteadyTime = Platform::Clock::SteadyTime;
-
   // What a Reset took out of the entry, for Finish once no lock is held.
   struct Dismissed {
     PeerReferences references;
@@ -253,18 +234,6 @@ class RouterTableEntry {
     bool lost = false;  // there was no memory for it
     bool isRouter = false;
     std::string name;
-  };
-  // Who is on the way to the peer or in a call of it. A Reset leaves this alone: a peer that hangs
-  // in a call and logs on again must not take a second worker.
-  struct Visitors {
-    bool inside = false;
-    // Who was turned away, and comes again.
-    bool worker = false;     // a getter or sender
-    bool threshold = false;  // a threshold worker
-
-    // `turnedAway` is one of the two above.
-    bool Enter(bool Visitors::*turnedAway);
-    Visitors Leave();  // whom to offer the entry to
   };
   // What a logon has to tell in the log.
   struct SessionReport {
@@ -322,14 +291,12 @@ class RouterTableEntry {
   // Throws, after the session has ended, if the notice fails.
   void EndSession(const LogoffNotice& notice, Dismissed& dismissed);
 
-  std::uint32_t RandomisedLocked(std::uint32_t interval, bool randomise) REQUIRES(lock_);
-  void unsafe_enablePolling(const Thresholds& thresholds) REQUIRES(lock_);
-  void TouchLastPullLocked() REQUIRES(lock_);
-  bool CountsPulls() const;  // the states in which lastPull applies
-  void NoNotificationLocked() REQUIRES(lock_);
-  bool NotificationRunningLocked() const REQUIRES_SHARED(lock_);
-  bool IsWorthNotifyingLocked(const Envelope& envelope) const REQUIRES_SHARED(lock_);
-  void EnvelopePulledWithNothingThereLocked() REQUIRES(lock_);
+  // `method` set the polling interval that `what` tells of.
+  void LogInterval(const char* method, const char* what, std::uint32_t seconds) const;
+  bool MayNotifyLocked() const REQUIRES_SHARED(lock_);
+  // `outcome` gets the consumer side where the session stands; the result is its.
+  template <class Outcome>
+  bool EndNotification(LogonGeneration generation, Outcome&& outcome);
   // For those that were turned away at the end of a push or notification.
   void OfferAgain(const Visitors& turnedAway);
 
@@ -344,8 +311,6 @@ class RouterTableEntry {
   std::atomic<bool> registered_{false};
   std::atomic<bool> isRouter_;
   std::atomic<std::uint32_t> logonState_{kNeverUsed};
-  std::atomic<std::uint32_t> supplierState_{kNoSupplier};
-  std::atomic<std::uint32_t> consumerState_{kNothingSent};
   std::atomic<LogonGeneration> generation_{0};
   std::atomic<bool> hasNotifyConsumer_{false};
   std::atomic<std::uint64_t> newsOwed_{0};
@@ -354,22 +319,14 @@ class RouterTableEntry {
   EnvelopeQueue envelopes_ GUARDED_BY(lock_);
   std::string name_ GUARDED_BY(lock_);
   bool detached_ GUARDED_BY(lock_) = false;
-  Visitors polling_ GUARDED_BY(lock_);
-  Visitors outgoing_ GUARDED_BY(lock_);
+  SupplierSide supplier_ GUARDED_BY(lock_);
+  ConsumerSide consumer_ GUARDED_BY(lock_);
   PeerReferences references_ GUARDED_BY(lock_);
   LocalPeerObjects local_ GUARDED_BY(lock_);
 
-  std::int32_t notificationThreshold_ GUARDED_BY(lock_) = 0;
-  std::optional<SteadyTime> nextNotification_ GUARDED_BY(lock_);  // nothing: at once
-  std::uint32_t notificationRetry_ GUARDED_BY(lock_) = 0;         // seconds; 0 before a failure
-  std::optional<SteadyTime> lastPull_ GUARDED_BY(lock_);          // nothing: not applicable
-
-  std::optional<SteadyTime> lastGet_ GUARDED_BY(lock_);  // nothing: a poll is due at once
-  SteadyTime shortPollDeadline_ GUARDED_BY(lock_){};
-  std::uint32_t pollInterval_ GUARDED_BY(lock_) = 0;  // seconds
-  bool notifiedWhilePolled_ GUARDED_BY(lock_) = false;
-  std::uint32_t expectedResponses_ GUARDED_BY(lock_) = 0;
-  std::uint32_t randomSeed_ GUARDED_BY(lock_);
+  // Of the two, read without the lock.
+  const std::atomic<std::uint32_t>& supplierState_{supplier_.State()};
+  const std::atomic<std::uint32_t>& consumerState_{consumer_.State()};
 };
 
 }  // namespace MessageRouter

@@ -1,7 +1,4 @@
 // The way out: pushing to a peer, and telling a peer that fetches for itself that something waits.
-#include <algorithm>
-#include <chrono>
-
 #include "routing/RouterTableEntry.h"
 
 namespace MessageRouter {
@@ -13,10 +10,7 @@ RouterTableEntry::Claim RouterTableEntry::ClaimForSending() {
   Claim claim;
   WriteGuard guard(lock_);
   claim.generation = generation_;
-  if (!guard || logonState_ != kLoggedOn || consumerState_ != kPushIdle) return claim;
-  if (!outgoing_.Enter(&Visitors::worker)) return claim;
-  consumerState_ = kPushBusy;
-  claim.acquired = true;
+  claim.acquired = guard && logonState_ == kLoggedOn && consumer_.ClaimForSending();
   return claim;
 }
 
@@ -27,9 +21,8 @@ void RouterTableEntry::SendFinished(LogonGeneration generation) {
   {
     WriteGuard guard(lock_);
     if (!guard) return;
-    turnedAway = outgoing_.Leave();
-    if (generation == generation_ && consumerState_ == kPushBusy) {
-      consumerState_ = kPushIdle;
+    turnedAway = consumer_.Leave();
+    if (generation == generation_ && consumer_.SendFinished()) {
       turnedAway.worker = turnedAway.worker || !envelopes_.Empty();
     }
   }
@@ -42,9 +35,9 @@ bool RouterTableEntry::SendFailed(const Claim& claim) {
   {
     WriteGuard guard(lock_);
     if (!guard) return false;
-    if (claim.acquired) turnedAway = outgoing_.Leave();
+    if (claim.acquired) turnedAway = consumer_.Leave();
     current = claim.generation == generation_;
-    if (current) consumerState_ = kPushFailed;
+    if (current) consumer_.SendFailed();
   }
   // Where the session stands the caller ends it, and nobody has anything to do for it.
   if (!current) OfferAgain(turnedAway);
@@ -56,11 +49,8 @@ void RouterTableEntry::OfferAgain(const Visitors& turnedAway) {
   if (turnedAway.threshold) host_.OfferToThreshold(*this);
 }
 
-// A threshold of 0 refuses nothing: one envelope of a negative priority, which stands at the exit,
-// would keep the peer from hearing of all others.
-bool RouterTableEntry::IsWorthNotifyingLocked(const Envelope& envelope) const {
-  return notificationThreshold_ == 0 ||
-         static_cast<std::int32_t>(envelope.Priority()) >= notificationThreshold_;
+bool RouterTableEntry::MayNotifyLocked() const {
+  return logonState_ == kLoggedOn && !CORBA::is_nil(references_.notifyConsumer);
 }
 
 RouterTableEntry::Claim RouterTableEntry::NotificationWanted(LogonGeneration session) {
@@ -68,17 +58,10 @@ RouterTableEntry::Claim RouterTableEntry::NotificationWanted(LogonGeneration ses
   WriteGuard guard(lock_);
   claim.generation = generation_;
   if (!guard || generation_ != session) return claim;
-  const std::uint32_t state = consumerState_;
-  const Envelope* next = envelopes_.Next();
-  if (logonState_ == kLoggedOn && !CORBA::is_nil(references_.notifyConsumer) &&
-      (state == kNothingSent || state == kNotified) && next != nullptr &&
-      IsWorthNotifyingLocked(*next)) {
-    if (!outgoing_.Enter(&Visitors::worker)) return claim;
-    consumerState_ = kNotifying;
-    claim.acquired = true;
-  } else if (state == kNotifyingPulledEmpty) {
-    consumerState_ = kNotifyAgain;
-  }
+  std::optional<std::int32_t> priority;
+  const Envelope* const next = MayNotifyLocked() ? envelopes_.Next() : nullptr;
+  if (next != nullptr) priority = static_cast<std::int32_t>(next->Priority());
+  claim.acquired = consumer_.ClaimForNotifying(priority);
   return claim;
 }
 
@@ -87,116 +70,60 @@ RouterTableEntry::Claim RouterTableEntry::NotificationRetryDue() {
   Claim claim;
   WriteGuard guard(lock_);
   claim.generation = generation_;
-  if (!guard || logonState_ != kLoggedOn || CORBA::is_nil(references_.notifyConsumer)) return claim;
-  if (consumerState_ != kNothingSent && consumerState_ != kNoNotification) return claim;
-  const SteadyTime now = Platform::SteadyNow();
-  if (nextNotification_ && now <= *nextNotification_) return claim;
-  if (!outgoing_.Enter(&Visitors::threshold)) return claim;
-  const std::uint64_t wanted = notificationRetry_ == 0
-                                   ? thresholds.notificationThresholdInitialRetrySecs
-                                   : std::uint64_t{notificationRetry_} * 2;
-  notificationRetry_ = static_cast<std::uint32_t>(
-      std::min<std::uint64_t>(wanted, thresholds.notificationThresholdMaxRetrySecs));
-  nextNotification_ = now + std::chrono::seconds(notificationRetry_);
-  consumerState_ = kNotifying;
-  claim.acquired = true;
+  claim.acquired =
+      guard && MayNotifyLocked() && consumer_.ClaimForRetry(thresholds, Platform::SteadyNow());
   return claim;
 }
 
-bool RouterTableEntry::NotificationRunningLocked() const {
-  const std::uint32_t state = consumerState_;
-  return state == kNotifying || state == kNotifyingPulledEmpty || state == kNotifyAgain;
-}
-
-void RouterTableEntry::NotificationAccepted(LogonGeneration generation, std::int32_t threshold) {
-  Visitors turnedAway;
-  {
-    WriteGuard guard(lock_);
-    if (!guard) return;
-    turnedAway = outgoing_.Leave();
-    if (generation == generation_ && NotificationRunningLocked()) {
-      consumerState_ = kNotified;
-      notificationThreshold_ = threshold;
-      TouchLastPullLocked();
-    }
-  }
-  OfferAgain(turnedAway);
-}
-
-void RouterTableEntry::NotificationFailed(LogonGeneration generation) {
-  const Thresholds thresholds = host_.GetThresholds();
-  Visitors turnedAway;
-  {
-    WriteGuard guard(lock_);
-    if (!guard) return;
-    turnedAway = outgoing_.Leave();
-    if (generation == generation_ && NotificationRunningLocked()) {
-      NoNotificationLocked();
-      notificationRetry_ = thresholds.notificationThresholdInitialRetrySecs;
-      nextNotification_ = Platform::SteadyNow() + std::chrono::seconds(notificationRetry_);
-    }
-  }
-  OfferAgain(turnedAway);
-}
-
-void RouterTableEntry::ThresholdCallFailed(LogonGeneration generation) {
-  Visitors turnedAway;
-  {
-    WriteGuard guard(lock_);
-    if (!guard) return;
-    turnedAway = outgoing_.Leave();
-    if (generation == generation_ && NotificationRunningLocked()) NoNotificationLocked();
-  }
-  OfferAgain(turnedAway);
-}
-
-// A pull during the call has made lastPull_ not applicable, and a router that is silent from here
-// on must still time out. Where there was no pull, what was not applicable before stays so.
-void RouterTableEntry::NoNotificationLocked() {
-  const bool pulled = consumerState_ != kNotifying;
-  consumerState_ = kNoNotification;
-  if (pulled && !lastPull_) TouchLastPullLocked();
-}
-
-bool RouterTableEntry::NotificationFinished(LogonGeneration generation) {
+template <class Outcome>
+bool RouterTableEntry::EndNotification(LogonGeneration generation, Outcome&& outcome) {
   Visitors turnedAway;
   bool again = false;
   {
     WriteGuard guard(lock_);
     if (!guard) return false;
-    turnedAway = outgoing_.Leave();
-    if (generation == generation_) {
-      again = consumerState_ == kNotifyAgain;
-      if (NotificationRunningLocked()) consumerState_ = kNotified;
-      // After the state: pulls don't count in the ones that a notification passes through.
-      TouchLastPullLocked();
-    }
+    turnedAway = consumer_.Leave();
+    if (generation == generation_) again = outcome(consumer_, Platform::SteadyNow());
   }
   OfferAgain(turnedAway);
   return again;
 }
 
-void RouterTableEntry::EnvelopePulledWithNothingThereLocked() {
-  if (consumerState_ == kNotifying) consumerState_ = kNotifyingPulledEmpty;
+void RouterTableEntry::NotificationAccepted(LogonGeneration generation, std::int32_t threshold) {
+  EndNotification(generation, [threshold](ConsumerSide& consumer, ConsumerSide::Time now) {
+    consumer.NotificationAccepted(threshold, now);
+    return false;
+  });
 }
 
-bool RouterTableEntry::CountsPulls() const {
-  if (!IsLoggedOn()) return false;
-  const std::uint32_t state = consumerState_;
-  return state == kNothingSent || state == kNoNotification || state == kNotified ||
-         state == kNotifying;
+void RouterTableEntry::NotificationFailed(LogonGeneration generation) {
+  const Thresholds thresholds = host_.GetThresholds();
+  EndNotification(generation, [&thresholds](ConsumerSide& consumer, ConsumerSide::Time now) {
+    consumer.NotificationFailed(thresholds, now);
+    return false;
+  });
+}
+
+void RouterTableEntry::ThresholdCallFailed(LogonGeneration generation) {
+  EndNotification(generation, [](ConsumerSide& consumer, ConsumerSide::Time now) {
+    consumer.RetryFailed(now);
+    return false;
+  });
+}
+
+bool RouterTableEntry::NotificationFinished(LogonGeneration generation) {
+  return EndNotification(generation, [](ConsumerSide& consumer, ConsumerSide::Time now) {
+    return consumer.NotificationFinished(now);
+  });
 }
 
 void RouterTableEntry::TouchLastPull(const std::string& name) {
   WriteGuard guard(lock_);
-  if (guard && IsCallersLocked(name)) TouchLastPullLocked();
-}
-
-void RouterTableEntry::TouchLastPullLocked() {
-  if (CountsPulls()) {
-    lastPull_ = Platform::SteadyNow();
+  if (!guard || !IsCallersLocked(name)) return;
+  if (IsLoggedOn()) {
+    consumer_.TouchLastPull(Platform::SteadyNow());
   } else {
-    lastPull_.reset();
+    consumer_.ForgetLastPull();
   }
 }
 
@@ -205,11 +132,12 @@ bool RouterTableEntry::PullTimedOut() const {
 }
 
 bool RouterTableEntry::PullTimedOut(LogonGeneration session) const {
-  if (!isRouter_ || !CountsPulls()) return false;
-  const std::chrono::seconds limit(host_.GetThresholds().activeConsumerConnectionTimeout);
+  // The scan asks this of every entry.
+  if (!isRouter_ || !ConsumerSide::CountsPulls(consumerState_)) return false;
+  const std::uint32_t limit = host_.GetThresholds().activeConsumerConnectionTimeout;
   ReadGuard guard(lock_);
-  return guard && session == generation_ && CountsPulls() && lastPull_ &&
-         Platform::SteadyNow() - *lastPull_ > limit;
+  return guard && session == generation_ && IsLoggedOn() &&
+         consumer_.PullTimedOut(limit, Platform::SteadyNow());
 }
 
 }  // namespace MessageRouter

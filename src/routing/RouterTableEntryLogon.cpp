@@ -75,10 +75,8 @@ void RouterTableEntry::ResetLocked(Dismissed& dismissed) {
   Move(local_.notify, dismissed.objects.notify);
   Move(local_.supplier, dismissed.objects.supplier);
   logonState_ = kLoggedOff;
-  supplierState_ = kNoSupplier;
-  notifiedWhilePolled_ = false;
-  consumerState_ = kNothingSent;
-  lastPull_.reset();
+  supplier_.Reset();
+  consumer_.Reset();
   dismissed.parentLinkLost = isParent_;
 }
 
@@ -148,7 +146,7 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonPeer(const std::string
     activated = local_;
     report = ApplyReferencesLocked(threshold, thresholds);
     logonState_ = kLoggedOn;
-    if (isRouter) TouchLastPullLocked();
+    if (isRouter) consumer_.TouchLastPull(Platform::SteadyNow());
   }
   Finish(dismissed);
   Announce(report, loggingOn);
@@ -217,25 +215,21 @@ RouterTableEntry::SessionReport RouterTableEntry::ApplyReferencesLocked(
   report.isRouter = isRouter_;
   hasNotifyConsumer_ = !CORBA::is_nil(references_.notifyConsumer);
   if (!CORBA::is_nil(references_.routerConsumer) || !CORBA::is_nil(references_.messageConsumer)) {
-    consumerState_ = kPushIdle;
+    consumer_.BeginPushed();
     report.consumer = "passive consumer";
   } else if (hasNotifyConsumer_) {
-    notificationThreshold_ = threshold;
-    consumerState_ = kNothingSent;
-    nextNotification_.reset();
-    notificationRetry_ = 0;
+    consumer_.BeginNotified(threshold);
     report.consumer = "active consumer (will try to notify)";
   } else {
-    consumerState_ = kNoNotification;
+    consumer_.BeginSilent();
     report.consumer = "active consumer (no notification)";
   }
   if (CORBA::is_nil(references_.routerSupplier)) {
-    supplierState_ = kActiveSupplier;
+    supplier_.BeginPushing();
     report.supplier = "active supplier";
     return report;
   }
-  unsafe_enablePolling(thresholds);
-  report.pollInterval = pollInterval_;
+  report.pollInterval = supplier_.BeginPolling(thresholds, Platform::SteadyNow());
   report.supplier = "passive supplier";
   return report;
 }
@@ -265,10 +259,10 @@ RouterTableEntry::LocalPeerObjects RouterTableEntry::LogonCertification(const st
     ResetLocked(dismissed);
     pending.MoveTo(local_);
     activated = local_;
-    consumerState_ = kNoNotification;
-    supplierState_ = kActiveSupplier;
+    consumer_.BeginSilent();
+    supplier_.BeginPushing();
     logonState_ = kCertification;
-    TouchLastPullLocked();
+    consumer_.TouchLastPull(Platform::SteadyNow());
   }
   Finish(dismissed);
   return activated;

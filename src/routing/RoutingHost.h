@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "routing/Thresholds.h"
+
 namespace MessageRouter {
 
 class Envelope;
@@ -25,16 +27,6 @@ class LocalObjects {
   virtual BrelixMessaging::EnvelopeSupplier_ptr CreateCertSupplier(const std::string& name) = 0;
   // A nil object is ignored.
   virtual void Deactivate(CORBA::Object_ptr object) = 0;
-};
-
-// The router's thresholds, as read and adjusted at the start of a cycle. Seconds.
-struct Thresholds {
-  std::uint32_t notificationThresholdInitialRetrySecs = 3600;
-  std::uint32_t notificationThresholdMaxRetrySecs = 172800;
-  std::uint32_t getterShortInterval = 120;
-  std::uint32_t getterInterval = 900;
-  bool randomizeGetterInterval = true;
-  std::uint32_t activeConsumerConnectionTimeout = 1800;
 };
 
 // What routing asks of the rest of the router. Implemented by Router; tests play it.

@@ -179,7 +179,7 @@ TEST_F(EntryNotificationTest, AFinishedOneLeavesThePeerNotifiedAndItCanBeNotifie
 }
 
 TEST_F(EntryNotificationTest, APullOutsideOfANotificationChangesNoState) {
-  const auto expectToStay = [this](Entry::ConsumerState state) {
+  const auto expectToStay = [this](MessageRouter::ConsumerSide::States state) {
     ASSERT_EQ(peer_.GetConsumerState(), state);
     PullWithNothingThere(peer_);
     EXPECT_EQ(peer_.GetConsumerState(), state);
@@ -422,7 +422,7 @@ TEST_F(EntryNotificationTest, ATimeOutIsThatOfOneSession) {
 }
 
 TEST_F(EntryNotificationTest, AnOutcomeWithoutACallUnderWayChangesNothing) {
-  const auto expectToStay = [this](Entry::ConsumerState state) {
+  const auto expectToStay = [this](MessageRouter::ConsumerSide::States state) {
     const auto generation = peer_.Generation();
     ASSERT_EQ(peer_.GetConsumerState(), state);
     peer_.NotificationFailed(generation);

@@ -108,7 +108,7 @@ TEST_F(EnvelopeSupplierTest, AnEmptyPullInAnyOtherStateLeavesTheStateAlone) {
   }
   ASSERT_TRUE(Entry("busy").ClaimForSending().acquired);
   ASSERT_TRUE(Entry("failed").SendFailed(Entry("failed").ClaimForSending()));
-  const std::pair<const char*, RouterTableEntry::ConsumerState> cases[] = {
+  const std::pair<const char*, MessageRouter::ConsumerSide::States> cases[] = {
       {"agent-1", RouterTableEntry::kNothingSent}, {"agent-2", RouterTableEntry::kNoNotification},
       {"idle", RouterTableEntry::kPushIdle},       {"busy", RouterTableEntry::kPushBusy},
       {"failed", RouterTableEntry::kPushFailed},
