@@ -43,6 +43,7 @@ class Usage(unittest.TestCase):
             ["ping"],  # no identity
             ["--identity", ".", "--port", "0", "ping"],
             ["--identity", ".", "--port", "70000", "ping"],
+            ["--identity", ".", "--port", "1\n2", "ping"],
             ["--identity", ".", "--timeout", "-1", "ping"],
             ["--identity", ".", "--json", "--text", "ping"],
             ["--identity", ".", "send"],

@@ -2,16 +2,15 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <iostream>
 #include <map>
 
 #include "certmgr/Timestamp.h"
+#include "command_line/ParseFailure.h"
 #include "platform/Files.h"
 
 namespace Certmgr {
 namespace {
 
-constexpr int kBadUsage = 2;
 constexpr std::int64_t kDay = 24 * 60 * 60;
 // Hosts whose clocks are a little slow accept a new certificate at once.
 constexpr std::int64_t kSlack = 60 * 60;
@@ -98,18 +97,6 @@ void CheckName(const std::string& name) {
   }
 }
 
-// A word that is none of ours says more of what is wrong than what is missing for want of it.
-std::string ReasonOf(const CLI::ParseError& error, const CLI::App& app) {
-  const std::vector<std::string> unknown = app.remaining(true);
-  return unknown.empty() ? error.what() : "unknown: " + unknown.front();
-}
-
-// One line, whatever the parser has to say.
-void Complain(std::string text) {
-  std::replace(text.begin(), text.end(), '\n', ' ');
-  std::cerr << "brelix-certmgr: " << text << " (see --help)\n";
-}
-
 }  // namespace
 
 std::optional<Options> ParseCommandLine(int argc, char** argv, std::int64_t now, int& status) {
@@ -159,12 +146,7 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, std::int64_t now,
     options.validity = Resolve(isIssue ? issueValidity : initValidity, now);
     return options;
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) {
-      status = app.exit(error);
-    } else {
-      Complain(ReasonOf(error, app));
-      status = kBadUsage;
-    }
+    status = CommandLine::Explain(error, app);
   }
   return std::nullopt;
 }

@@ -1,10 +1,9 @@
 #include "client/CommandLine.h"
 
 #include <CLI/CLI.hpp>
-#include <iostream>
 #include <limits>
 
-#include "client_library/Failure.h"
+#include "command_line/ParseFailure.h"
 
 namespace {
 
@@ -82,12 +81,6 @@ void AddReceive(CLI::App& app, Options& options) {
   AddCheckInterval(app, options);
 }
 
-// A word that is none of ours says more of what is wrong than what is missing for want of it.
-std::string ReasonOf(const CLI::ParseError& error, const CLI::App& app) {
-  const std::vector<std::string> unknown = app.remaining(true);
-  return unknown.empty() ? error.what() : "unknown: " + unknown.front();
-}
-
 }  // namespace
 
 std::optional<Options> ParseCommandLine(int argc, char** argv, int& status) {
@@ -141,12 +134,7 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, int& status) {
       throw CLI::RequiredError("send: one of --text, --file and -");
     }
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) {
-      status = app.exit(error);
-    } else {
-      std::cerr << "brelix-client: " << ReasonOf(error, app) << " (see --help)\n";
-      status = static_cast<int>(ClientLibrary::Outcome::BadUsage);
-    }
+    status = CommandLine::Explain(error, app);
     return std::nullopt;
   }
   if (options.command == Command::Listen) {
