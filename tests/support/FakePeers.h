@@ -9,7 +9,7 @@
 
 namespace TestSupport {
 
-// What a peer does with the calls that it gets. Every call counts; `onCall` runs after that and may
+// What a peer does with calls of one kind. Every call counts; `onCall` runs after that and may
 // throw what the peer raises, or wait.
 class Calls {
  public:
@@ -23,8 +23,7 @@ class Calls {
     };
   }
 
- protected:
-  void Called() {
+  void Take() {
     ++count;
     if (onCall) onCall(count);
   }
@@ -35,18 +34,13 @@ template <class Skeleton>
 class FakeConsumer : public Skeleton, public Calls {
  public:
   void SendEnvelope(const BrelixMessaging::Envelope& envelope) override {
-    Called();
+    Take();
     received.push_back(static_cast<std::uint32_t>(envelope.message_id));
     originators.emplace_back(envelope.originator.in());
   }
-  void Heartbeat() override {
-    ++heartbeats;
-    if (onHeartbeat) onHeartbeat(heartbeats);
-  }
+  void Heartbeat() override { heartbeats.Take(); }
 
-  // As onCall, for heartbeats. Set before the first.
-  std::function<void(int call)> onHeartbeat;
-  int heartbeats = 0;
+  Calls heartbeats;
   // Of the calls that returned.
   std::vector<std::uint32_t> received;
   std::vector<std::string> originators;
@@ -58,15 +52,13 @@ using FakeRouterConsumer = FakeConsumer<POA_BrelixMessaging::RouterConsumer>;
 // Notify is what counts as a call of it, unless a test looks at the threshold calls.
 class FakeNotifyConsumer : public POA_BrelixMessaging::NotifyConsumer, public Calls {
  public:
-  void Notify() override { Called(); }
+  void Notify() override { Take(); }
   CORBA::Long NotificationThreshold() override {
     thresholdCalls.Take();
     return threshold;
   }
 
-  struct ThresholdCalls : Calls {
-    void Take() { Called(); }
-  } thresholdCalls;
+  Calls thresholdCalls;
   CORBA::Long threshold = 0;
 };
 
@@ -74,7 +66,7 @@ class FakeNotifyConsumer : public POA_BrelixMessaging::NotifyConsumer, public Ca
 class FakeRouterSupplier : public POA_BrelixMessaging::RouterSupplier, public Calls {
  public:
   BrelixMessaging::Envelope* GetEnvelope() override {
-    Called();
+    Take();
     if (waiting.empty()) throw BrelixMessaging::NoEnvelope();
     return new BrelixMessaging::Envelope(waiting.front());
   }
@@ -86,15 +78,14 @@ class FakeRouterSupplier : public POA_BrelixMessaging::RouterSupplier, public Ca
     }
     waiting.pop_front();
   }
-  void Heartbeat() override {}
+  void Heartbeat() override { heartbeats.Take(); }
 
-  struct Acknowledgements : Calls {
-    void Take() { Called(); }
-  } acknowledgements;
+  Calls acknowledgements;
+  Calls heartbeats;
   std::deque<BrelixMessaging::Envelope> waiting;
 };
 
-// A peer's object while it lives: `servant` to look at, `reference` to log on with.
+// A peer's object while it lives: `->` to look at it, `Reference` to log on with.
 template <class Servant, class Interface>
 class Peer {
  public:
@@ -114,7 +105,7 @@ class Peer {
   Peer& operator=(const Peer&) = delete;
 
   Servant* operator->() { return servant_.in(); }
-  typename Interface::_ptr_type Reference() { return reference_.in(); }
+  typename Interface::_ptr_type Reference() const { return reference_.in(); }
 
  private:
   PortableServer::Servant_var<Servant> servant_;

@@ -27,11 +27,6 @@ class HeartbeatThreadTest : public testing::Test {
     table.Parent()->LogonRouter("boss", parent.Reference(), BrelixMessaging::RouterSupplier::_nil(),
                                 BrelixMessaging::NotifyConsumer::_nil(), 0, false);
   }
-  void UnreachableFor(int calls) {
-    parent->onHeartbeat = [calls](int call) {
-      if (call <= calls) throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
-    };
-  }
   bool Logged(const std::string& end) const {
     return log.Has(kLogDebug, "HeartbeatThread::Process(): " + end);
   }
@@ -54,27 +49,27 @@ TEST_F(HeartbeatThreadTest, ThatTheParentAnswersSucceeds) {
   heartbeat.Start();
   ASSERT_TRUE(heartbeat.WaitForEnd(kLong));
   EXPECT_TRUE(heartbeat.Succeeded());
-  EXPECT_EQ(parent->heartbeats, 1);
+  EXPECT_EQ(parent->heartbeats.count, 1);
   EXPECT_TRUE(Logged("Calling parent with heartbeat..."));
   EXPECT_TRUE(Logged("Heartbeat to parent succeeded."));
 }
 
 TEST_F(HeartbeatThreadTest, IsRepeatedOnceAtOnceAfterASystemException) {
-  UnreachableFor(1);
+  parent->heartbeats.UnreachableFor(1);
   HeartbeatThread heartbeat(table);
   heartbeat.Start();
   ASSERT_TRUE(heartbeat.WaitForEnd(kLong));
   EXPECT_TRUE(heartbeat.Succeeded());
-  EXPECT_EQ(parent->heartbeats, 2);
+  EXPECT_EQ(parent->heartbeats.count, 2);
 }
 
 TEST_F(HeartbeatThreadTest, ThatFailsTwiceHasFailed) {
-  UnreachableFor(2);
+  parent->heartbeats.UnreachableFor(2);
   HeartbeatThread heartbeat(table);
   heartbeat.Start();
   ASSERT_TRUE(heartbeat.WaitForEnd(kLong));
   EXPECT_FALSE(heartbeat.Succeeded());
-  EXPECT_EQ(parent->heartbeats, 2);
+  EXPECT_EQ(parent->heartbeats.count, 2);
   EXPECT_TRUE(Logged("Heartbeat to parent failed."));
   EXPECT_FALSE(log.Contains("succeeded"));
 }
@@ -87,7 +82,7 @@ TEST_F(HeartbeatThreadTest, ThatIsMadeAgainBeginsAnew) {
   heartbeat.Join();
   std::promise<void> called;
   std::promise<void> answer;
-  parent->onHeartbeat = [&](int) {
+  parent->heartbeats.onCall = [&](int) {
     called.set_value();
     answer.get_future().wait();
   };
@@ -130,7 +125,7 @@ TEST_F(HeartbeatThreadTest, WhoseEndCameBeforeTheWaitIsSeenAllTheSame) {
 class HangingParentTest : public HeartbeatThreadTest {
  protected:
   HangingParentTest() {
-    parent->onHeartbeat = [this](int) {
+    parent->heartbeats.onCall = [this](int) {
       called.set_value();
       answer.get_future().wait();
     };

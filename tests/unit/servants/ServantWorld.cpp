@@ -72,8 +72,6 @@ Adapters::Adapters() {
                           PortableServer::TRANSIENT);
   certify = MakeAdapter(persistent, "RouterCertify", manager, PortableServer::SYSTEM_ID,
                         PortableServer::TRANSIENT);
-  peers = MakeAdapter(persistent, "Peers", manager, PortableServer::SYSTEM_ID,
-                      PortableServer::TRANSIENT);
   manager->activate();
 }
 

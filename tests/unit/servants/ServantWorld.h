@@ -1,10 +1,11 @@
 #pragma once
 
 #include <BrelixMessaging.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -24,10 +25,14 @@ namespace ServantTests {
 inline constexpr char kRouterName[] = "router-1";
 inline constexpr int kRouterRole = 1;
 
+// The limit of a call back that has just begun.
+inline const auto kAMinute = testing::Optional(
+    testing::AllOf(testing::Gt(std::chrono::seconds(50)), testing::Le(std::chrono::seconds(60))));
+
 // The process's ORB: real adapters, calls within the process alone.
 CORBA::ORB_ptr TestOrb();
 
-// Three adapters as a cycle makes them, and one for the peers that the tests play.
+// Three adapters as a cycle makes them.
 class Adapters {
  public:
   Adapters();
@@ -36,7 +41,6 @@ class Adapters {
   PortableServer::POA_var persistent;
   PortableServer::POA_var transient;
   PortableServer::POA_var certify;
-  PortableServer::POA_var peers;
 };
 
 enum class Validity { Valid, Expired };

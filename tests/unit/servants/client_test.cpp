@@ -1,15 +1,18 @@
 #include "servants/Client_i.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <chrono>
 #include <future>
+#include <optional>
 #include <stdexcept>
+#include <vector>
 
-#include "FakePeers.h"
 #include "ServantWorld.h"
+#include "broker/CallTimeout.h"
 #include "broker/Gate.h"
 #include "servants/ServantHelper.h"
+#include "support/FakePeers.h"
 
 namespace ServantTests {
 namespace {
@@ -47,8 +50,8 @@ class ClientTest : public ServantWorld {
   }
 
   PortableServer::Servant_var<RouterServants::Client_i> servant{new RouterServants::Client_i};
-  PeerConsumer peer{adapters.peers};
-  PeerNotify notifier{adapters.peers};
+  TestSupport::ClientPeer peer;
+  TestSupport::NotifyPeer notifier;
 };
 
 // Registration
@@ -145,8 +148,8 @@ TEST_F(ClientTest, LogonWithNeitherConsumerNorNotifierIsAPurePullerWithoutNotifi
 TEST_F(ClientTest, LogonWithAConsumerThatAnswersIsAPush) {
   RegisterClient("agent-1");
   const CallFrom call("agent-1");
-  Logon(peer.reference);
-  EXPECT_EQ(peer.servant->heartbeats, 1);
+  Logon(peer.Reference());
+  EXPECT_EQ(peer->heartbeats.count, 1);
   EXPECT_TRUE(Entry("agent-1").IsPassiveConsumer());
   EXPECT_FALSE(CORBA::is_nil(consumer));
   EXPECT_TRUE(CORBA::is_nil(supplier));
@@ -156,10 +159,10 @@ TEST_F(ClientTest, LogonWithAConsumerThatAnswersIsAPush) {
 
 TEST_F(ClientTest, LogonWithAConsumerThatFailsTwiceSucceedsWithoutIt) {
   RegisterClient("agent-1");
-  peer.servant->DeafFor(2);
+  peer->heartbeats.UnreachableFor(2);
   const CallFrom call("agent-1");
-  Logon(peer.reference);
-  EXPECT_EQ(peer.servant->heartbeats, 2);
+  Logon(peer.Reference());
+  EXPECT_EQ(peer->heartbeats.count, 2);
   EXPECT_TRUE(Entry("agent-1").IsLoggedOn());
   EXPECT_FALSE(Entry("agent-1").IsPassiveConsumer());
   EXPECT_TRUE(CORBA::is_nil(Entry("agent-1").References().messageConsumer));
@@ -170,18 +173,20 @@ TEST_F(ClientTest, LogonWithAConsumerThatFailsTwiceSucceedsWithoutIt) {
 
 TEST_F(ClientTest, ACallBackLastsAMinuteAtMost) {
   RegisterClient("agent-1");
+  std::vector<std::optional<std::chrono::milliseconds>> limits;
+  peer->heartbeats.onCall = [&](int) { limits.push_back(Broker::CallTimeout::Left()); };
   const CallFrom call("agent-1");
-  Logon(peer.reference);
-  LogonPushPush(peer.reference);
-  EXPECT_THAT(peer.servant->limits, testing::ElementsAre(kAMinute, kAMinute));
+  Logon(peer.Reference());
+  LogonPushPush(peer.Reference());
+  EXPECT_THAT(limits, testing::ElementsAre(kAMinute, kAMinute));
 }
 
 TEST_F(ClientTest, LogonWithAConsumerThatFailsOnceCallsTwiceAndLogsOneSuccess) {
   RegisterClient("agent-1");
-  peer.servant->DeafFor(1);
+  peer->heartbeats.UnreachableFor(1);
   const CallFrom call("agent-1");
-  Logon(peer.reference);
-  EXPECT_EQ(peer.servant->heartbeats, 2);
+  Logon(peer.Reference());
+  EXPECT_EQ(peer->heartbeats.count, 2);
   EXPECT_TRUE(Entry("agent-1").IsPassiveConsumer());
   EXPECT_EQ(log.Count("Client::Logon() successfully called back to client\n"), 1u);
   EXPECT_FALSE(log.Contains("failed to call back"));
@@ -190,10 +195,10 @@ TEST_F(ClientTest, LogonWithAConsumerThatFailsOnceCallsTwiceAndLogsOneSuccess) {
 TEST_F(ClientTest, ThePeerIsTriedBeforeItsOldSessionIsThrownAway) {
   LogOnClient("agent-1");
   const auto before = Entry("agent-1").Generation();
-  peer.servant->onHeartbeat = [&](int) { EXPECT_EQ(Entry("agent-1").Generation(), before); };
+  peer->heartbeats.onCall = [&](int) { EXPECT_EQ(Entry("agent-1").Generation(), before); };
   const CallFrom call("agent-1");
-  Logon(peer.reference);
-  EXPECT_EQ(peer.servant->heartbeats, 1);
+  Logon(peer.Reference());
+  EXPECT_EQ(peer->heartbeats.count, 1);
   EXPECT_NE(Entry("agent-1").Generation(), before);
 }
 
@@ -202,12 +207,12 @@ TEST_F(ClientTest, TheCallBackGivesUpItsPlaceAtTheGate) {
   Broker::Gate::SetWidth(1);
   RegisterClient("agent-1");
   bool passed = false;
-  peer.servant->onHeartbeat = [&](int) {
+  peer->heartbeats.onCall = [&](int) {
     auto other = std::async(std::launch::async, [] { const Broker::Gate::Pass pass; });
     passed = other.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
   };
   const CallFrom call("agent-1");
-  Logon(peer.reference);
+  Logon(peer.Reference());
   Broker::Gate::SetWidth(4);
   EXPECT_TRUE(passed);
 }
@@ -262,14 +267,14 @@ TEST_F(ClientTest, OtherLinesShowTheNameAsItStands) {
 TEST_F(ClientTest, ALogonOffersWhatWaits) {
   RegisterClient("agent-1");
   const CallFrom call("agent-1");
-  Logon(peer.reference);
+  Logon(peer.Reference());
   EXPECT_EQ(host.sent, std::vector<std::string>{"agent-1"});
 }
 
 TEST_F(ClientTest, ALogonWithANotifierGoesToTheThresholdThread) {
   RegisterClient("agent-1");
   const CallFrom call("agent-1");
-  Logon(EnvelopeConsumer::_nil(), notifier.reference);
+  Logon(EnvelopeConsumer::_nil(), notifier.Reference());
   EXPECT_EQ(host.threshold, std::vector<std::string>{"agent-1"});
   EXPECT_TRUE(host.sent.empty());
 }
@@ -295,9 +300,9 @@ TEST_F(ClientTest, LogonPushPushWithANilConsumerRaisesUnreachableConsumer) {
 
 TEST_F(ClientTest, LogonPushPushLogsItsWarningTwiceAfterAFailedTest) {
   RegisterClient("agent-1");
-  peer.servant->DeafFor(2);
+  peer->heartbeats.UnreachableFor(2);
   const CallFrom call("agent-1");
-  EXPECT_THROW(LogonPushPush(peer.reference), UnreachableConsumer);
+  EXPECT_THROW(LogonPushPush(peer.Reference()), UnreachableConsumer);
   EXPECT_EQ(log.Count("Client::LogonPushPush() failed to call back to client\n"), 2u);
   EXPECT_FALSE(Entry("agent-1").IsLoggedOn());
 }
@@ -312,7 +317,7 @@ TEST_F(ClientTest, ARefusedLogonPushPushLeavesTheOldSessionAlone) {
 TEST_F(ClientTest, LogonPushPushWithAConsumerThatAnswersIsAPush) {
   RegisterClient("agent-1");
   const CallFrom call("agent-1");
-  LogonPushPush(peer.reference);
+  LogonPushPush(peer.Reference());
   EXPECT_TRUE(Entry("agent-1").IsPassiveConsumer());
   EXPECT_FALSE(CORBA::is_nil(consumer));
   EXPECT_TRUE(log.Has(kLogTrace, "Client::LogonPushPush() called\n"));
@@ -322,7 +327,7 @@ TEST_F(ClientTest, LogonPushPushWithAConsumerThatAnswersIsAPush) {
 
 TEST_F(ClientTest, LogonPushPushOfAnUnknownNameRaisesNotRegistered) {
   const CallFrom call("agent-1");
-  EXPECT_THROW(LogonPushPush(peer.reference), NotRegistered);
+  EXPECT_THROW(LogonPushPush(peer.Reference()), NotRegistered);
 }
 
 // LogonPushPull
@@ -330,9 +335,10 @@ TEST_F(ClientTest, LogonPushPushOfAnUnknownNameRaisesNotRegistered) {
 TEST_F(ClientTest, LogonPushPullMakesAPullerAndDoesNotCallTheNotifier) {
   RegisterClient("agent-1");
   const CallFrom call("agent-1");
-  LogonPushPull(notifier.reference);
+  LogonPushPull(notifier.Reference());
   EXPECT_EQ(Entry("agent-1").GetConsumerState(), RouterTableEntry::kNothingSent);
-  EXPECT_EQ(notifier.servant->calls, 0);
+  EXPECT_EQ(notifier->count, 0);
+  EXPECT_EQ(notifier->thresholdCalls.count, 0);
   EXPECT_FALSE(CORBA::is_nil(consumer));
   EXPECT_FALSE(CORBA::is_nil(supplier));
   EXPECT_TRUE(log.Has(kLogTrace, "Client::LogonPushPull() called\n"));

@@ -6,10 +6,10 @@
 #include <filesystem>
 #include <string>
 
-#include "FakePeers.h"
 #include "ServantWorld.h"
 #include "broker/Gate.h"
 #include "support/FakeClock.h"
+#include "support/FakePeers.h"
 #include "support/NoDescriptors.h"
 
 namespace ServantTests {
@@ -44,7 +44,7 @@ class EnvelopeSupplierTest : public ServantWorld {
   // `name` is logged on as a puller that can be notified, and a notification is under way while
   // nothing waits.
   void StartNotification(const std::string& name) {
-    LogOnClient(name, notifier.reference);
+    LogOnClient(name, notifier.Reference());
     QueueFor(name);
     ASSERT_TRUE(Entry(name).NotificationWanted(Entry(name).Generation()).acquired);
     MessageRouter::Envelope envelope;
@@ -52,7 +52,7 @@ class EnvelopeSupplierTest : public ServantWorld {
     ASSERT_EQ(Entry(name).GetConsumerState(), RouterTableEntry::kNotifying);
   }
 
-  PeerNotify notifier{adapters.peers};
+  TestSupport::NotifyPeer notifier;
   PortableServer::Servant_var<EnvelopeSupplier_i> forClients{new EnvelopeSupplier_i(false)};
   PortableServer::Servant_var<EnvelopeSupplier_i> forRouters{new EnvelopeSupplier_i(true)};
 };
@@ -98,12 +98,12 @@ TEST_F(EnvelopeSupplierTest, AnEmptyPullDuringANotificationIsRemembered) {
 }
 
 TEST_F(EnvelopeSupplierTest, AnEmptyPullInAnyOtherStateLeavesTheStateAlone) {
-  LogOnClient("agent-1", notifier.reference);
+  LogOnClient("agent-1", notifier.Reference());
   LogOnClient("agent-2");
-  const PeerConsumer consumer{adapters.peers};
+  const TestSupport::ClientPeer consumer;
   for (const char* const name : {"idle", "busy", "failed"}) {
     RegisterClient(name);
-    Entry(name).LogonClient(name, consumer.reference, BrelixMessaging::NotifyConsumer::_nil(), 0,
+    Entry(name).LogonClient(name, consumer.Reference(), BrelixMessaging::NotifyConsumer::_nil(), 0,
                             true);
   }
   ASSERT_TRUE(Entry("busy").ClaimForSending().acquired);

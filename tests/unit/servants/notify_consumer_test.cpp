@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "FakePeers.h"
 #include "ServantWorld.h"
 #include "config/Configuration.h"
+#include "support/FakePeers.h"
 
 namespace ServantTests {
 namespace {
@@ -17,13 +17,13 @@ class NotifyConsumerTest : public ServantWorld {
  protected:
   ~NotifyConsumerTest() override { RouterServants::SetThresholdCallObserver(nullptr); }
 
-  PeerRouterSupplier peerSupplier{adapters.peers};
+  TestSupport::SupplierPeer peerSupplier;
   PortableServer::Servant_var<RouterServants::NotifyConsumer_i> servant{
       new RouterServants::NotifyConsumer_i};
 };
 
 TEST_F(NotifyConsumerTest, NotifyFromAPolledPeerQueuesAPoll) {
-  LogOnRouter("child-1", peerSupplier.reference);
+  LogOnRouter("child-1", peerSupplier.Reference());
   const CallFrom call("child-1", {kRouterRole});
   servant->Notify();
   EXPECT_EQ(host.polled, std::vector<std::string>{"child-1"});
@@ -33,7 +33,7 @@ TEST_F(NotifyConsumerTest, NotifyFromAPolledPeerQueuesAPoll) {
 }
 
 TEST_F(NotifyConsumerTest, ASecondNotifyBeforeThePollHasNoEffect) {
-  LogOnRouter("child-1", peerSupplier.reference);
+  LogOnRouter("child-1", peerSupplier.Reference());
   const CallFrom call("child-1", {kRouterRole});
   servant->Notify();
   servant->Notify();

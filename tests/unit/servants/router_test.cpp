@@ -1,14 +1,17 @@
 #include "servants/Router_i.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <chrono>
 #include <future>
+#include <optional>
+#include <vector>
 
-#include "FakePeers.h"
 #include "ServantWorld.h"
+#include "broker/CallTimeout.h"
 #include "broker/Gate.h"
 #include "config/Configuration.h"
+#include "support/FakePeers.h"
 
 namespace ServantTests {
 namespace {
@@ -53,9 +56,9 @@ class RouterServantTest : public ServantWorld {
   }
 
   PortableServer::Servant_var<RouterServants::Router_i> servant{new RouterServants::Router_i};
-  PeerRouterConsumer peerConsumer{adapters.peers};
-  PeerRouterSupplier peerSupplier{adapters.peers};
-  PeerNotify peerNotify{adapters.peers};
+  TestSupport::RouterPeer peerConsumer;
+  TestSupport::SupplierPeer peerSupplier;
+  TestSupport::NotifyPeer peerNotify;
 };
 
 TEST_F(RouterServantTest, RegisterMakesTheCallerAKnownRouter) {
@@ -92,8 +95,8 @@ TEST_F(RouterServantTest, EveryOperationIsRejectedForACallerThatIsNoRouter) {
   EXPECT_THROW(servant->Register(), Rejected);
   EXPECT_THROW(servant->Unregister(), Rejected);
   EXPECT_THROW(servant->Logoff(), Rejected);
-  EXPECT_THROW(Logon(RouterConsumer::_nil(), peerSupplier.reference), Rejected);
-  EXPECT_EQ(peerSupplier.servant->heartbeats, 0);
+  EXPECT_THROW(Logon(RouterConsumer::_nil(), peerSupplier.Reference()), Rejected);
+  EXPECT_EQ(peerSupplier->heartbeats.count, 0);
   EXPECT_EQ(log.Lines().size(), 4u);  // the trace lines
 }
 
@@ -152,27 +155,28 @@ TEST_F(RouterServantTest, LogonWithoutObjectsGivesASupplierAndAConsumer) {
 TEST_F(RouterServantTest, LogonWithConsumerAndSupplierGivesANotifier) {
   RegisterRouter("child-1");
   const CallFromRouter call("child-1");
-  Logon(peerConsumer.reference, peerSupplier.reference, peerNotify.reference);
+  Logon(peerConsumer.Reference(), peerSupplier.Reference(), peerNotify.Reference());
   EXPECT_TRUE(CORBA::is_nil(supplier));
   EXPECT_TRUE(CORBA::is_nil(consumer));
   EXPECT_FALSE(CORBA::is_nil(notify));
   EXPECT_TRUE(Entry("child-1").IsPassiveConsumer());
   EXPECT_TRUE(Entry("child-1").HasNotifyConsumer());
-  EXPECT_EQ(peerNotify.servant->calls, 0);
+  EXPECT_EQ(peerNotify->count, 0);
+  EXPECT_EQ(peerNotify->thresholdCalls.count, 0);
 }
 
 TEST_F(RouterServantTest, TheConsumerIsNotCalledBackByDefault) {
   RegisterRouter("child-1");
   const CallFromRouter call("child-1");
-  Logon(peerConsumer.reference, RouterSupplier::_nil());
-  EXPECT_EQ(peerConsumer.servant->heartbeats, 0);
+  Logon(peerConsumer.Reference(), RouterSupplier::_nil());
+  EXPECT_EQ(peerConsumer->heartbeats.count, 0);
 }
 
 TEST_F(RouterServantTest, WithoutLogonCallbackAnUnreachableConsumerIsKept) {
   RegisterRouter("child-1");
-  peerConsumer.servant->DeafFor(99);
+  peerConsumer->heartbeats.UnreachableFor(99);
   const CallFromRouter call("child-1");
-  Logon(peerConsumer.reference, RouterSupplier::_nil());
+  Logon(peerConsumer.Reference(), RouterSupplier::_nil());
   EXPECT_TRUE(Entry("child-1").IsPassiveConsumer());
   EXPECT_FALSE(CORBA::is_nil(Entry("child-1").References().routerConsumer));
 }
@@ -180,10 +184,10 @@ TEST_F(RouterServantTest, WithoutLogonCallbackAnUnreachableConsumerIsKept) {
 TEST_F(RouterServantTest, WithLogonCallbackAConsumerThatAnswersIsKept) {
   MessageRouter::SetConfigInt("LogonCallback", 1);
   RegisterRouter("child-1");
-  peerConsumer.servant->DeafFor(1);
+  peerConsumer->heartbeats.UnreachableFor(1);
   const CallFromRouter call("child-1");
-  Logon(peerConsumer.reference, RouterSupplier::_nil());
-  EXPECT_EQ(peerConsumer.servant->heartbeats, 2);
+  Logon(peerConsumer.Reference(), RouterSupplier::_nil());
+  EXPECT_EQ(peerConsumer->heartbeats.count, 2);
   EXPECT_TRUE(Entry("child-1").IsPassiveConsumer());
   EXPECT_TRUE(log.Has(kLogInfo, "Router::Logon() successfully called back to router consumer\n"));
   EXPECT_FALSE(log.Has(kLogWarning, kFirewall));
@@ -192,9 +196,9 @@ TEST_F(RouterServantTest, WithLogonCallbackAConsumerThatAnswersIsKept) {
 TEST_F(RouterServantTest, WithLogonCallbackAnUnreachableConsumerIsDropped) {
   MessageRouter::SetConfigInt("LogonCallback", 1);
   RegisterRouter("child-1");
-  peerConsumer.servant->DeafFor(2);
+  peerConsumer->heartbeats.UnreachableFor(2);
   const CallFromRouter call("child-1");
-  Logon(peerConsumer.reference, RouterSupplier::_nil());
+  Logon(peerConsumer.Reference(), RouterSupplier::_nil());
   EXPECT_TRUE(Entry("child-1").IsLoggedOn());
   EXPECT_FALSE(Entry("child-1").IsPassiveConsumer());
   EXPECT_TRUE(log.Has(kLogWarning, "Router::Logon() failed to call back to router consumer\n"));
@@ -213,10 +217,10 @@ TEST_F(RouterServantTest, WithLogonCallbackANilConsumerDrawsNoWarning) {
 TEST_F(RouterServantTest, AConsumerThatRefusesTheCallBackIsNotCalledAgain) {
   MessageRouter::SetConfigInt("LogonCallback", 1);
   RegisterRouter("child-1");
-  peerConsumer.servant->onHeartbeat = [](int) { throw Rejected(); };
+  peerConsumer->heartbeats.onCall = [](int) { throw Rejected(); };
   const CallFromRouter call("child-1");
-  Logon(peerConsumer.reference, RouterSupplier::_nil());
-  EXPECT_EQ(peerConsumer.servant->heartbeats, 1);
+  Logon(peerConsumer.Reference(), RouterSupplier::_nil());
+  EXPECT_EQ(peerConsumer->heartbeats.count, 1);
   EXPECT_FALSE(Entry("child-1").IsPassiveConsumer());
 }
 
@@ -225,26 +229,30 @@ TEST_F(RouterServantTest, TheSupplierIsCalledBackWhateverLogonCallbackSays) {
   const CallFromRouter call("child-1");
   for (const std::uint32_t value : {0u, 1u}) {
     MessageRouter::SetConfigInt("LogonCallback", value);
-    Logon(RouterConsumer::_nil(), peerSupplier.reference);
+    Logon(RouterConsumer::_nil(), peerSupplier.Reference());
   }
-  EXPECT_EQ(peerSupplier.servant->heartbeats, 2);
+  EXPECT_EQ(peerSupplier->heartbeats.count, 2);
   EXPECT_EQ(log.Count("Router::Logon() successfully called back to router supplier\n"), 2u);
 }
 
 TEST_F(RouterServantTest, ACallBackLastsAMinuteAtMost) {
   MessageRouter::SetConfigInt("LogonCallback", 1);
   RegisterRouter("child-1");
+  std::vector<std::optional<std::chrono::milliseconds>> limits;
+  const auto note = [&](int) { limits.push_back(Broker::CallTimeout::Left()); };
+  peerConsumer->heartbeats.onCall = note;
+  peerSupplier->heartbeats.onCall = note;
   const CallFromRouter call("child-1");
-  Logon(peerConsumer.reference, peerSupplier.reference);
-  EXPECT_THAT(peerConsumer.servant->limits, testing::ElementsAre(kAMinute));
-  EXPECT_THAT(peerSupplier.servant->limits, testing::ElementsAre(kAMinute));
+  Logon(peerConsumer.Reference(), peerSupplier.Reference());
+  EXPECT_THAT(limits, testing::ElementsAre(kAMinute, kAMinute));
+  EXPECT_EQ(peerSupplier->heartbeats.count, 1);
 }
 
 TEST_F(RouterServantTest, AnUnreachableSupplierIsDroppedAndTheLogonSucceeds) {
   RegisterRouter("child-1");
-  peerSupplier.servant->DeafFor(2);
+  peerSupplier->heartbeats.UnreachableFor(2);
   const CallFromRouter call("child-1");
-  Logon(RouterConsumer::_nil(), peerSupplier.reference);
+  Logon(RouterConsumer::_nil(), peerSupplier.Reference());
   EXPECT_TRUE(Entry("child-1").IsLoggedOn());
   EXPECT_TRUE(CORBA::is_nil(Entry("child-1").References().routerSupplier));
   EXPECT_EQ(Entry("child-1").GetSupplierState(), RouterTableEntry::kActiveSupplier);
@@ -255,7 +263,7 @@ TEST_F(RouterServantTest, AnUnreachableSupplierIsDroppedAndTheLogonSucceeds) {
 TEST_F(RouterServantTest, ASupplierThatAnswersIsPolledAtOnce) {
   RegisterRouter("child-1");
   const CallFromRouter call("child-1");
-  Logon(RouterConsumer::_nil(), peerSupplier.reference);
+  Logon(RouterConsumer::_nil(), peerSupplier.Reference());
   EXPECT_FALSE(CORBA::is_nil(Entry("child-1").References().routerSupplier));
   EXPECT_EQ(host.polled, std::vector<std::string>{"child-1"});
 }
@@ -270,11 +278,11 @@ TEST_F(RouterServantTest, TheCallBacksGiveUpTheirPlaceAtTheGate) {
     others.push_back(std::async(std::launch::async, [] { const Broker::Gate::Pass inside; }));
     EXPECT_EQ(others.back().wait_for(std::chrono::seconds(30)), std::future_status::ready);
   };
-  peerConsumer.servant->onHeartbeat = pass;
-  peerSupplier.servant->onHeartbeat = pass;
+  peerConsumer->heartbeats.onCall = pass;
+  peerSupplier->heartbeats.onCall = pass;
   {
     const CallFromRouter call("child-1");
-    Logon(peerConsumer.reference, peerSupplier.reference);
+    Logon(peerConsumer.Reference(), peerSupplier.Reference());
   }
   Broker::Gate::SetWidth(4);
   EXPECT_EQ(others.size(), 2u);
