@@ -40,7 +40,8 @@ void Envelope::CreateFromClient(const BrelixMessaging::Message& message,
     throw BrelixMessaging::Rejected();
   }
   fromParent_ = false;
-  messageId_ = MessageIdGenerator::Instance().NextMessageId();
+  using Ids = MessageIdGenerator;
+  messageId_ = Ids::Instance().NextMessageId(Ids::Origin::kClient);
   originator_ = QualifyWithRouter(originator);
   heavy_.Use().certificate = originatorCertificate;
   physicalDestination_ = TidyAddress(message.destination.in());

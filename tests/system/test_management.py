@@ -133,6 +133,23 @@ class Management(SystemTest):
         self.assertTrue(self.box.running())
         self.wait_no_envelopes(self.box)
 
+    def test_who_asks_as_fast_as_it_can_holds_up_nobody_elses_messages(self):
+        self.peer(self.box, "agent-3").log_on()
+        flooder = self.peer(self.box, "agent-2").log_on()
+        receiver = self.peer(self.box, "agent-1").log_on(register=False)
+        child = self.peer(self.box, "child", "router").connect()
+        for step in ("root.GetRouter", "router.Register", "router.Logon"):
+            child(step)
+        flooder("bulk", destination="router", type="Foo", count=1000000, threads=4)
+        flooder.wait_received(200)
+        child("bulk", destination="agent-1", route=["router", "agent-1"], count=200, rate=40,
+              as_router=True)
+        # The answers alone would take a minute if the questions left them one id in ten.
+        receiver.wait_received(200, 15)
+        flooder("bulk_stop")
+        accepted = flooder("bulk_wait")["accepted"]
+        flooder.wait_received(accepted)
+
     def test_a_stored_question_that_cannot_be_decoded_does_not_end_the_router_twice(self):
         self.client_ok(self.box, "agent-1", "status", "agent-1")
         self.client_ok(self.box, "agent-2", "register")
