@@ -66,6 +66,12 @@ void ACE_XPlatform_Configuration::Reload() {
   std::optional<std::string> text = Platform::ReadFile(filePath_, kMaxFileSize, &error);
   if (!text && error == ENOENT) return;
   if (text && *text == content_.Text()) return;
+  // An editor that writes in place makes it empty first.
+  if (text && text->empty()) {
+    unreadable_ = true;
+    if (settled_) WarnOfEmpty();
+    return;
+  }
   std::size_t badLine = 0;
   std::optional<ConfigurationText> content;
   if (text) content = ConfigurationText::Parse(std::move(*text), &badLine);
@@ -91,6 +97,12 @@ void ACE_XPlatform_Configuration::WarnOnce(std::size_t badLine, int error) {
   LogWarning(
       "Line %zu of the configuration %s cannot be read; the values read before stay in force\n",
       badLine, filePath_.c_str());
+}
+
+void ACE_XPlatform_Configuration::WarnOfEmpty() {
+  if (!IsNews(filePath_, *version_)) return;
+  LogWarning("The configuration %s is empty; the values read before stay in force\n",
+             filePath_.c_str());
 }
 
 template <class Change>

@@ -23,7 +23,7 @@ inline constexpr std::uint32_t kLocalMachine = 0x80000002;
 // Several objects on one file, here and in other processes, don't overwrite each other: a write
 // locks, reads the file again, applies its own change and replaces the file whole; it is on stable
 // storage then. A read notices what another object of this process wrote at once, and any other
-// change of the file. A file that can't be read or parsed is never
+// change of the file. A file that can't be read or parsed, or has become empty, is never
 // overwritten: the values read before stay, and one warning names the line. A file that is gone
 // leaves the values as they are; the next write makes it anew.
 // Threads: one at a time.
@@ -71,6 +71,7 @@ class ACE_XPlatform_Configuration : public Streamable {
   void Reload();
   void Accept(ConfigurationText content);
   void WarnOnce(std::size_t badLine, int error);
+  void WarnOfEmpty();
   template <class T>
   const T* FindValue(const std::string& name);
   // Runs `change` on the file's content and puts the text that it returns in the file's place.

@@ -327,6 +327,43 @@ TEST_F(Store, AnUnreadableFileIsNeverOverwritten) {
   EXPECT_EQ(Text(), "broken\n");
 }
 
+TEST_F(Store, AFileThatBecomesEmptyWhileItIsWrittenLeavesTheValues) {
+  Write("[s]\n\"n\"=dword:1\n");
+  const auto store = Open("s", false);
+  Write("");
+  EXPECT_EQ(Int(*store, "n"), 1u);
+  EXPECT_FALSE(SetInt(*store, "m", 2)) << "half of an edit must not be all that is left of it";
+  EXPECT_EQ(Text(), "");
+  Write("[s]\n\"n\"=dword:3\n");
+  EXPECT_EQ(Int(*store, "n"), 3u);
+  EXPECT_TRUE(SetInt(*store, "m", 2));
+  EXPECT_TRUE(log_.Lines().empty());
+}
+
+TEST_F(Store, AFileThatStaysEmptyLeavesTheValuesAndWarnsOnce) {
+  Write("[s]\n\"n\"=dword:1\n");
+  const auto store = Open("s", false);
+  Write("");
+  EXPECT_EQ(Int(*store, "n"), 1u);
+  EXPECT_TRUE(log_.Lines().empty()) << "it may be written at this moment";
+  const auto written = std::filesystem::last_write_time(path_);
+  clock_.SetWall(std::chrono::duration_cast<std::chrono::seconds>(
+                     std::chrono::file_clock::to_sys(written).time_since_epoch())
+                     .count() +
+                 2);
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(Int(*store, "n"), 1u);
+  EXPECT_EQ(log_.Lines().size(), 1u);
+  EXPECT_TRUE(log_.Has(kWarning, "The configuration " + path_ +
+                                     " is empty; the values read before stay in force\n"));
+}
+
+TEST_F(Store, AnEmptyFileIsWrittenWhereNothingWasReadBefore) {
+  Write("");
+  const auto store = Open("s");
+  EXPECT_TRUE(SetInt(*store, "n", 1));
+  EXPECT_EQ(Text(), "[s]\n\"n\"=dword:00000001\n");
+}
+
 TEST_F(Store, ARepairedFileIsReadAndWrittenAgain) {
   Write("broken\n");
   ACE_XPlatform_Configuration store(kLocalMachine, path_);
