@@ -16,12 +16,13 @@ constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 // File systems stamp with a clock that runs a tick of the kernel behind.
 constexpr std::int64_t kLagNanoseconds = 10'000'000;
 
+// Or in the next one, where the clock was set back a little.
 bool ChangedIn(const std::string& folder, std::int64_t second) {
   const auto version = Platform::VersionOf(folder);
   if (!version) return false;
   const std::int64_t changed = version->modifiedNanoseconds;
-  return changed / kNanosecondsPerSecond == second ||
-         (changed + kLagNanoseconds) / kNanosecondsPerSecond == second;
+  return changed / kNanosecondsPerSecond - 1 <= second &&
+         second <= (changed + kLagNanoseconds) / kNanosecondsPerSecond;
 }
 
 }  // namespace

@@ -40,8 +40,7 @@ void Envelope::CreateFromClient(const BrelixMessaging::Message& message,
     throw BrelixMessaging::Rejected();
   }
   fromParent_ = false;
-  using Ids = MessageIdGenerator;
-  messageId_ = Ids::Instance().NextMessageId(Ids::Origin::kClient);
+  messageId_ = MessageIdGenerator::Instance().NextMessageId();
   originator_ = QualifyWithRouter(originator);
   heavy_.Use().certificate = originatorCertificate;
   physicalDestination_ = TidyAddress(message.destination.in());

@@ -12,15 +12,30 @@ namespace {
 
 constexpr std::chrono::microseconds kStep{100000};
 
-// What the router is given beyond its last need where that was not met.
-constexpr std::uint32_t kMore = 8;
+// Of the ids of a second.
 constexpr std::uint32_t kMostKept = 96;
+// What is kept beyond the need of a second in which it was not met.
+constexpr std::uint32_t kMore = 32;
+
+thread_local bool isPreferred = false;
 
 std::int64_t Now() {
   return Platform::Clock::Instance().WallSeconds();
 }
 
 }  // namespace
+
+MessageIdGenerator::Preference::Preference() {
+  isPreferred = true;
+}
+
+MessageIdGenerator::Preference::~Preference() {
+  isPreferred = false;
+}
+
+bool MessageIdGenerator::Preference::IsThisThreads() {
+  return isPreferred;
+}
 
 MessageIdGenerator& MessageIdGenerator::Instance() {
   static MessageIdGenerator* const instance = new MessageIdGenerator;
@@ -29,7 +44,7 @@ MessageIdGenerator& MessageIdGenerator::Instance() {
 
 MessageIdGenerator::MessageIdGenerator() : condition_(mutex_), lastTime_(Now()) {}
 
-std::uint32_t MessageIdGenerator::NextMessageId(Origin origin) {
+std::uint32_t MessageIdGenerator::NextMessageId() {
   // A client that sends too fast waits without a place at the gate, or a few of them would keep all
   // other operations out. It comes back after the mutex is free: who has a place may want the
   // mutex.
@@ -38,9 +53,9 @@ std::uint32_t MessageIdGenerator::NextMessageId(Origin origin) {
   if (!guard) return 0;
   std::int64_t now = Now();
   // Nothing signals the condition: the wait is a sleep that gives up the mutex.
-  while (now == lastTime_ && UsedUp(origin)) {
+  while (now == lastTime_ && UsedUp()) {
     if (!leave) leave.emplace();
-    if (origin == Origin::kRouter) lacked_ = true;
+    if (isPreferred) lacked_ = true;
     condition_.WaitFor(kStep);
     now = Now();
   }
@@ -51,18 +66,24 @@ std::uint32_t MessageIdGenerator::NextMessageId(Origin origin) {
   } else {
     ++sequence_;
   }
-  if (origin == Origin::kRouter) ++had_;
+  if (isPreferred) ++had_;
   return sequence_ << kShift | (static_cast<std::uint32_t>(now) & kTimeMask);
 }
 
-bool MessageIdGenerator::UsedUp(Origin origin) const {
-  const std::uint32_t kept = origin == Origin::kClient && kept_ > had_ ? kept_ - had_ : 0;
+bool MessageIdGenerator::UsedUp() const {
+  const std::uint32_t kept = !isPreferred && kept_ > had_ ? kept_ - had_ : 0;
   return sequence_ + kept >= kSequenceLimit;
 }
 
+// What was not used is given back little by little: who asks fast comes again.
 void MessageIdGenerator::BeginSecond(std::int64_t now) {
-  const std::uint32_t needed = lacked_ ? 2 * had_ + kMore : had_;
-  kept_ = now == lastTime_ + 1 ? std::min(std::max(needed, kept_ * 7 / 8), kMostKept) : 0;
+  if (now != lastTime_ + 1) {
+    kept_ = 0;
+  } else if (lacked_) {
+    kept_ = std::min(std::max(kept_, 2 * had_ + kMore), kMostKept);
+  } else {
+    kept_ = std::max(kept_ * 7 / 8, std::min(kept_, had_));
+  }
   had_ = 0;
   lacked_ = false;
   lastTime_ = now;

@@ -10,23 +10,29 @@ namespace MessageRouter {
 // seconds. At most 128 a second are made; the caller of the next one waits, without its place at
 // the gate.
 //
-// The router's own messages, answers above all, are made on the thread that routes: all that it
-// routes waits while they wait for an id. Clients that send as fast as they can leave them as many
-// as they needed in the second before, up to three quarters of all.
-// Threads: any.
+// All that a router routes waits while the thread that routes waits for an id. Where it had to,
+// some are kept for it in the seconds after: as many as it has use for while others ask as fast as
+// they can, up to three quarters of all. Threads: any.
 class MessageIdGenerator {
  public:
-  // Whose message it is.
-  enum class Origin { kRouter, kClient };
+  // The thread that has one is the one that routes.
+  class Preference {
+   public:
+    Preference();
+    ~Preference();
+    Preference(const Preference&) = delete;
+    Preference& operator=(const Preference&) = delete;
+    static bool IsThisThreads();
+  };
 
   static MessageIdGenerator& Instance();
   MessageIdGenerator();
 
   // 0 if the lock fails.
-  std::uint32_t NextMessageId(Origin origin = Origin::kRouter);
+  std::uint32_t NextMessageId();
 
  private:
-  bool UsedUp(Origin origin) const REQUIRES(mutex_);
+  bool UsedUp() const REQUIRES(mutex_);
   void BeginSecond(std::int64_t now) REQUIRES(mutex_);
 
   static constexpr unsigned kSequenceBits = 7;
@@ -39,7 +45,8 @@ class MessageIdGenerator {
   std::int64_t lastTime_ GUARDED_BY(mutex_);
   std::uint32_t sequence_ GUARDED_BY(mutex_) = 0;
 
-  // Of this second: what is kept for the router, what it has had, and whether that was too little.
+  // Of this second, for who is preferred: what is kept, what was had, and whether it was too
+  // little.
   std::uint32_t kept_ GUARDED_BY(mutex_) = 0;
   std::uint32_t had_ GUARDED_BY(mutex_) = 0;
   bool lacked_ GUARDED_BY(mutex_) = false;

@@ -12,7 +12,7 @@ namespace MessageRouter {
 
 // A peer as a consumer: whether it is pushed to, or fetches for itself and is told that something
 // waits; and when it fetched last.
-// Threads: a value; its owner guards it. What State() refers to may be read by anybody.
+// Threads: no lock of its own; its owner guards it. What State() refers to may be read by anybody.
 class ConsumerSide {
  public:
   using Time = Platform::Clock::SteadyTime;

@@ -30,8 +30,8 @@ class FunctionClassBase {
 // From the forced write, with which routing stops, until the next ReadTable the table is closed:
 // nothing is found, entries are refused, and WriteTable does nothing. HasChildRouter alone goes on
 // answering as when the table was closed: what was registered in time must still be told.
-// Threads: any. Lock order: the table's lock, then an entry's. None is held while the file is read
-// or written.
+// Threads: any. Lock order: the table's lock, then an entry's. Neither is held while the file is
+// read or written.
 class RouterTable : private RouterTableFile::Table {
  public:
   // `filePath` is the table file.

@@ -133,7 +133,7 @@ bool RouterTableEntry::PullTimedOut() const {
 
 bool RouterTableEntry::PullTimedOut(LogonGeneration session) const {
   // The scan asks this of every entry.
-  if (!isRouter_ || !ConsumerSide::CountsPulls(consumerState_)) return false;
+  if (!isRouter_ || !IsLoggedOn() || !ConsumerSide::CountsPulls(consumerState_)) return false;
   const std::uint32_t limit = host_.GetThresholds().activeConsumerConnectionTimeout;
   ReadGuard guard(lock_);
   return guard && session == generation_ && IsLoggedOn() &&

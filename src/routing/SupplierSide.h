@@ -13,7 +13,7 @@ namespace MessageRouter {
 // A peer as a supplier: whether this router polls it, when the next poll is due, and whether one
 // runs. While answers are expected of the peer it is polled at the short interval. Intervals are in
 // seconds, spread at random where the thresholds ask for it.
-// Threads: a value; its owner guards it. What State() refers to may be read by anybody.
+// Threads: no lock of its own; its owner guards it. What State() refers to may be read by anybody.
 class SupplierSide {
  public:
   using Time = Platform::Clock::SteadyTime;

@@ -217,7 +217,7 @@ class Router:
 
     def log(self):
         """Everything logged by all the processes of this router: the copy on standard error, since
-        a log file begins anew when a router is started twice within a second."""
+        old log files go."""
         path = self.folder / "stderr.txt"
         if path.exists():
             with open(path, "rb") as file:

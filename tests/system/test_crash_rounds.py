@@ -6,8 +6,8 @@ import unittest
 from harness import SystemTest
 
 ROUNDS = 10
-# More than the 128 ids of a second and those of the next: a round takes a whole second at least.
-MESSAGES = 300
+# More than the 128 ids of each of three seconds: a round takes two at least.
+MESSAGES = 400
 
 
 class CrashRounds(SystemTest):

@@ -134,7 +134,6 @@ class Management(SystemTest):
         self.wait_no_envelopes(self.box)
 
     def test_who_asks_as_fast_as_it_can_holds_up_nobody_elses_messages(self):
-        self.peer(self.box, "agent-3").log_on()
         flooder = self.peer(self.box, "agent-2").log_on()
         receiver = self.peer(self.box, "agent-1").log_on(register=False)
         child = self.peer(self.box, "child", "router").connect()

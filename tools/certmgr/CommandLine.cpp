@@ -12,6 +12,7 @@ namespace Certmgr {
 namespace {
 
 constexpr std::int64_t kDay = 24 * 60 * 60;
+constexpr int kBadUsage = 2;
 // Hosts whose clocks are a little slow accept a new certificate at once.
 constexpr std::int64_t kSlack = 60 * 60;
 constexpr int kSmallestKey = 1024;
@@ -146,7 +147,7 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, std::int64_t now,
     options.validity = Resolve(isIssue ? issueValidity : initValidity, now);
     return options;
   } catch (const CLI::ParseError& error) {
-    status = CommandLine::Explain(error, app);
+    status = CommandLine::Explain(error, app, kBadUsage);
   }
   return std::nullopt;
 }

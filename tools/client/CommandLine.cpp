@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <limits>
 
+#include "client_library/Failure.h"
 #include "command_line/ParseFailure.h"
 
 namespace {
@@ -134,7 +135,7 @@ std::optional<Options> ParseCommandLine(int argc, char** argv, int& status) {
       throw CLI::RequiredError("send: one of --text, --file and -");
     }
   } catch (const CLI::ParseError& error) {
-    status = CommandLine::Explain(error, app);
+    status = CommandLine::Explain(error, app, static_cast<int>(ClientLibrary::Outcome::BadUsage));
     return std::nullopt;
   }
   if (options.command == Command::Listen) {

@@ -60,6 +60,11 @@ TEST_F(SecondOfOwn, IsAwaitedForStampsThatAreATickBehind) {
   EXPECT_GE(WaitFrom(1000.2), 1001.0);
 }
 
+TEST_F(SecondOfOwn, IsAwaitedWhereTheClockWasSetBackALittle) {
+  ChangedAt(1001.2);
+  EXPECT_GE(WaitFrom(1000.9), 1002.0);
+}
+
 TEST_F(SecondOfOwn, IsNotAwaitedForStampsOfTheFuture) {
   ChangedAt(5000.5);
   EXPECT_EQ(WaitFrom(1000.5), 1000.5);

@@ -12,6 +12,7 @@
 #include "delivery/NotificationThresholdWorker.h"
 #include "delivery/RouterThread.h"
 #include "delivery/TimeoutWorker.h"
+#include "envelope/MessageIdGenerator.h"
 #include "fixture.h"
 #include "support/AllocationFailure.h"
 
@@ -534,6 +535,25 @@ TEST_F(ScanTest, ThresholdOfferNeedsNoScan) {
   EXPECT_TRUE(Eventually([&] { return entry.GetConsumerState() == RouterTableEntry::kNotified; }));
   thread.Stop();
   EXPECT_EQ(peer->thresholdCalls.count, 1);
+}
+
+// All that it routes would wait with it.
+TEST_F(ScanTest, RouterThreadIsPreferredWhereIdsAreShort) {
+  using Preference = MessageRouter::MessageIdGenerator::Preference;
+  AClient();
+  std::atomic<bool> offered{false};
+  std::atomic<bool> preferred{false};
+  host.onOfferToSenders = [&] {
+    preferred = Preference::IsThisThreads();
+    offered = true;
+  };
+  MessageRouter::RouterThread thread(routing);
+  thread.Start();
+  routing.QueueForRouting(Stored(1).WithDestination("agent"));
+  EXPECT_TRUE(Eventually([&] { return offered.load(); }));
+  thread.Stop();
+  EXPECT_TRUE(preferred);
+  EXPECT_FALSE(Preference::IsThisThreads());
 }
 
 TEST_F(ScanTest, RouterThreadRoutesWhatIsQueuedUntilItIsStopped) {

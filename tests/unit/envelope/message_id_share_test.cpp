@@ -1,7 +1,8 @@
-// How the ids of a second are shared between clients and the router itself.
+// How the ids of a second are shared between the thread that is preferred and all others.
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <optional>
 
 #include "envelope/MessageIdGenerator.h"
 #include "support/FakeClock.h"
@@ -9,9 +10,9 @@
 namespace MessageRouter {
 namespace {
 
-using Origin = MessageIdGenerator::Origin;
-
 constexpr int kAll = 128;
+
+enum Who { kOthers, kPreferred };
 
 // Time stands still while ids are to be had, and goes on where somebody waits for one.
 class IdShare : public testing::Test {
@@ -27,94 +28,97 @@ class IdShare : public testing::Test {
   };
 
   // Whether it was of this second still.
-  bool Draw(Origin origin) {
+  bool Draw(Who who) {
+    std::optional<MessageIdGenerator::Preference> preferred;
+    if (who == kPreferred) preferred.emplace();
     const std::int64_t before = clock_.second;
     clock_.looks = 0;
-    generator_.NextMessageId(origin);
+    generator_.NextMessageId();
     return clock_.second == before;
   }
-  void Draw(Origin origin, int count) {
-    for (int i = 0; i < count; ++i) EXPECT_TRUE(Draw(origin)) << i;
+  void Draw(Who who, int count) {
+    for (int i = 0; i < count; ++i) EXPECT_TRUE(Draw(who)) << i;
   }
   // The one that waits has one of the next second.
-  int DrawUntilOneWaits(Origin origin) {
+  int DrawUntilOneWaits(Who who) {
     int count = 0;
-    while (Draw(origin)) ++count;
+    while (Draw(who)) ++count;
     return count;
   }
-  // A second in which the router alone had some.
-  void ASecondOfTheRouters(int count) {
+  // A second of which the preferred thread had so many, and one too few: that one is of the next.
+  void ASecondThatLacked(int had) {
     ++clock_.second;
-    Draw(Origin::kRouter, count);
+    Draw(kPreferred, had);
+    Draw(kOthers, kAll - had);
+    EXPECT_FALSE(Draw(kPreferred));
   }
 
   WaitersClock clock_;
   MessageIdGenerator generator_;
 };
 
-TEST_F(IdShare, IsAllForClientsWhereTheRouterNeedsNone) {
+TEST_F(IdShare, KeepsNothingWhereNobodyLacks) {
   ++clock_.second;
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kClient), kAll);
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kClient), kAll - 1) << "one is had already";
+  Draw(kPreferred, 100);
+  ++clock_.second;
+  EXPECT_EQ(DrawUntilOneWaits(kOthers), kAll);
+  EXPECT_EQ(DrawUntilOneWaits(kOthers), kAll - 1) << "one is had already";
 }
 
-TEST_F(IdShare, KeepsForTheRouterWhatItHadInTheSecondBefore) {
-  ASecondOfTheRouters(10);
-  ++clock_.second;
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kClient), kAll - 10);
+TEST_F(IdShare, KeepsTwiceTheNeedAndMoreWhereItWasNotMet) {
+  ASecondThatLacked(3);
+  EXPECT_EQ(DrawUntilOneWaits(kOthers), kAll - (2 * 3 + 32));
 }
 
-TEST_F(IdShare, LeavesToTheRouterWhatIsKept) {
-  ASecondOfTheRouters(10);
-  ++clock_.second;
-  Draw(Origin::kClient, kAll - 10);
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kRouter), 10);
+TEST_F(IdShare, LeavesToThePreferredWhatIsKept) {
+  ASecondThatLacked(3);
+  Draw(kOthers, kAll - 38);
+  // One was had by who waited.
+  EXPECT_EQ(DrawUntilOneWaits(kPreferred), 38 - 1);
 }
 
 TEST_F(IdShare, KeepsNothingTwice) {
-  ASecondOfTheRouters(10);
-  ++clock_.second;
-  Draw(Origin::kRouter, 10);
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kClient), kAll - 10);
+  ASecondThatLacked(3);
+  Draw(kPreferred, 38 - 1);
+  EXPECT_EQ(DrawUntilOneWaits(kOthers), kAll - 38);
 }
 
-TEST_F(IdShare, GrowsWhereTheRouterLacked) {
-  ++clock_.second;
-  Draw(Origin::kRouter, 3);
-  Draw(Origin::kClient, kAll - 3);
-  EXPECT_FALSE(Draw(Origin::kRouter));
-  // Twice three and eight more, of which the one that waited is one.
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kClient), kAll - (2 * 3 + 8));
+TEST_F(IdShare, LeavesAQuarterToOthersWhereThePreferredHasUseForAll) {
+  ASecondThatLacked(kAll);
+  EXPECT_EQ(DrawUntilOneWaits(kOthers), kAll / 4);
 }
 
-TEST_F(IdShare, LeavesAQuarterToClients) {
+TEST_F(IdShare, StaysWhileItIsUsed) {
+  ASecondThatLacked(3);
+  Draw(kPreferred, 38 - 1);
+  for (int i = 0; i < 5; ++i) {
+    ++clock_.second;
+    Draw(kPreferred, 38);
+  }
   ++clock_.second;
-  Draw(Origin::kRouter, kAll);
-  EXPECT_FALSE(Draw(Origin::kRouter));
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kClient), kAll / 4);
+  EXPECT_EQ(DrawUntilOneWaits(kOthers), kAll - 38);
 }
 
-TEST_F(IdShare, GoesBackToTheClientsSlowly) {
-  ASecondOfTheRouters(80);
-  ++clock_.second;
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kClient), kAll - 80);
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kClient), kAll - 1 - 70);
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kClient), kAll - 1 - 61);
+TEST_F(IdShare, GoesBackToOthersLittleByLittle) {
+  ASecondThatLacked(3);
+  EXPECT_EQ(DrawUntilOneWaits(kOthers), kAll - 38);
+  EXPECT_EQ(DrawUntilOneWaits(kOthers), kAll - 1 - 33);
+  EXPECT_EQ(DrawUntilOneWaits(kOthers), kAll - 1 - 28);
 }
 
-TEST_F(IdShare, GoesBackToTheClientsWhole) {
-  ASecondOfTheRouters(kAll);
+TEST_F(IdShare, GoesBackToOthersWhole) {
+  ASecondThatLacked(kAll);
   for (int i = 0; i < 40; ++i) {
     ++clock_.second;
-    Draw(Origin::kClient, 1);
+    Draw(kOthers, 1);
   }
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kClient), kAll - 1);
+  EXPECT_EQ(DrawUntilOneWaits(kOthers), kAll - 1);
 }
 
 TEST_F(IdShare, IsForgottenAfterASecondWithoutMessages) {
-  ASecondOfTheRouters(kAll);
+  ASecondThatLacked(3);
   clock_.second += 2;
-  EXPECT_EQ(DrawUntilOneWaits(Origin::kClient), kAll);
+  EXPECT_EQ(DrawUntilOneWaits(kOthers), kAll);
 }
 
 }  // namespace
