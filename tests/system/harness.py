@@ -3,6 +3,7 @@
 Every wait has a deadline. The programs come from the folder in BRELIX_BIN.
 """
 
+import itertools
 import json
 import os
 import pathlib
@@ -45,17 +46,48 @@ def wait_until(condition, seconds, what):
         time.sleep(0.02)
 
 
-def free_port():
-    """A TCP port that nobody uses, below the range from which the system gives its own."""
-    for _ in range(200):
-        port = random.randrange(20000, 32000)
-        with socket.socket() as probe:
+class Ports:
+    """A block of TCP ports for this process, below the range from which the system gives its own.
+    A router keeps its ports while it is down: other tests, which run at the same time, must not
+    take them."""
+
+    SIZE = 300
+    FIRST, LAST = 20000, 32000
+
+    def __init__(self):
+        blocks = range(self.FIRST, self.LAST, self.SIZE)
+        for first in random.sample(blocks, len(blocks)):
+            # The name is the claim, and goes with the process.
+            claim = socket.socket(socket.AF_UNIX)
             try:
-                probe.bind(("", port))
-                return port
+                claim.bind(f"\0brelix-test-ports-{first}")
             except OSError:
+                claim.close()
                 continue
-    raise AssertionError("no free port")
+            self._claim = claim
+            self._ports = itertools.cycle(range(first, first + self.SIZE))
+            return
+        raise AssertionError("no block of ports is left")
+
+    def take(self):
+        for port in itertools.islice(self._ports, self.SIZE):
+            with socket.socket() as probe:
+                try:
+                    probe.bind(("", port))
+                    return port
+                except OSError:
+                    continue
+        raise AssertionError("no free port")
+
+
+_ports = []
+
+
+def free_port():
+    """A TCP port that nobody uses."""
+    if not _ports:
+        _ports.append(Ports())
+    return _ports[0].take()
 
 
 def run(*command, timeout=60, **keywords):

@@ -118,8 +118,10 @@ class PollListener : public StatusReporting::StatusReporter {
   Section incoming_;
 };
 
+// Peers that are polled log on before the threads run: a scan that finds one logged on has it
+// polled as due.
 TEST_F(CycleTest, APeerThatIsOfferedToTheGettersIsPolled) {
-  whileRunning = [&](int) {
+  whileThreadsAreMissing = [&](int) {
     const BrelixMessaging::RouterSupplier_var supplier =
         APeer<Supplier, BrelixMessaging::RouterSupplier>();
     Routing& routing = *Cycle::Current();
@@ -130,6 +132,8 @@ TEST_F(CycleTest, APeerThatIsOfferedToTheGettersIsPolled) {
                       BrelixMessaging::NotifyConsumer::_nil(), 0, true);
     EXPECT_TRUE(child.readyForNotifiedPoll());
     Router::instance().OfferToGetters(child);
+  };
+  whileRunning = [](int) {
     EXPECT_TRUE(Called());
     Router::instance().Shutdown();
   };
@@ -150,15 +154,17 @@ TEST_F(CycleTest, ThereAreAsManyWorkersAsTheConfigurationSays) {
 TEST_F(CycleTest, TellsTheStatusReporterHowAPollWent) {
   auto reporter = std::make_unique<PollListener>();
   PollListener::Section& polls = reporter->Polls();
-  // No thread that reports runs yet.
-  whileThreadsAreMissing = [&](int) { Router::instance().SetStatusReporter(std::move(reporter)); };
-  whileRunning = [&](int) {
+  whileThreadsAreMissing = [&](int) {
+    // Nor does any that reports.
+    Router::instance().SetStatusReporter(std::move(reporter));
     const BrelixMessaging::RouterSupplier_var supplier =
         APeer<Supplier, BrelixMessaging::RouterSupplier>();
     Routing& routing = *Cycle::Current();
     routing.RegisterPeer("child", true);
     routing.LogonRouterPeer("child", BrelixMessaging::RouterConsumer::_nil(), supplier,
                             BrelixMessaging::NotifyConsumer::_nil(), 0);
+  };
+  whileRunning = [&](int) {
     EXPECT_TRUE(polls.heard.try_acquire_for(std::chrono::seconds(30)));
     EXPECT_EQ(polls.last, std::pair(true, false));
     Router::instance().Shutdown();
