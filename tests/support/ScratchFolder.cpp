@@ -34,6 +34,8 @@ std::filesystem::path MakeFolder() {
 ScratchFolder::ScratchFolder() : folder_(MakeFolder()) {}
 
 ScratchFolder::~ScratchFolder() {
+  const char* const newest = std::getenv(kNewest);
+  if (newest != nullptr && folder_ == newest) unsetenv(kNewest);
   std::error_code ignored;  // it is the temporary folder's business then
   std::filesystem::remove_all(folder_, ignored);
 }
