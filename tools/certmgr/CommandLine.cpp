@@ -11,8 +11,8 @@
 namespace Certmgr {
 namespace {
 
-constexpr std::int64_t kDay = 24 * 60 * 60;
 constexpr int kBadUsage = 2;
+constexpr std::int64_t kDay = 24 * 60 * 60;
 // Hosts whose clocks are a little slow accept a new certificate at once.
 constexpr std::int64_t kSlack = 60 * 60;
 constexpr int kSmallestKey = 1024;

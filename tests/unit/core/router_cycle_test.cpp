@@ -14,6 +14,7 @@
 #include "config/DataLocation.h"
 #include "cycle_fixture.h"
 #include "parent/Connector.h"
+#include "platform/Clock.h"
 #include "support/EnvelopeBuilder.h"
 
 namespace MessageRouter {
@@ -218,6 +219,26 @@ TEST_F(EarlyRequestTest, AStopWritesTheRegistrationsOfTheLastMinuteBeforeItWaits
   answering.join();
   EXPECT_EQ(written, "agent.0..\n");
 }
+
+using FolderOf = std::string (*)(const std::string& routerName);
+
+class SecondOfTheStart : public CycleTest, public testing::WithParamInterface<FolderOf> {};
+
+TEST_P(SecondOfTheStart, IsNoneInWhichAnotherProcessWroteThere) {
+  const std::string folder = GetParam()("Router");
+  std::filesystem::create_directories(folder);
+  std::ofstream(folder + "made") << "by the other";
+  const std::int64_t last = Platform::Clock::Instance().WallSeconds();
+  std::int64_t first = 0;
+  whileThreadsAreMissing = [&](int) { first = Platform::Clock::Instance().WallSeconds(); };
+  EXPECT_EQ(RunRouter(), 0);
+  EXPECT_GT(first, last);
+}
+
+INSTANTIATE_TEST_SUITE_P(Folders, SecondOfTheStart,
+                         testing::Values(&EnvelopeDirectory, &LogDirectory), [](const auto& row) {
+                           return std::string(row.index == 0 ? "Envelopes" : "Logs");
+                         });
 
 TEST_F(CycleTest, RegistrationsThatTheStopCouldNotWriteAreKnownInTheNextCycleAndWrittenThen) {
   bool known = false;
